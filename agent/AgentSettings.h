@@ -1,0 +1,43 @@
+// What the bundled agent modules are configured with. The host calls `configure` once, before the
+// library's first use and before any other thread; the modules only read.
+
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "AgentUtils.h"
+
+// What is declared here is exported. A pragma, because clang does not carry the visibility of a
+// namespace over to a function that is defined in another file.
+#pragma GCC visibility push(default)
+
+namespace AgentUtils {
+
+/// The settings of the bundled modules. An empty text means "not given".
+struct AgentSettings {
+  std::string basePath;  ///< absolute, no trailing slash
+  std::string dataPath;  ///< absolute, no trailing slash
+  std::string customerID;
+  std::string serverURL;  ///< https://, http:// or file://, without user name and password
+  std::string caFile;     ///< PEM file of the authorities that are trusted; the system's when empty
+  std::string clientCert;  ///< PEM file
+  std::string clientKey;   ///< PEM file
+  std::string proxy;       ///< proxy URL; the environment's proxies when empty
+  /// The most that one download may write, in bytes after any transfer decompression.
+  std::uint64_t maxDownload = std::uint64_t{1} << 30;
+  /// Called now and then during a download with the bytes so far and the bytes announced (0 when
+  /// unknown), on the downloading thread. May be empty.
+  std::function<void(std::uint64_t received, std::uint64_t total)> onDownloadProgress;
+};
+
+/// Takes over `settings` and sets `gv_globvars` from them.
+void configure(AgentSettings settings);
+
+/// The settings taken over last; all empty before.
+[[nodiscard]] const AgentSettings& settings();
+
+}  // namespace AgentUtils
+
+#pragma GCC visibility pop

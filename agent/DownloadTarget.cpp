@@ -1,0 +1,156 @@
+#include "DownloadTarget.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+namespace AgentUtils {
+namespace {
+
+constexpr std::string_view kPrefix = ".varn-download-";
+constexpr mode_t kFileMode = 0600;
+
+[[noreturn]] void fail(const std::string& what, int error) {
+  throw DownloadFailure(what + ": " + std::generic_category().message(error));
+}
+
+/// Whether the open file still has the name `path`: another process may have swept it away between
+/// its making and its locking.
+bool hasName(const FileDescriptor& file, const std::string& path) {
+  struct stat opened {};
+  struct stat named {};
+  return fstat(file.get(), &opened) == 0 && lstat(path.c_str(), &named) == 0 &&
+         opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
+
+int lock(const FileDescriptor& file, int operation) {
+  int result = 0;
+  do {
+    result = flock(file.get(), operation);
+  } while (result != 0 && errno == EINTR);
+  return result;
+}
+
+void requireReplaceable(const std::string& path) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0) {
+    if (errno == ENOENT) return;
+    fail("can't look at " + path, errno);
+  }
+  if (S_ISREG(status.st_mode) || S_ISLNK(status.st_mode)) return;
+  throw DownloadFailure(path + " is not a file and stays");
+}
+
+void syncDirectory(const std::string& directory) {
+  const FileDescriptor opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  // The file is in place; a directory that can't be synced (some file systems refuse it) at worst
+  // brings back the old file after a loss of power.
+  if (opened.isOpen()) static_cast<void>(fsync(opened.get()));
+}
+
+void removeUnlessLive(const std::string& path) {
+  // Opened without following links or waiting: anybody may have put anything under that name.
+  const FileDescriptor file(open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat status {};
+  if (!file.isOpen() || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return;
+  if (lock(file, LOCK_EX | LOCK_NB) != 0 || !hasName(file, path)) return;
+  unlink(path.c_str());
+}
+
+}  // namespace
+
+std::string directoryOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == path.npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+DownloadTarget::DownloadTarget(std::string path, std::uint64_t mostBytes)
+    : path_(std::move(path)), directory_(directoryOf(path_)), mostBytes_(mostBytes) {
+  requireReplaceable(path_);
+  try {
+    makeTemporaryFile();
+  } catch (...) {
+    // The destructor of an object that never came to be does not run.
+    discard();
+    throw;
+  }
+}
+
+DownloadTarget::~DownloadTarget() { discard(); }
+
+void DownloadTarget::discard() noexcept {
+  if (!temporaryPath_.empty()) unlink(temporaryPath_.c_str());
+}
+
+void DownloadTarget::makeTemporaryFile() {
+  // A swept file is made anew. Twice in a row is the rarest of accidents already.
+  constexpr int attempts = 10;
+  for (int attempt = 0; attempt < attempts; ++attempt) {
+    std::string name = directory_ + '/' + std::string(kPrefix) + "XXXXXX";
+    FileDescriptor file(mkostemp(name.data(), O_CLOEXEC));
+    if (!file.isOpen()) fail("can't create a file in " + directory_, errno);
+    // From here on `discard` removes it.
+    temporaryPath_ = std::move(name);
+    file_ = std::move(file);
+    if (fchmod(file_.get(), kFileMode) != 0) fail("can't protect " + temporaryPath_, errno);
+    if (lock(file_, LOCK_EX) != 0) fail("can't lock " + temporaryPath_, errno);
+    if (hasName(file_, temporaryPath_)) return;
+  }
+  throw DownloadFailure("can't keep a file in " + directory_);
+}
+
+void DownloadTarget::write(const char* bytes, std::size_t count) {
+  if (count > mostBytes_ - size_) {
+    throw DownloadFailure("larger than max_download allows (" + std::to_string(mostBytes_) +
+                          " bytes)");
+  }
+  size_ += count;
+  while (count > 0) {
+    const ssize_t written = ::write(file_.get(), bytes, count);
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) fail("can't write to " + temporaryPath_, errno);
+    bytes += written;
+    count -= static_cast<std::size_t>(written);
+  }
+}
+
+void DownloadTarget::commit() {
+  int synced = 0;
+  do {
+    synced = fsync(file_.get());
+  } while (synced != 0 && errno == EINTR);
+  if (synced != 0) fail("can't sync " + temporaryPath_, errno);
+  // Once more: what stands there may have changed during the download.
+  requireReplaceable(path_);
+  if (std::rename(temporaryPath_.c_str(), path_.c_str()) != 0) {
+    fail("can't replace " + path_, errno);
+  }
+  temporaryPath_.clear();
+  syncDirectory(directory_);
+}
+
+void sweepTemporaryFiles(const std::string& directory) noexcept {
+  try {
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(directory.c_str()), &closedir);
+    if (!entries) return;
+    while (const dirent* const entry = readdir(entries.get())) {
+      if (std::string_view(entry->d_name).starts_with(kPrefix)) {
+        removeUnlessLive(directory + '/' + entry->d_name);
+      }
+    }
+  } catch (...) {
+    // Out of memory: the next download sweeps.
+  }
+}
+
+}  // namespace AgentUtils

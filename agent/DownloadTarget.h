@@ -1,0 +1,62 @@
+// The local end of a download: a temporary file beside the target that takes its place when it is
+// complete, and goes away when it is not.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+#include "FileDescriptor.h"
+
+namespace AgentUtils {
+
+/// Why a download failed, in words for the log.
+class DownloadFailure : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// One temporary file. Its name begins with ".varn-download-", and it is locked for as long as its
+/// download lives, so that what a killed process left behind can be told from it.
+class DownloadTarget {
+ public:
+  /// Makes the temporary file in the directory of `path`. Throws `DownloadFailure` when that can't
+  /// be done, or when something other than a regular file or a symbolic link stands at `path`.
+  DownloadTarget(std::string path, std::uint64_t mostBytes);
+  DownloadTarget(const DownloadTarget&) = delete;
+  DownloadTarget& operator=(const DownloadTarget&) = delete;
+  /// Removes the temporary file unless it has been put in place.
+  ~DownloadTarget();
+
+  /// Adds bytes. Throws `DownloadFailure` when they can't be written or are more than allowed.
+  void write(const char* bytes, std::size_t count);
+
+  /// How many bytes were added.
+  [[nodiscard]] std::uint64_t size() const { return size_; }
+
+  /// Puts the file in the target's place, synced, in one step. A symbolic link there is replaced,
+  /// never followed. Throws `DownloadFailure`; the target is then as it was.
+  void commit();
+
+ private:
+  void makeTemporaryFile();
+  void discard() noexcept;
+
+  const std::string path_;
+  const std::string directory_;
+  const std::uint64_t mostBytes_;
+  std::uint64_t size_ = 0;
+  std::string temporaryPath_;  ///< empty when there is no temporary file
+  FileDescriptor file_;
+};
+
+/// Removes the temporary files of killed processes from the directory; those of downloads that are
+/// still under way stay. Never throws.
+void sweepTemporaryFiles(const std::string& directory) noexcept;
+
+/// The directory that the file at `path` is in.
+[[nodiscard]] std::string directoryOf(const std::string& path);
+
+}  // namespace AgentUtils

@@ -1,0 +1,269 @@
+#include "HttpTransfer.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cctype>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "GzipDecoder.h"
+#include "SigpipeGuard.h"
+
+namespace AgentUtils {
+namespace {
+
+constexpr long kConnectSeconds = 30;
+constexpr long kStallSeconds = 60;
+constexpr std::size_t kMostHeaderBytes = std::size_t{256} << 10;
+// The body of an error page or a redirect is of no use; a short one is read to its end, so that the
+// connection can serve the next download.
+constexpr std::size_t kMostIgnoredBytes = std::size_t{64} << 10;
+
+struct FreeHandle {
+  void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+};
+using Handle = std::unique_ptr<CURL, FreeHandle>;
+
+/// Idle handles. Each keeps the connections that it has made, so the downloads of one request share
+/// one connection although each has a downloader of its own.
+class IdleHandles {
+ public:
+  static IdleHandles& shared() {
+    // Never destroyed: a download may be under way while static objects go.
+    static IdleHandles& handles = *new IdleHandles;
+    return handles;
+  }
+
+  Handle take() {
+    const std::lock_guard lock(mutex_);
+    if (idle_.empty()) return Handle(curl_easy_init());
+    Handle handle = std::move(idle_.back());
+    idle_.pop_back();
+    curl_easy_reset(handle.get());
+    return handle;
+  }
+
+  void giveBack(Handle handle) noexcept {
+    try {
+      const std::lock_guard lock(mutex_);
+      if (idle_.size() < kMostIdle) idle_.push_back(std::move(handle));
+    } catch (...) {
+      // Out of memory: the handle is freed, and its connections are closed.
+    }
+  }
+
+ private:
+  static constexpr std::size_t kMostIdle = 4;
+
+  IdleHandles() { curl_global_init(CURL_GLOBAL_DEFAULT); }
+
+  std::mutex mutex_;
+  std::vector<Handle> idle_;
+};
+
+std::string_view trimmedBlanks(std::string_view text) {
+  const auto isBlank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
+  while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
+  while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+std::string lowerCase(std::string_view text) {
+  std::string lower(text);
+  std::transform(lower.begin(), lower.end(), lower.begin(), [](char c) {
+    return static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  });
+  return lower;
+}
+
+/// One exchange. curl calls back into it; what these calls throw is kept until curl has returned.
+class Exchange {
+ public:
+  Exchange(const AgentSettings& settings, DownloadTarget& target)
+      : settings_(settings), target_(target), handle_(IdleHandles::shared().take()) {
+    if (!handle_) throw DownloadFailure("out of memory");
+  }
+  Exchange(const Exchange&) = delete;
+  Exchange& operator=(const Exchange&) = delete;
+  ~Exchange() {
+    // The texts that were set point into this object.
+    curl_easy_reset(handle_.get());
+    IdleHandles::shared().giveBack(std::move(handle_));
+  }
+
+  std::optional<std::string> perform(const std::string& url) {
+    setUp(url);
+    CURLcode result = CURLE_OK;
+    {
+      const SigpipeGuard guard;
+      result = curl_easy_perform(handle_.get());
+    }
+    // Our own reason first: curl knows of it only that a write was refused.
+    if (thrown_) std::rethrow_exception(thrown_);
+    if (result == CURLE_OUT_OF_MEMORY) throw DownloadFailure("out of memory");
+    if (result != CURLE_OK) {
+      throw DownloadFailure(error_[0] != '\0' ? error_ : curl_easy_strerror(result));
+    }
+    return judge();
+  }
+
+ private:
+  template <class Value>
+  void set(CURLoption option, Value value) {
+    if (curl_easy_setopt(handle_.get(), option, value) != CURLE_OK) {
+      throw DownloadFailure("the transfer can't be set up");
+    }
+  }
+
+  void setUp(const std::string& url) {
+    set(CURLOPT_ERRORBUFFER, error_);
+    set(CURLOPT_URL, url.c_str());
+    set(CURLOPT_PROTOCOLS_STR, "http,https");
+    // A redirect is not to choose what this client logs in with.
+    set(CURLOPT_DISALLOW_USERNAME_IN_URL, 1L);
+    set(CURLOPT_USERAGENT, "varn-scripts");
+    // No signal handler of curl's own: this is a guest in the process.
+    set(CURLOPT_NOSIGNAL, 1L);
+    set(CURLOPT_FOLLOWLOCATION, 0L);
+    set(CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
+    set(CURLOPT_LOW_SPEED_LIMIT, 1L);
+    set(CURLOPT_LOW_SPEED_TIME, kStallSeconds);
+    // Decoded here and not by curl, which does not see that a compressed body is cut short.
+    set(CURLOPT_ACCEPT_ENCODING, "gzip");
+    set(CURLOPT_HTTP_CONTENT_DECODING, 0L);
+    set(CURLOPT_WRITEFUNCTION, &onBody);
+    set(CURLOPT_WRITEDATA, this);
+    set(CURLOPT_HEADERFUNCTION, &onHeader);
+    set(CURLOPT_HEADERDATA, this);
+    setUpTLS();
+    if (!settings_.proxy.empty()) set(CURLOPT_PROXY, settings_.proxy.c_str());
+    if (settings_.onDownloadProgress) {
+      set(CURLOPT_XFERINFOFUNCTION, &onProgress);
+      set(CURLOPT_XFERINFODATA, this);
+      set(CURLOPT_NOPROGRESS, 0L);
+    }
+  }
+
+  void setUpTLS() {
+    set(CURLOPT_SSL_VERIFYPEER, 1L);
+    set(CURLOPT_SSL_VERIFYHOST, 2L);
+    set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+    if (!settings_.caFile.empty()) {
+      set(CURLOPT_CAINFO, settings_.caFile.c_str());
+      // Those authorities alone, not the system's directory of them as well.
+      set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+    }
+    if (!settings_.clientCert.empty()) set(CURLOPT_SSLCERT, settings_.clientCert.c_str());
+    if (!settings_.clientKey.empty()) set(CURLOPT_SSLKEY, settings_.clientKey.c_str());
+  }
+
+  /// Runs one of curl's calls into this object; an exception ends the transfer and is kept.
+  template <class Step>
+  bool step(Step&& take) noexcept {
+    try {
+      take();
+      return true;
+    } catch (...) {
+      thrown_ = std::current_exception();
+      return false;
+    }
+  }
+
+  static std::size_t onHeader(char* bytes, std::size_t, std::size_t count, void* exchange) {
+    auto& self = *static_cast<Exchange*>(exchange);
+    return self.step([&] { self.takeHeader(std::string_view(bytes, count)); }) ? count : 0;
+  }
+
+  static std::size_t onBody(char* bytes, std::size_t, std::size_t count, void* exchange) {
+    auto& self = *static_cast<Exchange*>(exchange);
+    return self.step([&] { self.takeBody(bytes, count); }) ? count : 0;
+  }
+
+  static int onProgress(void* exchange, curl_off_t total, curl_off_t now, curl_off_t, curl_off_t) {
+    auto& self = *static_cast<Exchange*>(exchange);
+    const auto number = [](curl_off_t bytes) {
+      return static_cast<std::uint64_t>(std::max<curl_off_t>(bytes, 0));
+    };
+    return self.step([&] { self.settings_.onDownloadProgress(number(now), number(total)); }) ? 0
+                                                                                             : 1;
+  }
+
+  void takeHeader(std::string_view line) {
+    headerBytes_ += line.size();
+    if (headerBytes_ > kMostHeaderBytes)
+      throw DownloadFailure("the response's headers are too long");
+    // A response of its own follows an interim one.
+    if (line.starts_with("HTTP/")) encoding_.clear();
+    const std::size_t colon = line.find(':');
+    if (colon == line.npos || lowerCase(line.substr(0, colon)) != "content-encoding") return;
+    encoding_ = lowerCase(trimmedBlanks(line.substr(colon + 1)));
+  }
+
+  void takeBody(const char* bytes, std::size_t count) {
+    if (status() != 200) {
+      ignoredBytes_ += count;
+      // Enough is known; `judge` can't be reached from here.
+      if (ignoredBytes_ > kMostIgnoredBytes) throw DownloadFailure(statusText());
+      return;
+    }
+    if (encoding_.empty() || encoding_ == "identity") {
+      target_.write(bytes, count);
+      return;
+    }
+    if (encoding_ != "gzip" && encoding_ != "x-gzip") {
+      throw DownloadFailure("the body's encoding is not known: " + encoding_);
+    }
+    if (!decoder_) {
+      decoder_ = std::make_unique<GzipDecoder>(
+          [this](const char* decoded, std::size_t length) { target_.write(decoded, length); });
+    }
+    decoder_->write(bytes, count);
+  }
+
+  std::optional<std::string> judge() {
+    const char* redirect = nullptr;
+    curl_easy_getinfo(handle_.get(), CURLINFO_REDIRECT_URL, &redirect);
+    if (redirect != nullptr) return redirect;
+    if (status() != 200) throw DownloadFailure(statusText());
+    if (decoder_) {
+      decoder_->finish();
+    } else if (encoding_ == "gzip" || encoding_ == "x-gzip") {
+      throw DownloadFailure("the compressed body is cut short");
+    }
+    return std::nullopt;
+  }
+
+  long status() const {
+    long code = 0;
+    curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &code);
+    return code;
+  }
+
+  std::string statusText() const {
+    return "the server answered with status " + std::to_string(status());
+  }
+
+  const AgentSettings& settings_;
+  DownloadTarget& target_;
+  Handle handle_;
+  std::unique_ptr<GzipDecoder> decoder_;
+  std::string encoding_;  ///< of the body, in lower case; empty when it has none
+  std::size_t headerBytes_ = 0;
+  std::size_t ignoredBytes_ = 0;
+  std::exception_ptr thrown_;
+  char error_[CURL_ERROR_SIZE] = "";
+};
+
+}  // namespace
+
+std::optional<std::string> transfer(const std::string& url, const AgentSettings& settings,
+                                    DownloadTarget& target) {
+  return Exchange(settings, target).perform(url);
+}
+
+}  // namespace AgentUtils

@@ -1,0 +1,23 @@
+// The two forms of a log record as one line of text. Pure functions.
+
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "LogSettings.h"
+
+namespace AgentLog {
+
+/// The moment in RFC 3339, UTC, with milliseconds: "2026-11-21T06:30:16.123Z".
+[[nodiscard]] std::string timeText(std::chrono::system_clock::time_point time);
+
+/// "TIME LEVEL SOURCE OPERATION LINE MESSAGE", one blank between two, without a line end. A line
+/// feed or carriage return in any of them is written as `\n` or `\r`, so a record is one line.
+[[nodiscard]] std::string textLine(const std::string& time, const Record& record);
+
+/// One JSON object with the keys `time`, `level`, `source`, `operation`, `line`, `message`, in this
+/// order, without a line end. Bytes that are not UTF-8 become U+FFFD.
+[[nodiscard]] std::string jsonLine(const std::string& time, const Record& record);
+
+}  // namespace AgentLog

@@ -1,0 +1,47 @@
+// How the bundled log writes. The host calls `configure` before any other thread writes; until then
+// records go to standard error as text.
+
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "AgentLog.h"
+
+// What is declared here is exported. A pragma, because clang does not carry the visibility of a
+// namespace over to a function that is defined in another file.
+#pragma GCC visibility push(default)
+
+namespace AgentLog {
+
+/// One record, as it is handed to an observer.
+struct Record {
+  enum class Level { info, error };
+  Level level;
+  std::string message;
+  std::string source;
+  std::string operation;
+  int line;
+};
+
+struct LogSettings {
+  enum class Format {
+    text,  ///< one line per record: time, level, source, operation, line, message
+    json,  ///< one JSON object per line
+  };
+  Format format = Format::text;
+  /// A rotating log file, mode 0600; standard error when empty.
+  std::string file;
+  /// Writes nothing to standard error.
+  bool quiet = false;
+  /// Sees every record after it was written, also with `quiet`, on the writing thread. May be
+  /// empty; must not throw.
+  std::function<void(const Record&)> observer;
+};
+
+/// Takes over `settings`. Throws `std::runtime_error` when the log file can't be opened.
+void configure(LogSettings settings);
+
+}  // namespace AgentLog
+
+#pragma GCC visibility pop

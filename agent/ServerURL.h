@@ -1,0 +1,33 @@
+// URLs as text: joining a server path to the server's URL, and reading a file:// URL. Pure
+// functions.
+
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace AgentUtils {
+
+/// The URL of `serverPath` on the server `serverURL`, with exactly one slash between the two.
+///
+/// Bytes of the path that a URL's path can't hold are percent-encoded, `?`, `#` and a `%` that
+/// begins no escape among them; an escape ("%20") is left alone. The server URL stands as it is:
+///
+///     urlOfServerPath("https://host/repo/", "/a b/50%.sh") == "https://host/repo/a%20b/50%25.sh"
+[[nodiscard]] std::string urlOfServerPath(std::string_view serverURL, std::string_view serverPath);
+
+/// Whether the URL's scheme is `scheme` ("file"), in either case.
+[[nodiscard]] bool hasScheme(std::string_view url, std::string_view scheme);
+
+/// The text with its percent escapes decoded; a `%` that begins no escape stays.
+[[nodiscard]] std::string percentDecoded(std::string_view text);
+
+/// The path that a file:// URL names, escapes decoded. Nothing when its host is another than the
+/// empty one or "localhost", or when the path holds a NUL.
+[[nodiscard]] std::optional<std::string> pathOfFileURL(std::string_view url);
+
+/// Whether one of the path's components, separated by slashes, is "..".
+[[nodiscard]] bool hasParentComponent(std::string_view path);
+
+}  // namespace AgentUtils

@@ -1,0 +1,25 @@
+// Hands the host's settings to the bundled agent modules. Called once, before the library's first
+// use and before any thread but the one of `SignalForwarding` is started.
+
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+
+#include "LogSettings.h"
+#include "Settings.h"
+
+namespace VarnScripts {
+
+/// What the host wants to hear from the modules; members may be empty.
+struct ModuleObservers {
+  std::function<void(const AgentLog::Record&)> onRecord;
+  std::function<void(std::uint64_t received, std::uint64_t total)> onDownloadProgress;
+};
+
+/// Configures log and utilities. The error names the setting that a module can't use.
+[[nodiscard]] std::optional<SettingsError> configureAgentModules(const Settings& settings,
+                                                                 ModuleObservers observers);
+
+}  // namespace VarnScripts

@@ -1,0 +1,70 @@
+// Linux: every process has a directory under /proc whose file "stat" tells its parent and its
+// group.
+
+#include "ChildGroups.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace VarnScripts {
+namespace {
+
+struct Process {
+  pid_t parent;
+  pid_t group;
+};
+
+std::optional<pid_t> pidFrom(std::string_view name) {
+  pid_t pid = 0;
+  const char* const end = name.data() + name.size();
+  const auto [stop, error] = std::from_chars(name.data(), end, pid);
+  if (error != std::errc{} || stop != end) return std::nullopt;
+  return pid;
+}
+
+std::optional<Process> processOf(pid_t pid) {
+  const std::string path = "/proc/" + std::to_string(pid) + "/stat";
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) return std::nullopt;
+  std::array<char, 1024> buffer{};
+  const ssize_t size = ::read(descriptor, buffer.data(), buffer.size() - 1);
+  ::close(descriptor);
+  if (size <= 0) return std::nullopt;
+  // The second field is the program's name in parentheses, which may hold anything.
+  const char* const nameEnd = std::strrchr(buffer.data(), ')');
+  if (nameEnd == nullptr) return std::nullopt;
+  char state = 0;
+  Process process{};
+  if (std::sscanf(nameEnd + 1, " %c %d %d", &state, &process.parent, &process.group) != 3) {
+    return std::nullopt;
+  }
+  return process;
+}
+
+}  // namespace
+
+std::vector<pid_t> childGroups() {
+  std::vector<pid_t> groups;
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir("/proc"), &::closedir);
+  if (!directory) return groups;
+  const pid_t self = ::getpid();
+  while (const dirent* entry = ::readdir(directory.get())) {
+    const auto pid = pidFrom(static_cast<const char*>(entry->d_name));
+    if (!pid) continue;
+    const auto process = processOf(*pid);
+    if (process && process->parent == self && process->group == *pid) groups.push_back(*pid);
+  }
+  return groups;
+}
+
+}  // namespace VarnScripts

@@ -1,0 +1,26 @@
+// macOS: the system lists the children of a process; their groups are asked for one by one.
+
+#include "ChildGroups.h"
+
+#include <libproc.h>
+#include <unistd.h>
+
+namespace VarnScripts {
+
+std::vector<pid_t> childGroups() {
+  // A host has one script at a time; the room is for children that it was started with.
+  std::vector<pid_t> children(1024);
+  const int count = ::proc_listchildpids(::getpid(), children.data(),
+                                         static_cast<int>(children.size() * sizeof(pid_t)));
+  if (count <= 0) return {};
+  children.resize(static_cast<std::size_t>(count) < children.size()
+                      ? static_cast<std::size_t>(count)
+                      : children.size());
+  std::vector<pid_t> groups;
+  for (const pid_t child : children) {
+    if (child > 0 && ::getpgid(child) == child) groups.push_back(child);
+  }
+  return groups;
+}
+
+}  // namespace VarnScripts

@@ -1,0 +1,174 @@
+#include "CommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+
+namespace VarnScripts {
+namespace {
+
+constexpr int kUsageError = 2;
+
+// Splits at every comma; the pieces stay as they stand.
+std::vector<std::string> splitCodes(const std::string& list) {
+  std::vector<std::string> codes;
+  if (list.empty()) return codes;
+  std::size_t start = 0;
+  for (std::size_t comma; (comma = list.find(',', start)) != std::string::npos; start = comma + 1) {
+    codes.push_back(list.substr(start, comma - start));
+  }
+  codes.push_back(list.substr(start));
+  return codes;
+}
+
+// The parser takes "--name=" for a name whose value is the next argument, so an empty value is
+// handed to it as an argument of its own. It wants the arguments in reverse order.
+std::vector<std::string> forParser(const std::vector<std::string>& arguments) {
+  std::vector<std::string> result;
+  bool onlyPositionals = false;
+  for (const auto& argument : arguments) {
+    onlyPositionals = onlyPositionals || argument == "--";
+    const bool emptyValue = !onlyPositionals && argument.size() > 3 && argument.starts_with("--") &&
+                            argument.find('=') == argument.size() - 1;
+    if (emptyValue) {
+      result.push_back(argument.substr(0, argument.size() - 1));
+      result.emplace_back();
+    } else {
+      result.push_back(argument);
+    }
+  }
+  std::reverse(result.begin(), result.end());
+  return result;
+}
+
+// The parser's objects and what it writes to, for one command line.
+class Parser {
+ public:
+  Parser() {
+    app_.name("varn-scripts");
+    app_.set_version_flag("--version", "varn-scripts " VARN_VERSION);
+    app_.require_subcommand(1);
+    app_.fallthrough();
+    app_.footer(
+        "Each option is also a key of the settings file (base_path) and an environment\n"
+        "variable (VARN_BASE_PATH); a flag wins over the environment, that over the file.\n"
+        "Exit status of run: 0 accepted, 1 rejected, 3 not run, 2 usage or settings error.");
+    addSettings();
+    addCommands();
+  }
+
+  std::variant<CommandLine, Reply> parse(const std::vector<std::string>& arguments) {
+    try {
+      app_.parse(forParser(arguments));
+    } catch (const CLI::CallForHelp&) {
+      return Reply{0, app_.help(), ""};
+    } catch (const CLI::CallForVersion&) {
+      return Reply{0, "varn-scripts " VARN_VERSION "\n", ""};
+    } catch (const CLI::Error& error) {
+      return usageError(error.what());
+    }
+    if ((run_->parsed() || plan_->parsed()) && result_.scriptID.empty()) {
+      return usageError("SCRIPT_ID must not be empty");
+    }
+    return taken();
+  }
+
+ private:
+  void addSettings() {
+    app_.add_option("--config", result_.configFile, "Settings file, TOML")->type_name("FILE");
+    for (const auto& definition : kSettings) {
+      const std::string key(definition.key);
+      const std::string meaning(definition.meaning);
+      if (definition.kind == SettingDefinition::Kind::toggle) {
+        app_.add_flag_callback(
+            flagOf(key), [this, key] { result_.flags[key] = "true"; }, meaning);
+        continue;
+      }
+      app_.add_option_function<std::string>(
+              flagOf(key), [this, key](const std::string& text) { result_.flags[key] = text; },
+              meaning)
+          ->type_name(std::string(definition.placeholder));
+    }
+  }
+
+  void addCommands() {
+    run_ = app_.add_subcommand("run", "Fetch, verify and run one script");
+    run_->add_option("SCRIPT_ID", result_.scriptID, "The script's ID")->required()->type_name("");
+    acceptCodes_ =
+        run_->add_option("--accept-codes", codes_,
+                         "Exit codes that count as success, separated by commas, in place of "
+                         "the server's; an empty list accepts none")
+            ->type_name("LIST");
+    run_->add_flag("--json", result_.json, "Print the result as one JSON object");
+
+    plan_ = app_.add_subcommand("plan", "Tell what run would do now, and change nothing");
+    plan_->add_option("SCRIPT_ID", result_.scriptID, "The script's ID")->required()->type_name("");
+    plan_->add_flag("--json", result_.json, "Print the plan as one JSON object");
+
+    prune_ = app_.add_subcommand("prune", "Remove local copies of scripts the server dropped");
+
+    list_ = app_.add_subcommand("list", "List the local records");
+    list_->add_flag("--json", result_.json, "Print the records as a JSON array");
+
+    addPublish();
+  }
+
+  void addPublish() {
+    PublishOptions& options = result_.publish;
+    publish_ = app_.add_subcommand("publish", "Turn a directory of scripts into a server's tree");
+    publish_
+        ->add_option("SOURCE_DIR", options.sourceDirectory,
+                     "Scripts and their manifest, scripts.toml")
+        ->required()
+        ->type_name("");
+    publish_
+        ->add_option("OUTPUT_DIR", options.outputDirectory,
+                     "What the server serves; made when missing")
+        ->required()
+        ->type_name("");
+    publish_
+        ->add_option("--keep", options.keep,
+                     "How many of the last lists' content stays (default: 2)")
+        ->check(CLI::Range(std::size_t{1}, std::size_t{1000000}))
+        ->type_name("N");
+    publish_->add_flag("--strict", options.strict, "Refuse what is a warning otherwise");
+    publish_->add_flag("--check", options.check, "Check everything and write nothing");
+    publish_
+        ->add_option("--digest", options.digest,
+                     "Digest of the checksums (default: the manifest's, or sha256)")
+        ->type_name("NAME");
+  }
+
+  CommandLine taken() {
+    CommandLine line = result_;
+    line.command = run_->parsed()       ? CommandLine::Command::run
+                   : plan_->parsed()    ? CommandLine::Command::plan
+                   : prune_->parsed()   ? CommandLine::Command::prune
+                   : publish_->parsed() ? CommandLine::Command::publish
+                                        : CommandLine::Command::list;
+    if (acceptCodes_->count() > 0) line.acceptCodes = splitCodes(codes_);
+    return line;
+  }
+
+  static Reply usageError(const std::string& what) {
+    return {kUsageError, "",
+            "varn-scripts: " + what + "\nvarn-scripts --help tells how it is used.\n"};
+  }
+
+  CLI::App app_{"Runs an organisation's scripts from a verified local copy."};
+  CLI::App* run_ = nullptr;
+  CLI::App* plan_ = nullptr;
+  CLI::App* prune_ = nullptr;
+  CLI::App* list_ = nullptr;
+  CLI::App* publish_ = nullptr;
+  CLI::Option* acceptCodes_ = nullptr;
+  CommandLine result_;
+  std::string codes_;
+};
+
+}  // namespace
+
+std::variant<CommandLine, Reply> parseCommandLine(const std::vector<std::string>& arguments) {
+  return Parser().parse(arguments);
+}
+
+}  // namespace VarnScripts

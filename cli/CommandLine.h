@@ -1,0 +1,41 @@
+// The command line as a plain value: which command, its arguments, and the settings that were given
+// as flags. Nothing is read or written here. Any thread.
+
+#pragma once
+
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "Settings.h"
+#include "publish/Publish.h"
+
+namespace VarnScripts {
+
+/// What the command line asks for.
+struct CommandLine {
+  enum class Command { run, plan, prune, list, publish };
+
+  Command command = Command::list;
+  std::string configFile;  ///< `--config`; empty when not given
+  SettingTexts flags;      ///< the settings that were given as flags
+  std::string scriptID;    ///< of `run` and `plan`; never empty there
+  /// `--accept-codes`, split at its commas and nothing trimmed; an empty text is an empty list.
+  std::optional<std::vector<std::string>> acceptCodes;
+  bool json = false;
+  PublishOptions publish;  ///< of `publish`
+};
+
+/// A command line that is answered at once: help, the version, or a mistake in it.
+struct Reply {
+  int exitStatus;      ///< 0 for help and version, 2 for a usage error
+  std::string output;  ///< for standard output
+  std::string error;   ///< for standard error
+};
+
+/// Parses `arguments` (without the program's name).
+[[nodiscard]] std::variant<CommandLine, Reply> parseCommandLine(
+    const std::vector<std::string>& arguments);
+
+}  // namespace VarnScripts

@@ -1,0 +1,68 @@
+// Shows on a terminal that long work is alive: the bytes of a download, the seconds of a run
+// against its limit. One line that is overwritten and cleared; nothing of it anywhere but on a
+// terminal.
+//
+// The log may share the terminal: the cursor rests at the line's beginning, so that a log line
+// covers what stands there.
+
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "LogSettings.h"
+
+namespace VarnScripts {
+
+/// The text for a download of `total` bytes (0 when unknown): "Downloading 1.5 MiB of 3.0 MiB
+/// (50 %)".
+[[nodiscard]] std::string downloadText(std::uint64_t received, std::uint64_t total);
+
+/// The text for a run: "Script is running: 12 s of at most 600 s".
+[[nodiscard]] std::string runText(std::chrono::seconds elapsed);
+
+/// The line on standard error. Constructed after `SignalForwarding`, whose signals its thread must
+/// not take.
+class Progress {
+ public:
+  /// Shows nothing, ever, when not `enabled`.
+  explicit Progress(bool enabled);
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+  ~Progress();
+
+  /// Whether standard error is a terminal.
+  [[nodiscard]] static bool isPossible();
+
+  /// Shows the state of a download, a few times a second at most.
+  void showDownload(std::uint64_t received, std::uint64_t total);
+
+  /// Takes the next record of the log: the runner's lines begin and end the display of a run, any
+  /// line ends that of a download.
+  void see(const AgentLog::Record& record);
+
+  /// Clears the line and shows nothing from then on.
+  void finish();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void tick();
+  void draw(const std::string& text);
+  void clear();
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool done_;
+  bool drawn_ = false;
+  std::optional<Clock::time_point> runningSince_;
+  std::optional<Clock::time_point> downloadDrawn_;
+  std::thread ticker_;
+};
+
+}  // namespace VarnScripts

@@ -1,0 +1,76 @@
+#include "RequestLock.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace VarnScripts {
+namespace {
+
+std::error_code lastError() { return {errno, std::generic_category()}; }
+
+// Creates the missing directories that `path` names before its last component.
+void createParents(const std::string& path, std::error_code& error) {
+  for (auto slash = path.find('/', 1); slash != std::string::npos;
+       slash = path.find('/', slash + 1)) {
+    const std::string directory = path.substr(0, slash);
+    if (::mkdir(directory.c_str(), S_IRWXU) == 0 || errno == EEXIST) continue;
+    // Some systems refuse the creation of what exists for another reason.
+    const std::error_code failure = lastError();
+    struct stat status {};
+    if (::stat(directory.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) continue;
+    error = failure;
+    return;
+  }
+}
+
+}  // namespace
+
+std::int64_t lockOffset(std::string_view scriptID) {
+  // FNV-1a, cut to 62 bits.
+  std::uint64_t hash = 14695981039346656037U;
+  for (const char c : scriptID) {
+    hash ^= static_cast<unsigned char>(c);
+    hash *= 1099511628211U;
+  }
+  return static_cast<std::int64_t>(hash >> 2);
+}
+
+RequestLock::~RequestLock() {
+  if (descriptor_ >= 0) ::close(descriptor_);
+}
+
+void RequestLock::acquire(const std::string& basePath, const std::string& customer,
+                          std::string_view scriptID, std::error_code& error) {
+  error.clear();
+  path_ = basePath + "/client-data/" + customer + "/varn-scripts.lock";
+  createParents(path_, error);
+  if (error) return;
+
+  do {
+    descriptor_ =
+        ::open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  } while (descriptor_ < 0 && errno == EINTR);
+  if (descriptor_ < 0) {
+    error = lastError();
+    return;
+  }
+
+  struct flock range {};
+  range.l_type = F_WRLCK;
+  range.l_whence = SEEK_SET;
+  range.l_start = static_cast<off_t>(lockOffset(scriptID));
+  range.l_len = 1;
+  int locked;
+  do {
+    locked = ::fcntl(descriptor_, F_SETLKW, &range);
+  } while (locked < 0 && errno == EINTR);
+  if (locked == 0) return;
+  error = lastError();
+  ::close(descriptor_);
+  descriptor_ = -1;
+}
+
+}  // namespace VarnScripts

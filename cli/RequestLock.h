@@ -1,0 +1,40 @@
+// Makes two invocations for the same script ID on one base path take turns. The library does not
+// coordinate requests; this host does.
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+namespace VarnScripts {
+
+/// Where in the lock file a script ID is locked: the same in every build and on every computer,
+/// and far enough from the largest offset for a range of one byte.
+[[nodiscard]] std::int64_t lockOffset(std::string_view scriptID);
+
+/// Holds the advisory lock of one script ID from `acquire` until it is destroyed. The system lets
+/// go of it as well when the process ends in any way.
+class RequestLock {
+ public:
+  RequestLock() = default;
+  RequestLock(const RequestLock&) = delete;
+  RequestLock& operator=(const RequestLock&) = delete;
+  ~RequestLock();
+
+  /// Waits until no other process holds the lock of `scriptID` in the file
+  /// `basePath`/client-data/`customer`/varn-scripts.lock, and takes it. Creates the file (0600) and
+  /// missing directories (0700). After a failure `error` tells why and nothing is held.
+  void acquire(const std::string& basePath, const std::string& customer, std::string_view scriptID,
+               std::error_code& error);
+
+  /// The lock file's path; empty before `acquire`.
+  [[nodiscard]] const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+  int descriptor_ = -1;
+};
+
+}  // namespace VarnScripts

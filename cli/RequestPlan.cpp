@@ -1,0 +1,208 @@
+#include "RequestPlan.h"
+
+#include <exception>
+#include <utility>
+
+#include "AgentUtils.h"
+#include "ScriptRepositoryMetaProcessor.h"
+#include "ScriptRepositoryProcessorRequest.h"
+#include "StoreCopy.h"
+#include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
+#include "publish/Documents.h"
+#include "publish/Names.h"
+#include "publish/RegularFile.h"
+
+namespace VarnScripts {
+namespace {
+
+using AgentUtils::FileUtils;
+using AgentUtils::HttpHandlermac;
+using MarkupParser::XML;
+using publishing::canonicalText;
+using VarnScriptRepository::ChecksumValue;
+using VarnScriptRepository::ScriptItem;
+using VarnScriptRepository::ScriptLocalData;
+using VarnScriptRepository::ScriptRepo;
+using VarnScriptRepository::ScriptRepositoryConstants;
+using VarnScriptRepository::ScriptRepositoryMetaProcessor;
+using VarnScriptRepository::ScriptRepositoryProcessor;
+using VarnScriptRepository::ScriptRoot;
+using VarnScriptRepository::ScriptsRepoMetaRoot;
+using VarnScriptRepository::VyFile;
+
+template <class Root>
+std::optional<Root> decodedFile(const std::string& path) {
+  std::error_code error;
+  const auto file = publishing::readRegularFile(path, publishing::LastLink::follow, error);
+  if (error) return std::nullopt;
+  auto roots = XML::parse(file.bytes, std::nullopt, false).toStruct<Root>();
+  if (!roots) return std::nullopt;
+  return std::move(roots->front());
+}
+
+std::vector<std::string> piecesOf(const std::string& list) {
+  std::vector<std::string> pieces;
+  std::size_t start = 0;
+  for (std::size_t comma; (comma = list.find(',', start)) != list.npos; start = comma + 1) {
+    pieces.push_back(list.substr(start, comma - start));
+  }
+  pieces.push_back(list.substr(start));
+  return pieces;
+}
+
+const ChecksumValue* checksumOf(const VyFile& file, const ScriptItem& item) {
+  if (file.csToVyFiles.empty()) return nullptr;
+  const std::string id = canonicalText(file.csToVyFiles.front().checksumID);
+  for (const ChecksumValue& value : item.checksumValues) {
+    if (canonicalText(value.checksumID) == id) return &value;
+  }
+  return nullptr;
+}
+
+// Each step says true when the next one is to follow.
+class PlanMaker {
+ public:
+  PlanMaker(const std::string& scriptID, const std::string& customer,
+            const TemporaryDirectory& temporary)
+      : customer_(customer), temporary_(temporary) {
+    plan_.scriptID = scriptID;
+  }
+
+  RequestPlan make() {
+    if (findEntry() && findLocalVersion()) {
+      decideStep();
+      ScriptItem item;
+      if (takeDocument(item)) followDocument(item);
+    }
+    return std::move(plan_);
+  }
+
+ private:
+  bool stop(const std::string& problem) {
+    plan_.problem = problem;
+    return false;
+  }
+
+  [[nodiscard]] bool upToDate() const { return plan_.step == RequestPlan::Step::upToDate; }
+
+  bool findEntry() {
+    const std::string path =
+        "/" + publishing::repositoryDirectory(customer_) + "/" + publishing::kListName;
+    const std::string copy = temporary_.pathOf("list.xml");
+    if (!HttpHandlermac::initWithServerInfo().downloadFileWithRootPermission(path, copy)) {
+      return stop("the server's list can't be fetched");
+    }
+    auto root = decodedFile<ScriptsRepoMetaRoot>(copy);
+    if (!root || root->scriptsMeta.empty()) return stop("the server's list can't be read");
+    auto& metadata = ScriptRepositoryMetaProcessor::shared();
+    metadata.setScriptRepoMetaData(std::move(root->scriptsMeta.front().scriptRepo));
+    plan_.entry = metadata.getScriptRepoForID(plan_.scriptID);
+    return plan_.entry ? true : stop("the server's list has no script of this ID");
+  }
+
+  bool findLocalVersion() {
+    const std::string& store = ScriptRepositoryConstants::FilePath::scriptRepository();
+    if (!FileUtils().isFileExists(store)) return true;
+    try {
+      const std::string copy = temporary_.pathOf("store");
+      copyStore(store, copy);
+      AgentUtils::RootAccessKeyValueStorage storage(
+          copy, ScriptRepositoryConstants::TableNames::scriptToMeta);
+      const auto record = storage.fetchValue(plan_.scriptID, std::type_identity<ScriptLocalData>{});
+      if (record) plan_.localVersion = record->version();
+    } catch (const std::exception&) {
+      // A request takes a store or a row that can't be read for none at all.
+    }
+    return true;
+  }
+
+  [[nodiscard]] std::string documentPath() const {
+    return ScriptRepositoryProcessor::scriptRepoDataDirectory() + "/" + plan_.scriptID + ".xml";
+  }
+
+  void decideStep() {
+    plan_.step = RequestPlan::Step::download;
+    if (!plan_.localVersion) {
+      plan_.reason = "no version is recorded";
+    } else if (canonicalText(*plan_.localVersion) != canonicalText(plan_.entry->modifiedTime)) {
+      plan_.reason = "the versions differ";
+    } else if (!FileUtils().isFileExists(documentPath())) {
+      plan_.reason = "the data document is missing";
+    } else {
+      plan_.step = RequestPlan::Step::upToDate;
+    }
+  }
+
+  bool takeDocument(ScriptItem& item) {
+    std::string path = documentPath();
+    if (!upToDate()) {
+      const auto& mapping = plan_.entry->scriptPathMapping;
+      if (!mapping || mapping->empty()) return stop("the entry names no data document");
+      const std::string& filepath = mapping->front().filepath;
+      plan_.downloads.push_back(filepath);
+      path = temporary_.pathOf("document.xml");
+      if (!HttpHandlermac::initWithServerInfo().downloadFileWithRootPermission(filepath, path)) {
+        return stop("the data document can't be fetched");
+      }
+    }
+    auto root = decodedFile<ScriptRoot>(path);
+    if (!root || root->script.empty()) return stop("the data document can't be read");
+    item = std::move(root->script.front());
+    return true;
+  }
+
+  void followDocument(const ScriptItem& item) {
+    const auto file = item.getFileData(plan_.entry->fileID);
+    if (!file) {
+      stop("the data document has no file of the entry's file ID");
+      return;
+    }
+    plan_.scriptFile =
+        ScriptRepositoryProcessor::scriptRepoScriptsDirectory() + "/" + file->fileName;
+    if (!checkScriptFile(item, *file)) return;
+    if (const auto repo = item.getScriptRepo(plan_.scriptID)) {
+      describeRun(*repo);
+    } else {
+      stop("the data document has no definition of this script");
+    }
+  }
+
+  // Whether the script's file is there as it must be, or would be fetched.
+  bool checkScriptFile(const ScriptItem& item, const VyFile& file) {
+    const ChecksumValue* const checksum = checksumOf(file, item);
+    const bool verified = upToDate() && checksum != nullptr &&
+                          AgentUtils::VyCryptography::validateCheckSumForFile(
+                              *plan_.scriptFile, checksum->checksumType, checksum->checksumVal);
+    if (verified) return true;
+    if (upToDate()) {
+      plan_.reason = FileUtils().isFileExists(*plan_.scriptFile) ? "the script file is not verified"
+                                                                 : "the script file is missing";
+    }
+    plan_.downloads.push_back(publishing::serverPathOf(file.fileSystemLocation));
+    return checksum != nullptr ? true : stop("the data document has no checksum for the file");
+  }
+
+  void describeRun(const ScriptRepo& repo) {
+    plan_.arguments = ScriptRepositoryProcessor::Request::splitWithQuotes(repo.scriptArgs);
+    plan_.acceptedCodes = piecesOf(repo.exitCode);
+    plan_.interpreter = ScriptRepositoryProcessor::Request::getLaunchPath(repo.scriptName);
+    if (!plan_.interpreter) {
+      stop("the extension of " + repo.scriptName + " has no interpreter");
+    } else if (!FileUtils().isFileExists(*plan_.interpreter)) {
+      stop("the interpreter is not on this computer");
+    }
+  }
+
+  const std::string& customer_;
+  const TemporaryDirectory& temporary_;
+  RequestPlan plan_;
+};
+
+}  // namespace
+
+RequestPlan makePlan(const std::string& scriptID, const std::string& customer,
+                     const TemporaryDirectory& temporary) {
+  return PlanMaker(scriptID, customer, temporary).make();
+}
+
+}  // namespace VarnScripts

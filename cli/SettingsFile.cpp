@@ -1,0 +1,102 @@
+#include "SettingsFile.h"
+
+#include <toml++/toml.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <system_error>
+
+namespace VarnScripts {
+namespace {
+
+constexpr std::size_t kLargestFile = std::size_t{1} << 20;
+
+const SettingDefinition* definitionOf(std::string_view key) {
+  for (const auto& definition : kSettings) {
+    if (definition.key == key) return &definition;
+  }
+  return nullptr;
+}
+
+std::string_view wordFor(SettingDefinition::Kind kind) {
+  switch (kind) {
+    case SettingDefinition::Kind::number:
+      return "a whole number";
+    case SettingDefinition::Kind::toggle:
+      return "true or false";
+    case SettingDefinition::Kind::text:
+      break;
+  }
+  return "a text in quotation marks";
+}
+
+std::optional<std::string> textOf(const toml::node& node, SettingDefinition::Kind kind) {
+  switch (kind) {
+    case SettingDefinition::Kind::number:
+      if (const auto* number = node.as_integer()) return std::to_string(number->get());
+      return std::nullopt;
+    case SettingDefinition::Kind::toggle:
+      if (const auto* toggle = node.as_boolean()) return toggle->get() ? "true" : "false";
+      return std::nullopt;
+    case SettingDefinition::Kind::text:
+      if (const auto* text = node.as_string()) return text->get();
+      return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+SettingsError errorInFile(const std::string& path, std::uint32_t line, const std::string& what) {
+  return {"settings file " + path + ", line " + std::to_string(line) + ": " + what};
+}
+
+SettingsError unreadable(const std::string& path, const std::string& why) {
+  return {"settings file " + path + " (given by --config or VARN_CONFIG) can't be read: " + why};
+}
+
+std::variant<SettingTexts, SettingsError> textsOf(const toml::table& table,
+                                                  const std::string& path) {
+  SettingTexts texts;
+  for (const auto& [name, node] : table) {
+    const std::string key(name.str());
+    const auto line = name.source().begin.line;
+    const SettingDefinition* const definition = definitionOf(key);
+    if (definition == nullptr) return errorInFile(path, line, "unknown setting " + key);
+    const auto text = textOf(node, definition->kind);
+    if (!text) {
+      return errorInFile(path, line, key + " must be " + std::string(wordFor(definition->kind)));
+    }
+    texts[key] = *text;
+  }
+  return texts;
+}
+
+}  // namespace
+
+std::variant<SettingTexts, SettingsError> parseSettingsFile(const std::string& text,
+                                                            const std::string& path) {
+  try {
+    return textsOf(toml::parse(text, path), path);
+  } catch (const toml::parse_error& error) {
+    return errorInFile(path, error.source().begin.line, std::string(error.description()));
+  }
+}
+
+std::variant<SettingTexts, SettingsError> readSettingsFile(const std::string& path) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rbe"),
+                                                             &std::fclose);
+  if (!file) return unreadable(path, std::generic_category().message(errno));
+  std::string text(kLargestFile + 1, '\0');
+  errno = 0;
+  text.resize(std::fread(text.data(), 1, text.size(), file.get()));
+  if (std::ferror(file.get()) != 0) {
+    return unreadable(path, std::generic_category().message(errno));
+  }
+  if (text.size() > kLargestFile) return unreadable(path, "it is larger than 1 MiB");
+  return parseSettingsFile(text, path);
+}
+
+}  // namespace VarnScripts

@@ -1,0 +1,27 @@
+// The process's standard streams: standard input on the null device, and whole texts out.
+
+#pragma once
+
+#include <string_view>
+#include <system_error>
+
+namespace VarnScripts {
+
+/// Opens standard input on the null device, so that no script waits for a person, and gives a
+/// closed standard output or standard error the null device too, so that no file that is opened
+/// later gets its number. Called before anything else is opened.
+void openStandardStreams();
+
+/// Writes all of `text` to `descriptor`. After an error, `error` tells why, and a beginning of the
+/// text may have been written.
+void writeAll(int descriptor, std::string_view text, std::error_code& error);
+
+/// Writes `text` to standard output; a failure is one line on standard error. True when all of it
+/// was written.
+bool writeOutput(std::string_view text);
+
+/// Writes `line` and a line break to standard error. A line break inside it is written as `\n`. A
+/// failure is of no consequence.
+void writeErrorLine(std::string_view line);
+
+}  // namespace VarnScripts

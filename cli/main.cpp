@@ -1,0 +1,125 @@
+// varn-scripts: takes the settings, makes one request of the library, and hands out its result.
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <variant>
+#include <vector>
+
+#include "CommandLine.h"
+#include "ExitStatus.h"
+#include "List.h"
+#include "Plan.h"
+#include "Prune.h"
+#include "Run.h"
+#include "Settings.h"
+#include "SettingsFile.h"
+#include "StandardStreams.h"
+#include "publish/Publish.h"
+
+namespace {
+
+using VarnScripts::CommandLine;
+using VarnScripts::Settings;
+using VarnScripts::SettingsError;
+
+std::optional<std::string> environmentVariable(const std::string& name) {
+  const char* const value = std::getenv(name.c_str());
+  if (value == nullptr) return std::nullopt;
+  return value;
+}
+
+void setSignalDispositions() {
+  // A reader that goes away is a failed write, not the end of the process.
+  ::signal(SIGPIPE, SIG_IGN);
+  // Whoever started this process may ignore it, and then no exit status of a script would be left.
+  ::signal(SIGCHLD, SIG_DFL);
+}
+
+VarnScripts::NeededSettings neededBy(CommandLine::Command command) {
+  switch (command) {
+    case CommandLine::Command::list:
+      return VarnScripts::NeededSettings::localState;
+    case CommandLine::Command::publish:
+      return VarnScripts::NeededSettings::customer;
+    case CommandLine::Command::run:
+    case CommandLine::Command::plan:
+    case CommandLine::Command::prune:
+      break;
+  }
+  return VarnScripts::NeededSettings::request;
+}
+
+std::variant<Settings, SettingsError> settingsFor(const CommandLine& line) {
+  VarnScripts::SettingSources sources;
+  sources.flags = line.flags;
+  sources.environment = environmentVariable;
+  sources.filePath = line.configFile;
+  if (sources.filePath.empty()) {
+    sources.filePath = environmentVariable("VARN_CONFIG").value_or("");
+  }
+  if (!sources.filePath.empty()) {
+    auto file = VarnScripts::readSettingsFile(sources.filePath);
+    if (const auto* error = std::get_if<SettingsError>(&file)) return *error;
+    sources.file = std::get<VarnScripts::SettingTexts>(std::move(file));
+  }
+  // Without a current directory, relative paths start at the root.
+  std::error_code ignored;
+  sources.currentDirectory = std::filesystem::current_path(ignored).string();
+  return VarnScripts::layerSettings(sources, neededBy(line.command));
+}
+
+int execute(const CommandLine& line, const Settings& settings) {
+  switch (line.command) {
+    case CommandLine::Command::run:
+      return VarnScripts::run(line, settings);
+    case CommandLine::Command::plan:
+      return VarnScripts::plan(line, settings);
+    case CommandLine::Command::prune:
+      return VarnScripts::prune(settings);
+    case CommandLine::Command::list:
+      return VarnScripts::list(line, settings);
+    case CommandLine::Command::publish:
+      return VarnScripts::publish(line.publish, settings);
+  }
+  return VarnScripts::kExitUsage;
+}
+
+int host(const std::vector<std::string>& arguments) {
+  const auto parsed = VarnScripts::parseCommandLine(arguments);
+  if (const auto* reply = std::get_if<VarnScripts::Reply>(&parsed)) {
+    if (!reply->output.empty()) VarnScripts::writeOutput(reply->output);
+    std::error_code ignored;
+    VarnScripts::writeAll(2, reply->error, ignored);
+    return reply->exitStatus;
+  }
+  const auto& line = std::get<CommandLine>(parsed);
+  const auto settings = settingsFor(line);
+  if (const auto* error = std::get_if<SettingsError>(&settings)) {
+    VarnScripts::writeErrorLine("varn-scripts: " + error->line);
+    return VarnScripts::kExitUsage;
+  }
+  return execute(line, std::get<Settings>(settings));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    VarnScripts::openStandardStreams();
+    setSignalDispositions();
+    return host({argv + (argc > 0 ? 1 : 0), argv + argc});
+  } catch (const std::exception&) {
+    // Only a want of memory comes this far, so there may be none for a text either.
+    static constexpr char kLine[] = "varn-scripts: out of memory\n";
+    // A standard error that is gone leaves the exit status to tell.
+    [[maybe_unused]] const auto written = ::write(STDERR_FILENO, kLine, sizeof kLine - 1);
+    return VarnScripts::kExitNotRun;
+  }
+}

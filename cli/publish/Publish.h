@@ -1,0 +1,32 @@
+// The command `publish`: turns a directory of scripts into the tree that a server serves.
+//
+// The list of scripts is the one file that changes. Everything else has a name made of its bytes,
+// is in its place before a list names it, and stays until the last lists that named it are past; so
+// a client that reads while this runs gets the old state or the new one.
+
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+#include "Settings.h"
+
+namespace VarnScripts {
+
+/// What `publish` is asked for on the command line.
+struct PublishOptions {
+  std::string sourceDirectory;
+  std::string outputDirectory;
+  std::size_t keep = 2;               ///< lists whose content stays, the new one included
+  bool strict = false;                ///< refuse what is a warning otherwise
+  bool check = false;                 ///< look, and write nothing
+  std::optional<std::string> digest;  ///< wins over the manifest's
+};
+
+/// Publishes for `settings.customer`. Findings go to standard error, the outcome to standard
+/// output. The exit status: 0 published, or nothing to change; 2 refused, and the output is as it
+/// was; 3 the output could not be written, and then the list is the old one or the new one.
+[[nodiscard]] int publish(const PublishOptions& options, const Settings& settings);
+
+}  // namespace VarnScripts

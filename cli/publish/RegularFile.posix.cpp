@@ -1,0 +1,47 @@
+#include "publish/RegularFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+#include "platform/FileDescriptor.h"
+
+namespace VarnScripts::publishing {
+namespace {
+
+using VarnScriptRepository::platform::FileDescriptor;
+using VarnScriptRepository::platform::retryOnInterrupt;
+
+constexpr mode_t kPermissionBits = 07777;
+
+}  // namespace
+
+RegularFile readRegularFile(const std::string& path, LastLink link, std::error_code& error) {
+  const auto fail = [&error](int cause) {
+    error.assign(cause, std::generic_category());
+    return RegularFile{};
+  };
+  error.clear();
+  // Without waiting: a FIFO would hold whoever opens it.
+  const int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | (link == LastLink::refuse ? O_NOFOLLOW : 0);
+  const FileDescriptor file(retryOnInterrupt([&] { return ::open(path.c_str(), flags); }));
+  struct stat status {};
+  if (!file || ::fstat(file.get(), &status) != 0) return fail(errno);
+  if (!S_ISREG(status.st_mode)) return fail(EINVAL);
+
+  RegularFile result;
+  result.permissions = status.st_mode & kPermissionBits;
+  std::array<char, 65536> part{};
+  while (true) {
+    const ssize_t count =
+        retryOnInterrupt([&] { return ::read(file.get(), part.data(), part.size()); });
+    if (count < 0) return fail(errno);
+    if (count == 0) return result;
+    result.bytes.append(part.data(), static_cast<std::size_t>(count));
+  }
+}
+
+}  // namespace VarnScripts::publishing

@@ -1,0 +1,37 @@
+// The checks of one script's values and text, one function per thing that can be wrong. Any thread.
+
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "publish/Findings.h"
+#include "publish/Manifest.h"
+
+namespace VarnScripts::publishing {
+
+/// The extension that gives `fileName` its interpreter: "sh" of "clean.sh"; nothing without one.
+[[nodiscard]] std::optional<std::string> interpreterExtension(const std::string& fileName);
+
+/// Refuses IDs that clients can't keep a document under. True when the ID can be used.
+bool checkID(const ManifestText& id, const std::string& manifest, Findings& findings);
+
+/// Refuses names that clients can't keep a file under, or that have no interpreter. True when the
+/// name can be used.
+bool checkFileName(const ManifestText& file, const std::string& manifest, Findings& findings);
+
+/// Refuses texts that the documents can't carry.
+void checkTexts(const ManifestScript& script, const std::string& manifest, Findings& findings);
+
+/// Warns of accepted codes that no run can ever match.
+void checkAcceptedCodes(const ManifestText& codes, const std::string& manifest, Findings& findings);
+
+/// Warns of arguments with a quotation mark that is never closed.
+void checkArguments(const ManifestText& arguments, const std::string& manifest, Findings& findings);
+
+/// Warns of what the interpreter would stumble over in the script's own text. `path` is shown.
+void checkScriptText(const std::string& path, std::string_view extension, std::string_view bytes,
+                     Findings& findings);
+
+}  // namespace VarnScripts::publishing

@@ -1,0 +1,77 @@
+// The files of a repository in the server's tree: written whole or not at all, readable for a web
+// server (files 0644, directories 0755, whatever the process's mask is), and never followed through
+// a symbolic link. One publishing at a time holds the directory.
+
+#pragma once
+
+#include <cstddef>
+#include <set>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "publish/History.h"
+
+namespace VarnScripts::publishing {
+
+/// The repository's directory, open and locked until it is destroyed. The system lets go of the
+/// lock as well when the process ends in any way.
+///
+/// After a failed operation `error` tells why and `failedPath()` where.
+class ServerFiles {
+ public:
+  ServerFiles() = default;
+  ServerFiles(const ServerFiles&) = delete;
+  ServerFiles& operator=(const ServerFiles&) = delete;
+  /// Removes what has been added and not been committed.
+  ~ServerFiles();
+
+  /// Creates what is missing of `outputDirectory`/`repository`, waits until no other process
+  /// publishes there, and takes the directory.
+  void open(const std::string& outputDirectory, const std::string& repository,
+            std::error_code& error);
+
+  /// The bytes of the regular file `name`; empty when there is none.
+  [[nodiscard]] std::string read(const std::string& name, std::error_code& error);
+
+  /// Makes `name` hold `bytes` once `commit` has succeeded. A file that holds them already stays as
+  /// it is.
+  void add(const std::string& name, std::string_view bytes, std::error_code& error);
+
+  /// Puts everything that has been added in its place, on the disk.
+  void commit(std::error_code& error);
+
+  /// Removes content that is not in `named`, and what interrupted publishings have left. Other
+  /// files stay.
+  void removeContentBut(const ContentNames& named, std::error_code& error);
+
+  [[nodiscard]] std::size_t written() const { return written_; }
+  [[nodiscard]] std::size_t removed() const { return removed_; }
+  [[nodiscard]] const std::string& failedPath() const { return failedPath_; }
+
+ private:
+  struct Pending {
+    std::string temporary;
+    std::string name;
+  };
+
+  [[nodiscard]] std::string pathOf(const std::string& name) const;
+  void fail(const std::string& path, std::error_code& error);
+  void createDirectories(const std::string& path, std::error_code& error);
+  void lock(std::error_code& error);
+  void writeTemporary(const std::string& path, std::string_view bytes, std::error_code& error);
+  void syncDirectory(const std::string& path, std::error_code& error);
+  void removeIn(const std::string& part, const ContentNames& named, std::error_code& error);
+
+  std::string directory_;
+  int lock_ = -1;
+  std::vector<Pending> pending_;
+  std::set<std::string> added_;
+  std::size_t written_ = 0;
+  std::size_t removed_ = 0;
+  std::size_t serial_ = 0;
+  std::string failedPath_;
+};
+
+}  // namespace VarnScripts::publishing

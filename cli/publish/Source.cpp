@@ -1,0 +1,204 @@
+#include "publish/Source.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <utility>
+
+#include "publish/Names.h"
+#include "publish/RegularFile.h"
+#include "publish/ScriptChecks.h"
+
+namespace VarnScripts::publishing {
+namespace {
+
+std::error_code lastError() { return {errno, std::generic_category()}; }
+
+// The path with every symbolic link followed.
+std::string resolved(const std::string& path, std::error_code& error) {
+  const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr),
+                                                         &std::free);
+  if (real) return real.get();
+  error = lastError();
+  return {};
+}
+
+// The first use of each name, so that a second one can name the line of the first.
+class FirstUses {
+ public:
+  struct Use {
+    std::string value;
+    std::size_t line;
+  };
+
+  // The earlier use with the same `key`, or null; then this one is remembered.
+  const Use* earlier(const std::string& key, const ManifestText& text) {
+    const auto [found, added] = uses_.try_emplace(key, Use{text.value, text.line});
+    return added ? nullptr : &found->second;
+  }
+
+ private:
+  std::map<std::string, Use> uses_;
+};
+
+class SourceReader {
+ public:
+  SourceReader(const SourceOptions& options, Findings& findings)
+      : options_(options),
+        manifestPath_(options.directory + "/" + kManifestName),
+        findings_(findings) {}
+
+  Source read() {
+    std::error_code error;
+    const std::string text = readRegularFile(manifestPath_, LastLink::follow, error).bytes;
+    if (error) {
+      findings_.refuse({manifestPath_}, "the manifest can't be read: " + error.message(),
+                       "publish takes a directory with a manifest of this name");
+      return {};
+    }
+    const Manifest manifest = parseManifest(text, manifestPath_, findings_);
+    Source source;
+    source.digest = takeDigest(manifest.digest);
+    if (manifest.scripts.empty() && findings_.refusals() == 0) {
+      findings_.warn({manifestPath_}, "the manifest lists no script",
+                     "list at least one, or clients will remove all they have");
+    }
+    for (const ManifestScript& script : manifest.scripts) takeScript(script, source);
+    return source;
+  }
+
+ private:
+  DigestKind takeDigest(const ManifestText& ofManifest) {
+    const Place place = options_.digest ? Place{"--digest"} : Place{manifestPath_, ofManifest.line};
+    std::string name = options_.digest.value_or(ofManifest.value);
+    // A manifest that gives none has no line for it either.
+    if (!options_.digest && ofManifest.line == 0) name = "sha256";
+    const auto kind = digestKind(name);
+    if (!kind) {
+      findings_.refuse(place, "unknown digest " + quoted(name),
+                       "use sha256, or one of sha224, sha384, sha512, sha1 and md5");
+      return {"sha256", false};
+    }
+    if (kind->forgeable) {
+      findings_.warn(
+          place, "another script with the same " + std::string(kind->name) + " digest can be made",
+          "use sha256");
+    }
+    return *kind;
+  }
+
+  void takeScript(const ManifestScript& script, Source& source) {
+    const bool usableID = checkID(script.id, manifestPath_, findings_);
+    if (usableID) checkUniqueID(script.id);
+    const bool usableName = checkFileName(script.file, manifestPath_, findings_);
+    checkTexts(script, manifestPath_, findings_);
+    checkAcceptedCodes(script.acceptedCodes, manifestPath_, findings_);
+    checkArguments(script.arguments, manifestPath_, findings_);
+    if (!usableName) return;
+    checkUniqueFile(script.file);
+    takeScriptFile(script, source);
+  }
+
+  void checkUniqueID(const ManifestText& id) {
+    const auto* const earlier = ids_.earlier(foldedName(id.value), id);
+    if (earlier == nullptr) return;
+    const std::string line = "line " + std::to_string(earlier->line);
+    if (canonicalText(earlier->value) == canonicalText(id.value)) {
+      findings_.refuse({manifestPath_, id.line},
+                       "the ID " + quoted(id.value) + " is already that of the script in " + line,
+                       "give each script an ID of its own");
+      return;
+    }
+    findings_.refuse({manifestPath_, id.line},
+                     "the ID " + quoted(id.value) + " differs from " + quoted(earlier->value) +
+                         " in " + line +
+                         " in letter case only, and clients keep both documents in one file",
+                     "give the script another ID");
+  }
+
+  void checkUniqueFile(const ManifestText& file) {
+    const auto* const earlier = files_.earlier(foldedName(file.value), file);
+    if (earlier == nullptr) return;
+    const std::string line = "line " + std::to_string(earlier->line);
+    if (canonicalText(earlier->value) == canonicalText(file.value)) {
+      findings_.refuse({manifestPath_, file.line},
+                       "the file " + quoted(file.value) + " is already that of the script in " +
+                           line + ", and clients keep all scripts in one directory",
+                       "give each script a file of its own");
+      return;
+    }
+    findings_.refuse({manifestPath_, file.line},
+                     "the file " + quoted(file.value) + " differs from " + quoted(earlier->value) +
+                         " in " + line +
+                         " in letter case only, and clients keep all scripts in one directory",
+                     "give the script's file another name");
+  }
+
+  void takeScriptFile(const ManifestScript& script, Source& source) {
+    std::error_code error;
+    const std::string bytes = readScriptFile(options_.directory, script.file.value, error);
+    if (error) return refuseScriptFile(script.file, error);
+    const std::string extension = interpreterExtension(script.file.value).value_or("");
+    checkScriptText(options_.directory + "/" + script.file.value, extension, bytes, findings_);
+    const std::string sha256 = hexDigest("sha256", bytes);
+    source.scripts.push_back(
+        {script, extension, bytes.size(), sha256,
+         source.digest.name == "sha256" ? sha256 : hexDigest(source.digest.name, bytes)});
+  }
+
+  void refuseScriptFile(const ManifestText& file, const std::error_code& error) {
+    const Place place{manifestPath_, file.line};
+    const std::string subject = "the file " + quoted(file.value);
+    if (error == std::errc::no_such_file_or_directory) {
+      findings_.refuse(place, subject + " is not in " + options_.directory,
+                       "put it there, or correct the name");
+    } else if (error == std::errc::operation_not_permitted) {
+      findings_.refuse(place,
+                       subject + " is a symbolic link that leads out of " + options_.directory,
+                       "put the script itself there");
+    } else if (error == std::errc::invalid_argument) {
+      findings_.refuse(place, subject + " is not a regular file", "put the script itself there");
+    } else {
+      findings_.refuse(place, subject + " can't be read: " + error.message(),
+                       "make it readable for the user who publishes");
+    }
+  }
+
+  const SourceOptions& options_;
+  const std::string manifestPath_;
+  Findings& findings_;
+  FirstUses ids_;
+  FirstUses files_;
+};
+
+}  // namespace
+
+Source readSource(const SourceOptions& options, Findings& findings) {
+  return SourceReader(options, findings).read();
+}
+
+std::string readScriptFile(const std::string& directory, const std::string& name,
+                           std::error_code& error) {
+  error.clear();
+  const std::string root = resolved(directory, error);
+  if (error) return {};
+  const std::string path = resolved(directory + "/" + name, error);
+  if (error) return {};
+  if (!path.starts_with(root == "/" ? root : root + "/")) {
+    error = std::make_error_code(std::errc::operation_not_permitted);
+    return {};
+  }
+  return readRegularFile(path, LastLink::refuse, error).bytes;
+}
+
+std::optional<std::string> complaintAboutCustomer(const std::string& customer) {
+  if (auto complaint = complaintAboutName(customer)) return complaint;
+  // Locations on the server have backslashes between their parts, and an escape of a URL in a path
+  // is taken for what it stands for.
+  if (customer.find('\\') != std::string::npos) return "contains a backslash";
+  if (customer.find('%') != std::string::npos) return "contains a percent sign";
+  return std::nullopt;
+}
+
+}  // namespace VarnScripts::publishing

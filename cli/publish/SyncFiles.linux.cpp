@@ -1,0 +1,30 @@
+#include "publish/SyncFiles.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace VarnScripts::publishing {
+namespace {
+
+// Up to here, syncing single files is kinder to whoever else writes to the same file system.
+constexpr std::size_t kMostSingleFiles = 32;
+
+}  // namespace
+
+std::string syncFiles(const std::vector<std::string>& paths, int directory,
+                      std::error_code& error) {
+  error.clear();
+  if (paths.size() > kMostSingleFiles) {
+    // One wait for the disk in place of one for each file.
+    if (::syncfs(directory) != 0) error.assign(errno, std::generic_category());
+    return error ? paths.front() : "";
+  }
+  for (const std::string& path : paths) {
+    syncPath(path, error);
+    if (error) return path;
+  }
+  return "";
+}
+
+}  // namespace VarnScripts::publishing

@@ -1,0 +1,15 @@
+#include "publish/SyncFiles.h"
+
+namespace VarnScripts::publishing {
+
+std::string syncFiles(const std::vector<std::string>& paths, int /*directory*/,
+                      std::error_code& error) {
+  error.clear();
+  for (const std::string& path : paths) {
+    syncPath(path, error);
+    if (error) return path;
+  }
+  return "";
+}
+
+}  // namespace VarnScripts::publishing

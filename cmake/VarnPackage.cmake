@@ -1,0 +1,52 @@
+# The Debian packages that `cpack -G DEB` makes of the two install components: varn-scripts, the
+# command with its library, and libvarnscriptrepository-dev, what other projects build against.
+
+set(VARN_PACKAGE_CONTACT "varn-scripts maintainers <root@localhost>"
+    CACHE STRING "Who maintains the packages: name and address")
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME varn-scripts)
+set(CPACK_PACKAGE_CONTACT ${VARN_PACKAGE_CONTACT})
+set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_VERBATIM_VARIABLES ON)
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS OFF)
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME varn-scripts)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS "ca-certificates, python3")
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
+"The command varn-scripts fetches a script from the organisation's server when
+it is new or has changed, verifies it against the server's checksum, runs it
+through its interpreter and judges its exit code. It also publishes
+directories of scripts for any web server to serve.
+
+The library that it stands on, VarnScriptRepository, comes with it.")
+# What the programs link to is asked of dpkg; the package's own library is in the build directory.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
+  ${CMAKE_CURRENT_LIST_DIR}/debian/triggers
+  ${CMAKE_CURRENT_LIST_DIR}/debian/postinst
+  ${CMAKE_CURRENT_LIST_DIR}/debian/prerm
+  ${CMAKE_CURRENT_LIST_DIR}/debian/postrm)
+
+# The object runtime's headers come in one package per compiler version; the one in use is named.
+string(REGEX MATCH "/gcc/[^/]+/([0-9]+)/" match "${ObjectRuntime_LIBRARY}")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libvarnscriptrepository-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+string(JOIN ", " CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+  "varn-scripts (= ${PROJECT_VERSION})" "libexpat1-dev" "libobjc-${CMAKE_MATCH_1}-dev"
+  "libutf8proc-dev" "pkgconf | pkg-config")
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
+"Headers, archives and CMake and pkg-config files to build an agent on the
+library VarnScriptRepository: with the agent modules that it brings, or with
+modules of the agent's own.")
+
+include(CPack)

@@ -1,0 +1,481 @@
+// A request, from top to bottom: construction, the flow and its two paths, the files of one script,
+// execution, removal.
+
+#include "VarnScriptRepository/ScriptRepositoryProcessor.h"
+
+#include <set>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "AgentUtils.h"
+#include "MarkupParser.h"
+#include "ObjectRuntimeRegistration.h"
+#include "ScriptRepositoryLocalMetaProcessor.h"
+#include "ScriptRepositoryMetaProcessor.h"
+#include "ScriptRepositoryProcessorRequest.h"
+#include "ScriptRepositoryUtil.h"
+#include "support/Download.h"
+#include "support/Files.h"
+#include "support/Guard.h"
+#include "support/Settings.h"
+#include "support/Text.h"
+#include "support/UnitLog.h"
+
+namespace VarnScriptRepository {
+namespace {
+
+constexpr const char* kUnit = "ScriptRepositoryProcessor";
+
+/// Every script is asked to end after this many seconds.
+constexpr std::int64_t kTimeLimit = 600;
+
+}  // namespace
+
+// ---- Construction ----------------------------------------------------------------------------
+
+namespace {
+
+void createWhenMissing(const std::string& directory) {
+  guarded([&] {
+    const AgentUtils::FileUtils fileUtils;
+    if (!fileUtils.isFileExists(directory)) fileUtils.createDirectory(directory, true);
+  });
+}
+
+}  // namespace
+
+ScriptRepositoryProcessor::Request::Request(const std::string& id)
+    : scriptID(id), scriptDataFilePath(scriptRepoDataDirectory() + "/" + scriptID + ".xml") {
+  createWhenMissing(scriptRepoDataDirectory());
+  createWhenMissing(scriptRepoScriptsDirectory());
+}
+
+ScriptRepositoryProcessor::ScriptRepositoryProcessor(const std::string& scriptID)
+    : request(guarded(std::unique_ptr<Request>{},
+                      [&] { return std::make_unique<Request>(scriptID); })) {}
+
+ScriptRepositoryProcessor::~ScriptRepositoryProcessor() = default;
+
+// The directory texts are never destroyed: other threads may use them while the process ends. They
+// are plain concatenations; a base path that ends in a slash shows as a double slash.
+
+const std::string& ScriptRepositoryProcessor::basePath() {
+  static const std::string& path = *new std::string(globalSettings().vyagentBasePath);
+  return path;
+}
+
+const std::string& ScriptRepositoryProcessor::customerID() {
+  static const std::string& id = *new std::string(globalSettings().vyCustomerID);
+  return id;
+}
+
+const std::string& ScriptRepositoryProcessor::scriptRepoDataDirectory() {
+  static const std::string& path =
+      *new std::string(basePath() + "/client-data/" + customerID() + "/scripts-repository-data");
+  return path;
+}
+
+const std::string& ScriptRepositoryProcessor::scriptRepoScriptsDirectory() {
+  static const std::string& path =
+      *new std::string(basePath() + "/client-data/" + customerID() + "/scripts-repository");
+  return path;
+}
+
+// ---- Flow ------------------------------------------------------------------------------------
+
+ProcessingResult ScriptRepositoryProcessor::processScript() {
+  // Without a request there was no memory to make one.
+  if (!request) return {};
+  return guarded(ProcessingResult{}, [this] {
+    request->overrideExpectedReturnCode = overrideExpectedReturnCode;
+    return request->processScript();
+  });
+}
+
+namespace {
+
+/// The entry of the script in the server's metadata, which is fetched first when this process has
+/// none. Nothing without metadata or entry.
+std::optional<ScriptRepositoryMeta> serverEntry(const std::string& scriptID) {
+  auto& metaProcessor = ScriptRepositoryMetaProcessor::shared();
+  if (!metaProcessor.scriptRepoMetaData()) {
+    if (!metaProcessor.downloadScriptRepoMeta()) return std::nullopt;
+    metaProcessor.loadScriptRepoMetaData();
+  }
+  return metaProcessor.getScriptRepoForID(scriptID);
+}
+
+std::string describe(const ProcessingResult& result) {
+  const auto& [accepted, output] = result;
+  std::string description = "(";
+  description += accepted ? (*accepted ? "Optional(true)" : "Optional(false)") : "nil";
+  description += ", ";
+  // The output stands between the quotation marks as it is, not escaped.
+  description += output ? "Optional(\"" + *output + "\")" : "nil";
+  return description += ")";
+}
+
+}  // namespace
+
+ProcessingResult ScriptRepositoryProcessor::Request::processScript() {
+  const UnitLog log{kUnit, "processScript()"};
+  const auto server = serverEntry(scriptID);
+  if (!server) {
+    // Log searches match this line exactly; its spelling stays.
+    log.info("Processing Script ID " + scriptID +
+             " not able to get server script repo meta to procees");
+    return {};
+  }
+
+  const auto localVersion = ScriptRepositoryLocalMetaProcessor::shared().getScriptVersion(scriptID);
+  const std::string versions = "Processing Script ID " + scriptID + " Server Version " +
+                               server->modifiedTime + " Local Version " +
+                               localVersion.value_or("--");
+  // The script file itself is not looked at here: the checksum test does that.
+  const bool upToDate = localVersion && text::equal(*localVersion, server->modifiedTime) &&
+                        files::exists(scriptDataFilePath);
+  ProcessingResult result;
+  if (upToDate) {
+    log.info(versions + " Proceeding without Downloading Script");
+    result = executeScriptWithoutDownload(*server);
+  } else {
+    log.info(versions + " Downloading and Executing Script");
+    result = downloadAndExecuteScript(*server);
+  }
+  // A script that ran has run, whether or not there is memory for this line.
+  guarded([&] { log.info(versions + " status " + describe(result)); });
+  return result;
+}
+
+// ---- Two paths -------------------------------------------------------------------------------
+
+ProcessingResult ScriptRepositoryProcessor::Request::downloadAndExecuteScript(
+    const ScriptRepositoryMeta& serverScriptRepoMeta) {
+  const UnitLog log{kUnit, "downloadAndExecuteScript(serverScriptRepoMeta:)"};
+  const auto& mapping = serverScriptRepoMeta.scriptPathMapping;
+  if (!mapping || mapping->empty()) {
+    log.info("Not able to get download URL of script data");
+    return {};
+  }
+  if (!download(mapping->front().filepath, scriptDataFilePath)) {
+    log.info("Download failure of script data");
+    return {};
+  }
+  const auto item = getScriptItemData();
+  if (!item) {
+    log.info("Unable to get script items data");
+    return {};
+  }
+  const auto file = item->getFileData(serverScriptRepoMeta.fileID);
+  if (!file) {
+    log.info("Unable to get file data from script items data");
+    return {};
+  }
+  if (!downloadScript(file->fileSystemLocation, file->fileName)) {
+    log.info("Download failure of script");
+    return {};
+  }
+  if (!isValidChecksumForFile(*file, item->checksumValues)) {
+    log.info("Not able to compute checksum processing");
+    return {};
+  }
+  // Recorded before the script runs, and kept also when nothing can be run: what is on disk is this
+  // version, and it is not fetched again.
+  ScriptRepositoryLocalMetaProcessor::shared().setScriptVersion(scriptID,
+                                                                serverScriptRepoMeta.modifiedTime);
+  const auto repo = item->getScriptRepo(scriptID);
+  if (!repo) {
+    // Log searches match this line exactly; its wording stays.
+    log.info("Not able get script repo data");
+    return {};
+  }
+  return executeScript(*repo);
+}
+
+ProcessingResult ScriptRepositoryProcessor::Request::executeScriptWithoutDownload(
+    const ScriptRepositoryMeta& serverScriptRepoMeta) {
+  const UnitLog log{kUnit, "executeScriptWithoutDownload(serverScriptRepoMeta:)"};
+  const auto item = getScriptItemData();
+  if (!item) return {};
+  const auto file = item->getFileData(serverScriptRepoMeta.fileID);
+  if (!file) {
+    log.info("Unable to get script data");
+    return {};
+  }
+  scriptFilePath = scriptRepoScriptsDirectory() + "/" + file->fileName;
+  if (!isValidChecksumForFile(*file, item->checksumValues)) {
+    log.info("Not able to compute checksum processing, redownloading script");
+    if (!downloadScript(file->fileSystemLocation, file->fileName)) return {};
+    if (!isValidChecksumForFile(*file, item->checksumValues)) {
+      log.info("Not able to compute checksum processing after redownloading");
+      return {};
+    }
+  }
+  const auto repo = item->getScriptRepo(scriptID);
+  if (!repo) {
+    log.info("Not able to get script data");
+    return {};
+  }
+  return executeScript(*repo);
+}
+
+// ---- Files of one script ---------------------------------------------------------------------
+
+std::optional<ScriptItem> ScriptRepositoryProcessor::Request::getScriptItemData() const {
+  const UnitLog log{kUnit, "getScriptItemData()"};
+  std::error_code error;
+  std::string bytes = files::readWhole(scriptDataFilePath, error);
+  if (error) {
+    log.info("Error while reading file " + scriptDataFilePath + " " + files::description(error));
+    return std::nullopt;
+  }
+  auto roots = guarded(std::optional<std::vector<ScriptRoot>>{}, [&] {
+    return MarkupParser::XML::parse(std::move(bytes), std::nullopt, false).toStruct<ScriptRoot>();
+  });
+  if (!roots || roots->empty()) {
+    log.info("Unable to get file data");
+    return std::nullopt;
+  }
+  auto& items = roots->front().script;
+  if (items.empty()) {
+    // The same words as above, on purpose: the document holds nothing to work with.
+    log.info("Unable to get file data");
+    return std::nullopt;
+  }
+  return std::move(items.front());
+}
+
+namespace {
+
+/// The server path of a file, from the server's own notation of its location.
+std::string serverPath(const std::string& fileSystemLocation) {
+  const std::string relative =
+      text::replacingAll(fileSystemLocation, "..\\webapps\\Quillandermoor\\", "");
+  return text::replacingAll(relative, "\\", "/");
+}
+
+}  // namespace
+
+bool ScriptRepositoryProcessor::Request::downloadScript(const std::string& fileSystemLocation,
+                                                        const std::string& fileName) {
+  const std::string localPath = scriptRepoScriptsDirectory() + "/" + fileName;
+  // Set whatever becomes of the download: a partial or stale file fails the checksum test.
+  scriptFilePath = localPath;
+  if (!download(serverPath(fileSystemLocation), localPath)) return false;
+  ScriptRepositoryLocalMetaProcessor::shared().setScriptPath(scriptID, localPath);
+  return true;
+}
+
+bool ScriptRepositoryProcessor::Request::isValidChecksumForFile(
+    const VyFile& withFileData, const std::vector<ChecksumValue>& allChecksumData) const {
+  const UnitLog log{kUnit, "isValidChecksumForFile(withFileData:allChecksumData:)"};
+  if (withFileData.csToVyFiles.empty()) {
+    log.info("Unable to get checksum ID");
+    return false;
+  }
+  const std::string& checksumID = withFileData.csToVyFiles.front().checksumID;
+  const ChecksumValue* checksum = nullptr;
+  for (const ChecksumValue& candidate : allChecksumData) {
+    if (checksum == nullptr && text::equal(candidate.checksumID, checksumID)) checksum = &candidate;
+  }
+  if (checksum == nullptr) {
+    log.info("Unable to get checksum data");
+    return false;
+  }
+  if (!scriptFilePath) return false;
+  const bool matches = guarded(false, [&] {
+    return AgentUtils::VyCryptography::validateCheckSumForFile(
+        *scriptFilePath, checksum->checksumType, checksum->checksumVal);
+  });
+  if (!matches) {
+    log.info("Checksum mismatch ID " + checksum->checksumID + " Server Checksum " +
+             checksum->checksumVal + " Server Checksum Type " + checksum->checksumType);
+  }
+  return matches;
+}
+
+// ---- Execution -------------------------------------------------------------------------------
+
+namespace {
+
+bool contains(const std::vector<std::string>& codes, const std::string& code) {
+  for (const std::string& accepted : codes) {
+    if (accepted == code) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+ProcessingResult ScriptRepositoryProcessor::Request::executeScript(
+    const ScriptRepo& scriptData) const {
+  const UnitLog log{kUnit, "executeScript(scriptData:)"};
+  if (!scriptFilePath) {
+    log.info("Unable to get script file path");
+    return {};
+  }
+  const auto launchPath = getLaunchPath(scriptData.scriptName);
+  if (!launchPath) {
+    log.info("Unable to get launch path for " + scriptData.scriptName);
+    return {};
+  }
+  const std::vector<std::string> arguments = splitWithQuotes(scriptData.scriptArgs);
+  const std::vector<std::string> expectedCodes = text::pieces(scriptData.exitCode, ',');
+  log.info("Script Name: " + scriptData.scriptName + " Args: " + scriptData.scriptArgs +
+           " Expected Exit Code: " + scriptData.exitCode);
+  auto [status, output] =
+      shell(*launchPath, *scriptFilePath, arguments, scriptRepoScriptsDirectory(), kTimeLimit);
+  if (!status || !output) {
+    log.info("Script Output: No Output Exit Code: nil");
+    return {};
+  }
+  const std::string code = std::to_string(*status);
+  // Without memory for the line, the verdict on a script that has run still stands.
+  guarded([&, &text = *output] { log.info("Script Output: " + text + " Exit Code: " + code); });
+
+  // A list set by the caller decides alone, even an empty one.
+  const bool overridden = overrideExpectedReturnCode.has_value();
+  const auto& acceptedCodes = overridden ? *overrideExpectedReturnCode : expectedCodes;
+  if (contains(acceptedCodes, code)) return {true, std::move(output)};
+  guarded([&] {
+    // Log searches match these lines exactly; the spelling of the first one stays.
+    log.info((overridden ? "Script Return Code did not match expected overriden exit code: "
+                         : "Script Return Code did not match expected exit code: ") +
+             text::listText(acceptedCodes));
+  });
+  return {false, std::move(output)};
+}
+
+std::optional<std::string> ScriptRepositoryProcessor::Request::getLaunchPath(
+    const std::string& fileName) {
+  struct Interpreter {
+    std::string_view extension;
+    const char* launchPath;
+  };
+  static constexpr Interpreter interpreters[] = {
+      {"py", "/usr/bin/python3"},
+      {"sh", "/bin/sh"},
+      {"pl", "/usr/bin/perl"},
+      {"scpt", "/usr/bin/osascript"},
+  };
+  const std::string_view extension = text::trimmed(text::pathExtension(fileName));
+  for (const Interpreter& interpreter : interpreters) {
+    if (extension == interpreter.extension) return interpreter.launchPath;
+  }
+  return std::nullopt;
+}
+
+std::vector<std::string> ScriptRepositoryProcessor::Request::splitWithQuotes(
+    const std::string& text) {
+  enum class State { betweenTokens, plainToken, quotedToken };
+  State state = State::betweenTokens;
+  std::vector<std::string> tokens;
+  std::string token;
+  const auto endToken = [&] {
+    tokens.push_back(std::exchange(token, {}));
+    state = State::betweenTokens;
+  };
+  text::Characters characters(text);
+  while (const auto character = characters.next()) {
+    const bool quote = *character == "\"";
+    switch (state) {
+      case State::betweenTokens:
+        if (text::isWhitespace(*character)) break;
+        state = quote ? State::quotedToken : State::plainToken;
+        if (!quote) token = *character;
+        break;
+      case State::plainToken:
+        // A quote inside a plain token is a character like any other.
+        if (text::isWhitespace(*character))
+          endToken();
+        else
+          token += *character;
+        break;
+      case State::quotedToken:
+        if (quote)
+          endToken();
+        else
+          token += *character;
+        break;
+    }
+  }
+  // A quote that is never closed gives what follows it, even when nothing does.
+  if (state != State::betweenTokens) endToken();
+  return tokens;
+}
+
+// ---- Removal ---------------------------------------------------------------------------------
+
+namespace {
+
+/// The local IDs that the server does not list, each once, in the order of the store.
+std::vector<std::string> droppedIDs(const std::vector<std::string>& localIDs,
+                                    const std::vector<std::string>& serverIDs) {
+  std::set<std::string> kept;
+  for (const std::string& id : serverIDs) kept.insert(text::equalityKey(id));
+  std::vector<std::string> dropped;
+  for (const std::string& id : localIDs) {
+    // An ID that was taken counts as kept from then on, so that none is taken twice.
+    if (kept.insert(text::equalityKey(id)).second) dropped.push_back(id);
+  }
+  return dropped;
+}
+
+void removeWithLog(const std::string& path, const UnitLog& log) {
+  if (!files::exists(path)) return;
+  log.info("Removing File " + path);
+  std::error_code error;
+  files::removeItem(path, error);
+  if (error) log.info("Removing File Error " + files::description(error));
+}
+
+}  // namespace
+
+void ScriptRepositoryProcessor::removeServerRemovedScripts() {
+  const UnitLog log{kUnit, "removeServerRemovedScripts()"};
+  guarded([&] {
+    const auto& allMetaData = ScriptRepositoryMetaProcessor::shared().scriptRepoAllMetaData();
+    if (!allMetaData) {
+      // Nothing in the library sets the container, so removal is put off until the host does.
+      log.info(
+          "Removing Local Scripts, Script Repo Meta Data Not available, will be processed later");
+      return;
+    }
+    const std::vector<std::string> dropped =
+        droppedIDs(ScriptRepositoryLocalMetaProcessor::shared().getAllScriptIDs(),
+                   allMetaData->getAllAvailableScriptIDs());
+    if (dropped.empty()) {
+      log.info("No Scripts to remove from Script Repo");
+      return;
+    }
+    log.info("Script Repository Processing: Removing " + text::listText(dropped) + " Scripts");
+    for (const std::string& id : dropped) {
+      // What happens to one script stops none of the others.
+      guarded([&] { Request(id).removeScriptData(); });
+    }
+  });
+}
+
+void ScriptRepositoryProcessor::Request::removeScriptData() const {
+  const UnitLog log{kUnit, "removeScriptData()"};
+  auto& localMeta = ScriptRepositoryLocalMetaProcessor::shared();
+  guarded([&] {
+    if (const auto path = localMeta.getScriptPath(scriptID)) removeWithLog(*path, log);
+  });
+  guarded([&] { removeWithLog(scriptDataFilePath, log); });
+  // The row goes even when a file could not be removed; that file is not tried again.
+  localMeta.removeScriptData(scriptID);
+}
+
+namespace {
+
+// Stands in this file, so that every program has it that uses the class, also one that links the
+// units from an archive.
+[[gnu::constructor]] void registerRemoval() {
+  registerWithObjectRuntime(ScriptRepositoryProcessor::removeServerRemovedScripts);
+}
+
+}  // namespace
+
+}  // namespace VarnScriptRepository

@@ -1,0 +1,56 @@
+// The inside of a `ScriptRepositoryProcessor`: the state of one request and its steps. Each step
+// logs its own failures and throws nothing the caller would have to know.
+
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ScriptRepositoryRecords.h"
+#include "VarnScriptRepository/ScriptRepositoryProcessor.h"
+
+namespace VarnScriptRepository {
+
+struct [[gnu::visibility("hidden")]] ScriptRepositoryProcessor::Request {
+  const std::string scriptID;
+  std::optional<std::vector<std::string>> overrideExpectedReturnCode;
+  /// Full path of the script file; absent until a path of the request has set it.
+  std::optional<std::string> scriptFilePath;
+  /// Full path of this script's data document.
+  const std::string scriptDataFilePath;
+
+  explicit Request(const std::string& scriptID);
+
+  // ---- Flow
+  ProcessingResult processScript();
+
+  // ---- Two paths
+  ProcessingResult downloadAndExecuteScript(const ScriptRepositoryMeta& serverScriptRepoMeta);
+  ProcessingResult executeScriptWithoutDownload(const ScriptRepositoryMeta& serverScriptRepoMeta);
+
+  // ---- Files of one script
+  /// The first item of the data document on disk, or nothing.
+  std::optional<ScriptItem> getScriptItemData() const;
+  /// Fetches the script file; sets `scriptFilePath` first, and records the path on success.
+  bool downloadScript(const std::string& fileSystemLocation, const std::string& fileName);
+  /// Whether the file at `scriptFilePath` has the checksum that the server published for it.
+  bool isValidChecksumForFile(const VyFile& withFileData,
+                              const std::vector<ChecksumValue>& allChecksumData) const;
+
+  // ---- Execution
+  ProcessingResult executeScript(const ScriptRepo& scriptData) const;
+  // These two are exported for the command, which tells what a request would run.
+  /// The interpreter for a file name, or nothing for an unknown extension.
+  [[gnu::visibility("default")]] static std::optional<std::string> getLaunchPath(
+      const std::string& fileName);
+  /// The arguments in an argument text: separated by white space, or between double quotes.
+  [[gnu::visibility("default")]] static std::vector<std::string> splitWithQuotes(
+      const std::string& text);
+
+  // ---- Removal
+  /// Removes the script file, the data document and the local record of this script.
+  void removeScriptData() const;
+};
+
+}  // namespace VarnScriptRepository

@@ -1,0 +1,80 @@
+// The part of Child.h that is the same on every POSIX system.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <string_view>
+#include <utility>
+
+#include "platform/ChildParts.h"
+
+namespace VarnScriptRepository::platform {
+
+std::error_code lastError() noexcept { return {errno, std::generic_category()}; }
+
+FileDescriptor beyondStandardDescriptors(FileDescriptor fd) noexcept {
+  if (fd.get() > STDERR_FILENO) return fd;
+  return FileDescriptor(::fcntl(fd.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+}
+
+std::size_t bytesHeld(int readingEnd) noexcept {
+  int held = 0;
+  if (::ioctl(readingEnd, FIONREAD, &held) != 0 || held < 0) return 0;
+  return static_cast<std::size_t>(held);
+}
+
+bool hasNUL(const Program& program) noexcept {
+  const auto contains = [](std::string_view text) { return text.find('\0') != text.npos; };
+  if (contains(program.launchPath) || contains(program.directory)) return true;
+  for (const std::string& argument : program.arguments) {
+    if (contains(argument)) return true;
+  }
+  return false;
+}
+
+std::vector<char*> argumentPointers(const Program& program) {
+  std::vector<char*> pointers;
+  pointers.reserve(program.arguments.size() + 2);
+  // exec takes pointers to mutable characters for historical reasons; it does not write to them.
+  pointers.push_back(const_cast<char*>(program.launchPath.c_str()));
+  for (const std::string& argument : program.arguments) {
+    pointers.push_back(const_cast<char*>(argument.c_str()));
+  }
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+std::int32_t statusFromWait(int status) noexcept {
+  return WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+std::optional<std::int32_t> waitForStatus(int processID) noexcept {
+  int status = 0;
+  const auto waited = retryOnInterrupt([&] { return ::waitpid(processID, &status, 0); });
+  if (waited != processID) return std::nullopt;
+  return statusFromWait(status);
+}
+
+Child::Child(Child&& other) noexcept
+    : processID_(std::exchange(other.processID_, 0)),
+      endDescriptor_(std::move(other.endDescriptor_)) {}
+
+Child::~Child() {
+  if (processID_ != 0) static_cast<void>(reap());
+}
+
+bool Child::hasEnded() const noexcept {
+  siginfo_t info{};
+  const int result = retryOnInterrupt([&] {
+    return ::waitid(P_PID, static_cast<id_t>(processID_), &info, WEXITED | WNOHANG | WNOWAIT);
+  });
+  // Where the host ignores SIGCHLD an ended child is gone, and the call fails.
+  return result != 0 || info.si_pid != 0;
+}
+
+void Child::terminateGroup() const noexcept { ::kill(-processID_, SIGTERM); }
+
+}  // namespace VarnScriptRepository::platform

@@ -1,0 +1,33 @@
+// What the source files behind Child.h share.
+
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "platform/Child.h"
+
+namespace VarnScriptRepository::platform {
+
+/// The current `errno` as an error code.
+[[nodiscard]] std::error_code lastError() noexcept;
+
+/// `fd`, or a duplicate beyond the standard descriptors that closes on exec. Empty on failure.
+[[nodiscard]] FileDescriptor beyondStandardDescriptors(FileDescriptor fd) noexcept;
+
+/// Whether a text can be handed to the system: it ends at its first NUL byte.
+[[nodiscard]] bool hasNUL(const Program& program) noexcept;
+
+/// `argv` of the program, ended by a null pointer. Points into `program`.
+[[nodiscard]] std::vector<char*> argumentPointers(const Program& program);
+
+/// The exit status or the signal's number in a status as `waitpid` gives it.
+[[nodiscard]] std::int32_t statusFromWait(int status) noexcept;
+
+/// Waits for the process; nothing when its status can't be had.
+[[nodiscard]] std::optional<std::int32_t> waitForStatus(int processID) noexcept;
+
+}  // namespace VarnScriptRepository::platform

@@ -1,0 +1,163 @@
+// The rotating log file.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <stdexcept>
+
+#include "LogSettings.h"
+#include "support/TemporaryDirectory.h"
+
+using AgentLog::LogSettings;
+
+namespace {
+
+class LogFile : public testing::Test {
+ protected:
+  void open() {
+    LogSettings settings;
+    settings.file = path;
+    settings.quiet = true;
+    AgentLog::configure(settings);
+  }
+
+  void TearDown() override { AgentLog::configure({}); }
+
+  std::string openError() {
+    try {
+      open();
+      return "(none)";
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+  }
+
+  TemporaryDirectory directory;
+  const std::string path = directory / "agent.log";
+};
+
+/// The file's text without each line's time.
+std::string linesWithoutTimes(const std::string& path) {
+  const std::string text = readFile(path);
+  std::string lines;
+  for (std::size_t start = 0; start < text.size();) {
+    const std::size_t end = text.find('\n', start) + 1;
+    const std::size_t blank = text.find(' ', start) + 1;
+    lines += text.substr(blank, end - blank);
+    start = end;
+  }
+  return lines;
+}
+
+TEST_F(LogFile, TakesEachRecordAtOnce) {
+  open();
+  AgentLog::logInfo("one", "Unit", "operation()", 1);
+  EXPECT_EQ(linesWithoutTimes(path), "info Unit operation() 1 one\n");
+  AgentLog::logError("two", "Unit", "operation()", 2);
+  EXPECT_EQ(linesWithoutTimes(path),
+            "info Unit operation() 1 one\nerror Unit operation() 2 two\n");
+}
+
+TEST_F(LogFile, WritesNothingToStandardError) {
+  LogSettings settings;
+  settings.file = path;
+  AgentLog::configure(settings);
+  testing::internal::CaptureStderr();
+  AgentLog::logInfo("one", "Unit", "operation()", 1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(LogFile, IsAddedTo) {
+  writeFile(path, "T info before\n");
+  open();
+  AgentLog::logInfo("one", "Unit", "operation()", 1);
+  EXPECT_EQ(linesWithoutTimes(path), "info before\ninfo Unit operation() 1 one\n");
+}
+
+TEST_F(LogFile, IsForTheOwnerAloneWhateverTheUmask) {
+  const Umask umask(0);
+  open();
+  EXPECT_EQ(modeOf(path), 0600u);
+}
+
+TEST_F(LogFile, RotatesAtTenMebibytesAndKeepsThreeOlderOnes) {
+  const Umask umask(0);
+  open();
+  const std::string message(1 << 20, 'x');
+  for (int line = 0; line < 50; ++line) AgentLog::logInfo(message, "Unit", "operation()", 1);
+  EXPECT_EQ(directory.names(), (std::vector<std::string>{"agent.1.log", "agent.2.log",
+                                                         "agent.3.log", "agent.log"}));
+  for (const std::string& name : directory.names()) {
+    EXPECT_LE(std::filesystem::file_size(directory / name), 10u << 20) << name;
+    EXPECT_EQ(modeOf(directory / name), 0600u) << name;
+  }
+}
+
+TEST_F(LogFile, IsNotInheritedByPrograms) {
+  open();
+  struct stat log {};
+  ASSERT_EQ(stat(path.c_str(), &log), 0);
+  int found = 0;
+  for (int fd = 0; fd < 256; ++fd) {
+    struct stat status {};
+    if (fstat(fd, &status) != 0 || status.st_ino != log.st_ino || status.st_dev != log.st_dev) {
+      continue;
+    }
+    ++found;
+    EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+  }
+  EXPECT_EQ(found, 1);
+}
+
+TEST_F(LogFile, ThatCannotBeOpenedIsAnErrorThatNamesIt) {
+  const std::string missing = directory / "missing/agent.log";
+  LogSettings settings;
+  settings.file = missing;
+  try {
+    AgentLog::configure(settings);
+    FAIL() << "no error";
+  } catch (const std::runtime_error& error) {
+    EXPECT_EQ(error.what(),
+              "can't open the log file " + missing + ": No such file or directory");
+  }
+  EXPECT_FALSE(std::filesystem::exists(directory / "missing"));
+}
+
+TEST_F(LogFile, IsNotWrittenThroughALink) {
+  writeFile(directory / "elsewhere", "kept");
+  ASSERT_EQ(symlink("elsewhere", path.c_str()), 0);
+  EXPECT_NE(openError(), "(none)");
+  EXPECT_EQ(readFile(directory / "elsewhere"), "kept");
+}
+
+TEST_F(LogFile, IsNoFIFOAndNoDirectory) {
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_NE(openError(), "(none)");
+  ASSERT_EQ(unlink(path.c_str()), 0);
+  ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
+  EXPECT_NE(openError(), "(none)");
+}
+
+TEST_F(LogFile, ThatCannotBeWrittenLosesRecordsSilently) {
+  // A file size limit stands for a full disk.
+  struct sigaction ignore {};
+  ignore.sa_handler = SIG_IGN;
+  sigaction(SIGXFSZ, &ignore, nullptr);
+  open();
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+  const rlimit none{0, limit.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
+  testing::internal::CaptureStderr();
+  EXPECT_NO_THROW(AgentLog::logInfo("lost", "Unit", "operation()", 1));
+  EXPECT_NO_THROW(AgentLog::logError("lost", "Unit", "operation()", 2));
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+}  // namespace

@@ -1,0 +1,232 @@
+// The lines that records become, and standard error as their destination.
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <functional>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "LogLine.h"
+#include "LogSettings.h"
+
+using AgentLog::LogSettings;
+using AgentLog::Record;
+
+namespace {
+
+using namespace std::string_literals;
+
+Record record(const std::string& message) {
+  return {Record::Level::info, message, "ScriptRepositoryProcessor", "processScript()", 123};
+}
+
+TEST(LogTime, IsUTCWithMilliseconds) {
+  using std::chrono::milliseconds;
+  using std::chrono::system_clock;
+  const auto text = [](long long sinceEpoch) {
+    return AgentLog::timeText(system_clock::time_point(milliseconds(sinceEpoch)));
+  };
+  EXPECT_EQ(text(0), "1970-01-01T00:00:00.000Z");
+  EXPECT_EQ(text(1795242616123), "2026-11-21T06:30:16.123Z");
+  EXPECT_EQ(text(951782399999), "2000-02-28T23:59:59.999Z");
+  EXPECT_EQ(text(951782400000), "2000-02-29T00:00:00.000Z");
+}
+
+TEST(LogTextLine, HasTimeLevelSourceOperationLineAndMessage) {
+  EXPECT_EQ(AgentLog::textLine("T", record("Processing Script ID 42")),
+            "T info ScriptRepositoryProcessor processScript() 123 Processing Script ID 42");
+  Record error = record("m");
+  error.level = Record::Level::error;
+  EXPECT_EQ(AgentLog::textLine("T", error),
+            "T error ScriptRepositoryProcessor processScript() 123 m");
+}
+
+TEST(LogTextLine, IsOneLineWhateverTheMessage) {
+  const std::string start = "T info ScriptRepositoryProcessor processScript() 123 ";
+  const struct {
+    std::string message, shown;
+  } rows[] = {
+      {"", ""},
+      {"a\nb", "a\\nb"},
+      {"a\r\nb\n", "a\\r\\nb\\n"},
+      {"a\\nb", "a\\nb"},
+      {"\xC3\xA9 \"quoted\"", "\xC3\xA9 \"quoted\""},
+      {"\xFF", "\xFF"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(AgentLog::textLine("T", record(row.message)), start + row.shown);
+  }
+}
+
+TEST(LogJSONLine, HasExactlyItsKeysInTheirOrder) {
+  EXPECT_EQ(AgentLog::jsonLine("T", record("Processing Script ID 42")),
+            R"({"time":"T","level":"info","source":"ScriptRepositoryProcessor",)"
+            R"("operation":"processScript()","line":123,"message":"Processing Script ID 42"})");
+}
+
+TEST(LogJSONLine, KeepsTheExactMessageAndReplacesWhatIsNotUTF8) {
+  const auto messageOf = [](const std::string& message) {
+    const std::string line = AgentLog::jsonLine("T", record(message));
+    const std::string key = "\"message\":";
+    return line.substr(line.find(key) + key.size());
+  };
+  EXPECT_EQ(messageOf("a\nb\r\"\\"), R"("a\nb\r\"\\"})");
+  EXPECT_EQ(messageOf("nul\0!"s), R"("nul\u0000!"})");
+  EXPECT_EQ(messageOf("\xC3\xA9"), "\"\xC3\xA9\"}");
+  EXPECT_EQ(messageOf("a\xFF"), "\"a\xEF\xBF\xBD\"}");
+  EXPECT_EQ(messageOf("a\xC3"), "\"a\xEF\xBF\xBD\"}");
+}
+
+/// What `work` writes to standard error.
+std::string standardErrorOf(const std::function<void()>& work) {
+  testing::internal::CaptureStderr();
+  work();
+  return testing::internal::GetCapturedStderr();
+}
+
+/// The line without its time.
+std::string withoutTime(const std::string& line) { return line.substr(line.find(' ') + 1); }
+
+TEST(Log, GoesToStandardErrorAsTextUntilConfigured) {
+  const std::string written = standardErrorOf(
+      [] { AgentLog::logInfo("hello\nworld", "Unit", "operation(with:)", 7); });
+  EXPECT_EQ(withoutTime(written), "info Unit operation(with:) 7 hello\\nworld\n");
+  EXPECT_EQ(written.find(' '), std::string("2026-11-21T06:30:16.123Z").size());
+}
+
+TEST(Log, WritesErrorsAtTheirLevel) {
+  const std::string written =
+      standardErrorOf([] { AgentLog::logError("broken", "Unit", "operation()", 8); });
+  EXPECT_EQ(withoutTime(written), "error Unit operation() 8 broken\n");
+}
+
+TEST(Log, WritesOneJSONObjectForEachRecord) {
+  LogSettings settings;
+  settings.format = LogSettings::Format::json;
+  AgentLog::configure(settings);
+  const std::string written = standardErrorOf([] {
+    AgentLog::logInfo("a\nb", "Unit", "operation()", 1);
+    AgentLog::logError("c", "Unit", "operation()", 2);
+  });
+  const std::size_t end = written.find('\n');
+  const std::string first = written.substr(0, end);
+  EXPECT_TRUE(first.starts_with("{\"time\":\"2")) << first;
+  EXPECT_TRUE(first.ends_with(R"("level":"info","source":"Unit","operation":"operation()",)"
+                              R"("line":1,"message":"a\nb"})"))
+      << first;
+  EXPECT_TRUE(written.ends_with(R"("line":2,"message":"c"})"
+                                "\n"))
+      << written;
+}
+
+TEST(Log, QuietWritesNothingButTellsTheObserver) {
+  std::vector<std::string> seen;
+  LogSettings settings;
+  settings.quiet = true;
+  settings.observer = [&seen](const Record& given) {
+    seen.push_back(given.source + '|' + given.operation + '|' + std::to_string(given.line) + '|' +
+                   given.message + (given.level == Record::Level::error ? "|error" : "|info"));
+  };
+  AgentLog::configure(settings);
+  const std::string written = standardErrorOf([] {
+    AgentLog::logInfo("a\nb", "Unit", "operation()", 1);
+    AgentLog::logError("c", "Unit", "operation()", 2);
+  });
+  EXPECT_EQ(written, "");
+  EXPECT_EQ(seen, (std::vector<std::string>{"Unit|operation()|1|a\nb|info",
+                                            "Unit|operation()|2|c|error"}));
+}
+
+TEST(Log, SurvivesAnObserverThatThrows) {
+  LogSettings settings;
+  settings.quiet = true;
+  settings.observer = [](const Record&) { throw std::runtime_error("no"); };
+  AgentLog::configure(settings);
+  EXPECT_NO_THROW(AgentLog::logInfo("a", "Unit", "operation()", 1));
+}
+
+TEST(Log, DoesNotTakeTextForAFormat) {
+  const std::string written =
+      standardErrorOf([] { AgentLog::logInfo("{} %s {0} {", "Unit", "operation()", 7); });
+  EXPECT_EQ(withoutTime(written), "info Unit operation() 7 {} %s {0} {\n");
+}
+
+TEST(Log, KeepsTheLinesOfManyThreadsWhole) {
+  const std::string written = standardErrorOf([] {
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 4; ++thread) {
+      threads.emplace_back([] {
+        for (int line = 0; line < 50; ++line) {
+          AgentLog::logInfo(std::string(300, 'x'), "Unit", "operation()", 1);
+        }
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+  });
+  std::size_t lines = 0;
+  for (std::size_t start = 0; start < written.size(); ++lines) {
+    const std::size_t end = written.find('\n', start);
+    ASSERT_EQ(withoutTime(written.substr(start, end - start)),
+              "info Unit operation() 1 " + std::string(300, 'x'));
+    start = end + 1;
+  }
+  EXPECT_EQ(lines, 200u);
+}
+
+/// The exit status of a child that runs `work` with standard error on a pipe that nobody reads; the
+/// negative signal when one ended it.
+int statusWithClosedStandardError(const std::function<int()>& work) {
+  const pid_t child = fork();
+  if (child == 0) {
+    int ends[2];
+    if (pipe(ends) != 0) _exit(99);
+    close(ends[0]);
+    dup2(ends[1], STDERR_FILENO);
+    _exit(work());
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+TEST(Log, AClosedStandardErrorNeitherThrowsNorEndsTheProcess) {
+  EXPECT_EQ(statusWithClosedStandardError([] {
+              AgentLog::logInfo("a", "Unit", "operation()", 1);
+              AgentLog::logError("b", "Unit", "operation()", 2);
+              return 17;
+            }),
+            17);
+}
+
+TEST(Log, AClosedStandardErrorLeavesNoSignalAndNoMaskBehind) {
+  EXPECT_EQ(statusWithClosedStandardError([] {
+              AgentLog::logInfo("a", "Unit", "operation()", 1);
+              sigset_t pending;
+              sigpending(&pending);
+              sigset_t mask;
+              pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+              return 10 + sigismember(&pending, SIGPIPE) + 2 * sigismember(&mask, SIGPIPE);
+            }),
+            10);
+}
+
+TEST(Log, LeavesASignalAloneThatWasPendingBefore) {
+  EXPECT_EQ(statusWithClosedStandardError([] {
+              sigset_t sigpipe;
+              sigemptyset(&sigpipe);
+              sigaddset(&sigpipe, SIGPIPE);
+              pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr);
+              raise(SIGPIPE);
+              AgentLog::logInfo("a", "Unit", "operation()", 1);
+              sigset_t pending;
+              sigpending(&pending);
+              return 10 + sigismember(&pending, SIGPIPE);
+            }),
+            11);
+}
+
+}  // namespace

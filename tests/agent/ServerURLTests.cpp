@@ -1,0 +1,88 @@
+// Joining a server path to the server's URL, and reading file:// URLs.
+
+#include "ServerURL.h"
+
+#include <gtest/gtest.h>
+
+using namespace AgentUtils;
+
+namespace {
+
+using namespace std::string_literals;
+
+TEST(ServerURL, JoinsPathToServerWithOneSlash) {
+  const struct {
+    std::string server, path, url;
+  } rows[] = {
+      {"https://host", "a", "https://host/a"},
+      {"https://host", "/a", "https://host/a"},
+      {"https://host/", "a", "https://host/a"},
+      {"https://host/", "/a", "https://host/a"},
+      {"https://host//", "//a", "https://host/a"},
+      {"https://host/repo/", "/a/b/", "https://host/repo/a/b/"},
+      {"https://host/repo", "a//b", "https://host/repo/a//b"},
+      {"https://host", "", "https://host/"},
+      {"file:///", "/a", "file:///a"},
+      {"file:///srv/repo", "a", "file:///srv/repo/a"},
+      {"https://host/has%20escape", "a", "https://host/has%20escape/a"},
+  };
+  for (const auto& row : rows) EXPECT_EQ(urlOfServerPath(row.server, row.path), row.url);
+}
+
+TEST(ServerURL, EncodesWhatAPathCannotHoldAndLeavesTheRest) {
+  const struct {
+    std::string path, encoded;
+  } rows[] = {
+      {"azAZ09-._~", "azAZ09-._~"},
+      {"!$&'()*+,;=:@", "!$&'()*+,;=:@"},
+      {"a b", "a%20b"},
+      {"a?b#c", "a%3Fb%23c"},
+      {"\"<>\\^`{|}[]", "%22%3C%3E%5C%5E%60%7B%7C%7D%5B%5D"},
+      {"\x01\x7F", "%01%7F"},
+      {"\xC3\xA9", "%C3%A9"},
+      {"\xFF", "%FF"},
+      {"a\0b"s, "a%00b"},
+      {"%41", "%41"},
+      {"%4g", "%254g"},
+      {"%4", "%254"},
+      {"%", "%25"},
+      {"50%", "50%25"},
+      {"%%41", "%25%41"},
+      {"%aF", "%aF"},
+  };
+  for (const auto& row : rows) EXPECT_EQ(urlOfServerPath("s:/", row.path), "s:/" + row.encoded);
+}
+
+TEST(ServerURL, SchemesCompareWithoutCase) {
+  EXPECT_TRUE(hasScheme("https://h/", "https"));
+  EXPECT_TRUE(hasScheme("HTTPS://h/", "https"));
+  EXPECT_FALSE(hasScheme("https://h/", "http"));
+  EXPECT_FALSE(hasScheme("http://h/", "https"));
+  EXPECT_FALSE(hasScheme("https:h", "https"));
+  EXPECT_FALSE(hasScheme("", "https"));
+}
+
+TEST(ServerURL, FileURLNamesTheDecodedPath) {
+  EXPECT_EQ(pathOfFileURL("file:///srv/a%20b/50%25"), "/srv/a b/50%");
+  EXPECT_EQ(pathOfFileURL("FILE://localhost/a"), "/a");
+  EXPECT_EQ(pathOfFileURL("file://LocalHost/a"), "/a");
+  EXPECT_EQ(pathOfFileURL("file:///a%2"), "/a%2");
+}
+
+TEST(ServerURL, FileURLOfAnotherHostOrWithANulNamesNothing) {
+  EXPECT_EQ(pathOfFileURL("file://host/a"), std::nullopt);
+  EXPECT_EQ(pathOfFileURL("file://"), std::nullopt);
+  EXPECT_EQ(pathOfFileURL("file:///a%00b"), std::nullopt);
+  EXPECT_EQ(pathOfFileURL("http:///a"), std::nullopt);
+}
+
+TEST(ServerURL, ParentComponentIsFoundAnywhereAndOnlyWhole) {
+  for (const char* const path : {"..", "../a", "a/..", "a/../b", "/..", "//..//"}) {
+    EXPECT_TRUE(hasParentComponent(path)) << path;
+  }
+  for (const char* const path : {"", "a", "...", "a..", "..a", "a/..b", ".", "./a", "a/.../b"}) {
+    EXPECT_FALSE(hasParentComponent(path)) << path;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,57 @@
+// An HTTP server on loopback that answers with scripted bytes, broken ones too.
+
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+/// Serves from its own threads until it is destroyed, on a port that the system chose.
+class HttpServer {
+ public:
+  /// What happens to the connection when the answer has been sent.
+  enum class Then { keep, close, reset };
+
+  HttpServer();
+  ~HttpServer();
+  HttpServer(const HttpServer&) = delete;
+  HttpServer& operator=(const HttpServer&) = delete;
+
+  /// "http://127.0.0.1:PORT"
+  [[nodiscard]] std::string url() const;
+
+  /// Answers requests for `path` with exactly these bytes. Unknown paths get a 404.
+  void answer(const std::string& path, const std::string& bytes, Then then = Then::close);
+
+  /// The request heads so far, in the order of their arrival.
+  [[nodiscard]] std::vector<std::string> requests() const;
+  /// How many connections were made.
+  [[nodiscard]] int connections() const { return connections_; }
+
+ private:
+  struct Answer {
+    std::string bytes;
+    Then then = Then::close;
+  };
+
+  void acceptAll();
+  void serve(int connection);
+  [[nodiscard]] Answer answerTo(const std::string& head);
+
+  int listener_ = -1;
+  int port_ = 0;
+  std::atomic<int> connections_ = 0;
+  mutable std::mutex mutex_;  ///< of what follows
+  std::map<std::string, Answer> answers_;
+  std::vector<std::string> requests_;
+  std::vector<int> open_;
+  std::vector<std::thread> threads_;
+  std::thread acceptor_;
+};
+
+/// A whole answer: status line, `headers` (each with its line end), a length, and the body.
+[[nodiscard]] std::string httpAnswer(const std::string& status, const std::string& body,
+                                     const std::string& headers = "");

@@ -1,0 +1,155 @@
+// How a command line is taken, and what is answered at once.
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "CommandLine.h"
+
+namespace VarnScripts {
+namespace {
+
+using Arguments = std::vector<std::string>;
+using Codes = std::vector<std::string>;
+
+CommandLine lineFrom(const Arguments& arguments) {
+  auto result = parseCommandLine(arguments);
+  if (const auto* reply = std::get_if<Reply>(&result)) {
+    ADD_FAILURE() << reply->output << reply->error;
+    return {};
+  }
+  return std::get<CommandLine>(result);
+}
+
+Reply replyTo(const Arguments& arguments) {
+  auto result = parseCommandLine(arguments);
+  if (auto* reply = std::get_if<Reply>(&result)) return *reply;
+  ADD_FAILURE() << "taken: " << testing::PrintToString(arguments);
+  return {};
+}
+
+TEST(ParseCommandLine, TheThreeCommandsAreTaken) {
+  EXPECT_EQ(lineFrom({"run", "42"}).command, CommandLine::Command::run);
+  EXPECT_EQ(lineFrom({"run", "42"}).scriptID, "42");
+  EXPECT_EQ(lineFrom({"prune"}).command, CommandLine::Command::prune);
+  EXPECT_EQ(lineFrom({"list"}).command, CommandLine::Command::list);
+}
+
+TEST(ParseCommandLine, GlobalOptionsStandBeforeAndAfterTheCommand) {
+  const SettingTexts expected = {{"base_path", "/b"}, {"customer", "7"}, {"quiet", "true"}};
+  for (const Arguments& arguments :
+       {Arguments{"--base-path", "/b", "--customer=7", "--quiet", "run", "42"},
+        Arguments{"run", "--base-path", "/b", "42", "--customer", "7", "--quiet"},
+        Arguments{"--base-path=/b", "run", "42", "--quiet", "--customer=7"}}) {
+    const CommandLine line = lineFrom(arguments);
+    EXPECT_EQ(line.flags, expected) << testing::PrintToString(arguments);
+    EXPECT_EQ(line.scriptID, "42") << testing::PrintToString(arguments);
+  }
+}
+
+TEST(ParseCommandLine, EverySettingIsAFlag) {
+  const CommandLine line =
+      lineFrom({"--config", "f",   "--base-path",    "a", "--data-path",   "b", "--customer",   "c",
+                "--server", "d",   "--ca-file",      "e", "--client-cert", "g", "--client-key", "h",
+                "--proxy",  "i",   "--max-download", "j", "--log-format",  "k", "--log-file",   "l",
+                "--quiet",  "list"});
+  const SettingTexts expected = {{"base_path", "a"},  {"data_path", "b"}, {"customer", "c"},
+                                 {"server", "d"},     {"ca_file", "e"},   {"client_cert", "g"},
+                                 {"client_key", "h"}, {"proxy", "i"},     {"max_download", "j"},
+                                 {"log_format", "k"}, {"log_file", "l"},  {"quiet", "true"}};
+  EXPECT_EQ(line.flags, expected);
+  EXPECT_EQ(line.configFile, "f");
+}
+
+TEST(ParseCommandLine, NothingGivenIsNothingSet) {
+  const CommandLine line = lineFrom({"run", "42"});
+  EXPECT_EQ(line.flags, SettingTexts{});
+  EXPECT_EQ(line.configFile, "");
+  EXPECT_EQ(line.acceptCodes, std::nullopt);
+  EXPECT_FALSE(line.json);
+}
+
+TEST(ParseCommandLine, AcceptedCodesAreSplitAtCommasAndNotTrimmed) {
+  const struct {
+    const char* list;
+    Codes codes;
+  } rows[] = {
+      {"", {}},
+      {"0", {"0"}},
+      {"0,3", {"0", "3"}},
+      {"0,", {"0", ""}},
+      {",", {"", ""}},
+      {" 0 , 3", {" 0 ", " 3"}},
+      {"-1,0", {"-1", "0"}},
+      {"[0,3]", {"[0", "3]"}},
+      {"--json", {"--json"}},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(lineFrom({"run", "42", "--accept-codes", row.list}).acceptCodes, row.codes)
+        << row.list;
+    EXPECT_EQ(lineFrom({"run", std::string("--accept-codes=") + row.list, "42"}).acceptCodes,
+              row.codes)
+        << row.list;
+  }
+}
+
+TEST(ParseCommandLine, AnEmptyValueAfterAnEqualsSignTakesNothingElse) {
+  const CommandLine line = lineFrom({"run", "--accept-codes=", "--json", "42"});
+  EXPECT_EQ(line.acceptCodes, Codes{});
+  EXPECT_TRUE(line.json);
+  EXPECT_EQ(line.scriptID, "42");
+}
+
+TEST(ParseCommandLine, AnyTextIsAScriptId) {
+  for (const char* id : {"run", "list", "prune", "[1,2]", "a b", "%", "-5", "a=", "\xff"}) {
+    EXPECT_EQ(lineFrom({"run", id}).scriptID, id);
+  }
+  for (const char* id : {"--json", "-x", "--a=", "--"}) {
+    EXPECT_EQ(lineFrom({"run", "--", id}).scriptID, id);
+  }
+  EXPECT_TRUE(lineFrom({"run", "--json", "--", "--json"}).json);
+}
+
+TEST(ParseCommandLine, JsonBelongsToRunAndList) {
+  EXPECT_TRUE(lineFrom({"run", "42", "--json"}).json);
+  EXPECT_TRUE(lineFrom({"list", "--json"}).json);
+  EXPECT_EQ(replyTo({"prune", "--json"}).exitStatus, 2);
+}
+
+TEST(ParseCommandLine, AMistakeIsAUsageError) {
+  for (const Arguments& arguments :
+       {Arguments{}, Arguments{"publish"}, Arguments{"run"}, Arguments{"run", ""},
+        Arguments{"run", "1", "2"}, Arguments{"--nope", "list"}, Arguments{"run", "42", "-x"},
+        Arguments{"list", "--server"}, Arguments{"list", "prune"}, Arguments{"list", "extra"},
+        Arguments{"--customer", "1", "list", "--customer", "2"},
+        Arguments{"list", "--accept-codes", "0"}}) {
+    const Reply reply = replyTo(arguments);
+    EXPECT_EQ(reply.exitStatus, 2) << testing::PrintToString(arguments);
+    EXPECT_EQ(reply.output, "") << testing::PrintToString(arguments);
+    EXPECT_TRUE(reply.error.starts_with("varn-scripts: ")) << reply.error;
+    EXPECT_TRUE(reply.error.ends_with("\nvarn-scripts --help tells how it is used.\n"))
+        << reply.error;
+  }
+  EXPECT_EQ(replyTo({"run", ""}).error,
+            "varn-scripts: SCRIPT_ID must not be empty\n"
+            "varn-scripts --help tells how it is used.\n");
+}
+
+TEST(ParseCommandLine, HelpAndVersionAreAnswered) {
+  EXPECT_EQ(replyTo({"--version"}).exitStatus, 0);
+  EXPECT_TRUE(replyTo({"--version"}).output.starts_with("varn-scripts 0."));
+  const Reply help = replyTo({"--help"});
+  EXPECT_EQ(help.exitStatus, 0);
+  EXPECT_EQ(help.error, "");
+  for (const char* part : {"run", "prune", "list", "--config", "--base-path", "--max-download"}) {
+    EXPECT_NE(help.output.find(part), std::string::npos) << part;
+  }
+  const Reply runHelp = replyTo({"run", "--help"});
+  EXPECT_EQ(runHelp.exitStatus, 0);
+  EXPECT_NE(runHelp.output.find("--accept-codes"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace VarnScripts

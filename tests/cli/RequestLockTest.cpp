@@ -1,0 +1,106 @@
+// The advisory lock of one script ID: where it lies, what it creates, and who waits for whom.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <system_error>
+
+#include "RequestLock.h"
+
+namespace VarnScripts {
+namespace {
+
+class RequestLockTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string name = testing::TempDir() + "lock-XXXXXX";
+    ASSERT_NE(::mkdtemp(name.data()), nullptr);
+    base_ = name;
+  }
+  void TearDown() override { std::filesystem::remove_all(base_); }
+
+  std::error_code acquire(RequestLock& lock, const std::string& scriptID) const {
+    std::error_code error;
+    lock.acquire(base_, "7", scriptID, error);
+    return error;
+  }
+
+  // Whether another process finds the lock of `scriptID` taken.
+  bool isTakenForOthers(const std::string& scriptID) const {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      const std::string path = base_ + "/client-data/7/varn-scripts.lock";
+      const int descriptor = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+      struct flock range {};
+      range.l_type = F_WRLCK;
+      range.l_whence = SEEK_SET;
+      range.l_start = static_cast<off_t>(lockOffset(scriptID));
+      range.l_len = 1;
+      ::_exit(::fcntl(descriptor, F_SETLK, &range) == 0 ? 0 : 1);
+    }
+    int status = 0;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    return WEXITSTATUS(status) == 1;
+  }
+
+  mode_t modeOf(const std::string& path) const {
+    struct stat status {};
+    EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
+    return status.st_mode & 07777;
+  }
+
+  std::string base_;
+};
+
+TEST(LockOffset, IsTheSameInEveryBuild) {
+  EXPECT_EQ(lockOffset(""), 3673995259836664009);
+  EXPECT_EQ(lockOffset("a"), 3159546800138910499);
+  EXPECT_NE(lockOffset("42"), lockOffset("43"));
+}
+
+TEST_F(RequestLockTest, OneIdIsTakenUntilTheLockIsDestroyed) {
+  {
+    RequestLock lock;
+    ASSERT_EQ(acquire(lock, "42"), std::error_code());
+    EXPECT_TRUE(isTakenForOthers("42"));
+    EXPECT_FALSE(isTakenForOthers("43"));
+  }
+  EXPECT_FALSE(isTakenForOthers("42"));
+}
+
+TEST_F(RequestLockTest, FileAndDirectoriesAreForTheOwnerAlone) {
+  const mode_t before = ::umask(0);
+  RequestLock lock;
+  const std::error_code error = acquire(lock, "42");
+  ::umask(before);
+  ASSERT_EQ(error, std::error_code());
+  EXPECT_EQ(lock.path(), base_ + "/client-data/7/varn-scripts.lock");
+  EXPECT_EQ(modeOf(base_ + "/client-data"), 0700U);
+  EXPECT_EQ(modeOf(base_ + "/client-data/7"), 0700U);
+  EXPECT_EQ(modeOf(lock.path()), 0600U);
+}
+
+TEST_F(RequestLockTest, ASymbolicLinkIsNotFollowed) {
+  std::filesystem::create_directories(base_ + "/client-data/7");
+  std::filesystem::create_symlink(base_ + "/target", base_ + "/client-data/7/varn-scripts.lock");
+  RequestLock lock;
+  EXPECT_EQ(acquire(lock, "42"), std::errc::too_many_symbolic_link_levels);
+  EXPECT_FALSE(std::filesystem::exists(base_ + "/target"));
+}
+
+TEST_F(RequestLockTest, AFileInTheWayIsTheReason) {
+  std::ofstream(base_ + "/client-data") << "x";
+  RequestLock lock;
+  EXPECT_EQ(acquire(lock, "42"), std::errc::not_a_directory);
+}
+
+}  // namespace
+}  // namespace VarnScripts

@@ -1,0 +1,56 @@
+// Which line of a request's log is the reason of a script that was not run.
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "RequestLog.h"
+
+namespace VarnScripts {
+namespace {
+
+AgentLog::Record record(const std::string& message,
+                        const std::string& operation = "processScript()",
+                        const std::string& source = "ScriptRepositoryProcessor") {
+  return {AgentLog::Record::Level::info, message, source, operation, 1};
+}
+
+TEST(RequestLog, TheReasonStandsBeforeTheClosingLineThatCarriesTheStatus) {
+  RequestLog log;
+  log.add(record("Processing Script ID 42 Server Version 5 Local Version -- Downloading"));
+  log.add(record("Download failure of script", "downloadAndExecuteScript(serverScriptRepoMeta:)"));
+  log.add(record("Processing Script ID 42 Server Version 5 Local Version -- status (nil, nil)"));
+  EXPECT_EQ(log.reason(), "Download failure of script");
+}
+
+TEST(RequestLog, AClosingLineWithoutAStatusIsTheReasonItself) {
+  RequestLog log;
+  log.add(record("Script-Meta Download Failed", "downloadScriptRepoMeta()",
+                 "ScriptRepositoryMetaProcessor"));
+  log.add(record("Processing Script ID 42 not able to get server script repo meta to procees"));
+  EXPECT_EQ(log.reason(),
+            "Processing Script ID 42 not able to get server script repo meta to procees");
+}
+
+TEST(RequestLog, AScriptIdThatLooksLikeAStatusDoesNotMislead) {
+  RequestLog log;
+  log.add(record("Script-Meta Download Success"));
+  log.add(
+      record("Processing Script ID x status (nil, nil) not able to get server script repo meta "
+             "to procees"));
+  EXPECT_EQ(log.reason(),
+            "Processing Script ID x status (nil, nil) not able to get server script repo meta to "
+            "procees");
+}
+
+TEST(RequestLog, OnlyTheProcessorClosesARequest) {
+  RequestLog log;
+  log.add(record("first"));
+  log.add(record("x status (nil, nil)", "downloadFile", "HttpHandlermac"));
+  EXPECT_EQ(log.reason(), "x status (nil, nil)");
+}
+
+TEST(RequestLog, WithoutLinesThereIsNoReason) { EXPECT_EQ(RequestLog().reason(), ""); }
+
+}  // namespace
+}  // namespace VarnScripts

@@ -1,0 +1,148 @@
+// What a settings file may hold, and what is said about one that is wrong.
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+#include <variant>
+
+#include "SettingsFile.h"
+
+namespace VarnScripts {
+namespace {
+
+SettingTexts textsFrom(const std::string& toml) {
+  auto result = parseSettingsFile(toml, "/etc/varn.toml");
+  if (const auto* error = std::get_if<SettingsError>(&result)) {
+    ADD_FAILURE() << error->line;
+    return {};
+  }
+  return std::get<SettingTexts>(result);
+}
+
+std::string errorFrom(const std::variant<SettingTexts, SettingsError>& result) {
+  const auto* error = std::get_if<SettingsError>(&result);
+  return error == nullptr ? "no error" : error->line;
+}
+
+std::string errorIn(const std::string& toml) {
+  return errorFrom(parseSettingsFile(toml, "/etc/varn.toml"));
+}
+
+class ReadSettingsFile : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string name = testing::TempDir() + "settings-XXXXXX";
+    ASSERT_NE(::mkdtemp(name.data()), nullptr);
+    directory_ = name;
+  }
+  void TearDown() override {
+    ::unlink((directory_ + "/varn.toml").c_str());
+    ::rmdir(directory_.c_str());
+  }
+  std::string write(const std::string& text) const {
+    const std::string path = directory_ + "/varn.toml";
+    std::ofstream(path, std::ios::binary) << text;
+    return path;
+  }
+  std::string directory_;
+};
+
+TEST(ParseSettingsFile, EveryKeyIsTakenInItsOwnType) {
+  const SettingTexts expected = {
+      {"base_path", "/opt/agent"}, {"data_path", "/var/agent"}, {"customer", "7"},
+      {"server", "https://host"},  {"ca_file", "ca.pem"},       {"client_cert", "cert.pem"},
+      {"client_key", "key.pem"},   {"proxy", "http://proxy"},   {"max_download", "1000"},
+      {"log_format", "json"},      {"log_file", "/var/log"},    {"quiet", "true"}};
+  EXPECT_EQ(textsFrom("base_path = \"/opt/agent\"\n"
+                      "data_path = '/var/agent'\n"
+                      "customer = \"7\"\n"
+                      "server = \"https://host\"\n"
+                      "ca_file = \"ca.pem\"\n"
+                      "client_cert = \"cert.pem\"\n"
+                      "client_key = \"key.pem\"\n"
+                      "proxy = \"http://proxy\"\n"
+                      "max_download = 1_000\n"
+                      "log_format = \"json\"\n"
+                      "log_file = \"/var/log\"\n"
+                      "quiet = true\n"),
+            expected);
+}
+
+TEST(ParseSettingsFile, AnEmptyFileGivesNothing) {
+  EXPECT_EQ(textsFrom(""), SettingTexts{});
+  EXPECT_EQ(textsFrom("# nothing yet\n"), SettingTexts{});
+}
+
+TEST(ParseSettingsFile, AWrongKeyOrTypeIsNamedWithItsLine) {
+  const struct {
+    const char* toml;
+    const char* line;
+  } rows[] = {
+      {"customer = \"7\"\nserver_url = \"x\"\n",
+       "settings file /etc/varn.toml, line 2: unknown setting server_url"},
+      {"config = \"x\"\n", "settings file /etc/varn.toml, line 1: unknown setting config"},
+      {"\n[tls]\nca_file = \"x\"\n", "settings file /etc/varn.toml, line 2: unknown setting tls"},
+      {"customer = 7\n",
+       "settings file /etc/varn.toml, line 1: customer must be a text in quotation marks"},
+      {"server = [\"https://host\"]\n",
+       "settings file /etc/varn.toml, line 1: server must be a text in quotation marks"},
+      {"\n\nquiet = \"true\"\n",
+       "settings file /etc/varn.toml, line 3: quiet must be true or false"},
+      {"max_download = 1.5\n",
+       "settings file /etc/varn.toml, line 1: max_download must be a whole number"},
+  };
+  for (const auto& row : rows) EXPECT_EQ(errorIn(row.toml), row.line) << row.toml;
+}
+
+TEST(ParseSettingsFile, AMistakeInTheTextIsNamedWithItsLine) {
+  const struct {
+    const char* toml;
+    const char* beginning;
+  } rows[] = {
+      {"customer = \"7\"\nserver = \n", "settings file /etc/varn.toml, line 2: "},
+      {"customer = \"7\"\ncustomer = \"8\"\n", "settings file /etc/varn.toml, line 2: "},
+      {"customer = \"7\n", "settings file /etc/varn.toml, line 1: "},
+      {"customer\n", "settings file /etc/varn.toml, line 1: "},
+      {"customer = \"\xff\"\n", "settings file /etc/varn.toml, line 1: "},
+  };
+  for (const auto& row : rows) {
+    const std::string line = errorIn(row.toml);
+    EXPECT_TRUE(line.starts_with(row.beginning)) << line;
+    EXPECT_GT(line.size(), std::string(row.beginning).size()) << line;
+    EXPECT_EQ(line.find('\n'), std::string::npos) << line;
+  }
+}
+
+TEST_F(ReadSettingsFile, AFileIsReadFromDisk) {
+  const auto result = readSettingsFile(write("customer = \"7\"\n"));
+  EXPECT_EQ(std::get<SettingTexts>(result), (SettingTexts{{"customer", "7"}}));
+}
+
+TEST_F(ReadSettingsFile, AMissingFileIsNamedWithTheReason) {
+  const std::string path = directory_ + "/varn.toml";
+  EXPECT_EQ(errorFrom(readSettingsFile(path)),
+            "settings file " + path +
+                " (given by --config or VARN_CONFIG) can't be read: No such file or directory");
+}
+
+TEST_F(ReadSettingsFile, ADirectoryIsNamedWithTheReason) {
+  EXPECT_EQ(errorFrom(readSettingsFile(directory_)),
+            "settings file " + directory_ +
+                " (given by --config or VARN_CONFIG) can't be read: Is a directory");
+}
+
+TEST_F(ReadSettingsFile, AFileAboveOneMebibyteIsRefused) {
+  const std::string path = write("#" + std::string(1048575, 'x'));
+  EXPECT_EQ(std::get<SettingTexts>(readSettingsFile(path)), SettingTexts{});
+  write("#" + std::string(1048576, 'x'));
+  EXPECT_EQ(errorFrom(readSettingsFile(path)),
+            "settings file " + path +
+                " (given by --config or VARN_CONFIG) can't be read: it is larger than 1 MiB");
+}
+
+}  // namespace
+}  // namespace VarnScripts

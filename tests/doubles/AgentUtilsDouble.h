@@ -1,0 +1,58 @@
+// What a test tells the doubles of the agent's utilities, and asks them afterwards.
+//
+// FileUtils works on the real file system. The downloader answers from a script of replies per
+// server path and writes real files. A checksum of the fake validator is the file's length in
+// decimal. The store keeps its tables in memory, for the life of the process.
+
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace doubles {
+
+/// The downloader's script.
+struct Downloads {
+  static Downloads& shared();
+
+  /// Answers every download of `fromURL` from now on with `content`.
+  void serve(const std::string& fromURL, const std::string& content);
+  /// Answers the next downloads of `fromURL` with `contents` in turn (an absent one is a failure),
+  /// and stays with the last one.
+  void serveInTurn(const std::string& fromURL, std::deque<std::optional<std::string>> contents);
+  /// Downloads of `fromURL` fail, as those of every path that nothing was said of.
+  void refuse(const std::string& fromURL);
+  void reset();
+
+  std::map<std::string, std::deque<std::optional<std::string>>> replies;
+  /// How many downloaders were made.
+  std::size_t made = 0;
+  /// Whether the directory of a download's target is made first.
+  bool makesDirectories = true;
+};
+
+/// The checksum validator's script: answers in turn, then the real comparison.
+struct Checksums {
+  static Checksums& shared();
+  std::deque<bool> answers;
+};
+
+/// The store's tables.
+struct Store {
+  static Store& shared();
+
+  /// A value of a row: a text, or nothing for an element that is not a text.
+  using Row = std::vector<std::pair<std::string, std::optional<std::string>>>;
+
+  /// Rows by key.
+  std::map<std::string, Row> rows;
+
+  /// The row of `key` as text, "version=5 scriptPath=/x"; "(none)" without such a row.
+  std::string row(const std::string& key) const;
+};
+
+}  // namespace doubles

@@ -1,0 +1,29 @@
+// A parser of a notation that is not XML, so that the units' tests stand on schemas alone:
+//
+//     script(ScriptRepo(script_id<42> script_name<clean.sh>) VyFiles(file_id<f1>))
+//
+// A name followed by "<text>" is a text, kept as it stands up to the ">"; a name followed by "(…)"
+// holds children. Anything else does not decode. Encoding writes the same notation.
+
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace doubles {
+
+/// The calls that the parser received.
+struct ParserCalls {
+  static ParserCalls& shared();
+
+  struct Call {
+    std::string data;
+    bool trimming = false;
+    bool ignoreNamespaces = false;
+    bool operator==(const Call&) const = default;
+  };
+  std::vector<Call> calls;
+};
+
+}  // namespace doubles

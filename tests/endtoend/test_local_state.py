@@ -1,0 +1,152 @@
+"""The commands `prune` and `list`."""
+
+import os
+import sqlite3
+
+from support.case import CommandCase
+from support.repository import LIST_PATH
+
+
+class PruneTest(CommandCase):
+    """Removal of what the server's list lacks."""
+
+    def setUp(self):
+        super().setUp()
+        self.put(script_id="1", file_name="one.sh")
+        self.put(script_id="2", file_name="two.sh")
+        for script_id in ("1", "2"):
+            self.assertEqual(self.run_command("run", script_id).status, 0)
+
+    def test_a_dropped_script_is_removed_and_the_others_stay(self):
+        self.repository.drop("1")
+        result = self.run_json_log("prune")
+        self.assertEqual((result.status, result.output), (0, ""))
+        self.assertEqual(result.steps, [
+            ("ScriptRepositoryMetaProcessor", "downloadScriptRepoMeta()",
+             "Script-Meta Download Success"),
+            ("ScriptRepositoryProcessor", "removeServerRemovedScripts()",
+             'Script Repository Processing: Removing ["1"] Scripts'),
+            ("ScriptRepositoryProcessor", "removeScriptData()",
+             "Removing File " + self.script_file("one.sh")),
+            ("ScriptRepositoryProcessor", "removeScriptData()",
+             "Removing File " + self.document_file("1.xml")),
+        ])
+        self.assertFalse(os.path.exists(self.script_file("one.sh")))
+        self.assertFalse(os.path.exists(self.document_file("1.xml")))
+        self.assertTrue(os.path.exists(self.script_file("two.sh")))
+        self.assertTrue(os.path.exists(self.document_file("2.xml")))
+        self.assertEqual([row["script_id"] for row in self.listed()], ["2"])
+
+    def test_nothing_to_remove_is_said(self):
+        result = self.run_json_log("prune")
+        self.assertEqual(result.status, 0)
+        self.assertEqual(result.records[-1]["message"], "No Scripts to remove from Script Repo")
+        self.assertEqual(len(self.listed()), 2)
+
+    def test_an_empty_list_removes_every_script(self):
+        self.repository.drop("1")
+        self.repository.drop("2")
+        self.assertEqual(self.run_command("prune").status, 0)
+        self.assertEqual(self.listed(), [])
+
+    def test_a_list_that_can_not_be_had_removes_nothing(self):
+        self.repository.remove(LIST_PATH)
+        result = self.run_json_log("prune")
+        self.assertEqual(result.status, 3)
+        self.assertEqual(result.records[-1]["message"],
+                         "Removing Local Scripts, Script Repo Meta Data Not available, will be "
+                         "processed later")
+        self.assertEqual(len(self.listed()), 2)
+
+    def test_a_list_that_does_not_decode_removes_nothing(self):
+        self.repository.write(LIST_PATH, "<scripts-meta><ScriptRepo/></scripts-meta>")
+        result = self.run_json_log("prune")
+        self.assertEqual(result.status, 3)
+        self.assertEqual(result.records[-1]["message"],
+                         "Removing Local Scripts, Script Repo Meta Data Not available, will be "
+                         "processed later")
+        self.assertEqual(len(self.listed()), 2)
+
+
+class FirstPruneTest(CommandCase):
+    """A removal before any request."""
+
+    def test_the_two_directories_are_created(self):
+        result = self.run_command("prune")
+        self.assertEqual(result.status, 0, result.error)
+        self.assertEqual(sorted(os.listdir(self.base + "/client-data/7")),
+                         ["scripts-repository", "scripts-repository-data"])
+
+
+class ListTest(CommandCase):
+    """The local records."""
+
+    def test_a_table_by_script_id_tells_version_path_and_file(self):
+        self.put(script_id="b", file_name="two.sh", version="2024-01-01")
+        self.put(script_id="a", file_name="one.sh", version="7")
+        for script_id in ("b", "a"):
+            self.run_command("run", script_id)
+        os.remove(self.script_file("two.sh"))
+        result = self.run_command("list")
+        self.assertEqual((result.status, result.error), (0, ""))
+        self.assertEqual(result.output, (
+            "SCRIPT ID  VERSION     FILE     PATH\n"
+            f"a          7           present  {self.script_file('one.sh')}\n"
+            f"b          2024-01-01  missing  {self.script_file('two.sh')}\n"))
+
+    def test_json_is_an_array_by_script_id(self):
+        self.put(script_id="b", file_name="two.sh")
+        self.put(script_id="a", file_name="one.sh")
+        for script_id in ("b", "a"):
+            self.run_command("run", script_id)
+        self.assertEqual(self.run_command("list", "--json").output, (
+            f'[{{"script_id":"a","version":"1","script_path":"{self.script_file("one.sh")}"}},'
+            f'{{"script_id":"b","version":"1","script_path":"{self.script_file("two.sh")}"}}]\n'))
+
+    def test_without_a_store_nothing_is_listed_and_nothing_created(self):
+        result = self.run_command("list")
+        self.assertEqual((result.status, result.output, result.error), (0, "", ""))
+        result = self.run_command("list", "--json")
+        self.assertEqual((result.status, result.output, result.error), (0, "[]\n", ""))
+        self.assertFalse(os.path.exists(self.base))
+
+    def test_the_data_path_is_enough(self):
+        self.put()
+        self.run_command("run", "42")
+        result = self.run_command("list", settings=["--data-path", self.base + "/data"])
+        self.assertEqual(result.status, 0, result.error)
+        self.assertIn("job.sh", result.output)
+        result = self.run_command("list", settings=["--base-path", self.base])
+        self.assertIn("job.sh", result.output)
+
+    def test_a_row_that_does_not_decode_is_listed_by_its_id(self):
+        self.put()
+        self.run_command("run", "42")
+        store = sqlite3.connect(self.store_file())
+        with store:
+            store.execute("UPDATE ScriptToMeta SET value = 'damaged'")
+        store.close()
+        self.assertEqual(self.listed(), [{"script_id": "42", "version": None,
+                                          "script_path": None}])
+
+    def test_a_store_that_is_none_is_an_error(self):
+        os.makedirs(os.path.dirname(self.store_file()))
+        with open(self.store_file(), "w", encoding="utf-8") as file:
+            file.write("this is no database, and it is long enough to be looked at as one\n" * 20)
+        result = self.run_command("list")
+        self.assertEqual((result.status, result.output), (3, ""))
+        self.assertTrue(result.error.startswith(
+            f"varn-scripts: the store {self.store_file()} can't be read: "), result.error)
+
+
+class StoreTest(CommandCase):
+    """The store file, which other programs read."""
+
+    def test_a_row_is_a_json_object_of_version_and_path(self):
+        self.put(version="5")
+        self.run_command("run", "42")
+        store = sqlite3.connect(self.store_file())
+        rows = store.execute("SELECT key, value FROM ScriptToMeta").fetchall()
+        store.close()
+        self.assertEqual(rows, [
+            ("42", f'{{"version":"5","scriptPath":"{self.script_file("job.sh")}"}}')])

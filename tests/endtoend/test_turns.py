@@ -1,0 +1,98 @@
+"""Two invocations at the same time."""
+
+from support.case import CommandCase
+
+
+class TurnsTest(CommandCase):
+    """Requests for one script ID take turns; others run side by side."""
+
+    def setUp(self):
+        super().setUp()
+        self.started = self.fifo("started")
+
+    def put_waiting(self, script_id):
+        """A script that tells that it began, waits to be let go, and tells that it ended."""
+        go = self.path("go")
+        self.put(script_id=script_id, file_name=f"{script_id}.sh",
+                 text=f"echo begin >>{self.path('journal')}\n"
+                      f"mkfifo {go}.$$\necho $$ >{self.started}\nread line <{go}.$$\n"
+                      f"echo end >>{self.path('journal')}\n")
+
+    def wait_for_script(self):
+        """The number of the script that has begun."""
+        script = int(self.read_line_from(self.started))
+        self.end_process_at_end(script)
+        return script
+
+    def let_go(self, script):
+        with open(self.path(f"go.{script}"), "w", encoding="utf-8") as file:
+            file.write("go\n")
+
+    def journal(self):
+        with open(self.path("journal"), encoding="utf-8") as file:
+            return file.read().split()
+
+    @staticmethod
+    def waits_for_a_lock(process):
+        with open("/proc/locks", encoding="utf-8") as locks:
+            return any(line.split()[1] == "->" and line.split()[5] == str(process.pid)
+                       for line in locks)
+
+    def test_the_same_id_waits_for_its_turn(self):
+        self.put_waiting("42")
+        first = self.start("run", "42")
+        script = self.wait_for_script()
+        second = self.start("run", "42")
+        self.wait_until(lambda: self.waits_for_a_lock(second), "the second request's wait")
+        self.assertEqual(self.journal(), ["begin"])
+        self.let_go(script)
+        self.assertEqual(self.finish(first).status, 0)
+        self.let_go(self.wait_for_script())
+        self.assertEqual(self.finish(second).status, 0)
+        self.assertEqual(self.journal(), ["begin", "end", "begin", "end"])
+
+    def test_another_id_does_not_wait(self):
+        self.put_waiting("42")
+        self.put(script_id="43", file_name="other.sh", text="echo beside\n")
+        first = self.start("run", "42")
+        script = self.wait_for_script()
+        result = self.run_command("run", "43")
+        self.assertEqual((result.status, result.output), (0, "beside\n"), result.error)
+        self.assertIsNone(first.poll())
+        self.let_go(script)
+        self.assertEqual(self.finish(first).status, 0)
+
+    def test_another_base_path_does_not_wait(self):
+        self.put_waiting("42")
+        first = self.start("run", "42")
+        script = self.wait_for_script()
+        self.base = self.path("other base")
+        second = self.start("run", "42")
+        other = self.wait_for_script()
+        self.assertEqual(self.journal(), ["begin", "begin"])
+        self.let_go(script)
+        self.let_go(other)
+        self.assertEqual(self.finish(first).status, 0)
+        self.assertEqual(self.finish(second).status, 0)
+
+    def test_a_waiting_request_can_be_stopped(self):
+        self.put_waiting("42")
+        first = self.start("run", "42")
+        script = self.wait_for_script()
+        second = self.start("run", "42")
+        self.wait_until(lambda: self.waits_for_a_lock(second), "the second request's wait")
+        second.terminate()
+        self.assertEqual(self.finish(second).status, -15)
+        self.let_go(script)
+        self.assertEqual(self.finish(first).status, 0)
+        self.assertEqual(self.journal(), ["begin", "end"])
+
+    def test_the_lock_of_a_killed_request_is_free(self):
+        self.put_waiting("42")
+        first = self.start("run", "42")
+        self.wait_for_script()
+        first.kill()
+        first.wait()
+        second = self.start("run", "42")
+        self.let_go(self.wait_for_script())
+        self.assertEqual(self.finish(second).status, 0)

@@ -1,0 +1,181 @@
+"""The tree's rules about who may name whom, as a check that fails on the first breach.
+
+    layering.py includes ROOT    includes point downward only
+    layering.py names ROOT       no library behind the agent's modules is named outside them
+    layering.py installed ROOT   installed headers include nothing but each other and the standard
+    layering.py selftest ROOT    each check finds a breach that is put before it
+"""
+
+import pathlib
+import re
+import sys
+import tempfile
+
+INCLUDE = re.compile(r'^\s*#\s*include\s+([<"])([^>"]+)[>"]', re.MULTILINE)
+COMMENT = re.compile(r"//[^\n]*|/\*.*?\*/", re.DOTALL)
+SUFFIXES = {".h", ".cpp", ".hpp", ".cc"}
+
+# The level of each unit; an include goes to a lower level, or stays within a unit.
+LEVELS = [
+    ("ScriptRepositoryProcessor", 60),
+    ("ScriptRepositoryMetaProcessor", 50),
+    ("ScriptRepositoryLocalMeta", 50),
+    ("ScriptRepositoryUtil", 40),
+    ("ScriptRepositoryRecords", 40),
+    ("ObjectRuntimeRegistration", 40),
+]
+SUPPORT, PLATFORM, INTERFACES = 20, 10, 0
+
+LIBRARY_NAMES = re.compile(
+    r"curl/|\bcurl_|\bCURL|sqlite|SQLite::|SQLiteCpp|openssl|\bEVP_|\bXML_Parser|expat|spdlog|"
+    r"nlohmann"
+)
+# The record protocol's name belongs to the library's own vocabulary.
+ALLOWED_NAMES = re.compile(r"\bSQLiteValue\b")
+
+
+def files(root, *directories):
+    for directory in directories:
+        for path in sorted((root / directory).rglob("*")):
+            if path.suffix in SUFFIXES:
+                yield path
+
+
+def includes(path):
+    return INCLUDE.findall(path.read_text(encoding="utf-8"))
+
+
+def unit(path):
+    """The unit that a file of src/ or include/ belongs to."""
+    return max(
+        (name for name, _ in LEVELS if path.name.startswith(name)), key=len, default=path.stem
+    )
+
+
+def level(path, root):
+    place = path.relative_to(root).parts
+    if place[0] == "interfaces":
+        return INTERFACES
+    if place[:2] == ("src", "support"):
+        return SUPPORT
+    if place[:2] == ("src", "platform"):
+        return PLATFORM
+    return dict(LEVELS).get(unit(path))
+
+
+def resolve(name, including, root):
+    """The file of the project that an include names, or nothing."""
+    for directory in (including.parent, root / "src", root / "include", root / "interfaces",
+                      root / "agent", root / "cli", root / "tests"):
+        candidate = directory / name
+        if candidate.is_file():
+            return candidate.resolve()
+    return None
+
+
+def check_includes(root):
+    breaches = []
+    for path in files(root, "src", "include", "interfaces"):
+        own = level(path, root)
+        if own is None:
+            breaches.append(f"{path}: no level is known for this unit")
+            continue
+        for _, name in includes(path):
+            target = resolve(name, path, root)
+            if target is None:
+                continue
+            top = target.relative_to(root).parts[0]
+            if top in ("agent", "cli", "tests"):
+                breaches.append(f"{path}: includes {name} of {top}/, which nobody includes")
+                continue
+            if unit(target) == unit(path):
+                continue
+            other = level(target, root)
+            # Support and platform files of one directory are on one level.
+            beside = other == own and own in (SUPPORT, PLATFORM, INTERFACES)
+            if other is None or (other >= own and not beside):
+                breaches.append(f"{path}: includes {name}, which is not below it")
+    for path in files(root, "agent"):
+        for _, name in includes(path):
+            target = resolve(name, path, root)
+            if target and target.relative_to(root).parts[0] in ("src", "cli", "tests"):
+                breaches.append(f"{path}: a module includes {name} of the library's inside")
+    return breaches
+
+
+def check_names(root):
+    breaches = []
+    for path in files(root, "src", "include", "interfaces"):
+        text = COMMENT.sub("", path.read_text(encoding="utf-8"))
+        for number, line in enumerate(text.splitlines(), 1):
+            found = LIBRARY_NAMES.search(ALLOWED_NAMES.sub("", line))
+            if found:
+                breaches.append(f"{path}:{number}: names {found.group(0)}")
+    return breaches
+
+
+def check_installed(root):
+    breaches = []
+    installed = {p.name for p in files(root, "include", "interfaces")}
+    for path in files(root, "include", "interfaces"):
+        for kind, name in includes(path):
+            if kind == '"' and name.split("/")[-1] not in installed:
+                breaches.append(f"{path}: includes {name}, which is not installed")
+            if kind == "<" and ("/" in name or name.endswith(".h")):
+                breaches.append(f"{path}: includes <{name}>, which is no standard header")
+        if path.parts[-2] == "interfaces":
+            for _, name in includes(path):
+                if name.startswith("VarnScriptRepository"):
+                    breaches.append(f"{path}: an agent header includes {name} of the library")
+    return breaches
+
+
+CHECKS = {"includes": check_includes, "names": check_names, "installed": check_installed}
+
+
+def selftest(_):
+    """Puts one breach of each kind before the checks, on a tree of its own."""
+    cases = [
+        ("includes", "src/support/Text.h", '#include "ScriptRepositoryUtil.h"\n'),
+        ("includes", "src/ScriptRepositoryUtil.cpp", '#include "ScriptRepositoryMetaProcessor.h"\n'),
+        ("includes", "src/platform/Child.h", '#include "support/Text.h"\n'),
+        ("includes", "interfaces/AgentLog.h", '#include "support/Text.h"\n'),
+        ("includes", "src/ScriptRepositoryUtil.cpp", '#include "AgentSettings.h"\n'),
+        ("includes", "src/Unheard.h", "\n"),
+        ("includes", "agent/Some.cpp", '#include "support/Text.h"\n'),
+        ("names", "interfaces/AgentStore.h", "#include <sqlite3.h>\n"),
+        ("names", "src/ScriptRepositoryUtil.cpp", "CURL* handle;\n"),
+        ("names", "src/support/Text.h", "using Json = nlohmann::json;\n"),
+        ("installed", "include/VarnScriptRepository/ScriptRepositoryProcessor.h",
+         '#include "ScriptRepositoryRecords.h"\n'),
+        ("installed", "interfaces/AgentLog.h", "#include <expat.h>\n"),
+    ]
+    breaches = []
+    for check, place, content in cases:
+        with tempfile.TemporaryDirectory() as directory:
+            root = pathlib.Path(directory).resolve()
+            for name in ("src/support/Text.h", "src/platform/Child.h", "src/ScriptRepositoryUtil.h",
+                         "src/ScriptRepositoryMetaProcessor.h", "agent/AgentSettings.h",
+                         "interfaces/AgentLog.h"):
+                (root / name).parent.mkdir(parents=True, exist_ok=True)
+                (root / name).write_text("// SQLiteValue, and sqlite in a comment.\n")
+            if CHECKS[check](root):
+                breaches.append(f"{check}: finds a breach in a clean tree")
+            (root / place).parent.mkdir(parents=True, exist_ok=True)
+            (root / place).write_text(content)
+            if len(CHECKS[check](root)) != 1:
+                breaches.append(f"{check}: does not find the breach in {place}")
+    return breaches
+
+
+def main():
+    check, root = sys.argv[1], pathlib.Path(sys.argv[2]).resolve()
+    breaches = {**CHECKS, "selftest": selftest}[check](root)
+    if check != "selftest" and not list(files(root, "src", "include", "interfaces")):
+        breaches.append(f"{root}: holds no sources")
+    for breach in breaches:
+        print(breach)
+    return 1 if breaches else 0
+
+
+sys.exit(main())

@@ -1,0 +1,117 @@
+// Files as the library needs them: reads, existence, removal, the words of an error.
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <system_error>
+
+#include "AgentFixture.h"
+#include "support/Files.h"
+
+namespace {
+
+namespace files = VarnScriptRepository::files;
+
+class Files : public testing::Test {
+ protected:
+  std::string path(const std::string& name) const { return directory.path() + "/" + name; }
+
+  doubles::TemporaryDirectory directory;
+};
+
+TEST_F(Files, AWholeFileIsRead) {
+  for (const std::string& content :
+       {std::string(), std::string("text"), std::string("a\0b\n", 4), std::string(1 << 20, 'x')}) {
+    doubles::writeFile(path("file"), content);
+    std::error_code error = std::make_error_code(std::errc::io_error);
+    EXPECT_EQ(files::readWhole(path("file"), error), content);
+    EXPECT_FALSE(error);
+  }
+}
+
+TEST_F(Files, AFileOfUnknownSizeIsRead) {
+  std::error_code error;
+  EXPECT_THAT(files::readWhole("/proc/self/status", error), testing::HasSubstr("Pid:"));
+  EXPECT_FALSE(error);
+}
+
+TEST_F(Files, AReadThroughALinkReadsItsTarget) {
+  doubles::writeFile(path("target"), "text");
+  ASSERT_EQ(::symlink("target", path("link").c_str()), 0);
+  std::error_code error;
+  EXPECT_EQ(files::readWhole(path("link"), error), "text");
+}
+
+TEST_F(Files, AFailedReadSaysWhy) {
+  std::error_code error;
+  EXPECT_EQ(files::readWhole(path("missing"), error), "");
+  EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+  EXPECT_EQ(files::readWhole(directory.path(), error), "");
+  EXPECT_EQ(error, std::errc::is_a_directory);
+}
+
+TEST_F(Files, AReadOfANamedPipeFailsAndDoesNotWait) {
+  ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
+  std::error_code error;
+  EXPECT_EQ(files::readWhole(path("pipe"), error), "");
+  EXPECT_TRUE(error);
+}
+
+TEST_F(Files, ExistenceFollowsLinks) {
+  doubles::writeFile(path("file"), "");
+  ASSERT_EQ(::symlink("file", path("link").c_str()), 0);
+  ASSERT_EQ(::symlink("missing", path("dangling").c_str()), 0);
+
+  EXPECT_TRUE(files::exists(path("file")));
+  EXPECT_TRUE(files::exists(path("link")));
+  EXPECT_TRUE(files::exists(directory.path()));
+  EXPECT_FALSE(files::exists(path("dangling")));
+  EXPECT_FALSE(files::exists(path("missing")));
+  EXPECT_FALSE(files::exists(""));
+}
+
+TEST_F(Files, AnItemIsRemovedWithAllThatIsInIt) {
+  doubles::writeFile(path("file"), "");
+  doubles::writeFile(path("tree/inner/file"), "");
+  std::error_code error = std::make_error_code(std::errc::io_error);
+
+  files::removeItem(path("file"), error);
+  EXPECT_FALSE(error);
+  files::removeItem(path("tree"), error);
+  EXPECT_FALSE(error);
+
+  EXPECT_FALSE(files::exists(path("file")));
+  EXPECT_FALSE(files::exists(path("tree")));
+}
+
+TEST_F(Files, RemovalOfALinkLeavesItsTarget) {
+  doubles::writeFile(path("tree/file"), "text");
+  ASSERT_EQ(::symlink("tree", path("link").c_str()), 0);
+  std::error_code error;
+
+  files::removeItem(path("link"), error);
+
+  EXPECT_FALSE(error);
+  EXPECT_FALSE(files::exists(path("link")));
+  EXPECT_EQ(doubles::readFile(path("tree/file")), "text");
+}
+
+TEST_F(Files, AFailedRemovalSaysWhy) {
+  std::error_code error;
+  // Nothing can be removed from the kernel's own file system, not by root either.
+  files::removeItem("/proc/version", error);
+  EXPECT_TRUE(error);
+  EXPECT_TRUE(files::exists("/proc/version"));
+}
+
+TEST(ErrorDescriptions, AreTheSystemsPlainWords) {
+  EXPECT_EQ(files::description(std::make_error_code(std::errc::no_such_file_or_directory)),
+            "No such file or directory");
+  EXPECT_EQ(files::description(std::make_error_code(std::errc::permission_denied)),
+            "Permission denied");
+  EXPECT_EQ(files::description({EPERM, std::system_category()}), "Operation not permitted");
+}
+
+}  // namespace

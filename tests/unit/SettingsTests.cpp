@@ -1,0 +1,61 @@
+// The fatal precondition: whoever needs the agent's global settings and finds none stops the
+// process with one line on standard error, and without a line in the agent's log.
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdio>
+#include <functional>
+#include <string>
+
+#include "AgentFixture.h"
+#include "ScriptRepositoryLocalMetaProcessor.h"
+#include "ScriptRepositoryMetaProcessor.h"
+#include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
+#include "VarnScriptRepository/ScriptRepositoryProcessor.h"
+
+namespace {
+
+using namespace VarnScriptRepository;
+
+class MissingSettings : public doubles::AgentFixture {
+ protected:
+  /// Runs `use` without settings. A log line would show as a second line on standard error.
+  void expectFatal(const std::function<void()>& use) {
+    AgentUtils::gv_globvars = nullptr;
+    journal.onLog([](const doubles::LogRecord& record) {
+      std::fprintf(stderr, "logged: %s\n", record.message.c_str());
+    });
+    EXPECT_EXIT(use(), testing::KilledBySignal(SIGABRT), "^[^\n]*gv_globvars[^\n]*\n$");
+  }
+};
+
+TEST_F(MissingSettings, StopAConstruction) {
+  expectFatal([] { const ScriptRepositoryProcessor processor("42"); });
+}
+
+TEST_F(MissingSettings, StopTheFirstUseOfABasePath) {
+  expectFatal([] { static_cast<void>(ScriptRepositoryProcessor::basePath()); });
+}
+
+TEST_F(MissingSettings, StopTheFirstUseOfACustomerID) {
+  expectFatal([] { static_cast<void>(ScriptRepositoryProcessor::customerID()); });
+}
+
+TEST_F(MissingSettings, StopTheFirstUseOfTheMetadata) {
+  expectFatal([] { ScriptRepositoryMetaProcessor::shared(); });
+}
+
+TEST_F(MissingSettings, StopTheFirstUseOfTheStorePath) {
+  expectFatal([] { static_cast<void>(ScriptRepositoryConstants::FilePath::scriptRepository()); });
+}
+
+TEST_F(MissingSettings, StopTheFirstUseOfTheStore) {
+  expectFatal([] { ScriptRepositoryLocalMetaProcessor::shared(); });
+}
+
+TEST_F(MissingSettings, StopARemoval) {
+  expectFatal([] { ScriptRepositoryProcessor::removeServerRemovedScripts(); });
+}
+
+}  // namespace
