@@ -1,0 +1,71 @@
+#compdef varn-scripts
+# Completion of varn-scripts for zsh.
+
+_varn_scripts_known() {
+  # The scripts that this computer knows, when the environment's settings tell where to look.
+  local -a known
+  known=(${(f)"$(_call_program scripts varn-scripts --quiet list --json 2>/dev/null |
+    grep -o '"script_id":"[A-Za-z0-9._-]*"' | cut -d '"' -f 4)"})
+  compadd -a known
+}
+
+_varn_scripts() {
+  local -a settings commands
+  settings=(
+    '--config[settings file]:file:_files'
+    '--base-path[agent base directory]:directory:_files -/'
+    '--data-path[agent data directory]:directory:_files -/'
+    '--customer[customer ID]:customer:'
+    '--server[repository server]:location:(https\:// http\:// file\://)'
+    '--ca-file[authorities to trust]:file:_files'
+    '--client-cert[client certificate]:file:_files'
+    '--client-key[key of the client certificate]:file:_files'
+    '--proxy[proxy]:location:'
+    '--max-download[most bytes of one download]:bytes:'
+    '--log-format[form of the log]:form:(text json)'
+    '--log-file[log to a rotating file]:file:_files'
+    '--quiet[no log on standard error]'
+    '(- *)'{-h,--help}'[print a summary]'
+  )
+  commands=(
+    'run:fetch, verify and run one script'
+    'plan:tell what run would do now'
+    'prune:remove local copies of scripts the server dropped'
+    'list:list the local records'
+    "publish:turn a directory of scripts into a server's tree"
+  )
+
+  local curcontext=$curcontext state line
+  _arguments -C -A '-*' $settings '(- *)--version[print the version]' \
+    '1:command:->command' '*::argument:->argument' && return 0
+  case $state in
+    command) _describe -t commands command commands ;;
+    argument)
+      curcontext=${curcontext%:*}-$line[1]:
+      case $line[1] in
+        run)
+          _arguments $settings \
+            '--accept-codes[exit codes that count as success]:codes:' \
+            '--json[print the result as one JSON object]' \
+            '1:script:_varn_scripts_known'
+          ;;
+        plan)
+          _arguments $settings '--json[print the plan as one JSON object]' \
+            '1:script:_varn_scripts_known'
+          ;;
+        list) _arguments $settings '--json[print the records as a JSON array]' ;;
+        prune) _arguments $settings ;;
+        publish)
+          _arguments $settings \
+            '--keep[lists whose files stay]:number:' \
+            '--digest[digest of the checksums]:digest:(md5 sha1 sha224 sha256 sha384 sha512)' \
+            '--strict[refuse what is a warning otherwise]' \
+            '--check[check only, write nothing]' \
+            '1:source directory:_files -/' '2:output directory:_files -/'
+          ;;
+      esac
+      ;;
+  esac
+}
+
+_varn_scripts "$@"

@@ -1,0 +1,240 @@
+#!/usr/bin/env python3
+"""Disturbs requests at their system calls and looks at what is left.
+
+For each kind of request, the process is killed at each of its system calls, and each call of its
+file, socket, pipe and process functions is made to fail with each of several errors. After every
+single fault: nothing ran that the server's checksum does not cover, every file at its final name is
+wholly old or wholly new, the store is sound, nothing is open to others, no fault but the kill ended
+the process by a signal, and the next undisturbed request does the right thing and leaves no temporary
+file. Needs strace, which injects the faults.
+"""
+
+import argparse
+import collections
+import concurrent.futures
+import functools
+import http.server
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import threading
+
+from scenarios import SCENARIOS, prepare, runs_in
+
+ERRORS = ("EIO", "ENOSPC", "EMFILE", "ENOMEM", "EACCES", "EINTR")
+
+# The calls that fail by injection: files, sockets, pipes, processes. A call that can't be refused
+# (close, exit) or that is no such function (memory, time, signals) is disturbed by kills alone.
+FAILING = frozenset(
+    """access chdir clone connect dup dup2 dup3 faccessat faccessat2 fallocate fchmod fchmodat
+    fchown fcntl fdatasync flock fstat fsync ftruncate getdents64 getsockname getsockopt ioctl lseek
+    lstat mkdir mkdirat newfstatat open openat pidfd_open pipe pipe2 poll ppoll pread64 pwrite64 read
+    readlink readlinkat readv recvfrom recvmsg rename renameat renameat2 sendmmsg sendmsg sendto
+    setsockopt socket socketpair stat statx unlink unlinkat wait4 waitid write writev""".split()
+)
+
+# Fewer points than this mean that the harness, not the library, is at fault.
+FEWEST_POINTS = 120
+
+RUN_LIMIT = 60  # seconds; a disturbed request that takes longer hangs
+
+
+class Harness:
+    def __init__(self, command, directory, use_http):
+        self.command = command
+        self.directory = directory
+        self.use_http = use_http
+
+    def server_url(self, server):
+        if not self.use_http:
+            return "file://" + server.directory
+        return f"http://127.0.0.1:{serve(server.directory)}"
+
+    def arguments(self, computer, server, arguments):
+        settings = os.path.join(computer.directory, "settings.toml")
+        with open(settings, "w", encoding="utf-8") as file:
+            file.write(
+                f'base_path = "{computer.base}"\ncustomer = "7"\nserver = "{self.server_url(server)}"\n'
+            )
+        return [self.command, "--config", settings, *arguments]
+
+    def run(self, computer, server, arguments):
+        """An undisturbed request; its exit status and outputs."""
+        return subprocess.run(
+            self.arguments(computer, server, arguments),
+            stdin=subprocess.DEVNULL, capture_output=True, timeout=RUN_LIMIT, check=False,
+        )
+
+    def run_traced(self, computer, server, arguments, strace):
+        return subprocess.run(
+            ["strace", "-qq", *strace, *self.arguments(computer, server, arguments)],
+            stdin=subprocess.DEVNULL, capture_output=True, timeout=RUN_LIMIT, check=False,
+        )
+
+
+@functools.lru_cache(maxsize=None)
+def serve(directory):
+    """A server for `directory` on loopback that ends with this process; its port."""
+
+    class Handler(http.server.SimpleHTTPRequestHandler):
+        def __init__(self, *arguments):
+            super().__init__(*arguments, directory=directory)
+
+        def log_message(self, format, *arguments):  # its log is of no use here
+            pass
+
+    class Server(http.server.ThreadingHTTPServer):
+        def handle_error(self, request, client_address):  # disturbed clients hang up
+            pass
+
+    server = Server(("127.0.0.1", 0), Handler)
+    threading.Thread(target=server.serve_forever, daemon=True).start()
+    return server.server_address[1]
+
+
+def points(harness, computer, server, scenario, directory):
+    """The system calls of the request as (name, which call of that name), from the reading of the
+    settings on; what comes before is the loading of the program."""
+    trace = os.path.join(directory, "trace")
+    harness.run_traced(computer, server, scenario.arguments, ["-o", trace])
+    counts = collections.Counter()
+    found = []
+    started = False
+    with open(trace, encoding="utf-8", errors="replace") as lines:
+        for line in lines:
+            name = re.match(r"(\w+)\(", line)
+            if not name:
+                continue
+            counts[name[1]] += 1
+            started = started or "settings.toml" in line and name[1].startswith("open")
+            if started:
+                found.append((name[1], counts[name[1]]))
+    return found
+
+
+class Site:
+    """One prepared scenario in a directory of its own, disturbed again and again."""
+
+    def __init__(self, harness, scenario, directory):
+        os.makedirs(directory)
+        self.harness = harness
+        self.scenario = scenario
+        self.directory = directory
+        prepared = prepare(scenario, directory, harness.run)
+        self.server, self.computer, self.snapshot, self.marker, self.states = prepared
+
+    def reset(self):
+        self.computer.restore(self.snapshot)
+        if os.path.exists(self.marker):
+            os.remove(self.marker)
+
+    def points(self):
+        self.reset()
+        return points(self.harness, self.computer, self.server, self.scenario, self.directory)
+
+    def disturb(self, name, which, fault):
+        """Puts one fault into one request; what is wrong afterwards, as texts."""
+        self.reset()
+        try:
+            done = self.harness.run_traced(
+                self.computer, self.server, self.scenario.arguments,
+                ["-o", "/dev/null", "-e", f"inject={name}:{fault}:when={which}"],
+            )
+        except subprocess.TimeoutExpired:
+            return ["hangs"]
+        problems = []
+        killed = fault == "signal=KILL"
+        if not killed and done.returncode not in (0, 1, 2, 3):
+            problems.append(f"ended with {done.returncode}: {done.stderr[-300:]!r}")
+        problems += self._problems_of_run(self.scenario.allowed, complete=not killed)
+        # A failed write of a file is a failed request; what it leaves must be whole.
+        problems += self.computer.problems(self.states)
+        return problems + self._problems_of_next()
+
+    def _problems_of_run(self, allowed, complete):
+        began, ended = runs_in(self.marker)
+        problems = [f"ran {version}" for version in began if version not in allowed]
+        if complete and began != ended:
+            problems.append(f"began {began} but ended {ended}")
+        return problems
+
+    def _problems_of_next(self):
+        if os.path.exists(self.marker):
+            os.remove(self.marker)
+        done = self.harness.run(self.computer, self.server, self.scenario.arguments)
+        problems = []
+        if done.returncode != 0:
+            problems.append(f"next request ended with {done.returncode}: {done.stderr[-500:]!r}")
+        began, _ = runs_in(self.marker)
+        if began != ([self.scenario.expected] if self.scenario.expected else []):
+            problems.append(f"next request ran {began}")
+        if self.scenario.expected:
+            problems += [f"left {path}" for path in self.computer.temporary_files()]
+        return problems + self.computer.problems(self.states)
+
+
+def faults_for(site, stride):
+    """Every fault of the site's scenario, or every `stride`-th of them."""
+    found = site.points()
+    if len(found) < FEWEST_POINTS:
+        sys.exit(f"{site.scenario}: only {len(found)} system calls seen; the tracing is broken")
+    faults = [(name, which, "signal=KILL") for name, which in found]
+    faults += [
+        (name, which, f"error={error}")
+        for error in ERRORS
+        for name, which in found
+        if name in FAILING
+    ]
+    return len(found), faults[::stride]
+
+
+def work(harness, scenario, directory, faults):
+    site = Site(harness, scenario, directory)
+    return [(fault, problems) for fault in faults if (problems := site.disturb(*fault))]
+
+
+def disturb_scenario(harness, scenario, stride, workers):
+    directory = os.path.join(harness.directory, ("http-" if harness.use_http else "") + scenario.name)
+    count, faults = faults_for(Site(harness, scenario, directory), stride)
+    shares = [faults[worker::workers] for worker in range(workers)]
+    with concurrent.futures.ThreadPoolExecutor(workers) as pool:
+        results = pool.map(
+            lambda numbered: work(harness, scenario, f"{directory}-{numbered[0]}", numbered[1]),
+            enumerate(shares),
+        )
+        broken = [result for share in results for result in share]
+    kills = sum(fault[2] == "signal=KILL" for fault in faults)
+    transport = "http" if harness.use_http else "file"
+    print(f"{scenario.name} ({transport}): {count} system calls; {kills} kills and "
+          f"{len(faults) - kills} errors tried, {len(broken)} with problems", flush=True)
+    for (name, which, fault), problems in broken[:20]:
+        print(f"  {name} #{which} {fault}: " + "; ".join(problems), flush=True)
+    return len(faults), len(broken)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("command", help="the varn-scripts program")
+    parser.add_argument("--quick", action="store_true", help="a sample of the faults")
+    parser.add_argument("--workers", type=int, default=os.cpu_count() or 1)
+    options = parser.parse_args()
+    if shutil.which("strace") is None:
+        sys.exit("strace is not installed")
+
+    stride = 37 if options.quick else 1
+    tried = failed = 0
+    with tempfile.TemporaryDirectory(prefix="varn-faults-") as directory:
+        for use_http in (False, True):
+            harness = Harness(os.path.abspath(options.command), directory, use_http)
+            for scenario in SCENARIOS:
+                counts = disturb_scenario(harness, scenario, stride, options.workers)
+                tried, failed = tried + counts[0], failed + counts[1]
+    print(f"{tried} faults tried, {tried - failed} survived, {failed} failed")
+    sys.exit(1 if failed else 0)
+
+
+if __name__ == "__main__":
+    main()

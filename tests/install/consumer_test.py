@@ -1,0 +1,172 @@
+"""Builds programs on the library as other projects do: on an installed one, by CMake and by
+pkg-config, and on its sources.
+
+From the environment: VARN_BUILD_DIRECTORY, the built tree; VARN_CMAKE, VARN_CXX and VARN_GENERATOR,
+what it was built with; VARN_CXX_FLAGS, what every program on it must be compiled with;
+VARN_BUILD_TYPE.
+"""
+
+import json
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+EMBED = ROOT / "examples/embed"
+CONSUMERS = pathlib.Path(__file__).resolve().parent / "consumers"
+REPOSITORY = ROOT / "examples/repository"
+HEADERS = ["AgentLog.h", "AgentStore.h", "AgentUtils.h", "MarkupParser.h",
+           "ScriptRepositoryLocalMeta.h", "ScriptRepositoryProcessor.h"]
+
+
+def execute(arguments, expected=0, **more):
+    done = subprocess.run([str(argument) for argument in arguments], stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE, encoding="utf-8",
+                          timeout=600, check=False, **more)
+    if done.returncode != expected:
+        raise AssertionError(f"{arguments}: exit status {done.returncode}, not {expected}\n"
+                             f"{done.stdout}{done.stderr}")
+    return done
+
+
+class InDirectory(unittest.TestCase):
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory(prefix="varn-consumer-")
+        self.addCleanup(directory.cleanup)
+        self.directory = pathlib.Path(directory.name).resolve()
+
+    def configure(self, source, build, *more):
+        execute([os.environ["VARN_CMAKE"], "-S", source, "-B", build,
+                 "-G", os.environ["VARN_GENERATOR"],
+                 f"-DCMAKE_CXX_COMPILER={os.environ['VARN_CXX']}",
+                 f"-DCMAKE_CXX_FLAGS={os.environ['VARN_CXX_FLAGS']}",
+                 f"-DCMAKE_BUILD_TYPE={os.environ['VARN_BUILD_TYPE']}",
+                 "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON", *more])
+
+    def build(self, build):
+        execute([os.environ["VARN_CMAKE"], "--build", build])
+
+    def install(self):
+        """Installs, then moves the prefix: nothing in it may know where it was."""
+        execute([os.environ["VARN_CMAKE"], "--install", os.environ["VARN_BUILD_DIRECTORY"],
+                 "--prefix", self.directory / "first"])
+        prefix = self.directory / "prefix"
+        (self.directory / "first").rename(prefix)
+        return prefix
+
+    def check_agent(self, agent):
+        base = self.directory / "base"
+        arguments = [REPOSITORY, base, "acme"]
+        # Without that file this script is rejected wherever it runs.
+        rejected = execute([agent, *arguments, "106"], expected=1)
+        self.assertIn("asset tag", rejected.stdout)
+        self.assertIn("agent: info: Script-Meta Download Success", rejected.stderr)
+        self.assertTrue((base / "client-data/acme/scripts-repository/asset-tag.sh").is_file())
+        accepted = execute([agent, *arguments, "105"])
+        self.assertNotEqual("", accepted.stdout)
+        unknown = execute([agent, *arguments, "999"], expected=3)
+        self.assertEqual("", unknown.stdout)
+        # A script that is not what the checksum covers is not run.
+        server = self.directory / "server"
+        shutil.copytree(REPOSITORY, server)
+        script = server / "client-data/acme/scriptrepo/scripts/106/asset-tag.sh"
+        script.write_text(script.read_text(encoding="utf-8") + "\n", encoding="utf-8")
+        tampered = execute([agent, server, base, "acme", "106"], expected=3)
+        self.assertIn("Checksum mismatch", tampered.stderr)
+
+
+class Installed(InDirectory):
+    def setUp(self):
+        super().setUp()
+        self.prefix = self.install()
+
+    def pkg_config(self, *arguments):
+        path = next(self.prefix.rglob("VarnScriptRepository.pc")).parent
+        return execute(["pkg-config", *arguments, "VarnScriptRepository"],
+                       env={**os.environ, "PKG_CONFIG_PATH": str(path)}).stdout.split()
+
+    def check_shared(self, program):
+        base = self.directory / "shared base"
+        library = next(self.prefix.rglob("libVarnScriptRepository.so")).parent
+        done = execute([program, base], env={**os.environ, "LD_LIBRARY_PATH": str(library)})
+        self.assertEqual(f"{base}/client-data/7/scripts-repository\n"
+                         f"{base}/data/Configuration-Framework/ScriptRepository\n"
+                         "not run\n", done.stdout)
+
+    def test_the_example_agent_builds_on_it_and_runs_scripts(self):
+        build = self.directory / "build"
+        self.configure(EMBED, build, f"-DCMAKE_PREFIX_PATH={self.prefix}")
+        self.build(build)
+        self.check_agent(build / "agent")
+
+    def test_cmake_gives_the_shared_library_and_the_archive_with_its_registration(self):
+        build = self.directory / "build"
+        self.configure(CONSUMERS, build, f"-DCMAKE_PREFIX_PATH={self.prefix}",
+                       f"-DAGENT={EMBED / 'agent.cpp'}")
+        self.build(build)
+        self.check_shared(build / "shared")
+        registered = execute([build / "registered"], expected=2)
+        self.assertEqual("registered\n", registered.stdout)
+
+    def test_pkg_config_gives_the_shared_library(self):
+        program = self.directory / "shared"
+        execute([os.environ["VARN_CXX"], "-std=c++20", *os.environ["VARN_CXX_FLAGS"].split(),
+                 CONSUMERS / "Shared.cpp", "-o", program, *self.pkg_config("--cflags", "--libs")])
+        self.check_shared(program)
+        self.assertEqual(["0.1.0"], self.pkg_config("--modversion"))
+
+    def test_every_header_compiles_alone_under_both_names(self):
+        directory = next(self.prefix.rglob("AgentLog.h")).parent
+        self.assertEqual(HEADERS, sorted(path.name for path in directory.iterdir()))
+        flags = self.pkg_config("--cflags")
+        for header in HEADERS:
+            for name in (header, f"VarnScriptRepository/{header}"):
+                with self.subTest(name=name):
+                    source = self.directory / "header.cpp"
+                    source.write_text(f'#include "{name}"\n#include "{name}"\n', encoding="utf-8")
+                    execute([os.environ["VARN_CXX"], "-std=c++20", "-fsyntax-only", "-Wall",
+                             "-Wextra", "-Wpedantic", "-Werror", *flags, source])
+
+    def test_nothing_in_it_names_the_places_where_it_was_built(self):
+        places = [os.environ["VARN_BUILD_DIRECTORY"], str(ROOT), str(self.directory / "first")]
+        texts = [path for pattern in ("*.cmake", "*.pc", "*.h", "*.service", "*.timer")
+                 for path in self.prefix.rglob(pattern)]
+        self.assertGreater(len(texts), 12)
+        for path in texts:
+            text = path.read_text(encoding="utf-8")
+            self.assertEqual([], [place for place in places if place in text], path)
+
+    def test_the_command_finds_its_library_beside_it(self):
+        if "sanitize" in os.environ["VARN_CXX_FLAGS"]:
+            self.skipTest("a sanitizer's runtime decides what is loaded")
+        done = execute([self.prefix / "bin/varn-scripts", "--version"])
+        self.assertEqual("varn-scripts 0.1.0\n", done.stdout)
+
+
+class FromSources(InDirectory):
+    def test_the_example_agent_builds_with_them_and_nothing_leaks_into_it(self):
+        build = self.directory / "build"
+        self.configure(EMBED, build, f"-DVARN_SOURCES={ROOT}")
+        self.build(build)
+        self.check_agent(build / "agent")
+
+        # The agent is compiled as it asked for: no warnings of ours, and none made errors.
+        commands = json.loads((build / "compile_commands.json").read_text(encoding="utf-8"))
+        own = [c["command"] for c in commands if c["file"].endswith("/agent.cpp")]
+        self.assertEqual(1, len(own))
+        self.assertNotIn("-W", own[0].replace("-Wl,", ""))
+        # No test, no tool, and nothing to install.
+        files = {path.name for path in build.rglob("*")}
+        self.assertEqual(set(), files & {"varn-scripts", "varn-unit-tests", "CTestTestfile.cmake"})
+        self.assertIn("libVarnScriptRepositoryUnits.a", files)
+        execute([os.environ["VARN_CMAKE"], "--install", build,
+                 "--prefix", self.directory / "parent"])
+        self.assertFalse((self.directory / "parent").exists())
+
+
+if __name__ == "__main__":
+    unittest.main(argv=[sys.argv[0], "--verbose", *sys.argv[1:]])

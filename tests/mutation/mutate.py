@@ -1,0 +1,231 @@
+#!/usr/bin/env python3
+"""Changes the library one small step at a time and looks whether its unit tests notice.
+
+A mutant is one change in one line of src/: an operator, a constant, a condition, a message, or the
+order of two statements. A mutant that does not compile is no mutant. One that the tests pass is a
+survivor; survivors are printed with their line and change, for somebody to judge.
+
+Each worker has a copy of the tree and a build directory of its own.
+"""
+
+import argparse
+import concurrent.futures
+import hashlib
+import os
+import pathlib
+import queue
+import re
+import shutil
+import subprocess
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+PARTS = ("CMakeLists.txt", "agent", "cmake", "include", "interfaces", "src", "tests")
+TARGETS = ("varn-unit-tests", "varn-property-tests", "varn-runner-tests")
+TEST_LIMIT = 120  # seconds for the tests of one mutant; a longer run counts as caught
+
+# Other systems' files do not run here.
+NOT_HERE = re.compile(r"\.macos\.cpp$")
+
+OPERATORS = (
+    (r" == ", " != "), (r" != ", " == "),
+    (r" < ", " <= "), (r" <= ", " < "), (r" > ", " >= "), (r" >= ", " > "),
+    (r" && ", " || "), (r" \|\| ", " && "),
+    (r" \+ ", " - "), (r" - ", " + "), (r" \+= ", " = "), (r"\+\+", "--"),
+    (r"\btrue\b", "false"), (r"\bfalse\b", "true"),
+    (r"\bif \((?!constexpr)", "if (!("), (r"\bif \(!", "if ("),
+    (r"\bbreak;", ";"), (r"\bcontinue;", ";"),
+    (r"\breturn std::nullopt;", "return {};"),
+    (r"\b0\b", "1"), (r"\b1\b", "0"), (r"\b([2-9]|[1-9]\d+)\b", None),
+)
+
+STATEMENT = re.compile(r"^\s+(?!return\b|const\b|auto\b|if\b|for\b|while\b|else\b|case\b|break\b|continue\b"
+                       r"|static\b|struct\b|std::\w+\s+\w+[({;]|//)[\w:>\-.*\[\]]+.*;\s*$")
+
+
+class Mutant:
+    def __init__(self, path, first, last, lines, change):
+        self.path = path
+        self.first = first  # index of the first line that is replaced
+        self.last = last    # index behind the last one
+        self.lines = lines
+        self.change = change
+
+    def __str__(self):
+        return f"{self.path}:{self.first + 1}: {self.change}"
+
+    def order(self):
+        return hashlib.sha256(str(self).encode()).hexdigest()
+
+
+def code_of(line):
+    """The line without its comment, and whether it is code at all."""
+    text = line.split("//")[0] if '"' not in line else line
+    return text if text.strip() and not text.lstrip().startswith(("#", "//", "*", "namespace")) else ""
+
+
+def outside_texts(line, position):
+    return line[:position].replace('\\"', "").count('"') % 2 == 0
+
+
+def operator_mutants(path, index, line):
+    for pattern, replacement in OPERATORS:
+        for match in re.finditer(pattern, line):
+            if not outside_texts(line, match.start()):
+                continue
+            text = replacement if replacement is not None else str(int(match.group(0)) + 1)
+            changed = line[: match.start()] + text + line[match.end():]
+            if text == "if (!(":
+                closing = matching_parenthesis(line, match.end() - 1)
+                if closing is None:
+                    continue
+                changed = (line[: match.start()] + "if (!" + line[match.end() - 1: closing + 1] + ")"
+                           + line[closing + 1:])
+            yield Mutant(path, index, index + 1, [changed],
+                         f"{line.strip()}  ->  {changed.strip()}")
+
+
+def matching_parenthesis(line, opening):
+    depth = 0
+    for position in range(opening, len(line)):
+        depth += {"(": 1, ")": -1}.get(line[position], 0)
+        if depth == 0:
+            return position
+    return None
+
+
+def message_mutants(path, index, line):
+    for match in re.finditer(r'"((?:[^"\\]|\\.){2,})"', line):
+        if line.lstrip().startswith("#include") or "static_assert" in line:
+            continue
+        text = match.group(1)
+        middle = len(text) // 2
+        if text[middle - 1] == "\\":
+            continue
+        changed = line[: match.start(1)] + text[:middle] + "~" + text[middle:] + line[match.end(1):]
+        yield Mutant(path, index, index + 1, [changed], f"{line.strip()}  ->  {changed.strip()}")
+
+
+def order_mutants(path, index, lines):
+    if index + 1 >= len(lines):
+        return
+    line, following = lines[index], lines[index + 1]
+    if STATEMENT.match(line) and STATEMENT.match(following) and line.strip() != following.strip():
+        yield Mutant(path, index, index + 2, [following, line],
+                     f"{line.strip()}  <->  {following.strip()}")
+
+
+def deletion_mutants(path, index, line):
+    if STATEMENT.match(line) and line.count("(") == line.count(")"):
+        yield Mutant(path, index, index + 1, [";\n"], f"{line.strip()}  ->  (nothing)")
+
+
+def all_mutants():
+    for file in sorted((ROOT / "src").rglob("*.cpp")):
+        path = file.relative_to(ROOT)
+        if NOT_HERE.search(str(path)):
+            continue
+        lines = file.read_text(encoding="utf-8").splitlines(keepends=True)
+        for index, line in enumerate(lines):
+            if not code_of(line):
+                continue
+            yield from operator_mutants(path, index, line)
+            yield from message_mutants(path, index, line)
+            yield from order_mutants(path, index, lines)
+            yield from deletion_mutants(path, index, line)
+
+
+class Worker:
+    """A copy of the tree, built, in which one mutant after another is tried."""
+
+    def __init__(self, directory):
+        self.tree = directory / "tree"
+        self.build = directory / "build"
+        self.tree.mkdir(parents=True, exist_ok=True)
+        for part in PARTS:
+            source = ROOT / part
+            if source.is_dir():
+                shutil.rmtree(self.tree / part, ignore_errors=True)
+                shutil.copytree(source, self.tree / part)
+            else:
+                shutil.copy2(source, self.tree / part)
+        self._command(["cmake", "-S", self.tree, "-B", self.build, "-G", "Ninja",
+                       "-DCMAKE_BUILD_TYPE=Debug", "-DVARN_BUILD_COMMAND=OFF",
+                       "-DVARN_BUNDLED_AGENT_MODULES=OFF"], check=True)
+        self._compile(check=True)
+        if not self._tests_pass():
+            sys.exit("the tests fail without any change")
+
+    def judge(self, mutant):
+        """"caught", "survived" or "no mutant"."""
+        file = self.tree / mutant.path
+        original = file.read_text(encoding="utf-8")
+        lines = original.splitlines(keepends=True)
+        lines[mutant.first: mutant.last] = mutant.lines
+        try:
+            file.write_text("".join(lines), encoding="utf-8")
+            if self._compile().returncode != 0:
+                return "no mutant"
+            return "survived" if self._tests_pass() else "caught"
+        finally:
+            file.write_text(original, encoding="utf-8")
+
+    def _compile(self, check=False):
+        return self._command(["ninja", "-C", self.build, "-j1", *TARGETS], check=check)
+
+    def _tests_pass(self):
+        try:
+            done = self._command(["ctest", "--test-dir", self.build, "--stop-on-failure", "-j2",
+                                  "--timeout", "20", "-R", os.environ.get("VARN_MUTATE_TESTS", "")],
+                                 limit=TEST_LIMIT)
+        except subprocess.TimeoutExpired:
+            return False
+        return done.returncode == 0
+
+    @staticmethod
+    def _command(arguments, check=False, limit=None):
+        return subprocess.run([str(argument) for argument in arguments], stdin=subprocess.DEVNULL,
+                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=check,
+                              timeout=limit)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--most", type=int, default=320, help="how many mutants to judge")
+    parser.add_argument("--workers", type=int, default=os.cpu_count() or 1)
+    parser.add_argument("--directory", type=pathlib.Path, default=ROOT / "build" / "mutation")
+    options = parser.parse_args()
+
+    # In the order of their digests: a sample of all files and kinds that stays the same.
+    mutants = sorted(all_mutants(), key=Mutant.order)
+    workers = queue.SimpleQueue()
+    with concurrent.futures.ThreadPoolExecutor(options.workers) as pool:
+        places = [options.directory / str(number) for number in range(options.workers)]
+        for worker in pool.map(Worker, places):
+            workers.put(worker)
+
+        counts = {"caught": 0, "survived": 0, "no mutant": 0}
+
+        def judge(mutant):
+            if counts["caught"] + counts["survived"] >= options.most:
+                return
+            worker = workers.get()
+            try:
+                verdict = worker.judge(mutant)
+            finally:
+                workers.put(worker)
+            counts[verdict] += 1
+            if verdict == "survived":
+                print(f"survived  {mutant}", flush=True)
+
+        list(pool.map(judge, mutants))
+
+    judged = counts["caught"] + counts["survived"]
+    share = 100 * counts["caught"] / max(judged, 1)
+    print(f"{judged} mutants of {len(mutants)} candidates judged, {counts['caught']} caught "
+          f"({share:.1f} %), {counts['survived']} survived, {counts['no mutant']} did not compile")
+    sys.exit(0 if judged >= min(options.most, 300) and share >= 95 else 1)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,77 @@
+// The command lines of `publish` and `plan`.
+
+#include <gtest/gtest.h>
+
+#include "CommandLine.h"
+
+namespace VarnScripts {
+namespace {
+
+CommandLine parsed(const std::vector<std::string>& arguments) {
+  const auto result = parseCommandLine(arguments);
+  if (const auto* reply = std::get_if<Reply>(&result)) {
+    ADD_FAILURE() << reply->error;
+    return {};
+  }
+  return std::get<CommandLine>(result);
+}
+
+Reply refused(const std::vector<std::string>& arguments) {
+  const auto result = parseCommandLine(arguments);
+  if (const auto* reply = std::get_if<Reply>(&result)) return *reply;
+  ADD_FAILURE() << "taken";
+  return {};
+}
+
+TEST(PublishCommandLine, HasADefaultForEveryOption) {
+  const CommandLine line = parsed({"publish", "in", "out"});
+  EXPECT_EQ(line.command, CommandLine::Command::publish);
+  EXPECT_EQ(line.publish.sourceDirectory, "in");
+  EXPECT_EQ(line.publish.outputDirectory, "out");
+  EXPECT_EQ(line.publish.keep, 2U);
+  EXPECT_FALSE(line.publish.strict);
+  EXPECT_FALSE(line.publish.check);
+  EXPECT_EQ(line.publish.digest, std::nullopt);
+}
+
+TEST(PublishCommandLine, TakesItsOptionsAndTheSettings) {
+  const CommandLine line = parsed({"--customer", "7", "publish", "--keep", "5", "--strict",
+                                   "--check", "--digest", "sha512", "in", "out"});
+  EXPECT_EQ(line.publish.keep, 5U);
+  EXPECT_TRUE(line.publish.strict);
+  EXPECT_TRUE(line.publish.check);
+  EXPECT_EQ(line.publish.digest, "sha512");
+  EXPECT_EQ(line.flags, (SettingTexts{{"customer", "7"}}));
+}
+
+TEST(PublishCommandLine, TakesAnEmptyDigestForGiven) {
+  EXPECT_EQ(parsed({"publish", "--digest=", "in", "out"}).publish.digest, "");
+}
+
+TEST(PublishCommandLine, RefusesToKeepNoListAtAll) {
+  EXPECT_EQ(refused({"publish", "--keep", "0", "in", "out"}).exitStatus, 2);
+  EXPECT_EQ(refused({"publish", "--keep", "two", "in", "out"}).exitStatus, 2);
+}
+
+TEST(PublishCommandLine, NeedsBothDirectories) {
+  EXPECT_EQ(refused({"publish", "in"}).error,
+            "varn-scripts: OUTPUT_DIR is required\n"
+            "varn-scripts --help tells how it is used.\n");
+}
+
+TEST(PlanCommandLine, TakesAScriptID) {
+  const CommandLine line = parsed({"plan", "42", "--json"});
+  EXPECT_EQ(line.command, CommandLine::Command::plan);
+  EXPECT_EQ(line.scriptID, "42");
+  EXPECT_TRUE(line.json);
+  EXPECT_FALSE(parsed({"plan", "42"}).json);
+}
+
+TEST(PlanCommandLine, RefusesAnEmptyScriptID) {
+  EXPECT_EQ(refused({"plan", ""}).error,
+            "varn-scripts: SCRIPT_ID must not be empty\n"
+            "varn-scripts --help tells how it is used.\n");
+}
+
+}  // namespace
+}  // namespace VarnScripts

@@ -1,0 +1,189 @@
+// Files in the server's tree: whole, readable, never through a link, and one publishing at a time.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "publish/ServerFiles.h"
+
+namespace VarnScripts::publishing {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kScript = "files/" + std::string(64, 'a') + ".sh";
+const std::string kOtherScript = "files/" + std::string(64, 'b') + ".sh";
+
+class ServerFilesTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string name = testing::TempDir() + "server-XXXXXX";
+    ASSERT_NE(::mkdtemp(name.data()), nullptr);
+    output_ = name;
+    root_ = output_ + "/client-data/7/scriptrepo";
+  }
+  void TearDown() override { fs::remove_all(output_); }
+
+  void open(ServerFiles& files) const {
+    std::error_code error;
+    files.open(output_, "client-data/7/scriptrepo", error);
+    ASSERT_FALSE(error) << files.failedPath() << ": " << error.message();
+  }
+
+  void put(ServerFiles& files, const std::string& name, const std::string& bytes) const {
+    std::error_code error;
+    files.add(name, bytes, error);
+    ASSERT_FALSE(error) << error.message();
+    files.commit(error);
+    ASSERT_FALSE(error) << error.message();
+  }
+
+  [[nodiscard]] std::string bytesOf(const std::string& name) const {
+    std::ifstream file(root_ + "/" + name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  [[nodiscard]] unsigned modeOf(const std::string& path) const {
+    return static_cast<unsigned>(fs::symlink_status(path).permissions());
+  }
+
+  [[nodiscard]] std::set<std::string> names() const {
+    std::set<std::string> found;
+    for (const auto& item : fs::recursive_directory_iterator(root_)) {
+      found.insert(fs::relative(item.path(), root_).string());
+    }
+    return found;
+  }
+
+  std::string output_;
+  std::string root_;
+};
+
+TEST_F(ServerFilesTest, AreReadableForAWebServerWhateverTheMask) {
+  const mode_t mask = ::umask(0777);
+  ServerFiles files;
+  open(files);
+  put(files, kScript, "echo a\n");
+  ::umask(mask);
+  for (const std::string& directory :
+       {output_ + "/client-data", output_ + "/client-data/7", root_, root_ + "/files"}) {
+    EXPECT_EQ(modeOf(directory), 0755U) << directory;
+  }
+  EXPECT_EQ(modeOf(root_ + "/" + kScript), 0644U);
+  EXPECT_EQ(bytesOf(kScript), "echo a\n");
+  EXPECT_EQ(files.written(), 1U);
+}
+
+TEST_F(ServerFilesTest, ThatHoldTheBytesAlreadyStayAsTheyAre) {
+  {
+    ServerFiles files;
+    open(files);
+    put(files, kScript, "echo a\n");
+  }
+  struct stat before {};
+  ASSERT_EQ(::stat((root_ + "/" + kScript).c_str(), &before), 0);
+  ServerFiles files;
+  open(files);
+  put(files, kScript, "echo a\n");
+  struct stat after {};
+  ASSERT_EQ(::stat((root_ + "/" + kScript).c_str(), &after), 0);
+  EXPECT_EQ(after.st_ino, before.st_ino);
+  EXPECT_EQ(files.written(), 0U);
+}
+
+TEST_F(ServerFilesTest, ThatWereDamagedAreReplaced) {
+  ServerFiles files;
+  open(files);
+  std::ofstream(root_ + "/" + kScript) << "echo";
+  put(files, kScript, "echo a\n");
+  EXPECT_EQ(bytesOf(kScript), "echo a\n");
+  EXPECT_EQ(files.written(), 1U);
+}
+
+TEST_F(ServerFilesTest, ThatNobodyElseMayReadAreReplaced) {
+  ServerFiles files;
+  open(files);
+  std::ofstream(root_ + "/" + kScript) << "echo a\n";
+  fs::permissions(root_ + "/" + kScript, fs::perms::owner_all);
+  put(files, kScript, "echo a\n");
+  EXPECT_EQ(modeOf(root_ + "/" + kScript), 0644U);
+  EXPECT_EQ(files.written(), 1U);
+}
+
+TEST_F(ServerFilesTest, ReplaceALinkAndLeaveItsTargetAlone) {
+  std::ofstream(output_ + "/elsewhere") << "echo a\n";
+  ServerFiles files;
+  open(files);
+  fs::create_symlink(output_ + "/elsewhere", root_ + "/" + kScript);
+  fs::create_symlink(output_ + "/elsewhere", root_ + "/files/.publishing-0");
+  put(files, kScript, "echo b\n");
+  EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(root_ + "/" + kScript)));
+  EXPECT_EQ(bytesOf(kScript), "echo b\n");
+  std::ifstream elsewhere(output_ + "/elsewhere");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(elsewhere), {}), "echo a\n");
+}
+
+TEST_F(ServerFilesTest, AreNotSeenBeforeTheyAreCommitted) {
+  {
+    ServerFiles files;
+    open(files);
+    std::error_code error;
+    files.add(kScript, "echo a\n", error);
+    ASSERT_FALSE(error);
+    EXPECT_FALSE(fs::exists(root_ + "/" + kScript));
+  }
+  EXPECT_EQ(names(), (std::set<std::string>{"data", "files"}));
+}
+
+TEST_F(ServerFilesTest, GoWhenNothingNamesThemAndForeignOnesStay) {
+  ServerFiles files;
+  open(files);
+  put(files, kScript, "echo a\n");
+  put(files, kOtherScript, "echo b\n");
+  for (const char* const name : {"files/.publishing-7", "data/.publishing-1", ".publishing-0",
+                                 "files/readme.sh", "scripts-meta.xml", "data/42.xml"}) {
+    std::ofstream(root_ + "/" + name) << "x";
+  }
+  std::error_code error;
+  files.removeContentBut({kScript}, error);
+  EXPECT_FALSE(error);
+  EXPECT_EQ(files.removed(), 4U);
+  EXPECT_EQ(names(), (std::set<std::string>{"data", "data/42.xml", "files", "files/readme.sh",
+                                            kScript, "scripts-meta.xml"}));
+}
+
+TEST_F(ServerFilesTest, TellWhichPathCouldNotBeMade) {
+  std::ofstream(output_ + "/client-data") << "a file";
+  ServerFiles files;
+  std::error_code error;
+  files.open(output_, "client-data/7/scriptrepo", error);
+  EXPECT_TRUE(error);
+  EXPECT_EQ(files.failedPath(), output_ + "/client-data/7");
+  EXPECT_EQ(error.message(), "Not a directory");
+}
+
+TEST_F(ServerFilesTest, BelongToOnePublishingAtATime) {
+  const auto isFree = [this] {
+    const int directory = ::open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const bool free = ::flock(directory, LOCK_EX | LOCK_NB) == 0;
+    ::close(directory);
+    return free;
+  };
+  {
+    ServerFiles files;
+    open(files);
+    EXPECT_FALSE(isFree());
+  }
+  EXPECT_TRUE(isFree());
+}
+
+}  // namespace
+}  // namespace VarnScripts::publishing

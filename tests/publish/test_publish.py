@@ -1,0 +1,437 @@
+"""What `publish` makes of a directory of scripts, what it leaves alone, and what it refuses."""
+
+import fcntl
+import hashlib
+import os
+import resource
+import signal
+import stat
+
+from publish_case import PublishCase
+from support.repository import CUSTOMER, DIRECTORY
+
+
+def sha256(text):
+    return hashlib.sha256(text.encode()).hexdigest()
+
+
+class PublishedTree(PublishCase):
+    def test_has_a_list_a_document_and_the_script_each_readable_by_a_web_server(self):
+        self.write_script(arguments='-a "two words"', accepted_codes="0,3", name="Job",
+                          description="A job.")
+        output = self.must_publish()
+        self.assertEqual(output, "Published 1 script for customer 7: 2 files written, "
+                                 "the list replaced, 0 files removed.\n")
+        script = f"files/{sha256('echo done' + chr(10))}.sh"
+        document = self.entries()["42"]["filepath"].removeprefix(DIRECTORY + "/")
+        self.assertEqual(self.files(), {"scripts-meta.xml", script, document})
+        for name, (mode, *_) in self.tree().items():
+            expected = 0o755 if stat.S_ISDIR(mode) else 0o644
+            if name != ".":
+                self.assertEqual(stat.S_IMODE(mode), expected, name)
+
+    def test_names_every_file_but_the_list_by_its_content(self):
+        self.write_script("1", "a.sh", "echo a\n")
+        self.write_script("2", "b.py", "print(1)\n")
+        self.must_publish()
+        self.assertEqual(len(self.content()), 4)
+        for name in self.content():
+            with open(f"{self.output}{DIRECTORY}/{name}", "rb") as file:
+                digest = hashlib.sha256(file.read()).hexdigest()
+            self.assertEqual(os.path.basename(name).split(".")[0], digest)
+
+    def test_has_the_documents_of_the_script(self):
+        self.write_script(arguments='-a "two words"', accepted_codes="0,3", name="Job",
+                          description="A <job> & more\n", platform="Mac")
+        self.must_publish()
+        entry = self.entries()["42"]
+        self.assertEqual(
+            {key: entry[key] for key in ("script_name", "description", "script_file", "file_id",
+                                         "customer_id", "os_platform")},
+            {"script_name": "Job", "description": "A <job> & more\n", "script_file": "job.sh",
+             "file_id": "42", "customer_id": "7", "os_platform": "Mac"})
+        document = self.document()
+        self.assertEqual(document["ScriptRepo"]["script_args"], '-a "two words"')
+        self.assertEqual(document["ScriptRepo"]["script_mul_exit_code"], "0,3")
+        self.assertEqual(document["ScriptRepo"]["modified_time"], entry["modified_time"])
+        self.assertEqual(document["ChecksumValues"]["checksum_type"], "sha256")
+        self.assertEqual(document["ChecksumValues"]["checksum_val"], sha256("echo done\n"))
+        self.assertEqual(document["VyFiles"]["file_system_location"],
+                         "..\\webapps\\Quillandermoor\\client-data\\7\\scriptrepo\\files\\"
+                         + sha256("echo done\n") + ".sh")
+
+    def test_has_the_digest_that_was_chosen(self):
+        self.write_script()
+        self.must_publish("--digest", "SHA-512")
+        checksum = self.document()["ChecksumValues"]
+        self.assertEqual(checksum["checksum_type"], "sha512")
+        self.assertEqual(checksum["checksum_val"], hashlib.sha512(b"echo done\n").hexdigest())
+
+    def test_does_not_depend_on_the_place_or_the_time(self):
+        self.write_script()
+        self.must_publish()
+        first = {name: values[-1] for name, values in self.tree().items()}
+        os.utime(self.source + "/job.sh", (1, 1))
+        self.output = self.path("deep/other/output")
+        self.must_publish()
+        self.assertEqual({name: values[-1] for name, values in self.tree().items()}, first)
+
+    def test_of_one_customer_leaves_that_of_another_alone(self):
+        self.write_script()
+        self.must_publish()
+        before = self.tree(self.output + "/client-data/7")
+        self.write_script(text="echo other\n")
+        result = self.run_command("publish", self.source, self.output,
+                                  settings=["--customer", "other one"])
+        self.assertEqual(result.status, 0)
+        self.assertEqual(self.tree(self.output + "/client-data/7"), before)
+        self.assertTrue(os.path.exists(
+            self.output + "/client-data/other one/scriptrepo/scripts-meta.xml"))
+
+
+class Repeated(PublishCase):
+    def test_without_a_change_rewrites_nothing(self):
+        self.write_script("1", "a.sh", "echo a\n")
+        self.write_script("2", "b.sh", "echo b\n")
+        self.must_publish()
+        before = self.tree()
+        self.assertEqual(self.must_publish(),
+                         "Published 2 scripts for customer 7: nothing has changed.\n")
+        os.utime(self.source + "/a.sh", (1, 1))
+        self.must_publish()
+        self.assertEqual(self.tree(), before)
+
+    def test_with_one_changed_script_adds_its_files_and_replaces_the_list(self):
+        for number in range(5):
+            self.write_script(str(number), f"{number}.sh", f"echo {number}\n")
+        self.must_publish()
+        before = self.tree()
+        versions = {key: entry["modified_time"] for key, entry in self.entries().items()}
+        self.write("3.sh", "echo changed\n")
+        self.assertEqual(self.must_publish(),
+                         "Published 5 scripts for customer 7: 2 files written, the list replaced, "
+                         "0 files removed.\n")
+        after = self.tree()
+        self.assertEqual(before.keys() - after.keys(), set())
+        self.assertEqual({os.path.splitext(name)[1] for name in after.keys() - before.keys()},
+                         {".sh", ".xml"})
+        self.assertEqual(len(after.keys() - before.keys()), 2)
+        changed = {name for name in before if before[name] != after[name]
+                   and stat.S_ISREG(before[name][0])}
+        self.assertEqual(changed, {"client-data/7/scriptrepo/scripts-meta.xml"})
+        changed_versions = {key for key, entry in self.entries().items()
+                            if entry["modified_time"] != versions[key]}
+        self.assertEqual(changed_versions, {"3"})
+
+    def test_changes_the_version_exactly_when_what_runs_changes(self):
+        self.write_script()
+        self.must_publish()
+        seen = [self.version()]
+        for change in ({"text": "echo 2\n"}, {"file": "job2.sh"}, {"arguments": "x"},
+                       {"accepted_codes": "1"}):
+            self.write_script(**change)
+            self.must_publish()
+            self.assertNotIn(self.version(), seen, change)
+            seen.append(self.version())
+        self.write_script()
+        self.must_publish()
+        self.assertEqual(self.version(), seen[0])
+        for change in ({"name": "n"}, {"description": "d"}, {"platform": "p"}):
+            self.write_script(**change)
+            self.must_publish()
+            self.assertEqual(self.version(), seen[0], change)
+        self.must_publish("--digest", "sha384")
+        self.assertEqual(self.version(), seen[0])
+
+    def test_mends_content_that_was_damaged(self):
+        self.write_script()
+        self.must_publish()
+        before = {name: values[-1] for name, values in self.tree().items()}
+        for name in self.content():
+            with open(f"{self.output}{DIRECTORY}/{name}", "w") as file:
+                file.write("damaged")
+        self.assertEqual(self.must_publish(),
+                         "Published 1 script for customer 7: 2 files written, the list unchanged, "
+                         "0 files removed.\n")
+        self.assertEqual({name: values[-1] for name, values in self.tree().items()}, before)
+
+
+class Retention(PublishCase):
+    def publish_text(self, text, *options):
+        """Publishes a script of this text; gives the two content names of it."""
+        self.write_script(text=f"echo {text}\n")
+        self.must_publish(*options)
+        return {self.entries()["42"]["filepath"].removeprefix(DIRECTORY + "/"),
+                f"files/{sha256(f'echo {text}' + chr(10))}.sh"}
+
+    def test_keeps_what_the_last_two_lists_named(self):
+        first = self.publish_text("1")
+        second = self.publish_text("2")
+        self.assertEqual(self.content(), first | second)
+        third = self.publish_text("3")
+        self.assertEqual(self.content(), second | third)
+        # The same list again is not one more list.
+        self.must_publish()
+        self.assertEqual(self.content(), second | third)
+
+    def test_keeps_what_as_many_lists_named_as_asked_for(self):
+        names = [self.publish_text(str(number), "--keep", "4") for number in range(7)]
+        self.assertEqual(self.content(), set().union(*names[3:]))
+
+    def test_of_one_list_keeps_nothing_else(self):
+        self.publish_text("1", "--keep", "1")
+        second = self.publish_text("2", "--keep", "1")
+        self.assertEqual(self.content(), second)
+
+    def test_of_fewer_lists_takes_effect_at_once(self):
+        names = [self.publish_text(str(number), "--keep", "3") for number in range(3)]
+        self.assertEqual(self.content(), set().union(*names))
+        self.assertEqual(self.must_publish("--keep", "1"),
+                         "Published 1 script for customer 7: 0 files written, the list replaced, "
+                         "4 files removed.\n")
+        self.assertEqual(self.content(), names[2])
+
+    def test_counts_from_the_newest_list_that_named_it(self):
+        first = self.publish_text("1")
+        second = self.publish_text("2")
+        self.publish_text("1")
+        self.assertEqual(self.content(), first | second)
+        third = self.publish_text("3")
+        self.assertEqual(self.content(), first | third)
+
+    def test_keeps_what_a_dropped_script_had_for_as_long(self):
+        self.write_script("1", "a.sh", "echo a\n")
+        self.write_script("2", "b.sh", "echo b\n")
+        self.must_publish()
+        both = self.content()
+        self.drop_script("2")
+        self.must_publish()
+        self.assertEqual(self.content(), both)
+        self.assertEqual(self.entries().keys(), {"1"})
+        self.write("a.sh", "echo c\n")
+        self.must_publish()
+        self.assertNotIn(f"files/{sha256('echo b' + chr(10))}.sh", self.content())
+
+    def test_keeps_a_script_that_another_one_still_is(self):
+        self.write_script("1", "a.sh", "echo same\n")
+        self.write_script("2", "b.sh", "echo same\n")
+        self.must_publish("--keep", "1")
+        self.assertEqual(len(self.content()), 3)
+        self.drop_script("1")
+        self.must_publish("--keep", "1")
+        self.assertEqual(len(self.content()), 2)
+        self.assertIn(f"files/{sha256('echo same' + chr(10))}.sh", self.content())
+
+    def test_leaves_files_alone_that_it_has_not_made(self):
+        self.publish_text("1", "--keep", "1")
+        foreign = {"robots.txt", "data/42.xml", "files/job.sh"}
+        for name in foreign:
+            with open(f"{self.output}{DIRECTORY}/{name}", "w") as file:
+                file.write("foreign")
+        second = self.publish_text("2", "--keep", "1")
+        self.assertEqual(self.content(), second | foreign)
+
+    def test_sweeps_what_an_interrupted_publishing_left(self):
+        names = self.publish_text("1")
+        for name in (".publishing-0", "data/.publishing-3", f"files/{'0' * 64}.sh"):
+            with open(f"{self.output}{DIRECTORY}/{name}", "w") as file:
+                file.write("left")
+        self.assertEqual(self.must_publish(),
+                         "Published 1 script for customer 7: 0 files written, the list unchanged, "
+                         "3 files removed.\n")
+        self.assertEqual(self.content(), names)
+
+    def test_starts_anew_over_a_list_that_cannot_be_read(self):
+        self.publish_text("1")
+        with open(self.list_path, "w") as file:
+            file.write("<scripts-meta><ScriptRepo>")
+        second = self.publish_text("2")
+        self.assertEqual(self.content(), second)
+
+
+class Refused(PublishCase):
+    def test_publishes_nothing_and_says_why(self):
+        self.write_script()
+        self.must_publish()
+        before = self.tree()
+        self.write_script("1", "a.rb", accepted_codes="256")
+        result = self.publish()
+        manifest = f"{self.source}/scripts.toml"
+        self.assertEqual((result.status, result.output), (2, ""))
+        self.assertEqual(result.error_lines, [
+            f'{manifest}:7: the extension of "a.rb" has no interpreter; end the name in .py, .sh, '
+            ".pl or .scpt",
+            f'{manifest}:8: warning: no run matches the accepted code "256", because it is larger '
+            "than 255; write whole numbers from 0 to 255 with nothing but a comma between them",
+            "varn-scripts: nothing is published: 1 refusal and 1 warning"])
+        self.assertEqual(self.tree(), before)
+
+    def test_does_not_even_make_the_output_directory(self):
+        self.write("scripts.toml", "x = 1\n")
+        result = self.publish()
+        self.assertEqual(result.status, 2)
+        self.assertEqual(result.error_lines, [
+            f'{self.source}/scripts.toml:1: unknown key "x"; the manifest\'s keys are digest and '
+            "script",
+            "varn-scripts: nothing is published: 1 refusal"])
+        self.assertFalse(os.path.exists(self.output))
+
+    def test_names_findings_in_the_order_of_the_lines(self):
+        self.write("scripts.toml", '[[script]]\nplatform = 1\nname = 2\nid = "1"\nfile = "x.sh"\n')
+        result = self.publish()
+        self.assertEqual([line.split(":")[1] for line in result.error_lines[:-1]], ["2", "3", "5"])
+
+    def test_warnings_do_not_keep_it_from_publishing(self):
+        self.write_script(text="echo a\r\n")
+        result = self.publish()
+        self.assertEqual(result.status, 0)
+        self.assertEqual(result.error_lines, [
+            f"{self.source}/job.sh:1: warning: the line ends in CR LF, and the shell takes the CR "
+            "for a part of the line; save the file with LF at the ends of its lines"])
+        self.assertEqual(self.entries().keys(), {"42"})
+
+    def test_warnings_are_refused_by_strict(self):
+        self.write_script(text="echo a\r\n", accepted_codes="0,")
+        result = self.publish("--strict")
+        self.assertEqual((result.status, result.output), (2, ""))
+        self.assertEqual(len(result.error_lines), 3)
+        self.assertEqual(
+            result.error_lines[-1],
+            "varn-scripts: nothing is published: 0 refusals and 2 warnings, refused by --strict")
+        self.assertFalse(os.path.exists(self.output))
+
+    def test_strict_publishes_what_has_no_warning(self):
+        self.write_script()
+        self.must_publish("--strict")
+        self.assertEqual(self.entries().keys(), {"42"})
+
+    def test_a_missing_customer_is_a_settings_error(self):
+        self.write_script()
+        result = self.run_command("publish", self.source, self.output, settings=[])
+        self.assertEqual((result.status, result.error),
+                         (2, "varn-scripts: customer is not set: give it with --customer, with "
+                             "VARN_CUSTOMER in the environment, or as customer in the settings "
+                             "file (--config, VARN_CONFIG)\n"))
+
+    def test_the_customer_must_be_able_to_name_a_directory(self):
+        self.write_script()
+        for customer, complaint in (("..", 'contains ".."'), ("a/b", "contains a slash"),
+                                    ("a\\b", "contains a backslash"),
+                                    ("a%20b", "contains a percent sign")):
+            result = self.run_command("publish", self.source, self.output,
+                                      settings=["--customer", customer])
+            self.assertEqual((result.status, result.error),
+                             (2, f'varn-scripts: the customer "{customer}" {complaint}; no server '
+                                 "tree can have a directory of this name\n"))
+        self.assertFalse(os.path.exists(self.output))
+
+    def test_at_least_one_list_must_be_kept(self):
+        self.write_script()
+        for number in ("0", "-1", "x"):
+            result = self.publish("--keep", number)
+            self.assertEqual(result.status, 2, number)
+            self.assertIn("--keep", result.error)
+        self.assertFalse(os.path.exists(self.output))
+
+    def test_both_directories_must_be_named(self):
+        result = self.run_command("publish", self.source, settings=["--customer", "7"])
+        self.assertEqual(result.status, 2)
+        self.assertIn("OUTPUT_DIR is required", result.error)
+
+
+class Check(PublishCase):
+    def test_writes_nothing(self):
+        self.write_script()
+        result = self.publish("--check")
+        self.assertEqual((result.status, result.output, result.error),
+                         (0, "Checked 1 script: nothing to say.\n", ""))
+        self.assertFalse(os.path.exists(self.output))
+        self.must_publish()
+        before, source = self.tree(), self.tree(self.source)
+        self.write_script(text="echo other\n")
+        source = self.tree(self.source)
+        self.assertEqual(self.publish("--check").status, 0)
+        self.assertEqual(self.tree(), before)
+        self.assertEqual(self.tree(self.source), source)
+
+    def test_finds_what_publishing_would_find(self):
+        self.write_script(text="echo a\r\n")
+        result = self.publish("--check")
+        self.assertEqual((result.status, result.output), (0, "Checked 1 script: 1 warning.\n"))
+        self.assertEqual(len(result.error_lines), 1)
+        self.assertEqual(self.publish("--check", "--strict").status, 2)
+        self.write_script(file="a.SH")
+        self.assertEqual(self.publish("--check").status, 2)
+        self.assertFalse(os.path.exists(self.output))
+
+
+class Failures(PublishCase):
+    def test_a_full_disk_leaves_the_old_state(self):
+        self.write_script()
+        self.must_publish()
+        before = self.tree()
+        self.write_script(text="echo " + "x" * 100000 + "\n")
+
+        def small_files_only():
+            # As a full disk does, this ends a write with an error; without it, with a signal.
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (50000, 50000))
+
+        result = self.publish(preexec_fn=small_files_only)
+        self.assertEqual((result.status, result.output), (3, ""))
+        self.assertEqual(result.error,
+                         f"varn-scripts: {self.output}{DIRECTORY}/files/.publishing-0 can't be "
+                         "written: File too large\n")
+        after = self.tree()
+        for name, values in before.items():
+            if stat.S_ISREG(values[0]):
+                self.assertEqual(after[name], values)
+        self.assertEqual(after.keys(), before.keys())
+
+    def test_an_output_that_is_a_file_cannot_be_written(self):
+        self.write_script()
+        with open(self.output, "w"):
+            pass
+        result = self.publish()
+        self.assertEqual((result.status, result.error),
+                         (3, f"varn-scripts: {self.output}/client-data can't be written: "
+                             "Not a directory\n"))
+
+
+class Turns(PublishCase):
+    def wait_for_turn_of(self, process):
+        """Waits until the process waits for a lock."""
+        def waits():
+            with open("/proc/locks", encoding="ascii") as locks:
+                return any(" -> FLOCK" in line and f" {process.pid} " in line for line in locks)
+        self.wait_until(waits, "a publishing that waits")
+
+    def test_are_taken_and_the_last_one_publishes_what_is_there_then(self):
+        self.write_script(text="echo 1\n")
+        self.must_publish()
+        directory = os.open(self.output + DIRECTORY, os.O_RDONLY)
+        fcntl.flock(directory, fcntl.LOCK_EX)
+        before = self.tree()
+        self.write_script(text="echo 2\n")
+        process = self.start("publish", self.source, self.output,
+                             settings=["--customer", CUSTOMER])
+        self.wait_for_turn_of(process)
+        self.assertEqual(self.tree(), before)
+        # What the waiting one has seen is no longer what is to be published.
+        self.write_script(text="echo 3\n")
+        os.close(directory)
+        self.assertEqual(self.finish(process).status, 0)
+        self.assertEqual(self.document()["ChecksumValues"]["checksum_val"], sha256("echo 3\n"))
+        self.assertNotIn(f"files/{sha256('echo 2' + chr(10))}.sh", self.content())
+
+    def test_many_at_once_leave_one_whole_state(self):
+        for number in range(20):
+            self.write_script(str(number), f"{number}.sh", f"echo {number}\n")
+        processes = [self.start("publish", self.source, self.output,
+                                settings=["--customer", CUSTOMER]) for _ in range(8)]
+        outputs = sorted(self.finish(process).output for process in processes)
+        nothing = "Published 20 scripts for customer 7: nothing has changed.\n"
+        everything = ("Published 20 scripts for customer 7: 40 files written, the list replaced, "
+                      "0 files removed.\n")
+        self.assertEqual(outputs, [everything] + [nothing] * 7)
+        self.assertEqual(len(self.content()), 40)
