@@ -29,13 +29,6 @@ void requireInside(const std::string& toPath, const std::string& basePath) {
   }
 }
 
-/// Whether the server may send the download from one URL on to another: never to anything but HTTP,
-/// and never from HTTPS to less.
-bool mayRedirect(const std::string& from, const std::string& to) {
-  if (hasScheme(to, "https")) return true;
-  return hasScheme(to, "http") && hasScheme(from, "http");
-}
-
 void fetchOverHTTP(std::string url, const AgentSettings& settings, DownloadTarget& target) {
   for (int redirects = 0; redirects <= kMostRedirects; ++redirects) {
     const auto redirect = transfer(url, settings, target);

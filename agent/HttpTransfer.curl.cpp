@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <string_view>
@@ -130,6 +131,8 @@ class Exchange {
     // No signal handler of curl's own: this is a guest in the process.
     set(CURLOPT_NOSIGNAL, 1L);
     set(CURLOPT_FOLLOWLOCATION, 0L);
+    // With a limit, if only the largest one, an announced length that is no number is a failure.
+    set(CURLOPT_MAXFILESIZE_LARGE, std::numeric_limits<curl_off_t>::max());
     set(CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
     set(CURLOPT_LOW_SPEED_LIMIT, 1L);
     set(CURLOPT_LOW_SPEED_TIME, kStallSeconds);
@@ -140,6 +143,9 @@ class Exchange {
     set(CURLOPT_WRITEDATA, this);
     set(CURLOPT_HEADERFUNCTION, &onHeader);
     set(CURLOPT_HEADERDATA, this);
+    set(CURLOPT_VERBOSE, 1L);
+    set(CURLOPT_DEBUGFUNCTION, &onRemark);
+    set(CURLOPT_DEBUGDATA, this);
     setUpTLS();
     if (!settings_.proxy.empty()) set(CURLOPT_PROXY, settings_.proxy.c_str());
     if (settings_.onDownloadProgress) {
@@ -182,6 +188,15 @@ class Exchange {
   static std::size_t onBody(char* bytes, std::size_t, std::size_t count, void* exchange) {
     auto& self = *static_cast<Exchange*>(exchange);
     return self.step([&] { self.takeBody(bytes, count); }) ? count : 0;
+  }
+
+  /// Of curl's remarks only one counts: it drops bytes beyond the announced length, and says so
+  /// nowhere else.
+  static int onRemark(CURL*, curl_infotype kind, char* text, std::size_t size, void* exchange) {
+    if (kind == CURLINFO_TEXT && std::string_view(text, size).starts_with("Excess found")) {
+      static_cast<Exchange*>(exchange)->isTooLong_ = true;
+    }
+    return 0;
   }
 
   static int onProgress(void* exchange, curl_off_t total, curl_off_t now, curl_off_t, curl_off_t) {
@@ -230,6 +245,7 @@ class Exchange {
     curl_easy_getinfo(handle_.get(), CURLINFO_REDIRECT_URL, &redirect);
     if (redirect != nullptr) return redirect;
     if (status() != 200) throw DownloadFailure(statusText());
+    if (isTooLong_) throw DownloadFailure("the body is longer than announced");
     if (decoder_) {
       decoder_->finish();
     } else if (encoding_ == "gzip" || encoding_ == "x-gzip") {
@@ -255,6 +271,7 @@ class Exchange {
   std::string encoding_;  ///< of the body, in lower case; empty when it has none
   std::size_t headerBytes_ = 0;
   std::size_t ignoredBytes_ = 0;
+  bool isTooLong_ = false;
   std::exception_ptr thrown_;
   char error_[CURL_ERROR_SIZE] = "";
 };

@@ -53,6 +53,11 @@ bool hasScheme(std::string_view url, std::string_view scheme) {
   return end != std::string_view::npos && equalIgnoringCase(url.substr(0, end), scheme);
 }
 
+bool mayRedirect(std::string_view from, std::string_view to) {
+  if (hasScheme(to, "https")) return true;
+  return hasScheme(to, "http") && hasScheme(from, "http");
+}
+
 std::string percentDecoded(std::string_view text) {
   std::string decoded;
   for (std::size_t at = 0; at < text.size(); ++at) {

@@ -20,6 +20,10 @@ namespace AgentUtils {
 /// Whether the URL's scheme is `scheme` ("file"), in either case.
 [[nodiscard]] bool hasScheme(std::string_view url, std::string_view scheme);
 
+/// Whether a server may send a download on from one URL to another: never to anything but HTTP or
+/// HTTPS, and never from HTTPS to less.
+[[nodiscard]] bool mayRedirect(std::string_view from, std::string_view to);
+
 /// The text with its percent escapes decoded; a `%` that begins no escape stays.
 [[nodiscard]] std::string percentDecoded(std::string_view text);
 

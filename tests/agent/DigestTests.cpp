@@ -27,11 +27,21 @@ TEST(DigestName, KnowsEachAlgorithmInItsUsualSpellings) {
     const char* name;
     Digest digest;
   } rows[] = {
-      {"md5", Digest::md5},         {"MD5", Digest::md5},         {"MD-5", Digest::md5},
-      {"sha", Digest::sha1},        {"SHA", Digest::sha1},        {"sha1", Digest::sha1},
-      {"SHA-1", Digest::sha1},      {"sha224", Digest::sha224},   {"SHA_224", Digest::sha224},
-      {"sha256", Digest::sha256},   {"SHA-256", Digest::sha256},  {"Sha 256", Digest::sha256},
-      {" s-h_a 256 ", Digest::sha256}, {"SHA-384", Digest::sha384}, {"sha512", Digest::sha512},
+      {"md5", Digest::md5},
+      {"MD5", Digest::md5},
+      {"MD-5", Digest::md5},
+      {"sha", Digest::sha1},
+      {"SHA", Digest::sha1},
+      {"sha1", Digest::sha1},
+      {"SHA-1", Digest::sha1},
+      {"sha224", Digest::sha224},
+      {"SHA_224", Digest::sha224},
+      {"sha256", Digest::sha256},
+      {"SHA-256", Digest::sha256},
+      {"Sha 256", Digest::sha256},
+      {" s-h_a 256 ", Digest::sha256},
+      {"SHA-384", Digest::sha384},
+      {"sha512", Digest::sha512},
   };
   for (const auto& row : rows) EXPECT_EQ(digestOfName(row.name), row.digest) << row.name;
 }

@@ -34,7 +34,7 @@ TEST_F(Files, ExistWhenTheyOrWhatTheyLinkToExist) {
 }
 
 TEST_F(Files, DirectoriesAreCreatedWithTheirParentsForTheOwnerAlone) {
-  for (const mode_t mask : {0000, 0022, 0277}) {
+  for (const mode_t mask : {0000u, 0022u, 0277u}) {
     const Umask umask(mask);
     const std::string top = directory / std::to_string(mask);
     EXPECT_TRUE(files.createDirectory(top + "/middle/bottom", true));

@@ -63,9 +63,10 @@ TEST(LogTextLine, IsOneLineWhateverTheMessage) {
 }
 
 TEST(LogJSONLine, HasExactlyItsKeysInTheirOrder) {
-  EXPECT_EQ(AgentLog::jsonLine("T", record("Processing Script ID 42")),
-            R"({"time":"T","level":"info","source":"ScriptRepositoryProcessor",)"
-            R"("operation":"processScript()","line":123,"message":"Processing Script ID 42"})");
+  EXPECT_EQ(
+      AgentLog::jsonLine("T", record("Processing Script ID 42")),
+      R"json({"time":"T","level":"info","source":"ScriptRepositoryProcessor",)json"
+      R"json("operation":"processScript()","line":123,"message":"Processing Script ID 42"})json");
 }
 
 TEST(LogJSONLine, KeepsTheExactMessageAndReplacesWhatIsNotUTF8) {
@@ -92,8 +93,8 @@ std::string standardErrorOf(const std::function<void()>& work) {
 std::string withoutTime(const std::string& line) { return line.substr(line.find(' ') + 1); }
 
 TEST(Log, GoesToStandardErrorAsTextUntilConfigured) {
-  const std::string written = standardErrorOf(
-      [] { AgentLog::logInfo("hello\nworld", "Unit", "operation(with:)", 7); });
+  const std::string written =
+      standardErrorOf([] { AgentLog::logInfo("hello\nworld", "Unit", "operation(with:)", 7); });
   EXPECT_EQ(withoutTime(written), "info Unit operation(with:) 7 hello\\nworld\n");
   EXPECT_EQ(written.find(' '), std::string("2026-11-21T06:30:16.123Z").size());
 }
@@ -115,8 +116,8 @@ TEST(Log, WritesOneJSONObjectForEachRecord) {
   const std::size_t end = written.find('\n');
   const std::string first = written.substr(0, end);
   EXPECT_TRUE(first.starts_with("{\"time\":\"2")) << first;
-  EXPECT_TRUE(first.ends_with(R"("level":"info","source":"Unit","operation":"operation()",)"
-                              R"("line":1,"message":"a\nb"})"))
+  EXPECT_TRUE(first.ends_with(R"json("level":"info","source":"Unit","operation":"operation()",)json"
+                              R"json("line":1,"message":"a\nb"})json"))
       << first;
   EXPECT_TRUE(written.ends_with(R"("line":2,"message":"c"})"
                                 "\n"))

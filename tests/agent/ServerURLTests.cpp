@@ -1,8 +1,8 @@
 // Joining a server path to the server's URL, and reading file:// URLs.
 
-#include "ServerURL.h"
-
 #include <gtest/gtest.h>
+
+#include "ServerURL.h"
 
 using namespace AgentUtils;
 
@@ -60,6 +60,23 @@ TEST(ServerURL, SchemesCompareWithoutCase) {
   EXPECT_FALSE(hasScheme("http://h/", "https"));
   EXPECT_FALSE(hasScheme("https:h", "https"));
   EXPECT_FALSE(hasScheme("", "https"));
+}
+
+TEST(ServerURL, ARedirectLeadsToHTTPOrHTTPSAndNeverToLess) {
+  const struct {
+    const char *from, *to;
+    bool allowed;
+  } rows[] = {
+      {"http://h/", "http://g/", true},   {"http://h/", "https://h/", true},
+      {"https://h/", "https://g/", true}, {"HTTPS://h/", "HTTPS://g/", true},
+      {"https://h/", "http://h/", false}, {"HTTPS://h/", "http://h/", false},
+      {"http://h/", "file:///a", false},  {"https://h/", "file:///a", false},
+      {"http://h/", "ftp://h/", false},   {"http://h/", "", false},
+      {"http://h/", "httpx://h/", false}, {"http://h/", "javascript:https://h/", false},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(mayRedirect(row.from, row.to), row.allowed) << row.from << ' ' << row.to;
+  }
 }
 
 TEST(ServerURL, FileURLNamesTheDecodedPath) {

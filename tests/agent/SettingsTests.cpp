@@ -1,8 +1,8 @@
 // What the host's settings become.
 
-#include "AgentSettings.h"
-
 #include <gtest/gtest.h>
+
+#include "AgentSettings.h"
 
 namespace {
 

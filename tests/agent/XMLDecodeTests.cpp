@@ -89,8 +89,7 @@ TEST(XMLDecode, SkipsWhatNoFieldNamesWithEverythingInIt) {
 }
 
 TEST(XMLDecode, ATopElementThatNoFieldNamesLeavesAnEmptyRoot) {
-  const auto roots =
-      XML::parse("<other><item/></other>", std::nullopt, false).toStruct<Root>();
+  const auto roots = XML::parse("<other><item/></other>", std::nullopt, false).toStruct<Root>();
   EXPECT_EQ(roots, std::vector<Root>{Root{}});
 }
 

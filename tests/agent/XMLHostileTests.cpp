@@ -130,6 +130,13 @@ TEST(XMLHostile, AQuadraticBombIsAbsent) {
   EXPECT_FALSE(decodes(bomb + "</box>"));
 }
 
+TEST(XMLHostile, ADeclaredDefaultThatOutgrowsTheDocumentIsAbsent) {
+  std::string bomb = "<!DOCTYPE box [<!ENTITY a '" + std::string(1000, 'x') + "'>";
+  bomb += "<!ATTLIST item note CDATA '";
+  for (int copy = 0; copy < 1000; ++copy) bomb += "&a;";
+  EXPECT_FALSE(decodes(bomb + "'>]><box><item id='1'/></box>"));
+}
+
 TEST(XMLHostile, ADeclaredDefaultIsNoAttribute) {
   EXPECT_EQ(decodedItems("<!DOCTYPE box [<!ATTLIST item note CDATA 'default'>]>"
                          "<box><item id='1'/></box>"),
@@ -143,8 +150,8 @@ TEST(XMLHostile, NothingOutsideTheDocumentIsEverRead) {
   const std::string outside = "file:///etc/passwd";
   EXPECT_FALSE(decodes("<!DOCTYPE box [<!ENTITY e SYSTEM '" + outside +
                        "'>]><box><item><id>&e;</id></item></box>"));
-  EXPECT_FALSE(decodes("<!DOCTYPE box [<!ENTITY e SYSTEM '" + outside +
-                       "'>]><box><item id='&e;'/></box>"));
+  EXPECT_FALSE(
+      decodes("<!DOCTYPE box [<!ENTITY e SYSTEM '" + outside + "'>]><box><item id='&e;'/></box>"));
   EXPECT_TRUE(decodes("<!DOCTYPE box SYSTEM '" + outside + "'><box/>"));
   EXPECT_TRUE(decodes("<!DOCTYPE box [<!ENTITY % p SYSTEM '" + outside + "'> %p;]><box/>"));
 }
@@ -188,11 +195,10 @@ struct Full {
 
   static const MarkupParser::RecordSchema& schema() {
     using MarkupParser::RecordField;
-    static const RecordField fields[] = {
-        {"text", RecordField::Kind::text, false, setText, nullptr, nullptr, nullptr, nullptr,
-         nullptr},
-        {"list", RecordField::Kind::list, false, nullptr, nullptr, elementSchema, append, nullptr,
-         nullptr}};
+    static const RecordField fields[] = {{"text", RecordField::Kind::text, false, setText, nullptr,
+                                          nullptr, nullptr, nullptr, nullptr},
+                                         {"list", RecordField::Kind::list, false, nullptr, nullptr,
+                                          elementSchema, append, nullptr, nullptr}};
     static const MarkupParser::RecordSchema schema{fields};
     return schema;
   }

@@ -65,10 +65,21 @@ HttpServer::Answer HttpServer::answerTo(const std::string& head) {
   return found == answers_.end() ? Answer{httpAnswer("404 Not Found", "none")} : found->second;
 }
 
+bool HttpServer::sendAll(int connection, const std::string& bytes) {
+  for (std::size_t sent = 0; sent < bytes.size();) {
+    const ssize_t count = send(connection, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    if (count <= 0) return false;
+    sent += static_cast<std::size_t>(count);
+  }
+  return true;
+}
+
 void HttpServer::serve(int connection) {
   std::string received;
   char piece[4096];
   while (true) {
+    // What does not begin with a method is no HTTP.
+    if (!received.empty() && (received.front() < 'A' || received.front() > 'Z')) break;
     const std::size_t end = received.find("\r\n\r\n");
     if (end == std::string::npos) {
       const ssize_t count = recv(connection, piece, sizeof piece, 0);
@@ -78,13 +89,8 @@ void HttpServer::serve(int connection) {
     }
     const Answer answer = answerTo(received.substr(0, end));
     received.erase(0, end + 4);
-    std::size_t sent = 0;
-    while (sent < answer.bytes.size()) {
-      const ssize_t count = send(connection, answer.bytes.data() + sent, answer.bytes.size() - sent,
-                                 MSG_NOSIGNAL);
-      if (count <= 0) break;
-      sent += static_cast<std::size_t>(count);
-    }
+    bool isSent = sendAll(connection, answer.bytes);
+    while (isSent && answer.then == Then::again) isSent = sendAll(connection, answer.bytes);
     if (answer.then == Then::keep) continue;
     if (answer.then == Then::reset) {
       const linger now{1, 0};

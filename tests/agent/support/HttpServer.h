@@ -13,7 +13,12 @@
 class HttpServer {
  public:
   /// What happens to the connection when the answer has been sent.
-  enum class Then { keep, close, reset };
+  enum class Then {
+    keep,   ///< the next request is waited for
+    close,  ///< it is closed
+    reset,  ///< it is reset
+    again,  ///< the answer is sent again, until the client has had enough
+  };
 
   HttpServer();
   ~HttpServer();
@@ -39,6 +44,7 @@ class HttpServer {
 
   void acceptAll();
   void serve(int connection);
+  [[nodiscard]] static bool sendAll(int connection, const std::string& bytes);
   [[nodiscard]] Answer answerTo(const std::string& head);
 
   int listener_ = -1;

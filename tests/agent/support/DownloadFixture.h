@@ -1,0 +1,66 @@
+// A downloader with a directory to download to.
+
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "AgentSettings.h"
+#include "AgentUtils.h"
+#include "LogCapture.h"
+#include "TemporaryDirectory.h"
+
+class DownloadFixture : public testing::Test {
+ protected:
+  void useServer(const std::string& url) {
+    settings.basePath = base.path();
+    settings.serverURL = url;
+    // The machine's own proxies have no business here.
+    settings.proxy = "";
+    setenv("no_proxy", "*", 1);
+    AgentUtils::configure(settings);
+  }
+
+  bool download(const std::string& fromURL, const std::string& toPath) {
+    return AgentUtils::HttpHandlermac::initWithServerInfo().downloadFileWithRootPermission(fromURL,
+                                                                                           toPath);
+  }
+
+  /// Downloads to a target that holds "old", and expects the failure to leave everything as it was
+  /// and to be told in one line with this cause.
+  void expectFailure(const std::string& fromURL, const std::string& cause) {
+    const std::string target = base / "target";
+    writeFile(target, "old");
+    const std::size_t before = log.lines().size();
+    EXPECT_FALSE(download(fromURL, target)) << fromURL;
+    EXPECT_EQ(readFile(target), "old") << fromURL;
+    EXPECT_EQ(base.names(), std::vector<std::string>{"target"}) << fromURL;
+    const std::vector<std::string> lines = log.lines();
+    ASSERT_EQ(lines.size(), before + 1) << fromURL;
+    EXPECT_EQ(lines.back(), kFailed + fromURL + " failed: " + cause);
+  }
+
+  /// As above; the cause is another library's wording, so only a part of it is known.
+  void expectFailureWith(const std::string& fromURL, const std::string& partOfCause) {
+    const std::string target = base / "target";
+    writeFile(target, "old");
+    const std::size_t before = log.lines().size();
+    EXPECT_FALSE(download(fromURL, target)) << fromURL;
+    EXPECT_EQ(readFile(target), "old") << fromURL;
+    EXPECT_EQ(base.names(), std::vector<std::string>{"target"}) << fromURL;
+    const std::vector<std::string> lines = log.lines();
+    ASSERT_EQ(lines.size(), before + 1) << fromURL;
+    const std::string start = kFailed + fromURL + " failed: ";
+    EXPECT_TRUE(lines.back().starts_with(start)) << lines.back();
+    EXPECT_NE(lines.back().find(partOfCause, start.size()), std::string::npos) << lines.back();
+  }
+
+  static inline const std::string kFailed =
+      "info HttpHandlermac downloadFileWithRootPermission(fromURL:toPath:): Download of ";
+
+  LogCapture log;
+  TemporaryDirectory base;
+  AgentUtils::AgentSettings settings;
+};
