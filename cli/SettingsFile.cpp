@@ -49,8 +49,18 @@ std::optional<std::string> textOf(const toml::node& node, SettingDefinition::Kin
   return std::nullopt;
 }
 
+/// The text on one line: keys and the parser's own words may hold line breaks and worse.
+std::string onOneLine(const std::string& text) {
+  std::string line;
+  for (const char c : text) {
+    const bool isControl = static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+    line += isControl ? '?' : c;
+  }
+  return line;
+}
+
 SettingsError errorInFile(const std::string& path, std::uint32_t line, const std::string& what) {
-  return {"settings file " + path + ", line " + std::to_string(line) + ": " + what};
+  return {"settings file " + path + ", line " + std::to_string(line) + ": " + onOneLine(what)};
 }
 
 SettingsError unreadable(const std::string& path, const std::string& why) {

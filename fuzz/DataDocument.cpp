@@ -1,5 +1,5 @@
-// The data document of one script: any bytes decode or do not, and what decodes survives being written and read
-// again.
+// The data document of one script: any bytes decode or do not, and what decodes survives being
+// written and read again.
 
 #include "Input.h"
 #include "MarkupParser.h"
@@ -15,9 +15,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   FUZZ_REQUIRE(roots->size() == 1);
   FUZZ_REQUIRE(roots->front().script.size() <= 1);
   if (roots->front().script.empty()) return 0;  // another top element; nothing to write
-  const auto again = MarkupParser::XML::parse(MarkupParser::XML::document(roots->front()),
-                                              std::nullopt, false)
-                         .toStruct<ScriptRoot>();
+  const auto again =
+      MarkupParser::XML::parse(MarkupParser::XML::document(roots->front()), std::nullopt, false)
+          .toStruct<ScriptRoot>();
   FUZZ_REQUIRE(again.has_value());
   FUZZ_REQUIRE(again->front() == roots->front());
   return 0;

@@ -136,8 +136,7 @@ std::map<std::string, std::string> RootAccessKeyValueStorage::fetchTableAsDictio
 }
 
 void RootAccessKeyValueStorage::fetchRow(
-    const std::string& forKey,
-    const std::function<void(const AgentStore::KeyedDecoder&)>& decode) {
+    const std::string& forKey, const std::function<void(const AgentStore::KeyedDecoder&)>& decode) {
   class Decoder : public AgentStore::KeyedDecoder {
    public:
     explicit Decoder(const std::map<std::string, std::string>& row) : row_(row) {}

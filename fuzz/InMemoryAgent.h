@@ -20,8 +20,8 @@ struct InMemoryAgent {
   std::string dataDirectory;     ///< where documents lie
   std::string scriptsDirectory;  ///< where scripts lie
 
-  /// What the next downloads deliver, in order; an absent one, and one past the end, fails. A failed
-  /// download may leave `leftBehind` at its target.
+  /// What the next downloads deliver, in order; an absent one, and one past the end, fails. A
+  /// failed download may leave `leftBehind` at its target.
   std::deque<std::optional<std::string>> downloads;
   std::optional<std::string> leftBehind;
 

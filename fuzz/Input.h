@@ -10,13 +10,13 @@
 namespace fuzz {
 
 /// Stops the run: the input in hand has broken a promise.
-#define FUZZ_REQUIRE(condition) \
-  do {                          \
+#define FUZZ_REQUIRE(condition)         \
+  do {                                  \
     if (!(condition)) __builtin_trap(); \
   } while (false)
 
-/// Texts are separated by 0xFF, a byte that UTF-8 never holds, so that a corpus file can be read and
-/// edited as text.
+/// Texts are separated by 0xFF, a byte that UTF-8 never holds, so that a corpus file can be read
+/// and edited as text.
 class Input {
  public:
   Input(const std::uint8_t* data, std::size_t size)

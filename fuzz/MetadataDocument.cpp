@@ -9,15 +9,15 @@ using VarnScriptRepository::ScriptsRepoMetaRoot;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fuzz::Input input(data, size);
-  const auto roots =
-      MarkupParser::XML::parse(input.remaining(), std::nullopt, false).toStruct<ScriptsRepoMetaRoot>();
+  const auto roots = MarkupParser::XML::parse(input.remaining(), std::nullopt, false)
+                         .toStruct<ScriptsRepoMetaRoot>();
   if (!roots) return 0;
   FUZZ_REQUIRE(roots->size() == 1);
   FUZZ_REQUIRE(roots->front().scriptsMeta.size() <= 1);
   if (roots->front().scriptsMeta.empty()) return 0;  // another top element; nothing to write
-  const auto again = MarkupParser::XML::parse(MarkupParser::XML::document(roots->front()),
-                                              std::nullopt, false)
-                         .toStruct<ScriptsRepoMetaRoot>();
+  const auto again =
+      MarkupParser::XML::parse(MarkupParser::XML::document(roots->front()), std::nullopt, false)
+          .toStruct<ScriptsRepoMetaRoot>();
   FUZZ_REQUIRE(again.has_value());
   FUZZ_REQUIRE(again->front() == roots->front());
   return 0;

@@ -1,5 +1,5 @@
-// Runs a target over corpus files, for builds without a fuzzing engine: each argument is a file or a
-// directory of files.
+// Runs a target over corpus files, for builds without a fuzzing engine: each argument is a file or
+// a directory of files.
 
 #include <cstdio>
 #include <filesystem>
@@ -22,7 +22,7 @@ void replay(const std::filesystem::path& path) {
 
 int main(int count, char** arguments) {
   int replayed = 0;
-  for (const std::string argument : std::vector<std::string>(arguments + 1, arguments + count)) {
+  for (const std::string& argument : std::vector<std::string>(arguments + 1, arguments + count)) {
     if (!std::filesystem::is_directory(argument)) {
       replay(argument);
       ++replayed;

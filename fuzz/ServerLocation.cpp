@@ -1,5 +1,5 @@
-// The rewriting of a file's location on the server, through the request's own download step, against
-// a plain byte-by-byte version.
+// The rewriting of a file's location on the server, through the request's own download step,
+// against a plain byte-by-byte version.
 
 #include <string>
 

@@ -117,6 +117,17 @@ TEST(ParseSettingsFile, AMistakeInTheTextIsNamedWithItsLine) {
   }
 }
 
+// The parser's words for a bare value that runs over the end of its line held the line break
+// itself.
+TEST(ParseSettingsFile, AMessageIsOneLineWhateverTheFileHolds) {
+  for (const std::string toml : {"quiet = tr\ns\n", "\"a\\nb\" = 1\n", "customer = \"7\n"}) {
+    SCOPED_TRACE(toml);
+    const std::string error = errorIn(toml);
+    EXPECT_EQ(error.find_first_of("\n\r"), std::string::npos) << error;
+    EXPECT_TRUE(error.starts_with("settings file /etc/varn.toml, line 1: ")) << error;
+  }
+}
+
 TEST_F(ReadSettingsFile, AFileIsReadFromDisk) {
   const auto result = readSettingsFile(write("customer = \"7\"\n"));
   EXPECT_EQ(std::get<SettingTexts>(result), (SettingTexts{{"customer", "7"}}));
