@@ -4,3 +4,8 @@ extern "C" [[gnu::visibility("default")]] const char* __lsan_default_suppression
   // GCC's object runtime forgets three small texts of its own for each class that is registered.
   return "leak:objc_malloc\n";
 }
+
+extern "C" [[gnu::visibility("default")]] const char* __lsan_default_options() {
+  // What was passed over is otherwise told on standard error, which programs' tests compare.
+  return "print_suppressions=0";
+}

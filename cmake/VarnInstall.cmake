@@ -36,11 +36,11 @@ install(FILES ${headers}
 # ---- How other projects find them -----------------------------------------------------------------
 
 # One file per component, because each needs other libraries to be there.
-foreach(set IN ITEMS "" Units MarkupParser)
-  if(set STREQUAL "MarkupParser" AND NOT TARGET VarnMarkupParserArchive)
+foreach(part IN ITEMS "" Units MarkupParser)
+  if(part STREQUAL "MarkupParser" AND NOT TARGET VarnMarkupParserArchive)
     continue()
   endif()
-  install(EXPORT VarnScriptRepository${set}Targets NAMESPACE VarnScriptRepository::
+  install(EXPORT VarnScriptRepository${part}Targets NAMESPACE VarnScriptRepository::
     DESTINATION ${config} COMPONENT development)
 endforeach()
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/VarnScriptRepositoryConfig.cmake.in
@@ -59,6 +59,11 @@ install(FILES
 # The file knows its prefix by its own place, so that the whole may be moved.
 file(RELATIVE_PATH varn_pkgconfig_to_prefix
   ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+if(APPLE)
+  set(varn_pkgconfig_libs "-F\${libdir} -framework VarnScriptRepository")
+else()
+  set(varn_pkgconfig_libs "-L\${libdir} -lVarnScriptRepository")
+endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/VarnScriptRepository.pc.in
   ${PROJECT_BINARY_DIR}/VarnScriptRepository.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/VarnScriptRepository.pc

@@ -38,6 +38,10 @@ class InDirectory(unittest.TestCase):
         directory = tempfile.TemporaryDirectory(prefix="varn-consumer-")
         self.addCleanup(directory.cleanup)
         self.directory = pathlib.Path(directory.name).resolve()
+        # GCC's object runtime forgets a few small texts of its own; a leak check passes over them.
+        forgotten = self.directory / "forgotten"
+        forgotten.write_text("leak:objc_malloc\n", encoding="utf-8")
+        os.environ["LSAN_OPTIONS"] = f"suppressions={forgotten}:print_suppressions=0"
 
     def configure(self, source, build, *more):
         execute([os.environ["VARN_CMAKE"], "-S", source, "-B", build,

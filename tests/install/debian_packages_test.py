@@ -1,0 +1,150 @@
+"""Makes the Debian packages of a built tree and looks at what is in them.
+
+From the environment: VARN_BUILD_DIRECTORY, the built tree; VARN_CPACK, CMake's packing program.
+Whether they install, run and go away again is for `debian-package`, which takes minutes.
+"""
+
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
+
+RUNTIME = [
+    "usr/bin/varn-scripts",
+    "usr/{lib}/libVarnScriptRepository.so.0",
+    "usr/{lib}/libVarnScriptRepository.so.0.1.0",
+    "usr/lib/systemd/system/varn-scripts@.service",
+    "usr/lib/systemd/system/varn-scripts@.timer",
+    "usr/share/bash-completion/completions/varn-scripts",
+    "usr/share/doc/varn-scripts/CHANGELOG.md",
+    "usr/share/doc/varn-scripts/examples/README.md",
+    "usr/share/doc/varn-scripts/examples/demo",
+    "usr/share/doc/varn-scripts/examples/look-only.conf",
+    "usr/share/doc/varn-scripts/examples/make-checksums",
+    "usr/share/doc/varn-scripts/examples/varn-scripts.toml",
+    "usr/share/man/man1/varn-scripts.1.gz",
+    "usr/share/man/man5/varn-scripts.toml.5.gz",
+    "usr/share/zsh/{zsh}/_varn-scripts",
+]
+DEVELOPMENT = [
+    "usr/include/VarnScriptRepository/AgentLog.h",
+    "usr/include/VarnScriptRepository/AgentStore.h",
+    "usr/include/VarnScriptRepository/AgentUtils.h",
+    "usr/include/VarnScriptRepository/MarkupParser.h",
+    "usr/include/VarnScriptRepository/ScriptRepositoryLocalMeta.h",
+    "usr/include/VarnScriptRepository/ScriptRepositoryProcessor.h",
+    "usr/{lib}/cmake/VarnScriptRepository/FindObjectRuntime.cmake",
+    "usr/{lib}/cmake/VarnScriptRepository/VarnScriptRepositoryConfig.cmake",
+    "usr/{lib}/cmake/VarnScriptRepository/VarnScriptRepositoryConfigVersion.cmake",
+    "usr/{lib}/cmake/VarnScriptRepository/VarnScriptRepositoryMarkupParserTargets.cmake",
+    "usr/{lib}/cmake/VarnScriptRepository/VarnScriptRepositoryTargets.cmake",
+    "usr/{lib}/cmake/VarnScriptRepository/VarnScriptRepositoryUnitsTargets.cmake",
+    "usr/{lib}/libVarnMarkupParser.a",
+    "usr/{lib}/libVarnScriptRepository.so",
+    "usr/{lib}/libVarnScriptRepositoryUnits.a",
+    "usr/{lib}/pkgconfig/VarnScriptRepository.pc",
+    "usr/share/doc/varn-scripts/examples/embed/CMakeLists.txt",
+    "usr/share/doc/varn-scripts/examples/embed/agent.cpp",
+]
+# One file for each way of compiling, named after it.
+PER_CONFIGURATION = re.compile(r"Targets-[a-z]+\.cmake$")
+REPOSITORY = "usr/share/doc/varn-scripts/examples/repository/"
+
+
+def execute(*arguments, **more):
+    return subprocess.run([str(argument) for argument in arguments], check=True,
+                          stdin=subprocess.DEVNULL, capture_output=True, encoding="utf-8",
+                          timeout=240, **more).stdout
+
+
+class Packages(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        directory = tempfile.TemporaryDirectory(prefix="varn-packages-")
+        cls.addClassCleanup(directory.cleanup)
+        execute(os.environ["VARN_CPACK"], "-G", "DEB", "-B", directory.name,
+                cwd=os.environ["VARN_BUILD_DIRECTORY"])
+        cls.found = {path.name.split("_")[0]: path
+                     for path in pathlib.Path(directory.name).glob("*.deb")}
+
+    def field(self, package, name):
+        return execute("dpkg-deb", "--field", self.found[package], name).strip()
+
+    def entries(self, package):
+        """Mode, owner and path of everything in the package."""
+        for line in execute("dpkg-deb", "--contents", self.found[package]).splitlines():
+            mode, owner, _, _, _, path = line.split(" -> ")[0].split(None, 5)
+            yield mode, owner, path.removeprefix("./")
+
+    def files(self, package):
+        return sorted(path for mode, _, path in self.entries(package) if mode[0] != "d")
+
+    def expected(self, package, listed):
+        """The list, with the directories that the prefix of the build decides about."""
+        files = self.files(package)
+        library = next(path for path in files if "/libVarnScriptRepository" in path)
+        zsh = [path.split("/")[3] for path in files if path.startswith("usr/share/zsh/")]
+        return sorted(path.format(lib=library.split("/", 1)[1].rsplit("/", 1)[0], zsh=(*zsh, "")[0])
+                      for path in listed)
+
+    def test_there_are_two(self):
+        self.assertEqual({"varn-scripts", "libvarnscriptrepository-dev"}, set(self.found))
+
+    def test_the_commands_package_holds_what_the_list_says(self):
+        files = [path for path in self.files("varn-scripts") if not path.startswith(REPOSITORY)]
+        self.assertEqual(self.expected("varn-scripts", RUNTIME), files)
+        repository = [path for path in self.files("varn-scripts") if path.startswith(REPOSITORY)]
+        self.assertEqual(13, len(repository))
+
+    def test_the_development_package_holds_what_the_list_says(self):
+        package = "libvarnscriptrepository-dev"
+        files = [path for path in self.files(package) if not PER_CONFIGURATION.search(path)]
+        self.assertEqual(self.expected(package, DEVELOPMENT), files)
+
+    def test_everything_belongs_to_root_and_nobody_else_may_write(self):
+        for package in self.found:
+            for mode, owner, path in self.entries(package):
+                self.assertEqual("root/root", owner, path)
+                if mode[0] != "l":
+                    self.assertEqual("r-", mode[7] + mode[8], path)
+                    self.assertEqual("-", mode[5], path)
+                self.assertNotIn("s", mode, path)
+
+    def test_the_control_fields_say_what_is_needed(self):
+        self.assertEqual("0.1.0", self.field("varn-scripts", "Version"))
+        self.assertEqual("admin", self.field("varn-scripts", "Section"))
+        self.assertEqual("ca-certificates, python3", self.field("varn-scripts", "Recommends"))
+        depends = [one.split()[0] for one in self.field("varn-scripts", "Depends").split(", ")]
+        for library in ("libc6", "libcurl", "libexpat1", "libobjc4", "libspdlog", "libsqlite3-0",
+                        "libssl3", "libstdc++6", "libutf8proc"):
+            self.assertEqual(1, len([one for one in depends if one.startswith(library)]), library)
+        self.assertEqual([], [one for one in depends if one.endswith("-dev")])
+
+        package = "libvarnscriptrepository-dev"
+        self.assertEqual("libdevel", self.field(package, "Section"))
+        self.assertRegex(self.field(package, "Depends"),
+                         r"^varn-scripts \(= 0\.1\.0\), libexpat1-dev, libobjc-[0-9]+-dev, "
+                         r"libutf8proc-dev, pkgconf \| pkg-config$")
+        self.assertTrue(self.field("varn-scripts", "Description").startswith(
+            "Runs an organisation's scripts from a verified local copy\n The command"))
+
+    def test_installing_tells_the_loader_and_purging_takes_the_state_away(self):
+        with tempfile.TemporaryDirectory(prefix="varn-control-") as directory:
+            execute("dpkg-deb", "--control", self.found["varn-scripts"], directory)
+            control = pathlib.Path(directory)
+            self.assertEqual("activate-noawait ldconfig\n",
+                             (control / "triggers").read_text(encoding="utf-8"))
+            self.assertEqual("libVarnScriptRepository 0 varn-scripts (>= 0.1.0)\n",
+                             (control / "shlibs").read_text(encoding="utf-8"))
+            for script in ("postinst", "prerm", "postrm"):
+                execute("sh", "-n", control / script)
+                self.assertTrue(os.access(control / script, os.X_OK), script)
+            self.assertIn("rm -rf /var/lib/varn-scripts\n",
+                          (control / "postrm").read_text(encoding="utf-8"))
+
+
+if __name__ == "__main__":
+    unittest.main(argv=[sys.argv[0], "--verbose", *sys.argv[1:]])
