@@ -132,7 +132,9 @@ class Documents(InDirectory):
         ]
         self.assertNotEqual(version[0], version[1])
         unchanged = SCRIPT_REPO / "data/103.xml"
-        self.assertEqual((repository / unchanged).read_bytes(), (REPOSITORY / unchanged).read_bytes())
+        self.assertEqual(
+            (repository / unchanged).read_bytes(), (REPOSITORY / unchanged).read_bytes()
+        )
 
     def test_a_missing_script_file_is_a_problem_not_a_success(self):
         repository = self.copied_repository()
@@ -157,7 +159,8 @@ class Scripts(InDirectory):
         self.assertIn("system volume (/): SHORT, ", short.stdout)
 
     def test_disk_space_says_which_path_cannot_be_asked(self):
-        result = self.run_script("101", "0", self.directory / "none", "nowhere", "/", "system volume")
+        missing = self.directory / "none"
+        result = self.run_script("101", "0", missing, "nowhere", "/", "system volume")
         self.assertEqual(result.returncode, 2)
         self.assertIn("nowhere (", result.stdout)
         self.assertIn("system volume (/): ok", result.stdout)
@@ -172,7 +175,8 @@ class Scripts(InDirectory):
 
     def test_pending_updates_counts_and_names_as_many_as_asked_for(self):
         answer = "Inst bash [5.1] (5.2 Debian)\nInst curl [7] (8 Debian)\nInst vim [8] (9 Debian)"
-        result = self.run_script("102", "2", **self.answer_of_apt(answer + "\nConf bash (5.2 Debian)"))
+        answer += "\nConf bash (5.2 Debian)"
+        result = self.run_script("102", "2", **self.answer_of_apt(answer))
         self.assertEqual(result.returncode, 100)
         self.assertIn(
             "apt: 3 waiting to be installed\n  bash\n  curl\n  and 1 more\n", result.stdout
@@ -201,7 +205,8 @@ class Scripts(InDirectory):
     def test_certificate_expiry_names_the_certificate_that_is_due_and_no_other(self):
         self.certificate("soon.example.org", 10)
         self.certificate("later.example.org", 400)
-        shutil.copy(self.certificate("copied.example.org", 20), self.directory / "certificates/b.crt")
+        copied = self.certificate("copied.example.org", 20)
+        shutil.copy(copied, self.directory / "certificates/b.crt")
         result = self.run_script("103", "--days", "45", self.directory / "certificates")
         self.assertEqual(result.returncode, 3, result.stdout + result.stderr)
         self.assertIn("3 certificates looked at, 2 due within 45 days\n", result.stdout)
@@ -236,7 +241,7 @@ class Scripts(InDirectory):
         self.file("logs/plain.log", "x")
         result = self.run_script("104", self.directory / "logs", "2", "30")
         self.assertEqual((result.returncode, result.stderr), (0, ""))
-        self.assertIn("3 files, 3.0 MiB; 2 of at least 2 MiB or untouched for 30 days", result.stdout)
+        self.assertIn("3 files, 3.0 MiB; 2 of at least 2 MiB or untouched for 30 ", result.stdout)
         self.assertRegex(result.stdout, r" 3\.0 MiB +0 days  .*/deep/large\.log\n")
         self.assertRegex(result.stdout, r" 0\.0 MiB +40 days  .*/old\.log\n")
         self.assertNotIn("plain.log", result.stdout)

@@ -31,7 +31,13 @@ while [ $# -gt 0 ]; do
   # The column before the percentage is the free space; device names may hold blanks, so the
   # columns are counted from the percentage.
   figures=$(df -Pk "$path" 2>/dev/null | awk '
-    NR == 2 { for (i = 2; i <= NF; i++) if ($i ~ /^[0-9]+%$/) { print int($(i - 1) / 1024), $i; exit } }')
+    NR == 2 {
+      for (i = 2; i <= NF; i++)
+        if ($i ~ /^[0-9]+%$/) {
+          print int($(i - 1) / 1024), $i
+          exit
+        }
+    }')
   if [ -z "$figures" ]; then
     echo "$label ($path): can't be asked for its free space"
     status=2

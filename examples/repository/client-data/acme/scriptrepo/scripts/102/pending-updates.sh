@@ -26,7 +26,8 @@ if command -v apt-get >/dev/null 2>&1; then
     exit 1
   }
   names=$(printf '%s\n' "$answer" | sed -n 's/^Inst \([^ ]*\) \[.*/\1/p')
-  if [ -z "$(find /var/lib/apt/lists -maxdepth 1 -type f -name '*_Packages*' -mtime -7 2>/dev/null)" ]; then
+  lists=$(find /var/lib/apt/lists -maxdepth 1 -name '*_Packages*' -mtime -7 2>/dev/null)
+  if [ -z "$lists" ]; then
     echo "The package lists are missing or older than a week; the count may be too low."
   fi
 elif command -v dnf >/dev/null 2>&1; then
