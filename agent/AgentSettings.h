@@ -30,6 +30,11 @@ struct AgentSettings {
   /// Called now and then during a download with the bytes so far and the bytes announced (0 when
   /// unknown), on the downloading thread. May be empty.
   std::function<void(std::uint64_t received, std::uint64_t total)> onDownloadProgress;
+  /// Called with the full path of a file before a download replaces it and before its checksum is
+  /// tested, on the thread that does so. A host that locks the file here keeps others from
+  /// replacing what it has just verified. What it throws makes the download or the test fail. May
+  /// be empty.
+  std::function<void(const std::string& path)> beforeFileUse;
 };
 
 /// Takes over `settings` and sets `gv_globvars` from them.

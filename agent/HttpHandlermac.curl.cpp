@@ -59,6 +59,7 @@ void download(const std::string& fromURL, const std::string& toPath) {
   reportWhenWritableByOthers(directory, kSource, kOperation);
   DownloadTarget target(toPath, current.maxDownload);
   fetch(urlOfServerPath(current.serverURL, fromURL), fromURL, current, target);
+  if (current.beforeFileUse) current.beforeFileUse(toPath);
   target.commit();
   sweepTemporaryFiles(directory);
 }

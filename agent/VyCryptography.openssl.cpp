@@ -18,6 +18,7 @@
 #include <cerrno>
 #include <memory>
 
+#include "AgentSettings.h"
 #include "AgentUtils.h"
 #include "DigestName.h"
 #include "FileDescriptor.h"
@@ -106,6 +107,7 @@ bool hasChecksum(const std::string& path, const std::string& type, const std::st
   if (!digest) return false;
   const std::optional<std::string> expected = digestBytes(*digest, checksum);
   if (!expected) return false;
+  if (settings().beforeFileUse) settings().beforeFileUse(path);
   // Not blocking, or a FIFO at that path would be waited for.
   const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   struct stat status {};

@@ -35,6 +35,7 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
   agent.proxy = settings.proxy;
   agent.maxDownload = settings.maxDownload;
   agent.onDownloadProgress = std::move(observers.onDownloadProgress);
+  agent.beforeFileUse = std::move(observers.beforeFileUse);
   AgentUtils::configure(std::move(agent));
   return std::nullopt;
 }

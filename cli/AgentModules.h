@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <string>
 
 #include "LogSettings.h"
 #include "Settings.h"
@@ -16,6 +17,7 @@ namespace VarnScripts {
 struct ModuleObservers {
   std::function<void(const AgentLog::Record&)> onRecord;
   std::function<void(std::uint64_t received, std::uint64_t total)> onDownloadProgress;
+  std::function<void(const std::string& path)> beforeFileUse;
 };
 
 /// Configures log and utilities. The error names the setting that a module can't use.

@@ -58,19 +58,29 @@ void RequestLock::acquire(const std::string& basePath, const std::string& custom
     return;
   }
 
+  if (lockByte(lockOffset(scriptID)) == 0) return;
+  error = lastError();
+  ::close(descriptor_);
+  descriptor_ = -1;
+}
+
+void RequestLock::holdFile(std::string_view filePath) {
+  // Files are locked in the upper half of the offsets, script IDs in the lower one.
+  constexpr std::int64_t upperHalf = std::int64_t{1} << 62;
+  if (lockByte(upperHalf + lockOffset(filePath)) != 0) throw std::system_error(lastError());
+}
+
+int RequestLock::lockByte(std::int64_t offset) const {
   struct flock range {};
   range.l_type = F_WRLCK;
   range.l_whence = SEEK_SET;
-  range.l_start = static_cast<off_t>(lockOffset(scriptID));
+  range.l_start = static_cast<off_t>(offset);
   range.l_len = 1;
   int locked;
   do {
     locked = ::fcntl(descriptor_, F_SETLKW, &range);
   } while (locked < 0 && errno == EINTR);
-  if (locked == 0) return;
-  error = lastError();
-  ::close(descriptor_);
-  descriptor_ = -1;
+  return locked;
 }
 
 }  // namespace VarnScripts

@@ -1,5 +1,5 @@
-// Makes two invocations for the same script ID on one base path take turns. The library does not
-// coordinate requests; this host does.
+// Makes two invocations for the same script ID on one base path take turns, and two for different
+// IDs whose scripts have one file name. The library does not coordinate requests; this host does.
 
 #pragma once
 
@@ -29,12 +29,20 @@ class RequestLock {
   void acquire(const std::string& basePath, const std::string& customer, std::string_view scriptID,
                std::error_code& error);
 
+  /// After `acquire`, waits until no other process holds the script file at `filePath`, and takes
+  /// it. Between the test of its checksum and the end of its run, nobody else may replace a script.
+  /// A request takes one file, and after its ID, so that requests can't wait for each other in a
+  /// circle. Throws `std::system_error` when the lock can't be had.
+  void holdFile(std::string_view filePath);
+
   /// The lock file's path; empty before `acquire`.
   [[nodiscard]] const std::string& path() const { return path_; }
 
  private:
   std::string path_;
   int descriptor_ = -1;
+
+  [[nodiscard]] int lockByte(std::int64_t offset) const;
 };
 
 }  // namespace VarnScripts

@@ -59,8 +59,8 @@ int report(const CommandLine& line, const Outcome& outcome) {
   return exitStatusOf(outcome.result);
 }
 
-Outcome request(const CommandLine& line, const Settings& settings, const RequestLog& requestLog) {
-  RequestLock lock;
+Outcome request(const CommandLine& line, const Settings& settings, const RequestLog& requestLog,
+                RequestLock& lock) {
   std::error_code error;
   lock.acquire(settings.basePath, settings.customer, line.scriptID, error);
   if (error) {
@@ -79,6 +79,7 @@ int run(const CommandLine& line, const Settings& settings) {
   // Before any other thread, and never destroyed: its thread runs until the process ends.
   auto& signals = *new SignalForwarding;
   RequestLog requestLog;
+  RequestLock lock;
   Progress progress(Progress::isPossible() && !settings.quiet);
   ModuleObservers observers;
   observers.onRecord = [&](const AgentLog::Record& record) {
@@ -89,12 +90,17 @@ int run(const CommandLine& line, const Settings& settings) {
   observers.onDownloadProgress = [&progress](std::uint64_t received, std::uint64_t total) {
     progress.showDownload(received, total);
   };
+  observers.beforeFileUse = [&lock](const std::string& path) {
+    // The documents are replaced whole and read once; only scripts are held.
+    const std::string& scripts = ScriptRepositoryProcessor::scriptRepoScriptsDirectory();
+    if (path.starts_with(scripts + '/')) lock.holdFile(path);
+  };
   if (const auto error = configureAgentModules(settings, observers)) {
     progress.finish();
     writeErrorLine("varn-scripts: " + error->line);
     return kExitUsage;
   }
-  const Outcome outcome = request(line, settings, requestLog);
+  const Outcome outcome = request(line, settings, requestLog, lock);
   signals.passUnlessStopping();
   progress.finish();
   return report(line, outcome);

@@ -32,6 +32,10 @@ class TurnsTest(CommandCase):
         with open(self.path("journal"), encoding="utf-8") as file:
             return file.read().split()
 
+    def local_script(self, name):
+        with open(self.script_file(name), encoding="utf-8") as file:
+            return file.read()
+
     @staticmethod
     def waits_for_a_lock(process):
         with open("/proc/locks", encoding="utf-8") as locks:
@@ -61,6 +65,20 @@ class TurnsTest(CommandCase):
         self.assertIsNone(first.poll())
         self.let_go(script)
         self.assertEqual(self.finish(first).status, 0)
+
+    def test_a_script_stays_while_it_runs_when_another_id_has_its_file_name(self):
+        self.put_waiting("42")
+        first = self.start("run", "42")
+        script = self.wait_for_script()
+        running = self.local_script("42.sh")
+        self.put(script_id="43", file_name="42.sh", text="echo other\n")
+        second = self.start("run", "43")
+        self.wait_until(lambda: self.waits_for_a_lock(second), "the second request's wait")
+        self.assertEqual(self.local_script("42.sh"), running)
+        self.let_go(script)
+        self.assertEqual(self.finish(first).status, 0)
+        done = self.finish(second)
+        self.assertEqual((done.status, done.output), (0, "other\n"), done.error)
 
     def test_another_base_path_does_not_wait(self):
         self.put_waiting("42")
