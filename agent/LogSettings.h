@@ -24,6 +24,7 @@ struct Record {
   int line;
 };
 
+/// Where records go and in which form.
 struct LogSettings {
   enum class Format {
     text,  ///< one line per record: time, level, source, operation, line, message

@@ -18,6 +18,7 @@
 
 namespace MarkupParser {
 
+/// Fills a record while a document is read, from its parser's events.
 class RecordDecoder {
  public:
   /// Decodes into `record`, whose fields name top elements. `trimming` and `ignoreNamespaces` are

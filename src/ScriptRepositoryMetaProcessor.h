@@ -14,6 +14,7 @@
 
 namespace VarnScriptRepository {
 
+/// The server's list: where it lies, how it is fetched and loaded, and its entries.
 class [[gnu::visibility("default")]] ScriptRepositoryMetaProcessor {
   // The order of the virtual functions is part of the class's contract.
  public:

@@ -12,6 +12,7 @@
 
 namespace VarnScriptRepository {
 
+/// The state of one request and its steps.
 struct [[gnu::visibility("hidden")]] ScriptRepositoryProcessor::Request {
   const std::string scriptID;
   std::optional<std::vector<std::string>> overrideExpectedReturnCode;

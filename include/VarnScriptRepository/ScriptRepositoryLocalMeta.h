@@ -16,6 +16,7 @@ namespace VarnScriptRepository {
 struct [[gnu::visibility("default")]] ScriptRepositoryConstants {
   ScriptRepositoryConstants() = delete;
 
+  /// Where the store lies. A namespace, too.
   struct [[gnu::visibility("default")]] FilePath {
     FilePath() = delete;
     /// The store's path: the agent's data directory followed by
@@ -25,6 +26,7 @@ struct [[gnu::visibility("default")]] ScriptRepositoryConstants {
     [[nodiscard]] static const std::string& scriptRepository();
   };
 
+  /// The tables in the store. A namespace, too.
   struct TableNames {
     TableNames() = delete;
     /// The table's name inside the store.
@@ -102,6 +104,7 @@ class ScriptRepositoryKeys {
 
 }  // namespace VarnScriptRepository
 
+/// Keys hash as their raw values do.
 template <>
 struct std::hash<VarnScriptRepository::ScriptRepositoryKeys> {
   std::size_t operator()(const VarnScriptRepository::ScriptRepositoryKeys& keys) const {

@@ -26,6 +26,7 @@
 
 namespace VarnScriptRepository {
 
+/// One field of a record: its key in the document and its member.
 template <class Record, class Member>
 struct Field {
   std::string_view key;
@@ -39,12 +40,14 @@ constexpr Field<Record, Member> field(std::string_view key, Member Record::*memb
 
 namespace keyed {
 
+/// Whether a member may be absent, and what it holds when it is not.
 template <class Member>
 struct MemberTraits {
   static constexpr bool isOptional = false;
   using Value = Member;
 };
 
+/// A member that may be absent.
 template <class T>
 struct MemberTraits<std::optional<T>> {
   static constexpr bool isOptional = true;
