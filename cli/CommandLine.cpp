@@ -86,7 +86,7 @@ class Parser {
       app_.add_option_function<std::string>(
               flagOf(key), [this, key](const std::string& text) { result_.flags[key] = text; },
               meaning)
-          ->type_name(std::string(definition.placeholder));
+          ->type_name(std::string(definition.valueName));
     }
   }
 

@@ -28,8 +28,8 @@ struct SettingDefinition {
 
   std::string_view key;
   Kind kind;
-  std::string_view placeholder;  ///< what help calls the value: "DIR"
-  std::string_view meaning;      ///< what help says
+  std::string_view valueName;  ///< what help calls the value: "DIR"
+  std::string_view meaning;    ///< what help says
 };
 
 inline constexpr std::array kSettings = {

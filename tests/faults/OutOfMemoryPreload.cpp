@@ -1,10 +1,11 @@
 // Preloaded into a process, makes chosen allocations fail. VARN_FAIL_ALLOCATION names the first one
-// that fails, counted from 1; with VARN_FAIL_ALLOCATIONS_ON all further ones of the process fail too.
-// VARN_COUNT_ALLOCATIONS names a file that gets the number of allocations made when the process ends.
+// that fails, counted from 1; with VARN_FAIL_ALLOCATIONS_ON all further ones of the process fail
+// too. VARN_COUNT_ALLOCATIONS names a file that gets the number of allocations made when the
+// process ends.
 //
-// Counting begins with main: what is allocated before it is the loading of the program. operator new
-// goes through malloc, so it is counted and fails with it. Children of the process are
-// not disturbed: the variables are taken out of the environment when the library is loaded.
+// Counting begins with main: what is allocated before it is the loading of the program. operator
+// new goes through malloc, so it is counted and fails with it. Children of the process are not
+// disturbed: the variables are taken out of the environment when the library is loaded.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -59,8 +60,8 @@ bool fails() {
 [[gnu::destructor]] void tellCount() {
   if (countFile[0] == '\0') return;
   char text[32];
-  const int length = snprintf(text, sizeof text, "%llu\n",
-                              static_cast<unsigned long long>(made.load()));
+  const int length =
+      snprintf(text, sizeof text, "%llu\n", static_cast<unsigned long long>(made.load()));
   const int fd = open(countFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) return;
   if (write(fd, text, static_cast<std::size_t>(length)) != length) abort();
