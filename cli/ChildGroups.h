@@ -8,8 +8,11 @@
 
 namespace VarnScripts {
 
-/// The direct children of this process that lead a process group of their own, in no particular
-/// order. A child that ended but was not waited for may be among them. Any thread.
+/// The direct children of this process, in no particular order. A child that ended but was not
+/// waited for may be among them. Any thread.
+[[nodiscard]] std::vector<pid_t> children();
+
+/// Those of the children that lead a process group of their own. Any thread.
 [[nodiscard]] std::vector<pid_t> childGroups();
 
 }  // namespace VarnScripts

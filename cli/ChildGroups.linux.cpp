@@ -5,9 +5,11 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
@@ -20,6 +22,7 @@ namespace VarnScripts {
 namespace {
 
 struct Process {
+  pid_t pid;
   pid_t parent;
   pid_t group;
 };
@@ -45,26 +48,43 @@ std::optional<Process> processOf(pid_t pid) {
   if (nameEnd == nullptr) return std::nullopt;
   char state = 0;
   Process process{};
+  process.pid = pid;
   if (std::sscanf(nameEnd + 1, " %c %d %d", &state, &process.parent, &process.group) != 3) {
     return std::nullopt;
   }
   return process;
 }
 
-}  // namespace
+/// Whether this process has no child at all. One call, where the search below makes three for every
+/// process of the computer.
+bool isChildless() {
+  siginfo_t info{};
+  return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT | __WALL) != 0 && errno == ECHILD;
+}
 
-std::vector<pid_t> childGroups() {
-  std::vector<pid_t> groups;
+bool isAny(const Process& /*child*/) { return true; }
+
+bool leadsItsGroup(const Process& child) { return child.group == child.pid; }
+
+std::vector<pid_t> childrenThat(bool (*isWanted)(const Process&)) {
+  std::vector<pid_t> found;
+  if (isChildless()) return found;
   const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir("/proc"), &::closedir);
-  if (!directory) return groups;
+  if (!directory) return found;
   const pid_t self = ::getpid();
   while (const dirent* entry = ::readdir(directory.get())) {
     const auto pid = pidFrom(static_cast<const char*>(entry->d_name));
     if (!pid) continue;
     const auto process = processOf(*pid);
-    if (process && process->parent == self && process->group == *pid) groups.push_back(*pid);
+    if (process && process->parent == self && isWanted(*process)) found.push_back(*pid);
   }
-  return groups;
+  return found;
 }
+
+}  // namespace
+
+std::vector<pid_t> children() { return childrenThat(isAny); }
+
+std::vector<pid_t> childGroups() { return childrenThat(leadsItsGroup); }
 
 }  // namespace VarnScripts

@@ -7,7 +7,7 @@
 
 namespace VarnScripts {
 
-std::vector<pid_t> childGroups() {
+std::vector<pid_t> children() {
   // A host has one script at a time; the room is for children that it was started with.
   std::vector<pid_t> children(1024);
   const int count = ::proc_listchildpids(::getpid(), children.data(),
@@ -16,10 +16,13 @@ std::vector<pid_t> childGroups() {
   children.resize(static_cast<std::size_t>(count) < children.size()
                       ? static_cast<std::size_t>(count)
                       : children.size());
-  std::vector<pid_t> groups;
-  for (const pid_t child : children) {
-    if (child > 0 && ::getpgid(child) == child) groups.push_back(child);
-  }
+  std::erase_if(children, [](pid_t child) { return child <= 0; });
+  return children;
+}
+
+std::vector<pid_t> childGroups() {
+  std::vector<pid_t> groups = children();
+  std::erase_if(groups, [](pid_t child) { return ::getpgid(child) != child; });
   return groups;
 }
 

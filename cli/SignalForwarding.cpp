@@ -37,7 +37,7 @@ bool isIgnored(int signal) {
 
 }  // namespace
 
-SignalForwarding::SignalForwarding() : foreignGroups_(childGroups()) {
+SignalForwarding::SignalForwarding() : foreignChildren_(children()) {
   sigemptyset(&signals_);
   bool any = false;
   for (const int signal : kForwarded) {
@@ -92,7 +92,8 @@ void SignalForwarding::passOn(int signal) {
   while (scriptRuns_) {
     auto groups = childGroups();
     std::erase_if(groups, [this](pid_t group) {
-      return std::find(foreignGroups_.begin(), foreignGroups_.end(), group) != foreignGroups_.end();
+      return std::find(foreignChildren_.begin(), foreignChildren_.end(), group) !=
+             foreignChildren_.end();
     });
     for (const pid_t group : groups) ::kill(-group, signal);
     if (!groups.empty() || std::chrono::steady_clock::now() >= deadline) return;

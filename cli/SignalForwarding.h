@@ -42,8 +42,9 @@ class SignalForwarding {
   void waitForEndWhenStopping(std::unique_lock<std::mutex>& lock) const;
 
   sigset_t signals_{};
-  // Groups that this process was given with its children, from the program it was before.
-  std::vector<pid_t> foreignGroups_;
+  // The children that this process was given by the program that it was before. All of them, not
+  // only those with groups of their own: such a child may make its group later.
+  std::vector<pid_t> foreignChildren_;
 
   std::mutex mutex_;
   std::condition_variable runEnded_;

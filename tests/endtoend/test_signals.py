@@ -45,24 +45,38 @@ class ForwardingTest(CommandCase):
         self.assertEqual(self.finish(process).status, -signal.SIGTERM)
         self.wait_until(lambda: not self.is_running(descendant), "the end of the descendant")
 
-    def test_a_child_that_was_there_before_is_left_alone(self):
+    def assert_other_child_is_left_alone(self, begin_other, before_signal=lambda: None):
+        """Starts a shell that has a child of its own by begin_other and becomes the command."""
         started = self.fifo("started")
-        before = self.fifo("before")
         self.put(text=f"echo $$ >{started}\nexec sleep 100000\n")
-        # The shell becomes the command; its child in a group of its own becomes the command's.
+        told = self.fifo("told")
         command = " ".join(f"'{word}'" for word in [self.command, *self.settings(), "run", "42"])
+        other_command = f"setsid sh -c 'echo $$ >{told}; exec sleep 100000'"
         process = self.start(
-            settings=["-c", f"setsid sh -c 'echo $$ >{before}; exec sleep 100000' >/dev/null 2>&1 &"
+            settings=["-c", f"({begin_other} exec {other_command}) >/dev/null 2>&1 &"
                             f" exec {command}"],
             executable="/bin/sh")
-        other = int(self.read_line_from(before))
-        self.end_process_at_end(other)
         script = int(self.read_line_from(started))
         self.end_process_at_end(script)
+        before_signal()
+        other = int(self.read_line_from(told))
+        self.end_process_at_end(other)
         process.send_signal(signal.SIGTERM)
         self.assertEqual(self.finish(process).status, -signal.SIGTERM)
         self.wait_until(lambda: not self.is_running(script), "the end of the script")
         self.assertTrue(self.is_running(other))
+
+    def test_a_child_that_was_there_before_is_left_alone(self):
+        self.assert_other_child_is_left_alone("")
+
+    def test_a_child_that_was_there_before_may_make_its_group_later(self):
+        go = self.fifo("go")
+
+        def let_go():
+            with open(go, "w", encoding="utf-8") as file:
+                file.write("go\n")
+
+        self.assert_other_child_is_left_alone(f"read line <{go};", let_go)
 
     def test_a_signal_that_was_ignored_stays_ignored(self):
         started, go = self.fifo("started"), self.fifo("go")
