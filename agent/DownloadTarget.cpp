@@ -77,19 +77,15 @@ std::string directoryOf(const std::string& path) {
 DownloadTarget::DownloadTarget(std::string path, std::uint64_t mostBytes)
     : path_(std::move(path)), directory_(directoryOf(path_)), mostBytes_(mostBytes) {
   requireReplaceable(path_);
-  try {
-    makeTemporaryFile();
-  } catch (...) {
-    // The destructor of an object that never came to be does not run.
-    discard();
-    throw;
-  }
 }
 
-DownloadTarget::~DownloadTarget() { discard(); }
-
-void DownloadTarget::discard() noexcept {
+DownloadTarget::~DownloadTarget() {
   if (!temporaryPath_.empty()) unlink(temporaryPath_.c_str());
+}
+
+const FileDescriptor& DownloadTarget::temporaryFile() {
+  if (temporaryPath_.empty()) makeTemporaryFile();
+  return file_;
 }
 
 void DownloadTarget::makeTemporaryFile() {
@@ -99,7 +95,7 @@ void DownloadTarget::makeTemporaryFile() {
     std::string name = directory_ + '/' + std::string(kPrefix) + "XXXXXX";
     FileDescriptor file(mkostemp(name.data(), O_CLOEXEC));
     if (!file.isOpen()) fail("can't create a file in " + directory_, errno);
-    // From here on `discard` removes it.
+    // From here on the destructor removes it.
     temporaryPath_ = std::move(name);
     file_ = std::move(file);
     if (fchmod(file_.get(), kFileMode) != 0) fail("can't protect " + temporaryPath_, errno);
@@ -114,9 +110,10 @@ void DownloadTarget::write(const char* bytes, std::size_t count) {
     throw DownloadFailure("larger than max_download allows (" + std::to_string(mostBytes_) +
                           " bytes)");
   }
+  const FileDescriptor& file = temporaryFile();
   size_ += count;
   while (count > 0) {
-    const ssize_t written = ::write(file_.get(), bytes, count);
+    const ssize_t written = ::write(file.get(), bytes, count);
     if (written < 0 && errno == EINTR) continue;
     if (written < 0) fail("can't write to " + temporaryPath_, errno);
     bytes += written;
@@ -125,9 +122,10 @@ void DownloadTarget::write(const char* bytes, std::size_t count) {
 }
 
 void DownloadTarget::commit() {
+  const FileDescriptor& file = temporaryFile();
   int synced = 0;
   do {
-    synced = fsync(file_.get());
+    synced = fsync(file.get());
   } while (synced != 0 && errno == EINTR);
   if (synced != 0) fail("can't sync " + temporaryPath_, errno);
   // Once more: what stands there may have changed during the download.

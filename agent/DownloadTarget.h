@@ -18,17 +18,23 @@ class DownloadFailure : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// One temporary file. Its name begins with ".varn-download-", and it is locked for as long as its
-/// download lives, so that what a killed process left behind can be told from it.
+/// One temporary file, made in the directory of the target when it is first needed. Its name begins
+/// with ".varn-download-", and it is locked for as long as its download lives, so that what a
+/// killed process left behind can be told from it.
 class DownloadTarget {
  public:
-  /// Makes the temporary file in the directory of `path`. Throws `DownloadFailure` when that can't
-  /// be done, or when something other than a regular file or a symbolic link stands at `path`.
+  /// Throws `DownloadFailure` when something other than a regular file or a symbolic link stands at
+  /// `path`.
   DownloadTarget(std::string path, std::uint64_t mostBytes);
   DownloadTarget(const DownloadTarget&) = delete;
   DownloadTarget& operator=(const DownloadTarget&) = delete;
   /// Removes the temporary file unless it has been put in place.
   ~DownloadTarget();
+
+  [[nodiscard]] const std::string& path() const { return path_; }
+
+  /// The temporary file. Throws `DownloadFailure` when it can't be made.
+  const FileDescriptor& temporaryFile();
 
   /// Adds bytes. Throws `DownloadFailure` when they can't be written or are more than allowed.
   void write(const char* bytes, std::size_t count);
@@ -42,7 +48,6 @@ class DownloadTarget {
 
  private:
   void makeTemporaryFile();
-  void discard() noexcept;
 
   const std::string path_;
   const std::string directory_;

@@ -1,8 +1,10 @@
 // The bundled downloader: a server path becomes a URL, the URL's file arrives in a temporary file,
-// the temporary file takes the target's place. The only state is the settings. Any thread; nothing
+// the temporary file takes the target's place. What the target already is, byte for byte, the
+// server is not asked to send again. The only state is the settings. Any thread; nothing
 // throws.
 
 #include <exception>
+#include <optional>
 #include <string>
 
 #include "AgentLog.h"
@@ -11,6 +13,7 @@
 #include "DownloadTarget.h"
 #include "FileServer.h"
 #include "HttpTransfer.h"
+#include "KeptCopy.h"
 #include "ServerURL.h"
 #include "WritableByOthers.h"
 
@@ -29,27 +32,54 @@ void requireInside(const std::string& toPath, const std::string& basePath) {
   }
 }
 
-void fetchOverHTTP(std::string url, const AgentSettings& settings, DownloadTarget& target) {
-  for (int redirects = 0; redirects <= kMostRedirects; ++redirects) {
-    const auto redirect = transfer(url, settings, target);
-    if (!redirect) return;
-    if (!mayRedirect(url, *redirect)) throw DownloadFailure("redirected to " + *redirect);
-    url = *redirect;
+/// What a download found to do.
+enum class Outcome {
+  arrived,   ///< the file is complete and takes the target's place
+  unchanged  ///< the target is what the server has
+};
+
+Outcome fetchOverHTTP(const std::string& asked, const AgentSettings& settings,
+                      DownloadTarget& target) {
+  // The validators are about the URL that was asked for. What a redirect leads to may be another
+  // file each time, so its answer is neither asked for with them nor are its own kept.
+  std::optional<KeptCopy> kept = KeptCopy::find(target.path(), asked, settings.maxDownload);
+  std::string url = asked;
+  for (int redirects = 0; redirects <= kMostRedirects;) {
+    const Reply reply = transfer(url, kept ? kept->validators() : Validators{}, settings, target);
+    switch (reply.kind) {
+      case Reply::Kind::body:
+        if (redirects == 0) keepWithFile(target.temporaryFile(), asked, reply.validators);
+        return Outcome::arrived;
+      case Reply::Kind::notModified:
+        if (kept->isUntouched()) return Outcome::unchanged;
+        break;
+      case Reply::Kind::refused:
+        break;
+      case Reply::Kind::redirect:
+        if (!mayRedirect(url, reply.redirect)) {
+          throw DownloadFailure("redirected to " + reply.redirect);
+        }
+        url = reply.redirect;
+        ++redirects;
+        break;
+    }
+    // Whatever is asked next is asked for whole.
+    kept.reset();
   }
   throw DownloadFailure("more than " + std::to_string(kMostRedirects) + " redirects");
 }
 
-void fetch(const std::string& url, const std::string& fromURL, const AgentSettings& settings,
-           DownloadTarget& target) {
+Outcome fetch(const std::string& url, const std::string& fromURL, const AgentSettings& settings,
+              DownloadTarget& target) {
   if (hasScheme(url, "http") || hasScheme(url, "https")) {
-    fetchOverHTTP(url, settings, target);
-    return;
+    return fetchOverHTTP(url, settings, target);
   }
   if (!hasScheme(url, "file")) throw DownloadFailure("no server of a known kind is configured");
   if (hasParentComponent(percentDecoded(fromURL))) {
     throw DownloadFailure("the server path leads out of the server's directory");
   }
   copyFromFileServer(url, target);
+  return Outcome::arrived;
 }
 
 void download(const std::string& fromURL, const std::string& toPath) {
@@ -58,9 +88,11 @@ void download(const std::string& fromURL, const std::string& toPath) {
   const std::string directory = directoryOf(toPath);
   reportWhenWritableByOthers(directory, kSource, kOperation);
   DownloadTarget target(toPath, current.maxDownload);
-  fetch(urlOfServerPath(current.serverURL, fromURL), fromURL, current, target);
-  if (current.beforeFileUse) current.beforeFileUse(toPath);
-  target.commit();
+  const std::string url = urlOfServerPath(current.serverURL, fromURL);
+  if (fetch(url, fromURL, current, target) == Outcome::arrived) {
+    if (current.beforeFileUse) current.beforeFileUse(toPath);
+    target.commit();
+  }
   sweepTemporaryFiles(directory);
 }
 

@@ -30,6 +30,11 @@ struct FreeHandle {
 };
 using Handle = std::unique_ptr<CURL, FreeHandle>;
 
+struct FreeHeaders {
+  void operator()(curl_slist* headers) const { curl_slist_free_all(headers); }
+};
+using Headers = std::unique_ptr<curl_slist, FreeHeaders>;
+
 /// Idle handles. Each keeps the connections that it has made, so the downloads of one request share
 /// one connection although each has a downloader of its own.
 class IdleHandles {
@@ -82,11 +87,17 @@ std::string lowerCase(std::string_view text) {
   return lower;
 }
 
+/// A weak tag and a strong one of the same text are about the same file.
+std::string_view withoutWeakness(std::string_view entityTag) {
+  if (entityTag.starts_with("W/")) entityTag.remove_prefix(2);
+  return entityTag;
+}
+
 /// One exchange. curl calls back into it; what these calls throw is kept until curl has returned.
 class Exchange {
  public:
-  Exchange(const AgentSettings& settings, DownloadTarget& target)
-      : settings_(settings), target_(target), handle_(IdleHandles::shared().take()) {
+  Exchange(const Validators& known, const AgentSettings& settings, DownloadTarget& target)
+      : known_(known), settings_(settings), target_(target), handle_(IdleHandles::shared().take()) {
     if (!handle_) throw DownloadFailure("out of memory");
   }
   Exchange(const Exchange&) = delete;
@@ -97,7 +108,7 @@ class Exchange {
     IdleHandles::shared().giveBack(std::move(handle_));
   }
 
-  std::optional<std::string> perform(const std::string& url) {
+  Reply perform(const std::string& url) {
     setUp(url);
     CURLcode result = CURLE_OK;
     {
@@ -139,6 +150,7 @@ class Exchange {
     // Decoded here and not by curl, which does not see that a compressed body is cut short.
     set(CURLOPT_ACCEPT_ENCODING, "gzip");
     set(CURLOPT_HTTP_CONTENT_DECODING, 0L);
+    setUpCondition();
     set(CURLOPT_WRITEFUNCTION, &onBody);
     set(CURLOPT_WRITEDATA, this);
     set(CURLOPT_HEADERFUNCTION, &onHeader);
@@ -153,6 +165,14 @@ class Exchange {
       set(CURLOPT_XFERINFODATA, this);
       set(CURLOPT_NOPROGRESS, 0L);
     }
+  }
+
+  void setUpCondition() {
+    const std::string header = conditionalHeader(known_);
+    if (header.empty()) return;
+    headers_.reset(curl_slist_append(nullptr, header.c_str()));
+    if (!headers_) throw DownloadFailure("out of memory");
+    set(CURLOPT_HTTPHEADER, headers_.get());
   }
 
   void setUpTLS() {
@@ -213,10 +233,16 @@ class Exchange {
     if (headerBytes_ > kMostHeaderBytes)
       throw DownloadFailure("the response's headers are too long");
     // A response of its own follows an interim one.
-    if (line.starts_with("HTTP/")) encoding_.clear();
+    if (line.starts_with("HTTP/")) {
+      encoding_.clear();
+      validators_ = {};
+    }
     const std::size_t colon = line.find(':');
-    if (colon == line.npos || lowerCase(line.substr(0, colon)) != "content-encoding") return;
-    encoding_ = lowerCase(trimmedBlanks(line.substr(colon + 1)));
+    if (colon == line.npos) return;
+    const std::string name = lowerCase(line.substr(0, colon));
+    const std::string_view value = trimmedBlanks(line.substr(colon + 1));
+    if (name == "content-encoding") encoding_ = lowerCase(value);
+    validators_.take(name, value);
   }
 
   void takeBody(const char* bytes, std::size_t count) {
@@ -240,18 +266,38 @@ class Exchange {
     decoder_->write(bytes, count);
   }
 
-  std::optional<std::string> judge() {
+  Reply judge() {
     const char* redirect = nullptr;
     curl_easy_getinfo(handle_.get(), CURLINFO_REDIRECT_URL, &redirect);
-    if (redirect != nullptr) return redirect;
+    if (redirect != nullptr) return {Reply::Kind::redirect, redirect};
+    if (status() == 304 && !known_.isEmpty()) {
+      return {isAboutKnown() ? Reply::Kind::notModified : Reply::Kind::refused};
+    }
+    // Not for a GET, but there are servers that answer so.
+    if (status() == 412 && !known_.isEmpty()) return {Reply::Kind::refused};
     if (status() != 200) throw DownloadFailure(statusText());
+    finishBody();
+    return {Reply::Kind::body, {}, validators_.lasting()};
+  }
+
+  /// Whether nothing in the answer speaks against the validators that were asked with. A server
+  /// that compares dates takes an older file than the known one for the same.
+  bool isAboutKnown() const {
+    const Validators sent = validators_.sent();
+    const auto agree = [](std::string_view a, std::string_view b) {
+      return a.empty() || b.empty() || a == b;
+    };
+    return agree(withoutWeakness(sent.entityTag), withoutWeakness(known_.entityTag)) &&
+           agree(sent.lastModified, known_.lastModified);
+  }
+
+  void finishBody() {
     if (isTooLong_) throw DownloadFailure("the body is longer than announced");
     if (decoder_) {
       decoder_->finish();
     } else if (encoding_ == "gzip" || encoding_ == "x-gzip") {
       throw DownloadFailure("the compressed body is cut short");
     }
-    return std::nullopt;
   }
 
   long status() const {
@@ -264,11 +310,14 @@ class Exchange {
     return "the server answered with status " + std::to_string(status());
   }
 
+  const Validators& known_;
   const AgentSettings& settings_;
   DownloadTarget& target_;
+  Headers headers_;
   Handle handle_;
   std::unique_ptr<GzipDecoder> decoder_;
   std::string encoding_;  ///< of the body, in lower case; empty when it has none
+  AnswerValidators validators_;
   std::size_t headerBytes_ = 0;
   std::size_t ignoredBytes_ = 0;
   bool isTooLong_ = false;
@@ -278,9 +327,9 @@ class Exchange {
 
 }  // namespace
 
-std::optional<std::string> transfer(const std::string& url, const AgentSettings& settings,
-                                    DownloadTarget& target) {
-  return Exchange(settings, target).perform(url);
+Reply transfer(const std::string& url, const Validators& known, const AgentSettings& settings,
+               DownloadTarget& target) {
+  return Exchange(known, settings, target).perform(url);
 }
 
 }  // namespace AgentUtils

@@ -2,21 +2,32 @@
 
 #pragma once
 
-#include <cstdint>
-#include <functional>
-#include <optional>
 #include <string>
 
 #include "AgentSettings.h"
 #include "DownloadTarget.h"
+#include "Validators.h"
 
 namespace AgentUtils {
 
-/// Fetches `url` into `target`. Gives nothing when the whole body has arrived, or the URL that the
-/// server redirects to. Throws `DownloadFailure` on anything else: another status than 200, a body
-/// that is shorter than announced, a certificate that does not verify, a stall.
-[[nodiscard]] std::optional<std::string> transfer(const std::string& url,
-                                                  const AgentSettings& settings,
-                                                  DownloadTarget& target);
+/// What a server answered.
+struct Reply {
+  enum class Kind {
+    body,         ///< the whole body has arrived
+    redirect,     ///< the file is to be had elsewhere
+    notModified,  ///< the file is the one that the validators are about
+    refused,      ///< there is no knowing from this answer: it has to be asked without validators
+  };
+  Kind kind;
+  std::string redirect = {};   ///< the URL to ask next
+  Validators validators = {};  ///< of the body, when they are worth keeping
+};
+
+/// Fetches `url` into `target`; with validators, only when it is another file than theirs. Throws
+/// `DownloadFailure` on anything else than a reply: another status than 200 (a 304 that nobody
+/// asked for is one), a body that is shorter than announced, a certificate that does not verify, a
+/// stall.
+[[nodiscard]] Reply transfer(const std::string& url, const Validators& known,
+                             const AgentSettings& settings, DownloadTarget& target);
 
 }  // namespace AgentUtils

@@ -48,6 +48,18 @@ std::string pathWithoutLinks(const std::string& directory, const std::string& na
   return std::string(resolved.get()) + '/' + name;
 }
 
+/// Refuses what stands where SQLite keeps a journal or a log and is no file of its own: a link
+/// would lead a write somewhere else, a FIFO would be waited for without end.
+void requireRegularCompanions(const std::string& path) {
+  for (const char* const suffix : {"-journal", "-wal", "-shm"}) {
+    const std::string companion = path + suffix;
+    struct stat status {};
+    if (lstat(companion.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+      throwError(EINVAL, "not a regular file: " + companion);
+    }
+  }
+}
+
 /// Creates the database file, empty, so that its mode never depends on the umask. What exists must
 /// be a regular file: a link would lead a write somewhere else, a FIFO would be waited for.
 void ensureRegularFile(const std::string& path) {
@@ -84,6 +96,7 @@ std::string preparedPath(const std::string& storagePath) {
   }
   const std::string path = pathWithoutLinks(directory, storagePath.substr(slash + 1));
   ensureRegularFile(path);
+  requireRegularCompanions(path);
   reportWhenWritableByOthers(directory, kUnit, kOpening);
   reportWhenWritableByOthers(path, kUnit, kOpening);
   return path;

@@ -240,16 +240,38 @@ class Client:
             fail(f"the script wrote something else: {output}")
         return cost
 
+    def forget(self):
+        """Removes the list, so that the next poll fetches it."""
+        data = self._directory / "client-data" / CUSTOMER / "scripts-repository-data"
+        (data / "scripts-meta.xml").unlink()
+
     def idle(self):
         """What a run of the command costs that asks no server."""
         return execute([self._arguments[0], "--base-path", self._directory, "list"])[1:]
 
 
 def poll_costs(server, client, form, polls):
-    """Medians of polls that find nothing changed, and the bytes of one of them."""
+    """What polls cost that fetch the list, and such that find nothing changed."""
+    # The script is here from now on, and no list of that URL: the first poll fetches it.
     client.poll(server.port(form, True))
+    relay = Relay(server.port(form, True))
+    client.poll(relay.port)
+    whole = (relay.down, relay.up)
+    client.poll(relay.port)
+    relay.close()
+    unchanged = (relay.down - whole[0], relay.up - whole[1])
+    client.poll(server.port(form, True))
+    return {
+        "fetched": some_polls(server, client, form, polls, whole, client.forget),
+        "unchanged": some_polls(server, client, form, polls, unchanged, lambda: None),
+    }
+
+
+def some_polls(server, client, form, polls, transferred, prepare):
+    """Medians of polls before each of which `prepare` is called."""
     seconds, processor, memory, busy = [], [], [], []
     for _ in range(polls):
+        prepare()
         before = server.busy()
         elapsed, spent, most = client.poll(server.port(form, True))
         # The working process may still be closing the connection; that is in the next difference.
@@ -257,12 +279,9 @@ def poll_costs(server, client, form, polls):
         seconds.append(elapsed)
         processor.append(spent)
         memory.append(most)
-    relay = Relay(server.port(form, True))
-    client.poll(relay.port)
-    relay.close()
     return {
-        "down": relay.down,
-        "up": relay.up,
+        "down": transferred[0],
+        "up": transferred[1],
         "seconds": statistics.median(seconds),
         "client": statistics.median(processor),
         "memory": max(memory),
@@ -315,7 +334,12 @@ def measure(count, options, directory, certificate, key):
     document = root / REPOSITORY / "scripts-meta.xml"
     plain = document.read_bytes()
     compressed = gzip.compress(plain, 9, mtime=0)
-    (document.parent / "scripts-meta.xml.gz").write_bytes(compressed)
+    beforehand = document.parent / "scripts-meta.xml.gz"
+    beforehand.write_bytes(compressed)
+    # A client asks for a list whole until it is a minute old.
+    hour_ago = time.time() - 3600
+    for path in (document, beforehand):
+        os.utime(path, (hour_ago, hour_ago))
 
     server = Server(directory, root, certificate, key)
     try:
@@ -330,6 +354,8 @@ def measure(count, options, directory, certificate, key):
             "polls": {form: poll_costs(server, client, form, options.polls) for form in FORMS},
             "idle": statistics.median(client.idle()[1] for _ in range(options.polls)),
         }
+        if options.only_polls:
+            return result
         # So few at a time that each request is answered well within the time of a run.
         connections = 16 if len(plain) < 1 << 20 else 2
         result["loads"] = {
@@ -394,20 +420,7 @@ def print_tables(results):
             for r in results
         ],
     )
-    print_table(
-        "One poll over HTTPS when nothing has changed",
-        ["scripts", "sent as", "to the client", "to the server", "time"]
-        + ["client processor (least to most)", "client memory", "server processor"],
-        [
-            [f"{r['count']:,}", form, size(p["down"]), size(p["up"]), duration(p["seconds"])]
-            + [" ".join([duration(p["client"]), f"({' to '.join(map(duration, p['spread']))})"])]
-            + [size(p["memory"]), duration(p["server"])]
-            for r in results
-            for form, p in r["polls"].items()
-        ],
-    )
-    idle = statistics.median(r["idle"] for r in results)
-    print(f"\nStarting the command and asking no server takes {duration(idle)} of the processor.")
+    print_polls(results)
     print_table(
         "The list under load, one nginx process, a new connection for each request",
         ["scripts", "sent as", "HTTP requests/s (least to most)", "processor each"]
@@ -418,12 +431,35 @@ def print_tables(results):
             for form in FORMS
         ],
     )
+    print_computers("each poll fetches the list", "fetched", results)
+    print_computers("nothing has changed", "unchanged", results)
+
+
+def print_polls(results):
     print_table(
-        "Computers for one server, HTTPS, one script each",
+        "One poll over HTTPS",
+        ["scripts", "sent as", "the list is", "to the client", "to the server", "time"]
+        + ["client processor (least to most)", "client memory", "server processor"],
+        [
+            [f"{r['count']:,}", form, kind, size(p["down"]), size(p["up"]), duration(p["seconds"])]
+            + [" ".join([duration(p["client"]), f"({' to '.join(map(duration, p['spread']))})"])]
+            + [size(p["memory"]), duration(p["server"])]
+            for r in results
+            for form, kinds in r["polls"].items()
+            for kind, p in kinds.items()
+        ],
+    )
+    idle = statistics.median(r["idle"] for r in results)
+    print(f"\nStarting the command and asking no server takes {duration(idle)} of the processor.")
+
+
+def print_computers(what, kind, results):
+    print_table(
+        f"Computers for one server, HTTPS, one script each, {what}",
         ["scripts", "sent as", "hourly, by the link", "hourly, by one core", "daily, by the link"]
         + ["daily, by one core"],
         [
-            [f"{r['count']:,}", form] + carried(r, form, 3600) + carried(r, form, 86400)
+            [f"{r['count']:,}", form] + carried(r, form, kind, 3600) + carried(r, form, kind, 86400)
             for r in results
             for form in FORMS
         ],
@@ -437,12 +473,14 @@ def load_cells(result, form, tls):
     return [f"{rate} ({low} to {high})", duration(measured["server"])]
 
 
-def carried(result, form, period):
-    by_link = LINK_BITS * USABLE / 8 * period / result["polls"][form]["down"]
-    # Under load the server's caches are warm; single polls cost it more.
-    each = max(result["polls"][form]["server"], result["loads"][(form, True)]["server"])
-    by_core = BUSY * period / each
-    return [rounded(by_link), rounded(by_core)]
+def carried(result, form, kind, period):
+    poll = result["polls"][form][kind]
+    by_link = LINK_BITS * USABLE / 8 * period / poll["down"]
+    each = poll["server"]
+    if kind == "fetched":
+        # Under load the server's caches are warm; single polls cost it more.
+        each = max(each, result["loads"][(form, True)]["server"])
+    return [rounded(by_link), rounded(BUSY * period / each)]
 
 
 def print_spread(computers):
@@ -461,11 +499,20 @@ def print_spread(computers):
     )
 
 
-def versions():
+def versions(options):
     nginx = subprocess.run(["nginx", "-v"], capture_output=True, text=True, check=True).stderr
+    nginx = nginx.strip().removeprefix("nginx version: ")
+    if options.only_polls:
+        return nginx
     # Prints its version and ends with 1.
     wrk = subprocess.run(["wrk", "-v"], capture_output=True, text=True, check=False).stdout
-    return nginx.strip().removeprefix("nginx version: "), " ".join(wrk.split()[:2])
+    return f"{nginx}, {' '.join(wrk.split()[:2])}"
+
+
+def loads_text(options):
+    if options.only_polls:
+        return ""
+    return f", {options.rounds} runs of wrk of {options.seconds} s of each kind"
 
 
 def arguments():
@@ -473,6 +520,7 @@ def arguments():
     parser.add_argument("--command", required=True, type=pathlib.Path, help="varn-scripts")
     parser.add_argument("--counts", default="100,10000,100000", help="scripts in each repository")
     parser.add_argument("--polls", type=int, default=10, help="polls of each kind")
+    parser.add_argument("--only-polls", action="store_true", help="no load, and the polls' tables")
     parser.add_argument("--seconds", type=int, default=4, help="of one run of wrk")
     parser.add_argument("--rounds", type=int, default=3, help="runs of wrk of each kind")
     options = parser.parse_args()
@@ -482,7 +530,7 @@ def arguments():
     options.counts = [int(count) for count in options.counts.split(",")]
     if not all(1 <= count <= 200_000 for count in options.counts):
         parser.error("a repository has 1 to 200000 scripts here")
-    for needed in ("nginx", "wrk", "openssl"):
+    for needed in ("nginx", "openssl") if options.only_polls else ("nginx", "wrk", "openssl"):
         if shutil.which(needed) is None:
             parser.error(f"{needed} is not installed")
     return options
@@ -500,13 +548,15 @@ def main():
             results.append(measure(count, options, directory, certificate, key))
             shutil.rmtree(directory)
     ended = [f"{load:.1f}" for load in os.getloadavg()]
-    nginx, wrk = versions()
     print(
         f"{os.cpu_count()} cores, {platform.machine()}, Linux {platform.release().split('-')[0]}, "
-        f"{nginx}, {wrk}; {options.polls} polls of each kind, {options.rounds} runs of wrk of "
-        f"{options.seconds} s of each kind; load average {began[0]} at the beginning and "
-        f"{ended[0]} at the end."
+        f"{versions(options)}; {options.polls} polls of each kind{loads_text(options)}; load average "
+        f"{began[0]} at the beginning and {ended[0]} at the end."
     )
+    if options.only_polls:
+        print_polls(results)
+        print_computers("nothing has changed", "unchanged", results)
+        return
     print_tables(results)
     print_spread([1_000, 10_000, 100_000])
 

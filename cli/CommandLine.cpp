@@ -48,10 +48,12 @@ class Parser {
     app_.set_version_flag("--version", "varn-scripts " VARN_VERSION);
     app_.require_subcommand(1);
     app_.fallthrough();
+    app_.get_formatter()->label("SUBCOMMAND", "COMMAND");
     app_.footer(
-        "Each option is also a key of the settings file (base_path) and an environment\n"
-        "variable (VARN_BASE_PATH); a flag wins over the environment, that over the file.\n"
-        "Exit status of run: 0 accepted, 1 rejected, 3 not run, 2 usage or settings error.");
+        "The settings may stand before the command or after it. Each is also a key of the\n"
+        "settings file (base_path) and an environment variable (VARN_BASE_PATH); an option wins\n"
+        "over the environment, the environment over the file.\n"
+        "varn-scripts COMMAND --help tells what the command takes, and its exit statuses.");
     addSettings();
     addCommands();
   }
@@ -64,7 +66,7 @@ class Parser {
     } catch (const CLI::CallForVersion&) {
       return Reply{0, "varn-scripts " VARN_VERSION "\n", ""};
     } catch (const CLI::Error& error) {
-      return usageError(error.what());
+      return usageError(app_.get_subcommands().empty() ? withoutCommand(error) : error.what());
     }
     if ((run_->parsed() || plan_->parsed()) && result_.scriptID.empty()) {
       return usageError("SCRIPT_ID must not be empty");
@@ -90,8 +92,20 @@ class Parser {
     }
   }
 
+  CLI::App* addCommand(const std::string& name, const std::string& meaning,
+                       const std::string& statuses) {
+    CLI::App* command = app_.add_subcommand(name, meaning);
+    command->group("Commands");
+    command->footer(
+        "varn-scripts --help lists the settings, which are options of every command.\n"
+        "Exit status: " +
+        statuses);
+    return command;
+  }
+
   void addCommands() {
-    run_ = app_.add_subcommand("run", "Fetch, verify and run one script");
+    run_ = addCommand("run", "Fetch, verify and run one script",
+                      "0 accepted, 1 rejected, 2 usage or settings error, 3 not run.");
     run_->add_option("SCRIPT_ID", result_.scriptID, "The script's ID")->required()->type_name("");
     acceptCodes_ =
         run_->add_option("--accept-codes", codes_,
@@ -100,13 +114,16 @@ class Parser {
             ->type_name("LIST");
     run_->add_flag("--json", result_.json, "Print the result as one JSON object");
 
-    plan_ = app_.add_subcommand("plan", "Tell what run would do now, and change nothing");
+    plan_ = addCommand("plan", "Tell what run would do now, and change nothing",
+                       "0 a script would be run, 2 usage or settings error, 3 none would be.");
     plan_->add_option("SCRIPT_ID", result_.scriptID, "The script's ID")->required()->type_name("");
     plan_->add_flag("--json", result_.json, "Print the plan as one JSON object");
 
-    prune_ = app_.add_subcommand("prune", "Remove local copies of scripts the server dropped");
+    prune_ = addCommand("prune", "Remove local copies of scripts the server dropped",
+                        "0 done, 2 usage or settings error, 3 the server's list can't be had.");
 
-    list_ = app_.add_subcommand("list", "List the local records");
+    list_ = addCommand("list", "List the local records",
+                       "0 done, 2 usage or settings error, 3 the store can't be read.");
     list_->add_flag("--json", result_.json, "Print the records as a JSON array");
 
     addPublish();
@@ -114,7 +131,9 @@ class Parser {
 
   void addPublish() {
     PublishOptions& options = result_.publish;
-    publish_ = app_.add_subcommand("publish", "Turn a directory of scripts into a server's tree");
+    publish_ = addCommand("publish", "Turn a directory of scripts into a server's tree",
+                          "0 published, or nothing has changed; 2 usage or settings error, or the\n"
+                          "source is refused; 3 the tree can't be written.");
     publish_
         ->add_option("SOURCE_DIR", options.sourceDirectory,
                      "Scripts and their manifest, scripts.toml")
@@ -128,7 +147,7 @@ class Parser {
     publish_
         ->add_option("--keep", options.keep,
                      "How many of the last lists' content stays (default: 2)")
-        ->check(CLI::Range(std::size_t{1}, std::size_t{1000000}))
+        ->check(CLI::Range(std::size_t{1}, std::size_t{1000000}).description(""))
         ->type_name("N");
     publish_->add_flag("--strict", options.strict, "Refuse what is a warning otherwise");
     publish_->add_flag("--check", options.check, "Check everything and write nothing");
@@ -147,6 +166,19 @@ class Parser {
                                         : CommandLine::Command::list;
     if (acceptCodes_->count() > 0) line.acceptCodes = splitCodes(codes_);
     return line;
+  }
+
+  // What is wrong with a command line that names no command.
+  std::string withoutCommand(const CLI::Error& error) const {
+    if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::RequiredError)) {
+      return error.what();
+    }
+    const auto words = app_.remaining();
+    const auto unknown = std::find_if(words.begin(), words.end(),
+                                      [](const auto& word) { return !word.starts_with('-'); });
+    const std::string known = "; the commands are run, plan, prune, list and publish";
+    return (unknown == words.end() ? "a command is missing" : "there is no command " + *unknown) +
+           known;
   }
 
   static Reply usageError(const std::string& what) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 
+#include "AgentDirectories.h"
 #include "AgentModules.h"
 #include "AgentUtils.h"
 #include "ExitStatus.h"
@@ -57,6 +58,10 @@ int prune(const Settings& settings) {
   const bool filled = fillContainer();
   // Called without the container too: the library's own line tells that nothing is removed.
   ScriptRepositoryProcessor::removeServerRemovedScripts();
+  // The list's download has looked after the other directory.
+  if (filled) {
+    AgentUtils::removeLeftDownloads(ScriptRepositoryProcessor::scriptRepoScriptsDirectory());
+  }
   progress.finish();
   return filled ? kExitSuccess : kExitNotRun;
 }

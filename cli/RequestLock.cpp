@@ -4,7 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+
+#include "publish/Names.h"
 
 namespace VarnScripts {
 namespace {
@@ -16,7 +19,11 @@ void createParents(const std::string& path, std::error_code& error) {
   for (auto slash = path.find('/', 1); slash != std::string::npos;
        slash = path.find('/', slash + 1)) {
     const std::string directory = path.substr(0, slash);
-    if (::mkdir(directory.c_str(), S_IRWXU) == 0 || errno == EEXIST) continue;
+    // The umask may take away more than it should.
+    if (::mkdir(directory.c_str(), S_IRWXU) == 0 && ::chmod(directory.c_str(), S_IRWXU) == 0) {
+      continue;
+    }
+    if (errno == EEXIST) continue;
     // Some systems refuse the creation of what exists for another reason.
     const std::error_code failure = lastError();
     struct stat status {};
@@ -24,6 +31,18 @@ void createParents(const std::string& path, std::error_code& error) {
     error = failure;
     return;
   }
+}
+
+// `path` without components that lead nowhere: empty ones and `.`. A `..` is refused elsewhere.
+std::string withoutEmptySteps(std::string_view path) {
+  std::string steps;
+  for (std::size_t start = 0; start <= path.size();) {
+    const std::size_t end = std::min(path.find('/', start), path.size());
+    const std::string_view step = path.substr(start, end - start);
+    if (!step.empty() && step != ".") steps.append("/").append(step);
+    start = end + 1;
+  }
+  return steps;
 }
 
 }  // namespace
@@ -36,6 +55,12 @@ std::int64_t lockOffset(std::string_view scriptID) {
     hash *= 1099511628211U;
   }
   return static_cast<std::int64_t>(hash >> 2);
+}
+
+std::int64_t fileLockOffset(std::string_view filePath) {
+  // Files are locked in the upper half of the offsets, script IDs in the lower one.
+  constexpr std::int64_t upperHalf = std::int64_t{1} << 62;
+  return upperHalf + lockOffset(publishing::foldedName(withoutEmptySteps(filePath)));
 }
 
 RequestLock::~RequestLock() {
@@ -57,6 +82,8 @@ void RequestLock::acquire(const std::string& basePath, const std::string& custom
     error = lastError();
     return;
   }
+  // The umask may have taken away more than it should. A file of somebody else's stays as it is.
+  static_cast<void>(::fchmod(descriptor_, S_IRUSR | S_IWUSR));
 
   if (lockByte(lockOffset(scriptID)) == 0) return;
   error = lastError();
@@ -65,9 +92,7 @@ void RequestLock::acquire(const std::string& basePath, const std::string& custom
 }
 
 void RequestLock::holdFile(std::string_view filePath) {
-  // Files are locked in the upper half of the offsets, script IDs in the lower one.
-  constexpr std::int64_t upperHalf = std::int64_t{1} << 62;
-  if (lockByte(upperHalf + lockOffset(filePath)) != 0) throw std::system_error(lastError());
+  if (lockByte(fileLockOffset(filePath)) != 0) throw std::system_error(lastError());
 }
 
 int RequestLock::lockByte(std::int64_t offset) const {

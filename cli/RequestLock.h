@@ -14,6 +14,10 @@ namespace VarnScripts {
 /// and far enough from the largest offset for a range of one byte.
 [[nodiscard]] std::int64_t lockOffset(std::string_view scriptID);
 
+/// Where in the lock file the script file at `filePath` is locked: the same for each way to write
+/// the path (`a.sh`, `./a.sh`), and for two names that some file system keeps in one file (`A.sh`).
+[[nodiscard]] std::int64_t fileLockOffset(std::string_view filePath);
+
 /// Holds the advisory lock of one script ID from `acquire` until it is destroyed. The system lets
 /// go of it as well when the process ends in any way.
 class RequestLock {

@@ -5,6 +5,7 @@
 #include <system_error>
 #include <utility>
 
+#include "AgentDirectories.h"
 #include "AgentModules.h"
 #include "ExitStatus.h"
 #include "JsonText.h"
@@ -70,6 +71,9 @@ Outcome request(const CommandLine& line, const Settings& settings, const Request
   ScriptRepositoryProcessor processor(line.scriptID);
   if (line.acceptCodes) processor.overrideExpectedReturnCode = line.acceptCodes;
   ProcessingResult result = processor.processScript();
+  if (result.first) {
+    AgentUtils::removeLeftDownloads(ScriptRepositoryProcessor::scriptRepoScriptsDirectory());
+  }
   return {std::move(result), requestLog.reason()};
 }
 
@@ -93,7 +97,10 @@ int run(const CommandLine& line, const Settings& settings) {
   observers.beforeFileUse = [&lock](const std::string& path) {
     // The documents are replaced whole and read once; only scripts are held.
     const std::string& scripts = ScriptRepositoryProcessor::scriptRepoScriptsDirectory();
-    if (path.starts_with(scripts + '/')) lock.holdFile(path);
+    if (!path.starts_with(scripts + '/')) return;
+    lock.holdFile(path);
+    // A script that is up to date is not downloaded, and nobody else would look at its directory.
+    AgentUtils::reportOpenDirectory(scripts);
   };
   if (const auto error = configureAgentModules(settings, observers)) {
     progress.finish();

@@ -74,4 +74,10 @@ void writeErrorLine(std::string_view line) {
   writeAll(STDERR_FILENO, text, ignored);
 }
 
+void writeOutOfMemory() noexcept {
+  static constexpr char kLine[] = "varn-scripts: out of memory\n";
+  // A standard error that is gone leaves the exit status to tell.
+  [[maybe_unused]] const auto written = ::write(STDERR_FILENO, kLine, sizeof kLine - 1);
+}
+
 }  // namespace VarnScripts

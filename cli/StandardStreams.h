@@ -24,4 +24,7 @@ bool writeOutput(std::string_view text);
 /// failure is of no consequence.
 void writeErrorLine(std::string_view line);
 
+/// Tells on standard error that there is no memory, and needs none for it.
+void writeOutOfMemory() noexcept;
+
 }  // namespace VarnScripts

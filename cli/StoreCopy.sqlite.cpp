@@ -81,6 +81,14 @@ void copyFiles(const std::string& from, const std::string& to) {
 }  // namespace
 
 void copyStore(const std::string& from, const std::string& to) {
+  // Anything else, such as a FIFO, could be waited for without end.
+  for (const char* const suffix : kSuffixes) {
+    const auto kind = std::filesystem::status(from + suffix).type();
+    if (kind != std::filesystem::file_type::regular &&
+        kind != std::filesystem::file_type::not_found) {
+      throw std::runtime_error("it is not a file");
+    }
+  }
   // A transaction that is open or was interrupted is ended by whoever reads the store in its place.
   if (hasWriteAheadLog(from) || hasJournal(from)) return copyFiles(from, to);
   copyByLibrary(from, to);

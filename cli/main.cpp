@@ -1,7 +1,6 @@
 // varn-scripts: takes the settings, makes one request of the library, and hands out its result.
 
 #include <signal.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <exception>
@@ -117,9 +116,7 @@ int main(int argc, char** argv) {
     return host({argv + (argc > 0 ? 1 : 0), argv + argc});
   } catch (const std::exception&) {
     // Only a want of memory comes this far, so there may be none for a text either.
-    static constexpr char kLine[] = "varn-scripts: out of memory\n";
-    // A standard error that is gone leaves the exit status to tell.
-    [[maybe_unused]] const auto written = ::write(STDERR_FILENO, kLine, sizeof kLine - 1);
+    VarnScripts::writeOutOfMemory();
     return VarnScripts::kExitNotRun;
   }
 }

@@ -26,7 +26,10 @@ function(varn_compile_options target)
     endif()
   endif()
   if(VARN_COVERAGE)
-    target_compile_options(${target} PRIVATE --coverage -fprofile-update=atomic)
-    target_link_options(${target} PRIVATE --coverage)
+    # clang counts the conditions of the source; others count the jumps of the generated code. The
+    # profile's place is fixed, since the tests start programs with an environment of their own.
+    target_compile_options(${target} PRIVATE -fcoverage-mapping -fprofile-update=atomic
+      -fprofile-instr-generate=${CMAKE_BINARY_DIR}/profiles/%4m.profraw)
+    target_link_options(${target} PRIVATE -fprofile-instr-generate)
   endif()
 endfunction()

@@ -30,6 +30,10 @@ endif()
 
 file(GLOB headers CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/include/VarnScriptRepository/*.h ${PROJECT_SOURCE_DIR}/interfaces/*.h)
+if(VARN_BUNDLED_AGENT_MODULES)
+  file(GLOB settings CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/agent/settings/*.h)
+  list(APPEND headers ${settings})
+endif()
 install(FILES ${headers}
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/VarnScriptRepository COMPONENT development)
 

@@ -12,14 +12,18 @@
 #include <chrono>
 #include <climits>
 #include <cstddef>
+#include <memory>
 #include <new>
 #include <string_view>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "platform/Child.h"
+#include "support/Encoding.h"
 #include "support/Files.h"
 #include "support/Guard.h"
+#include "support/LongText.h"
 #include "support/Text.h"
 #include "support/UnitLog.h"
 
@@ -68,28 +72,36 @@ class Collector {
  public:
   Collector(platform::FileDescriptor readingEnd, Clock::time_point limit, std::int64_t timeoutIn)
       : readingEnd_(std::move(readingEnd)),
-        chunk_(platform::pipeCapacity(readingEnd_.get()) + kLongestRest, '\0'),
+        chunk_(std::make_unique_for_overwrite<char[]>(capacity_ + kLongestRest)),
         limit_(limit),
         timeoutIn_(timeoutIn) {}
 
   /// Returns when `child` has ended and what the pipe held at that moment has been taken.
   void untilEndOf(const platform::Child& child) {
     while (true) {
-      if (outputOrEnd(child, limit_)) takeChunk(child, chunk_.size() - kLongestRest);
-      if (child.hasEnded()) break;
-      if (Clock::now() >= limit_) askToTerminate(child);
+      const Ready ready = outputOrEnd(child, limit_);
+      if (ready.output && takeChunk(child, capacity_) >= capacity_) expectMore();
+      if (ready.end) break;
+      if (Clock::now() >= limit_ && !child.hasEnded()) askToTerminate(child);
     }
     takeWhatIsHeld(child);
   }
 
-  [[nodiscard]] std::string takeOutput() { return std::move(output_); }
+  [[nodiscard]] std::string takeOutput() { return output_.take(); }
 
  private:
   /// The rest of a character that begins with a chunk's last byte.
   static constexpr std::size_t kLongestRest = 3;
 
-  /// Waits for output, for the child's end, or until `deadline`. Whether there may be output.
-  bool outputOrEnd(const platform::Child& child, Clock::time_point deadline) {
+  /// What a wait has found; each may be there without the other.
+  struct Ready {
+    bool output;
+    bool end;
+  };
+
+  /// Waits for output, for the child's end, or until `deadline`. There may be less output than
+  /// told, even none.
+  Ready outputOrEnd(const platform::Child& child, Clock::time_point deadline) {
     const bool endTells = child.endDescriptor() >= 0;
     int timeout = pollTimeout(deadline);
     if (!endTells && (timeout < 0 || timeout > kAskInterval.count())) {
@@ -99,11 +111,13 @@ class Collector {
     // may leave behind, and the child's end where nothing tells it.
     std::array<pollfd, 2> watched{pollfd{readingEnd_.get(), POLLIN, 0},
                                   pollfd{child.endDescriptor(), POLLIN, 0}};
-    if (::poll(watched.data(), watched.size(), timeout) >= 0) return watched[0].revents != 0;
+    if (::poll(watched.data(), watched.size(), timeout) >= 0) {
+      return {watched[0].revents != 0, endTells ? watched[1].revents != 0 : child.hasEnded()};
+    }
     // An interrupted wait is just over. A poll that fails for want of memory must not become a
     // busy loop; reading and asking do without it.
     if (errno != EINTR) std::this_thread::sleep_for(kAskInterval);
-    return true;
+    return {true, child.hasEnded()};
   }
 
   /// Reads at most `most` bytes to `chunk_` at `offset`; 0 when there is nothing now. At the end of
@@ -111,7 +125,7 @@ class Collector {
   std::size_t read(std::size_t offset, std::size_t most) {
     if (!readingEnd_) return 0;
     const ssize_t got = platform::retryOnInterrupt(
-        [&] { return ::read(readingEnd_.get(), chunk_.data() + offset, most); });
+        [&] { return ::read(readingEnd_.get(), chunk_.get() + offset, most); });
     if (got > 0) return static_cast<std::size_t>(got);
     const bool nothingNow = got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
     if (!nothingNow) readingEnd_.reset();
@@ -124,7 +138,7 @@ class Collector {
     std::size_t length = read(0, most);
     if (length == 0) return 0;
     length += takeRestOfCharacter(child, length);
-    deliver(std::string_view(chunk_.data(), length));
+    deliver(std::string_view(chunk_.get(), length));
     return length;
   }
 
@@ -136,7 +150,7 @@ class Collector {
         std::min(now + kRestOfCharacterWait, limit_ > now ? limit_ : Clock::time_point::max());
     std::size_t taken = 0;
     while (const std::size_t missing =
-               text::missingBytesAtEnd(std::string_view(chunk_.data(), length + taken))) {
+               text::missingBytesAtEnd(std::string_view(chunk_.get(), length + taken))) {
       // Asked before the read: what a child wrote before it ended is there to be read.
       const bool ended = child.hasEnded();
       const std::size_t got = read(length + taken, missing);
@@ -153,14 +167,27 @@ class Collector {
     if (!text::isUTF8(chunk)) return;
     guarded([] { kLog.info("availableOutput"); });
     // Without memory the chunk is dropped, and the run goes on.
-    guarded([&] { output_.append(chunk); });
+    static_cast<void>(output_.append(chunk));
+  }
+
+  /// A child that has filled the pipe once has much to tell: it gets a larger one. Without memory
+  /// for chunks of that size things stay as they are.
+  void expectMore() {
+    if (std::exchange(expectsMore_, true)) return;
+    platform::enlargePipe(readingEnd_.get());
+    const std::size_t capacity = platform::pipeCapacity(readingEnd_.get());
+    if (capacity <= capacity_) return;
+    std::unique_ptr<char[]> larger(new (std::nothrow) char[capacity + kLongestRest]);
+    if (!larger) return;
+    chunk_ = std::move(larger);
+    capacity_ = capacity;
   }
 
   /// One bounded look: a descendant that goes on writing is not waited for.
   void takeWhatIsHeld(const platform::Child& child) {
     std::size_t held = readingEnd_ ? platform::bytesHeld(readingEnd_.get()) : 0;
     while (held > 0) {
-      const std::size_t taken = takeChunk(child, std::min(held, chunk_.size() - kLongestRest));
+      const std::size_t taken = takeChunk(child, std::min(held, capacity_));
       if (taken == 0) return;
       held -= std::min(held, taken);
     }
@@ -176,8 +203,10 @@ class Collector {
   }
 
   platform::FileDescriptor readingEnd_;
-  std::string chunk_;
-  std::string output_;
+  std::size_t capacity_ = 64 * 1024;  // what a chunk has at most: what a pipe holds, as a rule
+  std::unique_ptr<char[]> chunk_;
+  bool expectsMore_ = false;
+  LongText output_;
   Clock::time_point limit_;
   const std::int64_t timeoutIn_;
 };

@@ -119,8 +119,7 @@ class Publisher {
     if (error) return reportFailure(error);
     const std::size_t content = files_.written();
     // Last: what the list names is all there.
-    files_.add(kListName, newList, error);
-    if (!error) files_.commit(error);
+    replaceList(newList, error);
     if (error) return reportFailure(error);
 
     ContentNames named = std::move(current.content);
@@ -128,6 +127,15 @@ class Publisher {
     files_.removeContentBut(named, error);
     if (error) return reportFailure(error);
     return report(source, content, files_.written() > content);
+  }
+
+  void replaceList(const std::string& document, std::error_code& error) {
+    files_.add(kListName, document, error);
+    if (error || files_.pending() == 0) return;
+    // Servers send a compressed copy that lies beside a file without comparing the two. It goes
+    // first: an interruption must not leave the old list's copy beside the new list.
+    files_.removeCompressedCopies(kListName, error);
+    if (!error) files_.commit(error);
   }
 
   // Adds every script's file and data document; an exit status when that went wrong.
@@ -224,7 +232,8 @@ class Publisher {
       text += "nothing has changed";
     } else {
       text += counted(content, "file", "files") + " written, " +
-              (listWritten ? "the list replaced" : "the list unchanged") + ", " +
+              (listWritten ? "the list replaced" : "the list unchanged") +
+              (files_.copiesRemoved() > 0 ? " and its compressed copy removed, " : ", ") +
               counted(files_.removed(), "file", "files") + " removed";
     }
     return writeOutput(text + ".\n") ? kExitSuccess : kExitNotRun;

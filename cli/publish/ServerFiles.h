@@ -42,12 +42,19 @@ class ServerFiles {
   /// Puts everything that has been added in its place, on the disk.
   void commit(std::error_code& error);
 
+  /// Removes the copies of the file `name` that somebody compressed beforehand for the web server:
+  /// `name` followed by ".gz", ".br" or ".zst". Gone from the disk when this has succeeded.
+  void removeCompressedCopies(const std::string& name, std::error_code& error);
+
   /// Removes content that is not in `named`, and what interrupted publishings have left. Other
   /// files stay.
   void removeContentBut(const ContentNames& named, std::error_code& error);
 
+  /// How many files have been added and not been committed.
+  [[nodiscard]] std::size_t pending() const { return pending_.size(); }
   [[nodiscard]] std::size_t written() const { return written_; }
   [[nodiscard]] std::size_t removed() const { return removed_; }
+  [[nodiscard]] std::size_t copiesRemoved() const { return copiesRemoved_; }
   [[nodiscard]] const std::string& failedPath() const { return failedPath_; }
 
  private:
@@ -70,6 +77,7 @@ class ServerFiles {
   std::set<std::string> added_;
   std::size_t written_ = 0;
   std::size_t removed_ = 0;
+  std::size_t copiesRemoved_ = 0;
   std::size_t serial_ = 0;
   std::string failedPath_;
 };

@@ -163,6 +163,19 @@ void ServerFiles::syncDirectory(const std::string& path, std::error_code& error)
   if (error) failedPath_ = path;
 }
 
+void ServerFiles::removeCompressedCopies(const std::string& name, std::error_code& error) {
+  error.clear();
+  for (const char* const suffix : {".gz", ".br", ".zst"}) {
+    const std::string path = pathOf(name) + suffix;
+    if (::unlink(path.c_str()) == 0) {
+      ++copiesRemoved_;
+    } else if (errno != ENOENT) {
+      return fail(path, error);
+    }
+  }
+  if (copiesRemoved_ > 0) syncDirectory(directory_, error);
+}
+
 void ServerFiles::removeContentBut(const ContentNames& named, std::error_code& error) {
   error.clear();
   removeIn("", named, error);

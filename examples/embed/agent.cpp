@@ -1,154 +1,115 @@
 // A whole agent around the library, with agent modules of its own: its log, a store in memory, a
-// downloader that copies from a directory, checksums by OpenSSL. The XML parser is the bundled one,
-// an archive of its own that CMakeLists.txt links.
-//
+// downloader that copies from a directory, checksums by OpenSSL. The XML parser is the bundled one.
 //     agent SERVER_DIRECTORY BASE_DIRECTORY CUSTOMER SCRIPT_ID
-
+// A module may throw: the library takes that for the failure of the operation.
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
-#include <cstdio>
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <iterator>
-#include <map>
-#include <memory>
-#include <optional>
-#include <string>
 
 #include "AgentLog.h"
 #include "AgentUtils.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
 
+using std::string;
 namespace fs = std::filesystem;
 
-static std::string serverDirectory;
+static string serverDirectory;
 
-// ---- The log ----------------------------------------------------------------------------------
-
-static void writeLine(const char* level, const std::string& message) {
-  std::fprintf(stderr, "agent: %s: %s\n", level, message.c_str());
+void AgentLog::logInfo(const string& message, const string&, const string&, int) {
+  std::cerr << "agent: info: " << message << '\n';
 }
 
-void AgentLog::logInfo(const std::string& message, const std::string&, const std::string&, int) {
-  writeLine("info", message);
+void AgentLog::logError(const string& message, const string&, const string&, int) {
+  std::cerr << "agent: error: " << message << '\n';
 }
-
-void AgentLog::logError(const std::string& message, const std::string&, const std::string&, int) {
-  writeLine("error", message);
-}
-
-// ---- The store: it ends with the agent, so each agent fetches a script anew -------------------
 
 namespace AgentUtils {
 
+const GlobalVariables* gv_globvars = nullptr;
+
+// A row of the store. The store ends with the agent, so each agent fetches a script anew.
 struct Row : AgentStore::KeyedEncoder, AgentStore::KeyedDecoder {
-  std::map<std::string, std::string> fields;
-
-  void encode(const std::string& value, const std::string& forKey) override {
-    fields[forKey] = value;
-  }
-  std::optional<std::string> decodeIfPresent(const std::string& forKey) const override {
-    const auto field = fields.find(forKey);
-    return field == fields.end() ? std::nullopt : std::optional(field->second);
+  std::map<string, string> fields;
+  void encode(const string& value, const string& forKey) override { fields[forKey] = value; }
+  std::optional<string> decodeIfPresent(const string& forKey) const override {
+    return fields.contains(forKey) ? std::optional(fields.at(forKey)) : std::nullopt;
   }
 };
 
-struct RootAccessKeyValueStorage::Table {
-  std::map<std::string, Row> rows;
-};
+struct RootAccessKeyValueStorage::Table : std::map<string, Row> {};
 
-RootAccessKeyValueStorage::RootAccessKeyValueStorage(const std::string&, const std::string&)
+RootAccessKeyValueStorage::RootAccessKeyValueStorage(const string&, const string&)
     : table_(std::make_unique<Table>()) {}
-
 RootAccessKeyValueStorage::~RootAccessKeyValueStorage() = default;
+void RootAccessKeyValueStorage::deleteValue(const string& forKey) { table_->erase(forKey); }
 
-void RootAccessKeyValueStorage::deleteValue(const std::string& forKey) {
-  table_->rows.erase(forKey);
-}
-
-std::map<std::string, std::string> RootAccessKeyValueStorage::fetchTableAsDictionary() noexcept {
-  std::map<std::string, std::string> keys;
-  for (const auto& [key, row] : table_->rows) keys[key];
+std::map<string, string> RootAccessKeyValueStorage::fetchTableAsDictionary() noexcept {
+  std::map<string, string> keys;
+  for (const auto& [key, row] : *table_) keys[key];
   return keys;
 }
 
 void RootAccessKeyValueStorage::fetchRow(
-    const std::string& forKey, const std::function<void(const AgentStore::KeyedDecoder&)>& decode) {
-  const auto row = table_->rows.find(forKey);
-  if (row != table_->rows.end()) decode(row->second);
+    const string& forKey, const std::function<void(const AgentStore::KeyedDecoder&)>& decode) {
+  if (table_->contains(forKey)) decode(table_->at(forKey));
 }
 
 void RootAccessKeyValueStorage::updateRow(
-    const std::string& forKey, const std::function<void(AgentStore::KeyedEncoder&)>& encode) {
+    const string& forKey, const std::function<void(AgentStore::KeyedEncoder&)>& encode) {
   Row row;
   encode(row);
-  table_->rows[forKey] = row;
+  (*table_)[forKey] = row;
 }
 
-// ---- Settings, files, downloads, checksums ----------------------------------------------------
+bool FileUtils::isFileExists(const string& atPath) const { return fs::exists(atPath); }
 
-const GlobalVariables* gv_globvars = nullptr;
-
-bool FileUtils::isFileExists(const std::string& atPath) const {
-  std::error_code none;
-  return fs::exists(atPath, none);
-}
-
-bool FileUtils::createDirectory(const std::string& atPath, bool withIntermediateDirectories) const {
-  std::error_code error;
-  if (!withIntermediateDirectories) return fs::create_directory(atPath, error);
-  fs::create_directories(atPath, error);
-  return !error;
+bool FileUtils::createDirectory(const string& atPath, bool withIntermediateDirectories) const {
+  if (!withIntermediateDirectories) return fs::create_directory(atPath);
+  fs::create_directories(atPath);
+  return true;
 }
 
 HttpHandlermac HttpHandlermac::initWithServerInfo() { return {}; }
 
-bool HttpHandlermac::downloadFileWithRootPermission(const std::string& fromURL,
-                                                    const std::string& toPath) {
+bool HttpHandlermac::downloadFileWithRootPermission(const string& fromURL, const string& toPath) {
   // The file takes its place in one step, so that a failure leaves what stood there.
-  const std::string partial = toPath + ".partial";
-  std::error_code error;
-  fs::copy_file(serverDirectory + "/" + fromURL, partial, fs::copy_options::overwrite_existing,
-                error);
-  if (!error) fs::rename(partial, toPath, error);
-  return !error;
+  const auto replace = fs::copy_options::overwrite_existing;
+  fs::copy_file(serverDirectory + "/" + fromURL, toPath + ".partial", replace);
+  fs::rename(toPath + ".partial", toPath);
+  return true;
 }
 
-bool VyCryptography::validateCheckSumForFile(const std::string& path, const std::string& Type,
-                                             const std::string& Checksum) {
+bool VyCryptography::validateCheckSumForFile(const string& path, const string& Type,
+                                             const string& Checksum) {
   std::ifstream file(path, std::ios::binary);
-  const std::string content(std::istreambuf_iterator<char>(file), {});
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  std::size_t size = 0;
-  if (!file || EVP_Q_digest(nullptr, Type.c_str(), nullptr, content.data(), content.size(), digest,
-                            &size) != 1) {
-    return false;
-  }
-  std::string hexadecimal;
-  for (std::size_t i = 0; i < size; ++i) {
-    char byte[3];
-    std::snprintf(byte, sizeof byte, "%02x", digest[i]);
-    hexadecimal += byte;
-  }
-  return hexadecimal == Checksum;
+  const string bytes(std::istreambuf_iterator<char>(file), {});
+  unsigned char digest[EVP_MAX_MD_SIZE], wanted[EVP_MAX_MD_SIZE];
+  std::size_t size = 0, wantedSize = 0;
+  return file &&
+         EVP_Q_digest(nullptr, Type.c_str(), nullptr, bytes.data(), bytes.size(), digest, &size) &&
+         OPENSSL_hexstr2buf_ex(wanted, sizeof wanted, &wantedSize, Checksum.c_str(), '\0') &&
+         std::equal(digest, digest + size, wanted, wanted + wantedSize);
 }
 
 }  // namespace AgentUtils
 
-// ---- The agent --------------------------------------------------------------------------------
-
 int main(int argc, char** argv) {
   if (argc != 5) {
-    std::fprintf(stderr, "usage: %s SERVER_DIRECTORY BASE_DIRECTORY CUSTOMER SCRIPT_ID\n", argv[0]);
+    std::cerr << "usage: agent SERVER_DIRECTORY BASE_DIRECTORY CUSTOMER SCRIPT_ID\n";
     return 2;
   }
   serverDirectory = argv[1];
-  const AgentUtils::GlobalVariables settings{argv[2], argv[3], std::nullopt};
+  const AgentUtils::GlobalVariables settings{fs::absolute(argv[2]), argv[3], std::nullopt};
   AgentUtils::gv_globvars = &settings;
 
-  VarnScriptRepository::ScriptRepositoryProcessor processor(argv[4]);
-  const auto [accepted, output] = processor.processScript();
+  const auto [accepted, output] =
+      VarnScriptRepository::ScriptRepositoryProcessor(argv[4]).processScript();
   if (!accepted) return 3;
-  std::fputs(output->c_str(), stdout);
+  std::cout << *output;
   return *accepted ? 0 : 1;
 }

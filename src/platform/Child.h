@@ -29,6 +29,10 @@ struct Pipe {
 /// How many bytes the pipe of `fd` can hold.
 [[nodiscard]] std::size_t pipeCapacity(int fd) noexcept;
 
+/// Lets the pipe of `fd` hold more, for a writer that has filled it. Where that can't be had the
+/// pipe stays as it is.
+void enlargePipe(int fd) noexcept;
+
 /// How many bytes the pipe of `readingEnd` holds now.
 [[nodiscard]] std::size_t bytesHeld(int readingEnd) noexcept;
 

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <utility>
 
@@ -25,14 +26,21 @@ namespace VarnScriptRepository::platform {
 namespace {
 
 /// The child's stack between clone and exec. It is ours, so that the child can't tread on the
-/// frames of the suspended parent.
+/// frames of the suspended parent. The process keeps one for the next child: mapping it and
+/// touching it anew would cost a fifth of a start.
 class ChildStack {
  public:
-  ChildStack() : base_(::mmap(nullptr, kSize, PROT_READ | PROT_WRITE, kFlags, -1, 0)) {}
+  ChildStack() : base_(kept_.exchange(nullptr)) {
+    if (base_ == nullptr) {
+      base_ = ::mmap(nullptr, kSize, PROT_READ | PROT_WRITE, kFlags, -1, 0);
+    }
+  }
   ChildStack(const ChildStack&) = delete;
   ChildStack& operator=(const ChildStack&) = delete;
   ~ChildStack() {
-    if (*this) ::munmap(base_, kSize);
+    if (!*this) return;
+    // Starts at the same time have had one each; one is enough to keep.
+    if (void* const other = kept_.exchange(base_)) ::munmap(other, kSize);
   }
 
   explicit operator bool() const { return base_ != MAP_FAILED; }
@@ -41,7 +49,8 @@ class ChildStack {
  private:
   static constexpr std::size_t kSize = 64 * 1024;
   static constexpr int kFlags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK;
-  void* const base_;
+  static inline std::atomic<void*> kept_{nullptr};
+  void* base_;
 };
 
 /// All signals blocked on this thread, for as long as the object lives.
@@ -66,12 +75,12 @@ struct StartInfo {
   char* const* environment;
   const char* directory;
   int output;
-  unsigned lastDescriptor;
   int error;  ///< written by the child, whose memory is the parent's
 };
 
 constexpr std::size_t kKernelSignalSetSize = 8;
 constexpr int kLastSignal = 64;
+constexpr std::uint64_t kUsualDescriptors = 65536;
 
 // The child runs in the parent's memory while the parent is suspended. It makes bare system calls
 // only: no allocation, no lock, nothing that a sanitizer's bookkeeping would see.
@@ -83,11 +92,16 @@ VARN_BARE int fail(StartInfo* start) {
   return 127;
 }
 
-VARN_BARE int closeFrom(unsigned first, unsigned last) {
-  if (::syscall(SYS_close_range, first, ~0U, 0) == 0) return 0;
-  // A kernel without close_range.
-  for (unsigned fd = first; fd <= last; ++fd) ::syscall(SYS_close, fd);
-  return 0;
+VARN_BARE void closeFrom(unsigned first) {
+  if (::syscall(SYS_close_range, first, ~0U, 0) == 0) return;
+  // A kernel without close_range: one by one, up to what the limit allows.
+  struct {
+    std::uint64_t soft = RLIM64_INFINITY;
+    std::uint64_t hard = RLIM64_INFINITY;
+  } limit;
+  ::syscall(SYS_prlimit64, 0, RLIMIT_NOFILE, nullptr, &limit);
+  const std::uint64_t end = limit.soft == RLIM64_INFINITY ? kUsualDescriptors : limit.soft;
+  for (std::uint64_t fd = first; fd < end; ++fd) ::syscall(SYS_close, fd);
 }
 
 VARN_BARE int startProgram(void* argument) {
@@ -100,18 +114,12 @@ VARN_BARE int startProgram(void* argument) {
   if (::syscall(SYS_setpgid, 0, 0) != 0) return fail(start);
   if (::syscall(SYS_dup3, start->output, STDOUT_FILENO, 0) < 0) return fail(start);
   if (::syscall(SYS_dup3, start->output, STDERR_FILENO, 0) < 0) return fail(start);
-  closeFrom(STDERR_FILENO + 1, start->lastDescriptor);
+  closeFrom(STDERR_FILENO + 1);
   if (::syscall(SYS_chdir, start->directory) != 0) return fail(start);
   static constexpr std::array<unsigned char, kKernelSignalSetSize> noSignals{};
   ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, noSignals.data(), nullptr, kKernelSignalSetSize);
   ::syscall(SYS_execve, start->launchPath, start->arguments, start->environment);
   return fail(start);
-}
-
-unsigned lastPossibleDescriptor() {
-  rlimit limit{};
-  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return 65535;
-  return static_cast<unsigned>(limit.rlim_cur);
 }
 
 // The kernel's interface to the status of an ended process through its pidfd (Linux 6.15), which
@@ -158,6 +166,13 @@ std::size_t pipeCapacity(int fd) noexcept {
   return capacity > 0 ? static_cast<std::size_t>(capacity) : usual;
 }
 
+void enlargePipe(int fd) noexcept {
+  // Enough for writer and reader to work side by side, and within a processor's own cache. A user
+  // without privileges has 64 MiB for all pipes together; when they are used up, this fails.
+  constexpr int size = 512 * 1024;
+  if (pipeCapacity(fd) < size) ::fcntl(fd, F_SETPIPE_SZ, size);
+}
+
 Child Child::launch(const Program& program, std::error_code& error) {
   error.clear();
   if (hasNUL(program)) {
@@ -170,13 +185,8 @@ Child Child::launch(const Program& program, std::error_code& error) {
     error = lastError();
     return {0, FileDescriptor()};
   }
-  StartInfo start{program.launchPath.c_str(),
-                  arguments.data(),
-                  ::environ,
-                  program.directory.c_str(),
-                  program.output,
-                  lastPossibleDescriptor(),
-                  0};
+  StartInfo start{program.launchPath.c_str(), arguments.data(), ::environ,
+                  program.directory.c_str(),  program.output,   0};
   int pidfd = -1;
   int processID = -1;
   {

@@ -124,6 +124,10 @@ std::size_t pipeCapacity(int /*fd*/) noexcept {
   return 64 * 1024;
 }
 
+void enlargePipe(int /*fd*/) noexcept {
+  // Pipes grow by themselves here.
+}
+
 Child Child::launch(const Program& program, std::error_code& error) {
   error.clear();
   if (hasNUL(program)) {

@@ -3,7 +3,6 @@
 #include <utf8proc.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cstdlib>
 #include <memory>
 
@@ -43,56 +42,6 @@ std::optional<std::string> canonicallyDecomposed(std::string_view text) {
   return std::string(reinterpret_cast<const char*>(decomposed), static_cast<std::size_t>(length));
 }
 
-/// What a UTF-8 sequence that begins with a given byte looks like.
-struct Sequence {
-  std::size_t length;  ///< 0 for a byte that begins no sequence
-  // The range of the second byte is what keeps out overlong forms, surrogates and what lies beyond
-  // U+10FFFF; all further bytes are 0x80 to 0xBF.
-  unsigned char secondMin;
-  unsigned char secondMax;
-};
-
-constexpr Sequence sequenceOf(unsigned char first) {
-  if (first < 0x80) return {1, 0, 0};
-  if (first < 0xC2) return {0, 0, 0};
-  if (first < 0xE0) return {2, 0x80, 0xBF};
-  if (first == 0xE0) return {3, 0xA0, 0xBF};
-  if (first == 0xED) return {3, 0x80, 0x9F};
-  if (first < 0xF0) return {3, 0x80, 0xBF};
-  if (first == 0xF0) return {4, 0x90, 0xBF};
-  if (first < 0xF4) return {4, 0x80, 0xBF};
-  if (first == 0xF4) return {4, 0x80, 0x8F};
-  return {0, 0, 0};
-}
-
-/// How many bytes of `rest` match the sequence that its first byte begins; 0 when the first byte
-/// begins none.
-std::size_t matchingBytes(std::string_view rest, const Sequence& sequence) {
-  if (sequence.length == 0) return 0;
-  std::size_t matched = 1;
-  while (matched < sequence.length && matched < rest.size()) {
-    const auto byte = static_cast<unsigned char>(rest[matched]);
-    const unsigned char min = matched == 1 ? sequence.secondMin : 0x80;
-    const unsigned char max = matched == 1 ? sequence.secondMax : 0xBF;
-    if (byte < min || byte > max) break;
-    ++matched;
-  }
-  return matched;
-}
-
-/// The length of the ASCII run that `text` begins with, looked at a word at a time.
-std::size_t asciiPrefix(std::string_view text) {
-  std::size_t length = 0;
-  while (text.size() - length >= sizeof(std::uint64_t)) {
-    std::uint64_t word = 0;
-    std::copy_n(text.data() + length, sizeof word, reinterpret_cast<char*>(&word));
-    if ((word & 0x8080808080808080U) != 0) break;
-    length += sizeof word;
-  }
-  while (length < text.size() && static_cast<unsigned char>(text[length]) < 0x80) ++length;
-  return length;
-}
-
 }  // namespace
 
 bool equal(std::string_view a, std::string_view b) {
@@ -104,28 +53,6 @@ bool equal(std::string_view a, std::string_view b) {
 std::string equalityKey(std::string_view text) {
   if (isASCII(text)) return std::string(text);
   return canonicallyDecomposed(text).value_or(std::string(text));
-}
-
-bool isUTF8(std::string_view bytes) {
-  while (true) {
-    bytes.remove_prefix(asciiPrefix(bytes));
-    if (bytes.empty()) return true;
-    const Sequence sequence = sequenceOf(static_cast<unsigned char>(bytes.front()));
-    if (sequence.length == 0 || matchingBytes(bytes, sequence) != sequence.length) return false;
-    bytes.remove_prefix(sequence.length);
-  }
-}
-
-std::size_t missingBytesAtEnd(std::string_view bytes) {
-  // The sequence that is cut short begins with one of the last three bytes.
-  for (std::size_t back = 1; back <= std::min<std::size_t>(3, bytes.size()); ++back) {
-    const std::string_view tail = bytes.substr(bytes.size() - back);
-    const Sequence sequence = sequenceOf(static_cast<unsigned char>(tail.front()));
-    if (sequence.length > back && matchingBytes(tail, sequence) == back) {
-      return sequence.length - back;
-    }
-  }
-  return 0;
 }
 
 Characters::Characters(std::string_view text) : rest_(text), ascii_(isASCII(text)) {}

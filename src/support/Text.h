@@ -21,13 +21,6 @@ namespace VarnScriptRepository::text {
 /// A key that two texts share exactly when they are `equal`.
 [[nodiscard]] std::string equalityKey(std::string_view text);
 
-/// Whether the bytes are UTF-8: no overlong forms, no surrogates, nothing beyond U+10FFFF.
-[[nodiscard]] bool isUTF8(std::string_view bytes);
-
-/// How many bytes are missing from the sequence that `bytes` ends inside of: 1 to 3, or 0 when it
-/// ends at a boundary, or with bytes that no continuation can make UTF-8.
-[[nodiscard]] std::size_t missingBytesAtEnd(std::string_view bytes);
-
 /// Walks over the user-perceived characters of a text, which must outlive the walk.
 class Characters {
  public:

@@ -247,6 +247,23 @@ TEST_F(Store, RefusesWhatIsNoDatabaseFile) {
   EXPECT_EQ(readFile(path), text);
 }
 
+TEST_F(Store, IsNotWaitedForAtWhatIsNoJournal) {
+  path = directory / "store";
+  update(*open(), "42", {"5", {}});
+  for (const char* const suffix : {"-journal", "-wal", "-shm"}) {
+    const std::string companion = path + suffix;
+    // SQLite would wait for the other end.
+    ASSERT_EQ(mkfifo(companion.c_str(), 0600), 0);
+    EXPECT_ANY_THROW(open());
+    ASSERT_EQ(unlink(companion.c_str()), 0);
+    ASSERT_EQ(symlink("made-by-link", companion.c_str()), 0);
+    EXPECT_ANY_THROW(open());
+    ASSERT_EQ(unlink(companion.c_str()), 0);
+  }
+  EXPECT_FALSE(std::filesystem::exists(directory / "made-by-link"));
+  EXPECT_EQ(open()->fetchValue("42", kRecord)->version, "5");
+}
+
 TEST_F(Store, RefusesAPathThatCannotBe) {
   writeFile(directory / "file", "");
   for (const std::string& impossible :

@@ -137,6 +137,29 @@ TEST(ParseCommandLine, AMistakeIsAUsageError) {
             "varn-scripts --help tells how it is used.\n");
 }
 
+TEST(ParseCommandLine, AnUnknownOrMissingCommandIsNamed) {
+  const auto firstLine = [](const Arguments& arguments) {
+    const std::string error = replyTo(arguments).error;
+    return error.substr(0, error.find('\n'));
+  };
+  EXPECT_EQ(firstLine({"--quiet", "rnu", "42"}),
+            "varn-scripts: there is no command rnu; the commands are run, plan, prune, list and "
+            "publish");
+  EXPECT_EQ(firstLine({"--quiet"}),
+            "varn-scripts: a command is missing; the commands are run, plan, prune, list and "
+            "publish");
+  EXPECT_EQ(firstLine({"--nope", "list"}),
+            "varn-scripts: The following argument was not expected: --nope");
+}
+
+TEST(ParseCommandLine, HelpOfACommandHasTheCommandsOwnExitStatuses) {
+  const std::string prune = replyTo({"prune", "--help"}).output;
+  EXPECT_NE(prune.find("3 the server's list can't be had."), std::string::npos) << prune;
+  EXPECT_EQ(prune.find("accepted"), std::string::npos) << prune;
+  const std::string publish = replyTo({"publish", "--help"}).output;
+  EXPECT_NE(publish.find("\n  --keep N  "), std::string::npos) << publish;
+}
+
 TEST(ParseCommandLine, HelpAndVersionAreAnswered) {
   EXPECT_EQ(replyTo({"--version"}).exitStatus, 0);
   EXPECT_TRUE(replyTo({"--version"}).output.starts_with("varn-scripts 0."));

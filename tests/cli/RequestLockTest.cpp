@@ -66,6 +66,24 @@ TEST(LockOffset, IsTheSameInEveryBuild) {
   EXPECT_NE(lockOffset("42"), lockOffset("43"));
 }
 
+TEST(FileLockOffset, IsOneForAllSpellingsOfAFile) {
+  const std::int64_t offset = fileLockOffset("/base/scripts/job.sh");
+  EXPECT_EQ(offset, 6889880847523014516);
+  for (const char* const same :
+       {"/base/scripts/./job.sh", "/base//scripts/.//./job.sh", "/base/scripts/JOB.sh"}) {
+    EXPECT_EQ(fileLockOffset(same), offset) << same;
+  }
+  EXPECT_EQ(fileLockOffset("/base/\xC3\xA9.sh"), fileLockOffset("/base/e\xCC\x81.sh"));
+  for (const char* const other :
+       {"/base/scripts/job.sh.sh", "/base/scripts/job", "/base/scriptsjob.sh", "/base/job.sh",
+        "/base/scripts/job/sh", "/base/scripts/.job.sh", ""}) {
+    EXPECT_NE(fileLockOffset(other), offset) << other;
+  }
+  // No file is locked where an ID is.
+  EXPECT_GE(fileLockOffset(""), std::int64_t{1} << 62);
+  EXPECT_LT(lockOffset("42"), std::int64_t{1} << 62);
+}
+
 TEST_F(RequestLockTest, OneIdIsTakenUntilTheLockIsDestroyed) {
   {
     RequestLock lock;
@@ -76,16 +94,19 @@ TEST_F(RequestLockTest, OneIdIsTakenUntilTheLockIsDestroyed) {
   EXPECT_FALSE(isTakenForOthers("42"));
 }
 
-TEST_F(RequestLockTest, FileAndDirectoriesAreForTheOwnerAlone) {
-  const mode_t before = ::umask(0);
-  RequestLock lock;
-  const std::error_code error = acquire(lock, "42");
-  ::umask(before);
-  ASSERT_EQ(error, std::error_code());
-  EXPECT_EQ(lock.path(), base_ + "/client-data/7/varn-scripts.lock");
-  EXPECT_EQ(modeOf(base_ + "/client-data"), 0700U);
-  EXPECT_EQ(modeOf(base_ + "/client-data/7"), 0700U);
-  EXPECT_EQ(modeOf(lock.path()), 0600U);
+TEST_F(RequestLockTest, FileAndDirectoriesAreForTheOwnerAloneWhateverTheUmask) {
+  for (const mode_t mask : {0000U, 0022U, 0777U}) {
+    std::filesystem::remove_all(base_ + "/client-data");
+    const mode_t before = ::umask(mask);
+    RequestLock lock;
+    const std::error_code error = acquire(lock, "42");
+    ::umask(before);
+    ASSERT_EQ(error, std::error_code());
+    EXPECT_EQ(lock.path(), base_ + "/client-data/7/varn-scripts.lock");
+    EXPECT_EQ(modeOf(base_ + "/client-data"), 0700U);
+    EXPECT_EQ(modeOf(base_ + "/client-data/7"), 0700U);
+    EXPECT_EQ(modeOf(lock.path()), 0600U);
+  }
 }
 
 TEST_F(RequestLockTest, ASymbolicLinkIsNotFollowed) {

@@ -32,7 +32,7 @@ def compiled(source):
     part = [source.with_suffix(".o"), "-c"]
     return subprocess.run(
         [os.environ["VARN_CXX"], "-std=c++20", "-Wall", "-Wextra", "-Werror",
-         *(f"-I{ROOT / headers}" for headers in ("include", "interfaces", "agent")), source,
+         *(f"-I{ROOT / headers}" for headers in ("include", "interfaces", "agent/settings")), source,
          *(shlex.split(os.environ["VARN_CXX_FLAGS"]) if "int main(" in source.read_text() else []),
          "-o", *(program if "int main(" in source.read_text() else part)],
         capture_output=True, text=True, check=False)

@@ -17,27 +17,36 @@ import http.server
 import os
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
 import threading
 
+from repository import read
 from scenarios import SCENARIOS, prepare, runs_in
 
 ERRORS = ("EIO", "ENOSPC", "EMFILE", "ENOMEM", "EACCES", "EINTR")
 
 # The calls that fail by injection: files, sockets, pipes, processes. A call that can't be refused
-# (close, exit) or that is no such function (memory, time, signals) is disturbed by kills alone.
+# (exit) or that is no such function (memory, time, signals) is disturbed by kills alone.
 FAILING = frozenset(
-    """access chdir clone connect dup dup2 dup3 faccessat faccessat2 fallocate fchmod fchmodat
-    fchown fcntl fdatasync flock fstat fsync ftruncate getdents64 getsockname getsockopt ioctl lseek
-    lstat mkdir mkdirat newfstatat open openat pidfd_open pipe pipe2 poll ppoll pread64 pwrite64 read
-    readlink readlinkat readv recvfrom recvmsg rename renameat renameat2 sendmmsg sendmsg sendto
-    setsockopt socket socketpair stat statx unlink unlinkat wait4 waitid write writev""".split()
+    """access chdir clone clone3 connect copy_file_range dup dup2 dup3 faccessat faccessat2 fallocate
+    fchmod fchmodat fchown fcntl fdatasync fgetxattr flistxattr flock fremovexattr fsetxattr fstat
+    fsync ftruncate getcwd getdents64 getpeername getsockname getsockopt getxattr ioctl lgetxattr
+    lseek lsetxattr lstat mkdir mkdirat newfstatat open openat pidfd_open pipe pipe2 poll ppoll
+    pread64 prlimit64 pwrite64 read readlink readlinkat readv recvfrom recvmsg rename renameat
+    renameat2 sendfile sendmmsg sendmsg sendto setsockopt setxattr socket socketpair stat statx
+    unlink unlinkat utimensat wait4 waitid write writev""".split()
 )
+
+# A call that can fail in one way only.
+ONLY_ERRORS = {"close": ("EIO",)}
 
 # Fewer points than this mean that the harness, not the library, is at fault.
 FEWEST_POINTS = 120
+
+TRANSPORTS = ("file", "http")
 
 RUN_LIMIT = 60  # seconds; a disturbed request that takes longer hangs
 
@@ -136,17 +145,23 @@ class Site:
         return points(self.harness, self.computer, self.server, self.scenario, self.directory)
 
     def disturb(self, name, which, fault):
-        """Puts one fault into one request; what is wrong afterwards, as texts."""
+        """Puts one fault into one request; whether the request came to it, and what is wrong
+        afterwards, as texts."""
         self.reset()
+        trace = os.path.join(self.directory, "trace")
         try:
             done = self.harness.run_traced(
                 self.computer, self.server, self.scenario.arguments,
-                ["-o", "/dev/null", "-e", f"inject={name}:{fault}:when={which}"],
+                ["-o", trace, "-e", f"trace={name}", "-e", f"inject={name}:{fault}:when={which}"],
             )
         except subprocess.TimeoutExpired:
-            return ["hangs"]
-        problems = []
+            return True, ["hangs"]
         killed = fault == "signal=KILL"
+        hit = done.returncode == -signal.SIGKILL if killed else b"(INJECTED)" in read(trace)
+        return hit, self._problems_of_disturbed(done, killed)
+
+    def _problems_of_disturbed(self, done, killed):
+        problems = []
         if not killed and done.returncode not in (0, 1, 2, 3):
             problems.append(f"ended with {done.returncode}: {done.stderr[-300:]!r}")
         problems += self._problems_of_run(self.scenario.allowed, complete=not killed)
@@ -186,14 +201,15 @@ def faults_for(site, stride):
         (name, which, f"error={error}")
         for error in ERRORS
         for name, which in found
-        if name in FAILING
+        if name in FAILING or error in ONLY_ERRORS.get(name, ())
     ]
     return len(found), faults[::stride]
 
 
 def work(harness, scenario, directory, faults):
+    """Puts in the faults; each with whether it was come to and its problems."""
     site = Site(harness, scenario, directory)
-    return [(fault, problems) for fault in faults if (problems := site.disturb(*fault))]
+    return [(fault, *site.disturb(*fault)) for fault in faults]
 
 
 def disturb_scenario(harness, scenario, stride, workers):
@@ -205,34 +221,40 @@ def disturb_scenario(harness, scenario, stride, workers):
             lambda numbered: work(harness, scenario, f"{directory}-{numbered[0]}", numbered[1]),
             enumerate(shares),
         )
-        broken = [result for share in results for result in share]
+        done = [result for share in results for result in share]
+    broken = [(fault, problems) for fault, _, problems in done if problems]
+    hits = sum(hit for _, hit, _ in done)
     kills = sum(fault[2] == "signal=KILL" for fault in faults)
     transport = "http" if harness.use_http else "file"
     print(f"{scenario.name} ({transport}): {count} system calls; {kills} kills and "
-          f"{len(faults) - kills} errors tried, {len(broken)} with problems", flush=True)
+          f"{len(faults) - kills} errors tried, {hits} hit, {len(broken)} with problems", flush=True)
     for (name, which, fault), problems in broken[:20]:
         print(f"  {name} #{which} {fault}: " + "; ".join(problems), flush=True)
-    return len(faults), len(broken)
+    # Requests differ a little from one to the next, so a few faults find no call to be put into.
+    if hits < 0.9 * len(faults):
+        sys.exit(f"{scenario}: only {hits} of {len(faults)} faults were hit; the injection is broken")
+    return len(faults), hits, len(broken)
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("command", help="the varn-scripts program")
     parser.add_argument("--quick", action="store_true", help="a sample of the faults")
+    parser.add_argument("--transport", choices=TRANSPORTS, help="requests over this one alone")
     parser.add_argument("--workers", type=int, default=os.cpu_count() or 1)
     options = parser.parse_args()
     if shutil.which("strace") is None:
         sys.exit("strace is not installed")
 
     stride = 37 if options.quick else 1
-    tried = failed = 0
+    tried = hit = failed = 0
     with tempfile.TemporaryDirectory(prefix="varn-faults-") as directory:
-        for use_http in (False, True):
-            harness = Harness(os.path.abspath(options.command), directory, use_http)
+        for transport in [options.transport] if options.transport else TRANSPORTS:
+            harness = Harness(os.path.abspath(options.command), directory, transport == "http")
             for scenario in SCENARIOS:
                 counts = disturb_scenario(harness, scenario, stride, options.workers)
-                tried, failed = tried + counts[0], failed + counts[1]
-    print(f"{tried} faults tried, {tried - failed} survived, {failed} failed")
+                tried, hit, failed = (a + b for a, b in zip((tried, hit, failed), counts))
+    print(f"{tried} faults tried, {hit} hit, {tried - failed} survived, {failed} failed")
     sys.exit(1 if failed else 0)
 
 

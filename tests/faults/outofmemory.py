@@ -13,12 +13,16 @@ import subprocess
 import sys
 import tempfile
 
-from faults import RUN_LIMIT, Harness
+from faults import RUN_LIMIT, TRANSPORTS, Harness
 from faults import Site as FaultSite
 from scenarios import SCENARIOS
 
 # Fewer allocations than this in a request mean that the counting is broken.
 FEWEST_ALLOCATIONS = 300
+
+
+# What --quick leaves of the allocations. Most of those over HTTP are of the loading of libraries.
+QUICK_STRIDES = {"file": 41, "http": 163}
 
 
 class Site(FaultSite):
@@ -61,7 +65,7 @@ class Site(FaultSite):
 
 
 def starve_scenario(harness, scenario, preload, stride, workers):
-    directory = os.path.join(harness.directory, scenario.name)
+    directory = os.path.join(harness.directory, ("http-" if harness.use_http else "") + scenario.name)
     count = Site(harness, scenario, directory, preload).allocations()
     if count < FEWEST_ALLOCATIONS:
         sys.exit(f"{scenario}: only {count} allocations seen; the counting is broken")
@@ -75,7 +79,8 @@ def starve_scenario(harness, scenario, preload, stride, workers):
     shares = [faults[worker::workers] for worker in range(workers)]
     with concurrent.futures.ThreadPoolExecutor(workers) as pool:
         broken = [result for share in pool.map(work, enumerate(shares)) for result in share]
-    print(f"{scenario.name}: {count} allocations; {len(faults)} failures tried, "
+    transport = "http" if harness.use_http else "file"
+    print(f"{scenario.name} ({transport}): {count} allocations; {len(faults)} failures tried, "
           f"{len(broken)} with problems", flush=True)
     for (number, on), problems in broken[:20]:
         print(f"  allocation {number}{' and on' if on else ''}: " + "; ".join(problems), flush=True)
@@ -87,16 +92,20 @@ def main():
     parser.add_argument("command", help="the varn-scripts program")
     parser.add_argument("preload", help="the library that makes allocations fail")
     parser.add_argument("--quick", action="store_true", help="a sample of the failures")
+    parser.add_argument("--every", type=int, default=1, help="every so manieth failure alone")
+    parser.add_argument("--transport", choices=TRANSPORTS, help="requests over this one alone")
     parser.add_argument("--workers", type=int, default=os.cpu_count() or 1)
     options = parser.parse_args()
 
     tried = failed = 0
     with tempfile.TemporaryDirectory(prefix="varn-memory-") as directory:
-        harness = Harness(os.path.abspath(options.command), directory, use_http=False)
-        for scenario in SCENARIOS:
-            counts = starve_scenario(harness, scenario, os.path.abspath(options.preload),
-                                     41 if options.quick else 1, options.workers)
-            tried, failed = tried + counts[0], failed + counts[1]
+        for transport in [options.transport] if options.transport else TRANSPORTS:
+            stride = QUICK_STRIDES[transport] if options.quick else options.every
+            harness = Harness(os.path.abspath(options.command), directory, transport == "http")
+            for scenario in SCENARIOS:
+                counts = starve_scenario(harness, scenario, os.path.abspath(options.preload),
+                                         stride, options.workers)
+                tried, failed = tried + counts[0], failed + counts[1]
     print(f"{tried} failures tried, {tried - failed} survived, {failed} failed")
     sys.exit(1 if failed else 0)
 

@@ -5,6 +5,7 @@ import os
 import shutil
 import sqlite3
 import stat
+import time
 
 CUSTOMER = "7"
 SCRIPT_ID = "42"
@@ -27,10 +28,13 @@ class Server:
     def __init__(self, directory, marker):
         self.directory = directory
         self.marker = marker
+        # Published long enough ago for a client to keep what says that nothing has changed.
+        self._published = int(time.time()) - 86400
 
     def publish(self, version):
         repo = os.path.join(self.directory, "client-data", CUSTOMER, "scriptrepo")
         os.makedirs(repo, exist_ok=True)
+        self._published += 60
         script = script_text(version, self.marker).encode()
         digest = hashlib.sha256(script).hexdigest()
         self._write(os.path.join(repo, "clean.sh"), script)
@@ -38,6 +42,7 @@ class Server:
         self._write(os.path.join(repo, "scripts-meta.xml"), self._list(version).encode())
 
     def drop_all(self):
+        self._published += 60
         repo = os.path.join(self.directory, "client-data", CUSTOMER, "scriptrepo")
         self._write(os.path.join(repo, "scripts-meta.xml"), b"<scripts-meta/>\n")
 
@@ -47,10 +52,10 @@ class Server:
         names = ("scripts-meta.xml", "42.xml", "clean.sh")
         return {name: read(os.path.join(repo, name)) for name in names}
 
-    @staticmethod
-    def _write(path, content):
+    def _write(self, path, content):
         with open(path, "wb") as file:
             file.write(content)
+        os.utime(path, (self._published, self._published))
 
     @staticmethod
     def _list(version):

@@ -19,8 +19,9 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 EMBED = ROOT / "examples/embed"
 CONSUMERS = pathlib.Path(__file__).resolve().parent / "consumers"
 REPOSITORY = ROOT / "examples/repository"
-HEADERS = ["AgentLog.h", "AgentStore.h", "AgentUtils.h", "MarkupParser.h",
-           "ScriptRepositoryLocalMeta.h", "ScriptRepositoryProcessor.h"]
+HEADERS = ["AgentDirectories.h", "AgentLog.h", "AgentSettings.h", "AgentStore.h", "AgentUtils.h",
+           "LogSettings.h", "MarkupParser.h", "ScriptRepositoryLocalMeta.h",
+           "ScriptRepositoryProcessor.h"]
 
 
 def execute(arguments, expected=0, **more):
@@ -96,10 +97,13 @@ class Installed(InDirectory):
     def check_shared(self, program):
         base = self.directory / "shared base"
         library = next(self.prefix.rglob("libVarnScriptRepository.so")).parent
-        done = execute([program, base], env={**os.environ, "LD_LIBRARY_PATH": str(library)})
-        self.assertEqual(f"{base}/client-data/7/scripts-repository\n"
-                         f"{base}/data/Configuration-Framework/ScriptRepository\n"
-                         "not run\n", done.stdout)
+        for script, verdict in (("105", "accepted"), ("106", "rejected"), ("999", "not run")):
+            done = execute([program, base, f"file://{REPOSITORY}", script],
+                           env={**os.environ, "LD_LIBRARY_PATH": str(library)})
+            self.assertEqual(f"{base}/client-data/acme/scripts-repository\n"
+                             f"{base}/data/Configuration-Framework/ScriptRepository\n"
+                             f"{verdict}\n", done.stdout)
+            self.assertEqual("", done.stderr)
 
     def test_the_example_agent_builds_on_it_and_runs_scripts(self):
         build = self.directory / "build"

@@ -30,9 +30,12 @@ RUNTIME = [
     "usr/share/zsh/{zsh}/_varn-scripts",
 ]
 DEVELOPMENT = [
+    "usr/include/VarnScriptRepository/AgentDirectories.h",
     "usr/include/VarnScriptRepository/AgentLog.h",
+    "usr/include/VarnScriptRepository/AgentSettings.h",
     "usr/include/VarnScriptRepository/AgentStore.h",
     "usr/include/VarnScriptRepository/AgentUtils.h",
+    "usr/include/VarnScriptRepository/LogSettings.h",
     "usr/include/VarnScriptRepository/MarkupParser.h",
     "usr/include/VarnScriptRepository/ScriptRepositoryLocalMeta.h",
     "usr/include/VarnScriptRepository/ScriptRepositoryProcessor.h",

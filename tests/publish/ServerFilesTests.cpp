@@ -160,6 +160,22 @@ TEST_F(ServerFilesTest, GoWhenNothingNamesThemAndForeignOnesStay) {
                                             kScript, "scripts-meta.xml"}));
 }
 
+TEST_F(ServerFilesTest, LoseTheirCompressedCopiesAndNothingElse) {
+  ServerFiles files;
+  open(files);
+  put(files, "scripts-meta.xml", "list");
+  for (const char* const name : {"scripts-meta.xml.gz", "scripts-meta.xml.br",
+                                 "scripts-meta.xml.zst", "scripts-meta.xml.old", "other.gz"}) {
+    std::ofstream(root_ + "/" + name) << "copy";
+  }
+  std::error_code error;
+  files.removeCompressedCopies("scripts-meta.xml", error);
+  EXPECT_FALSE(error) << error.message();
+  EXPECT_EQ(files.copiesRemoved(), 3U);
+  EXPECT_EQ(names(), (std::set<std::string>{"data", "files", "other.gz", "scripts-meta.xml",
+                                            "scripts-meta.xml.old"}));
+}
+
 TEST_F(ServerFilesTest, TellWhichPathCouldNotBeMade) {
   std::ofstream(output_ + "/client-data") << "a file";
   ServerFiles files;

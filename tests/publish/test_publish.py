@@ -249,6 +249,46 @@ class Retention(PublishCase):
         self.assertEqual(self.content(), second)
 
 
+class CompressedCopy(PublishCase):
+    """What an administrator compressed for the web server, which does not look at its age."""
+
+    def setUp(self):
+        super().setUp()
+        self.write_script()
+        self.must_publish()
+        self.copies = {self.list_path + suffix for suffix in (".gz", ".br", ".zst")}
+        for copy in self.copies:
+            with open(copy, "w") as file:
+                file.write("the list, compressed")
+
+    def test_goes_with_the_list_that_it_was_made_of(self):
+        self.write_script(text="echo other\n")
+        self.assertEqual(self.must_publish(),
+                         "Published 1 script for customer 7: 2 files written, the list replaced and "
+                         "its compressed copy removed, 0 files removed.\n")
+        self.assertEqual([], [copy for copy in self.copies if os.path.exists(copy)])
+
+    def test_stays_as_long_as_the_list(self):
+        before = self.tree()
+        self.assertEqual(self.must_publish(),
+                         "Published 1 script for customer 7: nothing has changed.\n")
+        self.assertEqual(self.tree(), before)
+
+    def test_that_cannot_be_removed_keeps_the_old_list(self):
+        copy = self.list_path + ".gz"
+        os.remove(copy)
+        os.mkdir(copy)
+        before = self.entries()
+        self.write_script(text="echo other\n")
+        result = self.publish()
+        self.assertEqual((result.status, result.output, result.error),
+                         (3, "", f"varn-scripts: {copy} can't be written: Is a directory\n"))
+        self.assertEqual(self.entries(), before)
+        os.rmdir(copy)
+        self.must_publish()
+        self.assertNotEqual(self.entries(), before)
+
+
 class Refused(PublishCase):
     def test_publishes_nothing_and_says_why(self):
         self.write_script()

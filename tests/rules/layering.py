@@ -66,7 +66,7 @@ def level(path, root):
 def resolve(name, including, root):
     """The file of the project that an include names, or nothing."""
     for directory in (including.parent, root / "src", root / "include", root / "interfaces",
-                      root / "agent", root / "cli", root / "tests"):
+                      root / "agent" / "settings", root / "agent", root / "cli", root / "tests"):
         candidate = directory / name
         if candidate.is_file():
             return candidate.resolve()
@@ -116,8 +116,8 @@ def check_names(root):
 
 def check_installed(root):
     breaches = []
-    installed = {p.name for p in files(root, "include", "interfaces")}
-    for path in files(root, "include", "interfaces"):
+    installed = {p.name for p in files(root, "include", "interfaces", "agent/settings")}
+    for path in files(root, "include", "interfaces", "agent/settings"):
         for kind, name in includes(path):
             if kind == '"' and name.split("/")[-1] not in installed:
                 breaches.append(f"{path}: includes {name}, which is not installed")
@@ -149,13 +149,14 @@ def selftest(_):
         ("installed", "include/VarnScriptRepository/ScriptRepositoryProcessor.h",
          '#include "ScriptRepositoryRecords.h"\n'),
         ("installed", "interfaces/AgentLog.h", "#include <expat.h>\n"),
+        ("installed", "agent/settings/LogSettings.h", '#include "LogLine.h"\n'),
     ]
     breaches = []
     for check, place, content in cases:
         with tempfile.TemporaryDirectory() as directory:
             root = pathlib.Path(directory).resolve()
             for name in ("src/support/Text.h", "src/platform/Child.h", "src/ScriptRepositoryUtil.h",
-                         "src/ScriptRepositoryMetaProcessor.h", "agent/AgentSettings.h",
+                         "src/ScriptRepositoryMetaProcessor.h", "agent/settings/AgentSettings.h",
                          "interfaces/AgentLog.h"):
                 (root / name).parent.mkdir(parents=True, exist_ok=True)
                 (root / name).write_text("// SQLiteValue, and sqlite in a comment.\n")

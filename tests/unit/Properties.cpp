@@ -6,6 +6,7 @@
 #include <rapidcheck/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "MarkupParser.h"
 #include "ScriptRepositoryProcessorRequest.h"
 #include "ShellDouble.h"
+#include "support/Encoding.h"
 #include "support/Text.h"
 
 namespace {
@@ -286,6 +288,117 @@ RC_GTEST_PROP(RecordProperty, AMetadataDocumentDecodesToWhatWasEncoded, ()) {
       MarkupParser::XML::parse(MarkupParser::XML::document(root), std::nullopt, false)
           .toStruct<ScriptsRepoMetaRoot>();
   RC_ASSERT(decoded && decoded->size() == 1 && decoded->front() == root);
+}
+
+// ---- Encoding --------------------------------------------------------------------------------
+
+/// The length of the character that `bytes` begins with, by the value that its bits give; 0 for
+/// none.
+std::size_t referenceCharacter(std::string_view bytes) {
+  const auto at = [&](std::size_t index) { return static_cast<unsigned char>(bytes[index]); };
+  const unsigned first = at(0);
+  if (first < 0x80) return 1;
+  // How many ones the first byte begins with.
+  std::size_t length = 0;
+  while (length < 8 && (first & (0x80U >> length)) != 0) ++length;
+  if (length < 2 || length > 4 || bytes.size() < length) return 0;
+  std::uint32_t value = first & (0xFFU >> (length + 1));
+  for (std::size_t index = 1; index < length; ++index) {
+    if ((at(index) & 0xC0U) != 0x80) return 0;
+    value = value << 6 | (at(index) & 0x3FU);
+  }
+  constexpr std::uint32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  const bool surrogate = value >= 0xD800 && value <= 0xDFFF;
+  return value < smallest[length] || value > 0x10FFFF || surrogate ? 0 : length;
+}
+
+bool referenceIsUTF8(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const std::size_t length = referenceCharacter(bytes);
+    if (length == 0) return false;
+    bytes.remove_prefix(length);
+  }
+  return true;
+}
+
+/// Every byte that is the first or the last of those that are treated alike.
+const std::string kEdgeBytes =
+    "\x41\x80\x8f\x90\x9f\xa0\xbf\xc1\xc2\xdf\xe0\xe1\xed\xef\xf0\xf1\xf4\xf5";
+
+TEST(EncodingProperty, AgreesWithAPlainVersionForEveryShortStringOfEdgeBytesAroundABlocksEdges) {
+  // Long texts are read in blocks of 256 bytes from the fourth byte on; 530 bytes are two blocks
+  // and an end that is read plainly.
+  std::string whole(530, 'a');
+  std::size_t strings = 0;
+  std::size_t good = 0;
+  const auto differs = [&](std::string_view bytes) {
+    const bool expected = referenceIsUTF8(bytes);
+    ++strings;
+    if (expected) ++good;
+    for (const std::size_t at : {0U, 1U, 2U, 3U, 256U, 257U, 258U, 259U, 512U, 513U, 514U, 515U}) {
+      std::copy(bytes.begin(), bytes.end(), whole.begin() + static_cast<std::ptrdiff_t>(at));
+      const bool agrees = text::isUTF8(whole) == expected;
+      std::fill_n(whole.begin() + static_cast<std::ptrdiff_t>(at), bytes.size(), 'a');
+      if (!agrees) return true;
+    }
+    // At the very end, and alone.
+    std::copy_backward(bytes.begin(), bytes.end(), whole.end());
+    const bool agrees = text::isUTF8(whole) == expected && text::isUTF8(bytes) == expected;
+    std::fill_n(whole.rbegin(), bytes.size(), 'a');
+    return !agrees;
+  };
+  for (std::size_t length = 1; length <= 4; ++length) {
+    std::vector<std::size_t> digits(length, 0);
+    std::string bytes(length, kEdgeBytes.front());
+    for (std::size_t digit = 0; digit < length;) {
+      for (std::size_t at = 0; at < length; ++at) bytes[at] = kEdgeBytes[digits[at]];
+      ASSERT_FALSE(differs(bytes)) << testing::PrintToString(bytes);
+      for (digit = 0; digit < length && ++digits[digit] == kEdgeBytes.size(); ++digit) {
+        digits[digit] = 0;
+      }
+    }
+  }
+  EXPECT_EQ(strings, 18U + 18U * 18U + 18U * 18U * 18U + 18U * 18U * 18U * 18U);
+  EXPECT_GT(good, 0U);
+}
+
+RC_GTEST_PROP(EncodingProperty, AgreesWithAPlainVersionOnLongTexts, ()) {
+  // Characters of all lengths, and now and then something that is none.
+  static const Texts good{"a",          "text of words ", "\u00e9", "\u07ff",
+                          "\u0800",     "\ud7ff",         "\ue000", "\u20ac",
+                          "\U0001F600", "\U0010FFFF",     "\n"};
+  static const Texts bad{"\x80",
+                         "\xc3",
+                         "\xc0\x80",
+                         "\xe0\x9f\xbf",
+                         "\xed\xa0\x80",
+                         "\xf0\x8f\x80\x80",
+                         "\xf4\x90\x80\x80",
+                         "\xff",
+                         "\xe2\x82",
+                         "\xf0\x9f\x98"};
+  const auto pieces = *rc::gen::container<std::vector<std::uint8_t>>(
+      rc::gen::inRange<std::uint8_t>(0, static_cast<std::uint8_t>(good.size())));
+  std::string line = "\u00fc";
+  for (const std::uint8_t piece : pieces) line += good[piece];
+  std::string whole;
+  while (whole.size() < 600) whole += line;
+  RC_ASSERT(text::isUTF8(whole));
+
+  const auto at = *rc::gen::inRange<std::size_t>(0, whole.size());
+  const std::string& wrong = *rc::gen::elementOf(bad);
+  const bool replaced = *rc::gen::arbitrary<bool>();
+  std::string damaged = whole;
+  damaged.replace(at, replaced ? std::min(wrong.size(), whole.size() - at) : 0, wrong);
+  RC_CLASSIFY(referenceIsUTF8(damaged), "still good");
+  RC_ASSERT(text::isUTF8(damaged) == referenceIsUTF8(damaged));
+
+  // Any byte in place of another.
+  std::string changed = whole;
+  changed[at] = *rc::gen::arbitrary<char>();
+  RC_ASSERT(text::isUTF8(changed) == referenceIsUTF8(changed));
+  // Any end.
+  RC_ASSERT(text::isUTF8(whole.substr(0, at)) == referenceIsUTF8(whole.substr(0, at)));
 }
 
 // ---- Text equality ---------------------------------------------------------------------------

@@ -1,6 +1,7 @@
 // Removal of the scripts that the server dropped.
 
 #include <gmock/gmock.h>
+#include <objc/runtime.h>
 #include <unistd.h>
 
 #include <string>
@@ -92,6 +93,22 @@ TEST_F(Removal, IsPutOffAlsoWhenARequestHasLoadedTheMetadata) {
 }
 
 // ---- The two sets ----------------------------------------------------------------------------
+
+TEST_F(Removal, IsFoundByNameInTheObjectRuntime) {
+  const Class found = objc_lookUpClass("ScriptRepositoryProcessor");
+  ASSERT_NE(found, nullptr);
+  const SEL selector = sel_registerName("removeServerRemovedScripts");
+  const Method method = class_getClassMethod(found, selector);
+  ASSERT_NE(method, nullptr);
+  EXPECT_STREQ(method_getTypeEncoding(method), "v@:");
+  serverLists({});
+
+  const auto untyped = reinterpret_cast<void (*)()>(method_getImplementation(method));
+  reinterpret_cast<void (*)(Class, SEL)>(untyped)(found, selector);
+
+  EXPECT_THAT(journal.effects(), ElementsAre("list"));
+  EXPECT_THAT(journal.log(), ElementsAre(kNothing));
+}
 
 TEST_F(Removal, RemovesAScriptThatTheServerNoLongerLists) {
   leaveScript("8");

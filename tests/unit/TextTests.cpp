@@ -55,46 +55,19 @@ TEST(TextEquality, CountsEverythingButTheSpellingOfACharacter) {
   }
 }
 
-TEST(TextEncoding, IsStrict) {
-  for (const char* const good :
-       {"", "a", "\u0080", "\u07ff", "\u0800", "\ud7ff", "\ue000", "\uffff", "\U00010000",
-        "\U0010ffff", "longer text with \u00e9 in the middle of several words"}) {
-    SCOPED_TRACE(good);
-    EXPECT_TRUE(text::isUTF8(good));
-  }
-  for (const char* const bad :
-       {"\x80", "\xbf", "\xc0\x80", "\xc1\xbf", "\xc2", "\xc2\x41", "\xe0\x9f\xbf", "\xe0\xa0",
-        "\xed\xa0\x80", "\xed\xbf\xbf", "\xf0\x8f\xbf\xbf", "\xf0\x90\x80", "\xf4\x90\x80\x80",
-        "\xf5\x80\x80\x80", "\xfe", "\xff", "text of more than eight bytes\xff", "\u00e9\xc3",
-        "12345678\xe2\x82"}) {
-    SCOPED_TRACE(testing::PrintToString(std::string(bad)));
-    EXPECT_FALSE(text::isUTF8(bad));
-  }
-  EXPECT_TRUE(text::isUTF8(std::string_view("a\0b", 3)));
-}
-
-TEST(TextEncoding, TellsHowManyBytesAreMissingAtTheEnd) {
-  struct Row {
-    const char* bytes;
-    std::size_t missing;
-  };
-  for (const Row& row :
-       {Row{"", 0}, Row{"a", 0}, Row{"\u00e9", 0}, Row{"\u20ac", 0}, Row{"\U0001F600", 0},
-        Row{"\xc3", 1}, Row{"a\xe2", 2}, Row{"a\xe2\x82", 1}, Row{"\xf0", 3}, Row{"\xf0\x9f", 2},
-        Row{"\xf0\x9f\x98", 1},
-        // No continuation makes these UTF-8.
-        Row{"\x80", 0}, Row{"\xff", 0}, Row{"\xc0", 0}, Row{"\xe0\x80", 0}, Row{"\xed\xa0", 0},
-        Row{"\xf4\x90", 0}, Row{"\xf5", 0}, Row{"\xc3\x41", 0}, Row{"\x80\x80\x80\x80", 0}}) {
-    SCOPED_TRACE(testing::PrintToString(std::string(row.bytes)));
-    EXPECT_EQ(text::missingBytesAtEnd(row.bytes), row.missing);
-  }
-}
-
 Texts characters(std::string_view whole) {
   Texts list;
   text::Characters walk(whole);
   while (const auto character = walk.next()) list.emplace_back(*character);
   return list;
+}
+
+TEST(TextEquality, KnowsCharactersThatAreASCIIInAnotherSpelling) {
+  // The Kelvin sign and the Greek question mark are canonically a letter and a semicolon.
+  EXPECT_TRUE(text::equal("K", "\u212a"));
+  EXPECT_TRUE(text::equal("\u037e", ";"));
+  EXPECT_FALSE(text::equal("k", "\u212a"));
+  EXPECT_EQ(text::equalityKey("\u212a"), text::equalityKey("K"));
 }
 
 TEST(TextCharacters, AreUserPerceived) {

@@ -20,6 +20,7 @@ using testing::AnyOf;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::Not;
 
 constexpr Thrown kEveryKind[] = {Thrown::exception, Thrown::somethingElse};
@@ -203,6 +204,15 @@ TEST_F(ThrowingDependencies, AParserThatThrowsGivesNoMetadata) {
                               "info ScriptRepositoryProcessor processScript(): Processing Script "
                               "ID 42 not able to get server script repo meta to procees"));
     }
+  }
+}
+
+TEST_F(ThrowingFromTheStart, AnErrorLineThatCannotBeWrittenIsLeftOut) {
+  for (const Thrown what : kEveryKind) {
+    journal.reset();
+    journal.throwAlways("open", what);
+    journal.throwAlways("log", what);
+    EXPECT_THAT(ScriptRepositoryLocalMetaProcessor::shared().getAllScriptIDs(), IsEmpty());
   }
 }
 

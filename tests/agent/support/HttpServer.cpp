@@ -37,7 +37,14 @@ std::string HttpServer::url() const { return "http://127.0.0.1:" + std::to_strin
 
 void HttpServer::answer(const std::string& path, const std::string& bytes, Then then) {
   const std::lock_guard lock(mutex_);
-  answers_[path] = {bytes, then};
+  answers_[path] = {{bytes, then}};
+}
+
+void HttpServer::answerInTurn(const std::string& path, const std::vector<std::string>& bytes) {
+  const std::lock_guard lock(mutex_);
+  std::vector<Answer>& answers = answers_[path];
+  answers.clear();
+  for (const std::string& each : bytes) answers.push_back({each, Then::keep});
 }
 
 std::vector<std::string> HttpServer::requests() const {
@@ -62,7 +69,11 @@ HttpServer::Answer HttpServer::answerTo(const std::string& head) {
   const std::lock_guard lock(mutex_);
   requests_.push_back(head);
   const auto found = answers_.find(path);
-  return found == answers_.end() ? Answer{httpAnswer("404 Not Found", "none")} : found->second;
+  if (found == answers_.end()) return {httpAnswer("404 Not Found", "none")};
+  std::vector<Answer>& answers = found->second;
+  Answer answer = answers.front();
+  if (answers.size() > 1) answers.erase(answers.begin());
+  return answer;
 }
 
 bool HttpServer::sendAll(int connection, const std::string& bytes) {

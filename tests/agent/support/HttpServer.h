@@ -31,6 +31,10 @@ class HttpServer {
   /// Answers requests for `path` with exactly these bytes. Unknown paths get a 404.
   void answer(const std::string& path, const std::string& bytes, Then then = Then::close);
 
+  /// Answers the first request for `path` with the first of these, the next with the second, and so
+  /// on; from the last one on always with that. The connection is kept.
+  void answerInTurn(const std::string& path, const std::vector<std::string>& bytes);
+
   /// The request heads so far, in the order of their arrival.
   [[nodiscard]] std::vector<std::string> requests() const;
   /// How many connections were made.
@@ -50,8 +54,8 @@ class HttpServer {
   int listener_ = -1;
   int port_ = 0;
   std::atomic<int> connections_ = 0;
-  mutable std::mutex mutex_;  ///< of what follows
-  std::map<std::string, Answer> answers_;
+  mutable std::mutex mutex_;                            ///< of what follows
+  std::map<std::string, std::vector<Answer>> answers_;  ///< in turn; the last one stays
   std::vector<std::string> requests_;
   std::vector<int> open_;
   std::vector<std::thread> threads_;

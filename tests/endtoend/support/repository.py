@@ -111,6 +111,7 @@ class Repository:
     def __init__(self, root):
         self.root = root
         self._scripts = {}
+        self._more = []
         self._write_list()
 
     def put(self, script):
@@ -127,6 +128,11 @@ class Repository:
         self.remove(script.file_path)
         self._write_list()
 
+    def list_more(self, count):
+        """Lists that many scripts more, without their documents and files."""
+        self._more = [Script(f"more-{number}", f"more-{number}.sh", "") for number in range(count)]
+        self._write_list()
+
     def write(self, server_path, text):
         path = self.root + server_path
         os.makedirs(os.path.dirname(path), exist_ok=True)
@@ -137,7 +143,7 @@ class Repository:
         os.remove(self.root + server_path)
 
     def _write_list(self):
-        entries = "".join(_list_entry(script) for script in self._scripts.values())
+        entries = "".join(_list_entry(script) for script in [*self._scripts.values(), *self._more])
         self.write(
             LIST_PATH,
             f'<?xml version="1.0" encoding="UTF-8"?>\n<scripts-meta>{entries}</scripts-meta>\n',

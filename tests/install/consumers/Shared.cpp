@@ -1,11 +1,13 @@
-// Uses the shared library with its bundled agent modules. Prints where scripts lie, and what became
-// of a request without a server.
+// Uses the shared library with its bundled agent modules and their settings: the base directory,
+// the server and the script's ID. Prints where scripts lie, and what became of the request.
 
 #include <cstdio>
 
 #include "AgentLog.h"
+#include "AgentSettings.h"
 #include "AgentStore.h"
 #include "AgentUtils.h"
+#include "LogSettings.h"
 #include "MarkupParser.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
@@ -14,11 +16,18 @@ using VarnScriptRepository::ScriptRepositoryConstants;
 using VarnScriptRepository::ScriptRepositoryProcessor;
 
 int main(int, char** argv) {
-  const AgentUtils::GlobalVariables settings{argv[1], "7", std::string(argv[1]) + "/data"};
-  AgentUtils::gv_globvars = &settings;
+  AgentUtils::AgentSettings settings;
+  settings.basePath = argv[1];
+  settings.dataPath = settings.basePath + "/data";
+  settings.customerID = "acme";
+  settings.serverURL = argv[2];
+  AgentUtils::configure(settings);
+  AgentLog::LogSettings log;
+  log.quiet = true;
+  AgentLog::configure(log);
   std::puts(ScriptRepositoryProcessor::scriptRepoScriptsDirectory().c_str());
   std::puts(ScriptRepositoryConstants::FilePath::scriptRepository().c_str());
-  ScriptRepositoryProcessor processor("42");
+  ScriptRepositoryProcessor processor(argv[3]);
   const auto [accepted, output] = processor.processScript();
-  std::puts(accepted || output ? "run" : "not run");
+  std::puts(!accepted ? "not run" : *accepted ? "accepted" : "rejected");
 }

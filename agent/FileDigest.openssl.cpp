@@ -1,33 +1,28 @@
-// The checksum validator on OpenSSL's digests. A file is read in pieces, so its size costs no
-// memory. No state; any thread. Nothing throws.
+// The digests of OpenSSL.
 //
-// The digests' own functions are called, not the provider interface above them: that one allocates
-// some thousand blocks at its first use and crashes when one of them is refused, and a verdict on a
+// Their own functions are called, not the provider interface above them: that one allocates some
+// thousand blocks at its first use and crashes when one of them is refused, and a verdict on a
 // script must not hang on either.
 
 // OpenSSL 3 would rather see its provider interface used; see above.
 #define OPENSSL_SUPPRESS_DEPRECATED
 
-#include <fcntl.h>
+#include "FileDigest.h"
+
 #include <openssl/md5.h>
 #include <openssl/sha.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <memory>
 
-#include "AgentSettings.h"
-#include "AgentUtils.h"
-#include "DigestName.h"
-#include "FileDescriptor.h"
-
 namespace AgentUtils {
 namespace {
 
-// Large enough that the calls do not show beside the digest, small enough for the cache.
-constexpr std::size_t kLargestPiece = std::size_t{256} << 10;
+// Large enough that the calls do not show beside the digest, small enough for the cache and for
+// memory that is at hand.
+constexpr std::size_t kLargestPiece = std::size_t{64} << 10;
 constexpr std::size_t kSmallestPiece = std::size_t{4} << 10;
 
 /// One digest through the functions of its own algorithm.
@@ -58,28 +53,33 @@ using Sha384 =
 using Sha512 =
     Algorithm<SHA512_CTX, SHA512_Init, SHA512_Update, SHA512_Final, SHA512_DIGEST_LENGTH>;
 
-/// The next bytes of the file: their number, 0 at its end, or a negative number on an error.
-ssize_t readPiece(const FileDescriptor& file, unsigned char* to, std::size_t size) {
+/// The bytes of the file from `offset` on: their number, 0 at its end, or a negative number on an
+/// error.
+ssize_t readPiece(const FileDescriptor& file, off_t offset, unsigned char* to, std::size_t size) {
   ssize_t count = 0;
   do {
-    count = read(file.get(), to, size);
+    count = pread(file.get(), to, size, offset);
   } while (count < 0 && errno == EINTR);
   return count;
 }
 
-/// The digest of the rest of `file`, which has about `size` bytes; nothing on an error.
+/// The digest of `file`, which has about `size` bytes; nothing on an error.
 template <class Algorithm>
 std::optional<std::string> digestWith(const FileDescriptor& file, std::size_t size) {
   Algorithm algorithm;
   const std::size_t pieceSize = std::clamp(size, kSmallestPiece, kLargestPiece);
   const auto piece = std::make_unique_for_overwrite<unsigned char[]>(pieceSize);
+  off_t offset = 0;
   while (true) {
-    const ssize_t count = readPiece(file, piece.get(), pieceSize);
+    const ssize_t count = readPiece(file, offset, piece.get(), pieceSize);
     if (count < 0) return std::nullopt;
     if (count == 0) return algorithm.value();
     algorithm.update(piece.get(), static_cast<std::size_t>(count));
+    offset += count;
   }
 }
+
+}  // namespace
 
 std::optional<std::string> digestOfFile(Digest digest, const FileDescriptor& file,
                                         std::size_t size) {
@@ -98,33 +98,6 @@ std::optional<std::string> digestOfFile(Digest digest, const FileDescriptor& fil
       return digestWith<Sha512>(file, size);
   }
   return std::nullopt;
-}
-
-bool hasChecksum(const std::string& path, const std::string& type, const std::string& checksum) {
-  // A name with a NUL would open the file that its beginning names.
-  if (path.find('\0') != std::string::npos) return false;
-  const std::optional<Digest> digest = digestOfName(type);
-  if (!digest) return false;
-  const std::optional<std::string> expected = digestBytes(*digest, checksum);
-  if (!expected) return false;
-  if (settings().beforeFileUse) settings().beforeFileUse(path);
-  // Not blocking, or a FIFO at that path would be waited for.
-  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  struct stat status {};
-  if (!file.isOpen() || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
-  return digestOfFile(*digest, file, static_cast<std::size_t>(status.st_size)) == expected;
-}
-
-}  // namespace
-
-bool VyCryptography::validateCheckSumForFile(const std::string& path, const std::string& Type,
-                                             const std::string& Checksum) {
-  try {
-    return hasChecksum(path, Type, Checksum);
-  } catch (...) {
-    // Out of memory: what can't be verified is not valid.
-    return false;
-  }
 }
 
 }  // namespace AgentUtils

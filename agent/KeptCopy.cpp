@@ -1,0 +1,119 @@
+#include "KeptCopy.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <string_view>
+#include <utility>
+
+#include "FileAttributes.h"
+#include "FileDigest.h"
+
+namespace AgentUtils {
+namespace {
+
+constexpr char kAttribute[] = "user.varn.download";
+// What file systems take that keep a file's attributes in one block.
+constexpr std::size_t kLongestAttribute = 3072;
+// What a download gives its file; see `DownloadTarget`.
+constexpr mode_t kFileMode = 0600;
+constexpr mode_t kAllModeBits = 07777;
+
+bool isSameState(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino && changeTime(a) == changeTime(b);
+}
+
+std::optional<std::string> digestTextOf(const FileDescriptor& file, const struct stat& status) {
+  const auto digest = digestOfFile(Digest::sha256, file, static_cast<std::size_t>(status.st_size));
+  if (!digest) return std::nullopt;
+  std::string text = "sha256:";
+  for (const char c : *digest) {
+    const auto byte = static_cast<unsigned char>(c);
+    text += "0123456789abcdef"[byte >> 4];
+    text += "0123456789abcdef"[byte & 0xF];
+  }
+  return text;
+}
+
+/// The attribute's text: digest, URL, entity tag and date, a line each.
+std::string attributeText(const std::string& digest, const std::string& url,
+                          const Validators& validators) {
+  return digest + '\n' + url + '\n' + validators.entityTag + '\n' + validators.lastModified;
+}
+
+/// What an attribute's text says.
+struct Kept {
+  std::string_view digest;
+  std::string_view url;
+  Validators validators;
+};
+
+/// Nothing when the text is not exactly as `attributeText` makes it: others may have written it.
+std::optional<Kept> keptIn(std::string_view text) {
+  std::array<std::string_view, 4> lines;
+  for (std::size_t line = 0; line < lines.size(); ++line) {
+    const std::size_t end = text.find('\n');
+    const bool isLast = line + 1 == lines.size();
+    if ((end == text.npos) != isLast) return std::nullopt;
+    lines[line] = text.substr(0, end);
+    if (!isLast) text.remove_prefix(end + 1);
+  }
+  Kept kept{lines[0], lines[1], {std::string(lines[2]), std::string(lines[3])}};
+  const Validators& validators = kept.validators;
+  if (!validators.entityTag.empty() && !isEntityTag(validators.entityTag)) return std::nullopt;
+  if (!validators.lastModified.empty() && !secondsOfHTTPDate(validators.lastModified)) {
+    return std::nullopt;
+  }
+  if (validators.isEmpty()) return std::nullopt;
+  return kept;
+}
+
+}  // namespace
+
+std::optional<KeptCopy> KeptCopy::find(const std::string& path, const std::string& url,
+                                       std::uint64_t mostBytes) {
+  // Not blocking, or a FIFO at that path would be waited for.
+  FileDescriptor file(
+      open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+  if (!file.isOpen()) return std::nullopt;
+  KeptCopy copy(std::move(file), path);
+  struct stat& status = copy.status_;
+  if (fstat(copy.file_.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+  // Whoever else may write to it could have written the attribute as well. A whole download makes
+  // it what it must be.
+  if (status.st_uid != geteuid() || (status.st_mode & kAllModeBits) != kFileMode)
+    return std::nullopt;
+  if (static_cast<std::uint64_t>(status.st_size) > mostBytes) return std::nullopt;
+  const std::string text = fileAttribute(copy.file_, kAttribute, kLongestAttribute);
+  std::optional<Kept> kept = keptIn(text);
+  if (!kept || kept->url != url) return std::nullopt;
+  if (digestTextOf(copy.file_, status) != kept->digest) return std::nullopt;
+  copy.validators_ = std::move(kept->validators);
+  return copy;
+}
+
+bool KeptCopy::isUntouched() const {
+  struct stat opened {};
+  struct stat named {};
+  return fstat(file_.get(), &opened) == 0 && lstat(path_.c_str(), &named) == 0 &&
+         isSameState(opened, status_) && isSameState(named, status_);
+}
+
+void keepWithFile(const FileDescriptor& file, const std::string& url,
+                  const Validators& validators) noexcept {
+  try {
+    struct stat status {};
+    if (validators.isEmpty() || fstat(file.get(), &status) != 0) return;
+    const auto digest = digestTextOf(file, status);
+    if (!digest) return;
+    const std::string text = attributeText(*digest, url, validators);
+    // What could not be read back as it is.
+    if (text.size() > kLongestAttribute || !keptIn(text)) return;
+    setFileAttribute(file, kAttribute, text);
+  } catch (...) {
+    // Out of memory: the next download is a whole one.
+  }
+}
+
+}  // namespace AgentUtils

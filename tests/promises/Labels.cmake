@@ -1,0 +1,49 @@
+# Which tests belong to which promise, by their names. Read in two ways: by a CMakeLists.txt for the
+# tests that it knows, and by CTest for those that a test program lists (see varn_add_test).
+
+set(varn_promises
+  never-unverified never-torn never-down never-wider never-fooled xml-is-data runner-word)
+
+# Two lists of names for each: CTest reads this file as well, which knows no functions of ours.
+set(varn_tests_of_never-unverified
+  "^ChecksumOfFile\\." "^DigestName\\." "^DigestValue\\." "^IsValidChecksumForFile\\."
+  "^DownloadPath\\.WhoseScript" "^DownloadPath\\.WithoutAChecksum" "^LocalPath\\.WhoseScript"
+  "^LocalPath\\.WithoutAChecksum" "^ThrowingDependencies\\.AValidator" "^FileLockOffset\\."
+  "^RequestLockTest\\." "^endtoend\\.test_turns\\." "^faults/" "^fuzz.*whole-request")
+set(varn_tests_of_never-torn
+  "^Download\\." "^SharedStore\\." "^Store\\." "^endtoend\\.test_failures\\.RecoveryTest"
+  "^faults/")
+set(varn_tests_of_never-down
+  "^ThrowingDependencies" "^ThrowingFromTheStart" "^Files\\.A(FailedRead|ReadOfANamedPipe)"
+  "^Store\\.(IsNotWaitedFor|RefusesWhat|ARowThatIsNo|ATableThat)" "^FileServer\\.WhatIsNoFile"
+  "^ShellProcess\\.Leaves(NoZombie|NoDescriptor)" "^ShellProcess\\.(OfAHost|Survives|DoesNotReap)"
+  "^endtoend\\.test_failures\\." "^endtoend\\.test_signals\\." "^faults/" "^[Ff]uzz")
+set(varn_tests_of_never-wider
+  "WhateverTheUmask" "ALinkAndDoesNotFollowIt" "^Download\\.(Refuses|Replaces|Reports|Sweeps)"
+  "^Store\\.(IsNotOpenedThroughALink|WritableByOthers|ForItsOwner|IsNotWaitedFor)"
+  "^LogFile\\.(IsForTheOwner|IsNotWrittenThroughALink|IsNotInherited|IsNoFIFO)"
+  "^RequestLockTest\\.(FileAndDirectories|ASymbolicLink)"
+  "^ShellProcess\\.(Sees|StartsWith|RunsWhenTheHostHasNoStandard)"
+  "^endtoend\\.test_requests\\.FilesTest" "^endtoend\\.test_scripts\\.SurroundingsTest")
+set(varn_tests_of_never-fooled
+  "^HttpFailure\\." "^HttpDownload\\." "^GzipDecoder\\." "^ServerURL\\." "^FileServer\\."
+  "^endtoend\\.test_https\\." "^endtoend\\.test_failures\\.LimitTest")
+set(varn_tests_of_xml-is-data "^XMLHostile\\." "^XMLDecode\\." "^[Ff]uzz.*document")
+set(varn_tests_of_runner-word
+  "^RunnerPromise" "^ShellOutput\\." "^ShellLimit\\." "^ShellProcess\\." "^ShellStart\\.")
+
+# Gives each test of `varn_tests` the labels of its promises, beside those that it has.
+foreach(test IN LISTS varn_tests)
+  set(labels ${varn_labels_of_all})
+  foreach(promise IN LISTS varn_promises)
+    foreach(name IN LISTS varn_tests_of_${promise})
+      if(test MATCHES "${name}")
+        list(APPEND labels ${promise})
+        break()
+      endif()
+    endforeach()
+  endforeach()
+  if(labels)
+    set_tests_properties("${test}" PROPERTIES LABELS "${labels}")
+  endif()
+endforeach()

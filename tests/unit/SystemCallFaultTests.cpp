@@ -1,0 +1,334 @@
+// What the runner and the reading of files do when the operating system refuses a call, interrupts
+// it, or lacks it.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <new>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "RunnerFixture.h"
+#include "SystemCalls.h"
+#include "VarnScriptRepository/ScriptRepositoryProcessor.h"
+#include "support/Files.h"
+#include "support/Text.h"
+
+namespace {
+
+using namespace runnertests;
+using doubles::NoPidfd;
+using doubles::SystemCallFault;
+using testing::Contains;
+using testing::Not;
+using VarnScriptRepository::shell;
+
+constexpr long kPidfdGetInfo = _IOWR(0xFF, 11, char[64]);
+
+/// How many descriptors this process has open.
+int openDescriptors() {
+  int open = 0;
+  for (int fd = 0; fd < 256; ++fd) open += ::fcntl(fd, F_GETFD, 0) >= 0 ? 1 : 0;
+  return open;
+}
+
+class SystemCallFaults : public RunnerFixture {
+ protected:
+  /// Expects that nothing could be started, that the log names `words`, and that nothing is left.
+  void expectLaunchFails(const SystemCallFault& fault, const std::string& words) {
+    const int before = openDescriptors();
+    EXPECT_EQ(runCommand("echo ran >ran"), Result());
+    EXPECT_GE(fault.met(), 1);
+    EXPECT_THAT(journal.log(), Contains(line("Launch failed: " + words)));
+    EXPECT_FALSE(doubles::exists(path("ran")));
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
+  }
+};
+
+// ---- Starts that fail ------------------------------------------------------------------------
+
+TEST_F(SystemCallFaults, WithoutAPipeNothingIsStarted) {
+  const SystemCallFault fault("pipe2", EMFILE);
+  expectLaunchFails(fault, "Too many open files");
+}
+
+TEST_F(SystemCallFaults, WithoutANonBlockingPipeNothingIsStarted) {
+  const SystemCallFault fault("fcntl", EPERM, F_SETFL);
+  expectLaunchFails(fault, "Operation not permitted");
+}
+
+TEST_F(SystemCallFaults, WithoutADescriptorBeyondTheStandardOnesNothingIsStarted) {
+  // The pipe gets the number of the closed standard input and has to be moved.
+  const int input = ::dup(STDIN_FILENO);
+  const int errors = ::dup(STDERR_FILENO);
+  ASSERT_GT(input, STDERR_FILENO);
+  ASSERT_GT(errors, STDERR_FILENO);
+  ASSERT_EQ(::close(STDIN_FILENO), 0);
+  {
+    const SystemCallFault fault("fcntl", EMFILE, F_DUPFD_CLOEXEC);
+    expectLaunchFails(fault, "Too many open files");
+  }
+  ASSERT_EQ(::close(STDERR_FILENO), 0);
+  journal.reset();
+  {
+    // Both ends have to be moved, and the second one can't be.
+    const SystemCallFault fault("fcntl", EMFILE, F_DUPFD_CLOEXEC, 1, 1);
+    expectLaunchFails(fault, "Too many open files");
+  }
+  ASSERT_EQ(::dup2(input, STDIN_FILENO), STDIN_FILENO);
+  ASSERT_EQ(::dup2(errors, STDERR_FILENO), STDERR_FILENO);
+  ::close(input);
+  ::close(errors);
+}
+
+TEST_F(SystemCallFaults, WithoutAStackForTheChildNothingIsStarted) {
+  const SystemCallFault fault("mmap", ENOMEM);
+  static_cast<void>(runCommand("exit 0"));
+  if (fault.met() == 0) GTEST_SKIP() << "an earlier test of this process left its stack";
+  expectLaunchFails(fault, "Cannot allocate memory");
+}
+
+TEST_F(SystemCallFaults, WithoutAProcessNothingIsStarted) {
+  const SystemCallFault fault("__clone", EAGAIN);
+  expectLaunchFails(fault, "Resource temporarily unavailable");
+}
+
+TEST_F(SystemCallFaults, AChildThatGetsNoGroupStartsNothing) {
+  const SystemCallFault fault("syscall", EPERM, SYS_setpgid);
+  expectLaunchFails(fault, "Operation not permitted");
+}
+
+TEST_F(SystemCallFaults, AChildThatGetsNoStandardOutputStartsNothing) {
+  const SystemCallFault fault("syscall", EBUSY, SYS_dup3, 1);
+  expectLaunchFails(fault, "Device or resource busy");
+}
+
+TEST_F(SystemCallFaults, AChildThatGetsNoStandardErrorStartsNothing) {
+  const SystemCallFault fault("syscall", EBUSY, SYS_dup3, 1, 1);
+  expectLaunchFails(fault, "Device or resource busy");
+}
+
+TEST_F(SystemCallFaults, ADirectoryWithANULIsNoDirectory) {
+  EXPECT_EQ(shell("/bin/true", "a", {}, directory.path() + std::string("\0x", 2), 600), Result());
+  EXPECT_EQ(shell(std::string("/bin/true\0x", 11), "a", {}, directory.path(), 600), Result());
+  EXPECT_EQ(journal.log().size(), 4U);
+  EXPECT_EQ(journal.log()[1], line("Launch failed: Invalid argument"));
+  EXPECT_EQ(journal.log()[3], line("Launch failed: Invalid argument"));
+}
+
+// ---- Interrupted and refused calls of the wait -----------------------------------------------
+
+TEST_F(SystemCallFaults, AnInterruptedWaitGoesOn) {
+  const SystemCallFault fault("poll", EINTR, SystemCallFault::kEveryKind, 3);
+  EXPECT_EQ(runCommand("echo text; exit 4"), Result(4, "text\n"));
+  EXPECT_GE(fault.met(), 1);
+}
+
+TEST_F(SystemCallFaults, AWaitThatIsRefusedIsReplacedByAsking) {
+  const SystemCallFault fault("poll", ENOMEM);
+  EXPECT_EQ(runCommand("echo text; sleep 0.2; echo more; exit 4"), Result(4, "text\nmore\n"));
+  EXPECT_GE(fault.met(), 2);
+  // With a pause between two questions: a busy loop would ask many thousand times.
+  EXPECT_LE(fault.met(), 2000);
+}
+
+TEST_F(SystemCallFaults, AnInterruptedReadIsRepeated) {
+  const SystemCallFault fault("read", EINTR, SystemCallFault::kEveryKind, 3);
+  EXPECT_EQ(runCommand("echo text"), Result(0, "text\n"));
+  EXPECT_EQ(fault.met(), 3);
+}
+
+TEST_F(SystemCallFaults, AReadThatFindsNothingIsMadeAgain) {
+  const SystemCallFault fault("read", EAGAIN, SystemCallFault::kEveryKind, 1);
+  EXPECT_EQ(runCommand("echo text"), Result(0, "text\n"));
+  EXPECT_EQ(fault.met(), 1);
+}
+
+TEST_F(SystemCallFaults, OutputThatCannotBeReadIsLeftAndTheStatusKept) {
+  {
+    const SystemCallFault fault("read", EAGAIN);
+    EXPECT_EQ(runCommand("echo text; exit 4"), Result(4, ""));
+    EXPECT_GE(fault.met(), 1);
+  }
+  const SystemCallFault fault("read", EIO);
+  EXPECT_EQ(runCommand("echo text; exit 4"), Result(4, ""));
+  EXPECT_EQ(fault.met(), 1) << "the pipe is given up at the first error";
+}
+
+TEST_F(SystemCallFaults, ACharacterThatCannotBeCompletedDropsItsChunk) {
+  // The chunk ends inside a character, and the pipe can't be read further.
+  const SystemCallFault fault("read", EIO, SystemCallFault::kEveryKind, 1, 1);
+  EXPECT_EQ(runCommand("printf 'caf\\303'; exit 4"), Result(4, ""));
+  EXPECT_EQ(fault.met(), 1);
+}
+
+TEST_F(SystemCallFaults, WithoutACountOfHeldBytesTheStatusIsKept) {
+  const SystemCallFault fault("ioctl", EINVAL, FIONREAD);
+  // A descendant keeps the pipe open, so that its end does not show.
+  EXPECT_EQ(runCommand("sleep 0.2 & exit 4"), Result(4, ""));
+  EXPECT_EQ(fault.met(), 1);
+}
+
+TEST_F(SystemCallFaults, WithoutThePipesSizeItsUsualOneIsTaken) {
+  const SystemCallFault fault("fcntl", EINVAL, F_GETPIPE_SZ);
+  const auto [status, output] = runCommand("head -c 300000 /dev/zero; exit 4");
+  EXPECT_EQ(status, 4);
+  EXPECT_EQ(output, std::string(300000, '\0'));
+}
+
+TEST_F(SystemCallFaults, AnInterruptedWaitForTheStatusIsRepeated) {
+  {
+    const SystemCallFault fault("waitpid", EINTR, SystemCallFault::kEveryKind, 3);
+    EXPECT_EQ(runCommand("exit 4"), Result(4, ""));
+    EXPECT_EQ(fault.met(), 3);
+  }
+  // Without a pidfd the end is asked for.
+  const NoPidfd kernel;
+  const SystemCallFault fault("waitid", EINTR, SystemCallFault::kEveryKind, 3);
+  EXPECT_EQ(runCommand("exit 4"), Result(4, ""));
+  EXPECT_EQ(fault.met(), 3);
+}
+
+// ---- Kernels that lack something -------------------------------------------------------------
+
+TEST_F(SystemCallFaults, WithoutAPidfdTheEndIsAskedFor) {
+  const NoPidfd kernel;
+  EXPECT_EQ(runCommand("echo text; sleep 0.1; echo more; exit 4"), Result(4, "text\nmore\n"));
+  EXPECT_EQ(runCommand("exec >&- 2>&-; exit 4"), Result(4, ""));
+  EXPECT_EQ(runCommand("kill -9 $$", 600), Result(9, ""));
+  EXPECT_EQ(runCommand("sleep 100", 1), Result(15, ""));
+}
+
+TEST_F(SystemCallFaults, WithoutCloseRangeDescriptorsAreClosedOneByOne) {
+  const int inherited = ::fcntl(STDERR_FILENO, F_DUPFD, 40);
+  ASSERT_GE(inherited, 40);
+  const std::string look = "[ -e /proc/self/fd/" + std::to_string(inherited) + " ] || echo closed";
+  const SystemCallFault fault("syscall", ENOSYS, SYS_close_range);
+  EXPECT_EQ(runCommand(look), Result(0, "closed\n"));
+  EXPECT_EQ(fault.met(), 1);
+
+  // As many as there usually are where the limit is not known.
+  const SystemCallFault limit("syscall", EINVAL, SYS_prlimit64);
+  EXPECT_EQ(runCommand(look), Result(0, "closed\n"));
+  EXPECT_EQ(limit.met(), 1);
+  ::close(inherited);
+}
+
+/// SIGCHLD ignored, for as long as the object lives: ended children are gone at once.
+class SIGCHLDIgnored {
+ public:
+  SIGCHLDIgnored() : before_(::signal(SIGCHLD, SIG_IGN)) {}
+  SIGCHLDIgnored(const SIGCHLDIgnored&) = delete;
+  SIGCHLDIgnored& operator=(const SIGCHLDIgnored&) = delete;
+  ~SIGCHLDIgnored() { ::signal(SIGCHLD, before_); }
+
+ private:
+  void (*before_)(int);
+};
+
+TEST_F(SystemCallFaults, AStatusThatNobodyKeepsIsLost) {
+  const SIGCHLDIgnored host;
+  {
+    const NoPidfd kernel;
+    EXPECT_EQ(runCommand("echo text; exit 4"), Result(-1, "text\n"));
+  }
+  {
+    const SystemCallFault fault("ioctl", ENOTTY, kPidfdGetInfo);
+    EXPECT_EQ(runCommand("echo text; exit 4"), Result(-1, "text\n"));
+    EXPECT_EQ(fault.met(), 1);
+  }
+  // Answered without the status, although it was asked for.
+  const SystemCallFault fault("ioctl", 0, kPidfdGetInfo);
+  EXPECT_EQ(runCommand("exit 4"), Result(-1, ""));
+  EXPECT_EQ(fault.met(), 1);
+}
+
+TEST_F(SystemCallFaults, AStatusThatTheKernelKeepsIsTaken) {
+  utsname system{};
+  ASSERT_EQ(::uname(&system), 0);
+  int major = 0;
+  int minor = 0;
+  ASSERT_EQ(std::sscanf(system.release, "%d.%d", &major, &minor), 2);
+  if (std::pair(major, minor) < std::pair(6, 15)) GTEST_SKIP() << "this kernel keeps none";
+
+  const SIGCHLDIgnored host;
+  EXPECT_EQ(runCommand("echo text; exit 4"), Result(4, "text\n"));
+  EXPECT_EQ(runCommand("kill -9 $$"), Result(9, ""));
+}
+
+// ---- Memory ----------------------------------------------------------------------------------
+
+class MemoryFaults : public doubles::AgentFixture {};
+
+TEST_F(MemoryFaults, AProcessorWithoutMemoryForItsRequestProcessesNothing) {
+  std::optional<VarnScriptRepository::ScriptRepositoryProcessor> processor;
+  const std::string id = "42";
+  // The directories' texts are there from now on; the request alone has no memory.
+  static_cast<void>(VarnScriptRepository::ScriptRepositoryProcessor::scriptRepoDataDirectory());
+  static_cast<void>(VarnScriptRepository::ScriptRepositoryProcessor::scriptRepoScriptsDirectory());
+  {
+    const doubles::NoMemory memory;
+    processor.emplace(id);
+  }
+  EXPECT_EQ(processor->processScript(), VarnScriptRepository::ProcessingResult());
+  EXPECT_TRUE(journal.entries().empty());
+}
+
+TEST_F(MemoryFaults, TextsThatCannotBeComparedForWantOfMemoryAreAnError) {
+  namespace text = VarnScriptRepository::text;
+  const SystemCallFault fault("utf8proc_map", 0);
+  EXPECT_THROW(static_cast<void>(text::equal("caf\u00e9", "cafe\u0301")), std::bad_alloc);
+  EXPECT_EQ(fault.met(), 1);
+}
+
+// ---- Files -----------------------------------------------------------------------------------
+
+namespace files = VarnScriptRepository::files;
+
+TEST_F(SystemCallFaults, AnInterruptedReadOfAFileIsRepeated) {
+  doubles::writeFile(path("file"), "content");
+  std::error_code error;
+  for (const char* call : {"open", "read"}) {
+    const SystemCallFault fault(call, EINTR, SystemCallFault::kEveryKind, 3);
+    EXPECT_EQ(files::readWhole(path("file"), error), "content");
+    EXPECT_FALSE(error);
+    EXPECT_EQ(fault.met(), 3);
+  }
+}
+
+TEST_F(SystemCallFaults, AFileThatCannotBeReadToItsEndIsAnError) {
+  doubles::writeFile(path("file"), "content");
+  const int before = openDescriptors();
+  std::error_code error;
+  for (const char* call : {"open", "fstat", "read"}) {
+    const SystemCallFault fault(call, EIO);
+    EXPECT_EQ(files::readWhole(path("file"), error), "");
+    EXPECT_EQ(error, std::errc::io_error);
+  }
+  {
+    // What came before the error counts as little as what did not come.
+    const SystemCallFault fault("read", EIO, SystemCallFault::kEveryKind, 1, 1);
+    EXPECT_EQ(files::readWhole(path("file"), error), "");
+    EXPECT_EQ(error, std::errc::io_error);
+  }
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(SystemCallFaults, WithoutAPlainLocaleErrorsHaveWordsStill) {
+  const SystemCallFault fault("newlocale", ENOMEM);
+  EXPECT_EQ(files::description(std::make_error_code(std::errc::io_error)), "Input/output error");
+  if (fault.met() == 0) GTEST_SKIP() << "an earlier test of this process made it";
+}
+
+}  // namespace
