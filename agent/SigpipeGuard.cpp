@@ -20,9 +20,11 @@ bool sigpipeIsPending() {
 
 }  // namespace
 
-SigpipeGuard::SigpipeGuard() : wasPending_(sigpipeIsPending()) {
+SigpipeGuard::SigpipeGuard() {
   const sigset_t sigpipe = sigpipeAlone();
   pthread_sigmask(SIG_BLOCK, &sigpipe, &previousMask_);
+  // What was not blocked was delivered at once: none can be waiting.
+  wasPending_ = sigismember(&previousMask_, SIGPIPE) == 1 && sigpipeIsPending();
 }
 
 SigpipeGuard::~SigpipeGuard() {
