@@ -11,6 +11,7 @@
 #include <filesystem>
 
 #include "platform/FileDescriptor.h"
+#include "platform/Memory.h"
 
 namespace VarnScriptRepository::files {
 namespace {
@@ -77,6 +78,7 @@ std::string readWhole(const std::string& path, std::error_code& error) {
   if (error) return {};
   std::string bytes;
   bytes.reserve(static_cast<std::size_t>(status.st_size));
+  platform::useLargePages(bytes.data(), bytes.capacity());
   readRest(fd.get(), bytes, error);
   if (error) return {};
   return bytes;

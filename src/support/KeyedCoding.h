@@ -54,6 +54,14 @@ struct MemberTraits<std::optional<T>> {
   using Value = T;
 };
 
+/// Appends an empty element. A full list grows fourfold: records take long to move, and memory that
+/// is not touched yet costs next to nothing.
+template <class Element>
+Element& appendTo(std::vector<Element>& list) {
+  if (list.size() == list.capacity()) list.reserve(4 * list.size());
+  return list.emplace_back();
+}
+
 /// The functions through which a coder reaches field number `index` of `Record`.
 template <class Record, std::size_t index>
 struct FieldAccess {
@@ -82,9 +90,9 @@ struct FieldAccess {
     if constexpr (Traits::isOptional) {
       Member& list = member(record);
       if (!list) list.emplace();
-      return &list->emplace_back();
+      return &appendTo(*list);
     } else {
-      return &member(record).emplace_back();
+      return &appendTo(member(record));
     }
   }
 
