@@ -1,7 +1,7 @@
 // The bundled downloader: a server path becomes a URL, the URL's file arrives in a temporary file,
 // the temporary file takes the target's place. What the target already is, byte for byte, the
-// server is not asked to send again. The only state is the settings. Any thread; nothing
-// throws.
+// server is not asked to send again. The only state is the settings and the connections that wait
+// for the next download. Any thread; nothing throws.
 
 #include <exception>
 #include <optional>

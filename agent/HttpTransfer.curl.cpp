@@ -1,6 +1,7 @@
 #include "HttpTransfer.h"
 
 #include <curl/curl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -47,6 +48,7 @@ class IdleHandles {
 
   Handle take() {
     const std::lock_guard lock(mutex_);
+    leaveToParent();
     if (idle_.empty()) return Handle(curl_easy_init());
     Handle handle = std::move(idle_.back());
     idle_.pop_back();
@@ -55,12 +57,16 @@ class IdleHandles {
   }
 
   void giveBack(Handle handle) noexcept {
+    // A handle that is not kept closes its connections, which may write to them.
+    const SigpipeGuard guard;
+    curl_easy_setopt(handle.get(), CURLOPT_NOSIGNAL, 1L);
     try {
       const std::lock_guard lock(mutex_);
       if (idle_.size() < kMostIdle) idle_.push_back(std::move(handle));
     } catch (...) {
-      // Out of memory: the handle is freed, and its connections are closed.
+      // Out of memory: the handle is freed.
     }
+    handle.reset();
   }
 
  private:
@@ -68,8 +74,18 @@ class IdleHandles {
 
   IdleHandles() { curl_global_init(CURL_GLOBAL_DEFAULT); }
 
+  /// After a fork the connections are the parent's: two processes would read each other's answers.
+  /// They are left alone, neither used nor closed.
+  void leaveToParent() {
+    if (process_ == getpid()) return;
+    for (Handle& handle : idle_) static_cast<void>(handle.release());
+    idle_.clear();
+    process_ = getpid();
+  }
+
   std::mutex mutex_;
   std::vector<Handle> idle_;
+  pid_t process_ = getpid();
 };
 
 std::string_view trimmedBlanks(std::string_view text) {
@@ -280,10 +296,12 @@ class Exchange {
     return {Reply::Kind::body, {}, validators_.lasting()};
   }
 
-  /// Whether nothing in the answer speaks against the validators that were asked with. A server
-  /// that compares dates takes an older file than the known one for the same.
+  /// Whether the answer speaks for the validators that were asked with. A server that compares
+  /// dates takes every older file than the known one for the same, so a date must come back as it
+  /// was sent; a tag is never taken for another one, and need not.
   bool isAboutKnown() const {
     const Validators sent = validators_.sent();
+    if (known_.entityTag.empty()) return sent.lastModified == known_.lastModified;
     const auto agree = [](std::string_view a, std::string_view b) {
       return a.empty() || b.empty() || a == b;
     };

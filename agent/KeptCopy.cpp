@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <mutex>
+#include <set>
 #include <string_view>
 #include <utility>
 
@@ -42,6 +44,31 @@ std::string attributeText(const std::string& digest, const std::string& url,
   return digest + '\n' + url + '\n' + validators.entityTag + '\n' + validators.lastModified;
 }
 
+/// The paths whose files have been found wrong and were not asked for since.
+class DistrustedPaths {
+ public:
+  static DistrustedPaths& shared() {
+    // Never destroyed: a download may be under way while static objects go.
+    static DistrustedPaths& paths = *new DistrustedPaths;
+    return paths;
+  }
+
+  void add(const std::string& path) {
+    const std::lock_guard lock(mutex_);
+    paths_.insert(path);
+  }
+
+  /// Whether the path was one of them; it is none any more.
+  [[nodiscard]] bool take(const std::string& path) {
+    const std::lock_guard lock(mutex_);
+    return paths_.erase(path) > 0;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::set<std::string> paths_;
+};
+
 /// What an attribute's text says.
 struct Kept {
   std::string_view digest;
@@ -73,6 +100,7 @@ std::optional<Kept> keptIn(std::string_view text) {
 
 std::optional<KeptCopy> KeptCopy::find(const std::string& path, const std::string& url,
                                        std::uint64_t mostBytes) {
+  if (DistrustedPaths::shared().take(path)) return std::nullopt;
   // Not blocking, or a FIFO at that path would be waited for.
   FileDescriptor file(
       open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
@@ -98,6 +126,14 @@ bool KeptCopy::isUntouched() const {
   struct stat named {};
   return fstat(file_.get(), &opened) == 0 && lstat(path_.c_str(), &named) == 0 &&
          isSameState(opened, status_) && isSameState(named, status_);
+}
+
+void distrustFile(const std::string& path) noexcept {
+  try {
+    DistrustedPaths::shared().add(path);
+  } catch (...) {
+    // Out of memory: the server is asked whether it has another file, as for any other.
+  }
 }
 
 void keepWithFile(const FileDescriptor& file, const std::string& url,

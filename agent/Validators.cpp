@@ -54,10 +54,13 @@ std::optional<std::int64_t> secondsOfHTTPDate(std::string_view text) {
   const std::chrono::year_month_day day{
       std::chrono::year(number(text.substr(12, 4))), std::chrono::month(monthOf(text.substr(8, 3))),
       std::chrono::day(static_cast<unsigned>(number(text.substr(5, 2))))};
-  if (!day.ok()) return std::nullopt;
+  const int hours = number(text.substr(17, 2));
+  const int minutes = number(text.substr(20, 2));
+  const int seconds = number(text.substr(23, 2));
+  // There are leap seconds.
+  if (!day.ok() || hours > 23 || minutes > 59 || seconds > 60) return std::nullopt;
   const std::int64_t days = std::chrono::sys_days(day).time_since_epoch().count();
-  return ((days * 24 + number(text.substr(17, 2))) * 60 + number(text.substr(20, 2))) * 60 +
-         number(text.substr(23, 2));
+  return ((days * 24 + hours) * 60 + minutes) * 60 + seconds;
 }
 
 std::string conditionalHeader(const Validators& validators) {

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <string>
+#include <vector>
 
 #include "publish/Names.h"
 
@@ -33,16 +35,26 @@ void createParents(const std::string& path, std::error_code& error) {
   }
 }
 
-// `path` without components that lead nowhere: empty ones and `.`. A `..` is refused elsewhere.
-std::string withoutEmptySteps(std::string_view path) {
-  std::string steps;
+// One spelling for all that name one file: without empty steps, `.` and `..`, each name folded,
+// since a file system may take names that differ in case, or in how a character is composed, for
+// one.
+std::string canonicalPath(std::string_view path) {
+  std::vector<std::string> steps;
   for (std::size_t start = 0; start <= path.size();) {
     const std::size_t end = std::min(path.find('/', start), path.size());
     const std::string_view step = path.substr(start, end - start);
-    if (!step.empty() && step != ".") steps.append("/").append(step);
     start = end + 1;
+    if (step.empty() || step == ".") continue;
+    if (step != "..") {
+      // By itself, so that a name that is no UTF-8 leaves the others as they are.
+      steps.push_back(publishing::foldedName(step));
+    } else if (!steps.empty()) {
+      steps.pop_back();
+    }
   }
-  return steps;
+  std::string canonical;
+  for (const std::string& step : steps) canonical.append("/").append(step);
+  return canonical;
 }
 
 }  // namespace
@@ -60,7 +72,7 @@ std::int64_t lockOffset(std::string_view scriptID) {
 std::int64_t fileLockOffset(std::string_view filePath) {
   // Files are locked in the upper half of the offsets, script IDs in the lower one.
   constexpr std::int64_t upperHalf = std::int64_t{1} << 62;
-  return upperHalf + lockOffset(publishing::foldedName(withoutEmptySteps(filePath)));
+  return upperHalf + lockOffset(canonicalPath(filePath));
 }
 
 RequestLock::~RequestLock() {
@@ -82,8 +94,13 @@ void RequestLock::acquire(const std::string& basePath, const std::string& custom
     error = lastError();
     return;
   }
-  // The umask may have taken away more than it should. A file of somebody else's stays as it is.
-  static_cast<void>(::fchmod(descriptor_, S_IRUSR | S_IWUSR));
+  // The umask may have taken away more than it should. A file of somebody else's, or one with
+  // another name besides, stays as it is.
+  struct stat status {};
+  if (::fstat(descriptor_, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1 &&
+      status.st_uid == ::geteuid()) {
+    static_cast<void>(::fchmod(descriptor_, S_IRUSR | S_IWUSR));
+  }
 
   if (lockByte(lockOffset(scriptID)) == 0) return;
   error = lastError();

@@ -1,19 +1,14 @@
 #include "SettingsFile.h"
 
-#include <toml++/toml.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
-#include <exception>
 #include <memory>
 #include <optional>
 #include <string_view>
 #include <system_error>
 
-#include "ExitStatus.h"
-#include "StandardStreams.h"
+#include "ParsedToml.h"
 
 namespace VarnScripts {
 namespace {
@@ -91,33 +86,10 @@ std::variant<SettingTexts, SettingsError> textsOf(const toml::table& table,
 
 }  // namespace
 
-namespace {
-
-/// The parser throws for want of memory from inside functions that may not throw, which terminates
-/// the process. For as long as this lives, that is an ordered end: nothing has been done yet.
-class OrderlyEnd {
- public:
-  OrderlyEnd() : before_(std::set_terminate(&end)) {}
-  ~OrderlyEnd() { std::set_terminate(before_); }
-  OrderlyEnd(const OrderlyEnd&) = delete;
-  OrderlyEnd& operator=(const OrderlyEnd&) = delete;
-
- private:
-  [[noreturn]] static void end() noexcept {
-    writeOutOfMemory();
-    ::_exit(kExitNotRun);
-  }
-
-  const std::terminate_handler before_;
-};
-
-}  // namespace
-
 std::variant<SettingTexts, SettingsError> parseSettingsFile(const std::string& text,
                                                             const std::string& path) {
-  const OrderlyEnd orderlyEnd;
   try {
-    return textsOf(toml::parse(text, path), path);
+    return textsOf(parsedToml(text, path), path);
   } catch (const toml::parse_error& error) {
     return errorInFile(path, error.source().begin.line, std::string(error.description()));
   }

@@ -4,8 +4,7 @@
 #include <string_view>
 #include <utility>
 
-#define TOML_EXCEPTIONS 1
-#include <toml++/toml.h>
+#include "ParsedToml.h"
 
 namespace VarnScripts::publishing {
 namespace {
@@ -140,7 +139,7 @@ class Reader {
 
 Manifest parseManifest(const std::string& text, const std::string& file, Findings& findings) {
   try {
-    return Reader(file, findings).read(toml::parse(text, file));
+    return Reader(file, findings).read(parsedToml(text, file));
   } catch (const toml::parse_error& error) {
     findings.refuse({file, error.source().begin.line}, std::string(error.description()),
                     "correct the manifest's TOML");

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -130,6 +131,47 @@ TEST_F(HttpConditional, AsksWithTheDateWithoutATag) {
   EXPECT_TRUE(download("a", target));
   EXPECT_EQ(condition(), "If-Modified-Since: Sun, 06 Nov 1994 07:00:00 GMT");
   EXPECT_EQ(readFile(target), "first");
+}
+
+TEST_F(HttpConditional, TakesNoOtherDateForTheOneAskedWith) {
+  // Servers that compare dates say "not modified" of every file that is older than the one asked
+  // with, and some do not say which date it has.
+  const std::string answers[] = {"", "Last-Modified: Sun, 06 Nov 1994 06:00:00 GMT\r\n",
+                                 "Last-Modified: yesterday\r\n", "ETag: \"v0\"\r\n",
+                                 "Last-Modified: Sun, 06 Nov 1994 07:00:00 GMT\r\n"
+                                 "Last-Modified: Sun, 06 Nov 1994 07:00:00 GMT\r\n"};
+  for (const std::string& answer : answers) {
+    fetchFirst(kDates);
+    server.answerInTurn("/a", {"HTTP/1.1 304 Not Modified\r\n" + answer + "\r\n",
+                               httpAnswer("200 OK", "older", kDates)});
+    EXPECT_TRUE(download("a", target)) << answer;
+    EXPECT_EQ(condition(1), "If-Modified-Since: Sun, 06 Nov 1994 07:00:00 GMT") << answer;
+    EXPECT_EQ(condition(), "") << answer;
+    EXPECT_EQ(readFile(target), "older") << answer;
+    unlink(target.c_str());
+  }
+}
+
+TEST_F(HttpConditional, AsksForTheWholeFileOnceItsChecksumWasWrong) {
+  fetchFirst(kTag);
+  ASSERT_FALSE(
+      AgentUtils::VyCryptography::validateCheckSumForFile(target, "sha256", std::string(64, '0')));
+  // Until it is asked for, whatever else is.
+  server.answer("/b", httpAnswer("200 OK", "other", kTag), HttpServer::Then::keep);
+  EXPECT_TRUE(download("b", base / "other"));
+  expectWholeDownload("after a wrong checksum");
+  answerNotModified(kTag);
+  EXPECT_TRUE(download("a", target));
+  EXPECT_EQ(condition(), "If-None-Match: \"v1\"");
+}
+
+TEST_F(HttpConditional, AsksWithTheTagAfterTheChecksumWasRight) {
+  fetchFirst(kTag, "abc");
+  ASSERT_TRUE(AgentUtils::VyCryptography::validateCheckSumForFile(
+      target, "sha256", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"));
+  answerNotModified(kTag);
+  EXPECT_TRUE(download("a", target));
+  EXPECT_EQ(condition(), "If-None-Match: \"v1\"");
 }
 
 TEST_F(HttpConditional, AsksWithTheTagAloneWhenThereAreBoth) {
@@ -412,6 +454,23 @@ TEST_F(HttpConditional, AsksAgainWithTheTagAfterAFailure) {
     EXPECT_EQ(readFile(target), "first") << answer;
     EXPECT_EQ(base.names(), Names{"target"}) << answer;
   }
+}
+
+TEST_F(HttpConditional, LeavesTheConnectionToTheProcessThatMadeIt) {
+  fetchFirst(kTag);
+  ASSERT_EQ(server.connections(), 1);
+  server.answer("/b", httpAnswer("200 OK", "child's", kTag), HttpServer::Then::keep);
+  const std::string childsTarget = base / "child";
+  const int child = fork();
+  if (child == 0) _exit(download("b", childsTarget) ? 0 : 1);
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(readFile(childsTarget), "child's");
+  EXPECT_EQ(server.connections(), 2);
+  answerNotModified();
+  EXPECT_TRUE(download("a", target));
+  EXPECT_EQ(server.connections(), 2);
 }
 
 TEST_F(HttpConditional, SweepsWhatKilledDownloadsLeft) {

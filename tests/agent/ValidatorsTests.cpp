@@ -58,7 +58,8 @@ TEST(HTTPDate, HasOneFormAlone) {
         "Sun, 6 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 94 08:49:37 GMT",
         "Sun, 06 anF 1994 08:49:37 GMT", "Sun, 06 Nox 1994 08:49:37 GMT",
         "Fri, 29 Feb 2023 08:49:37 GMT", "Sun, 00 Nov 1994 08:49:37 GMT",
-        "S\xC3\xBC, 06 Nov 1994 08:49:37 GMT"}) {
+        "Sun, 06 Nov 1994 24:00:00 GMT", "Sun, 06 Nov 1994 08:60:00 GMT",
+        "Sun, 06 Nov 1994 08:49:61 GMT", "S\xC3\xBC, 06 Nov 1994 08:49:37 GMT"}) {
     EXPECT_EQ(AgentUtils::secondsOfHTTPDate(text), std::nullopt) << text;
   }
 }

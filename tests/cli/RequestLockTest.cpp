@@ -70,10 +70,14 @@ TEST(FileLockOffset, IsOneForAllSpellingsOfAFile) {
   const std::int64_t offset = fileLockOffset("/base/scripts/job.sh");
   EXPECT_EQ(offset, 6889880847523014516);
   for (const char* const same :
-       {"/base/scripts/./job.sh", "/base//scripts/.//./job.sh", "/base/scripts/JOB.sh"}) {
+       {"/base/scripts/./job.sh", "/base//scripts/.//./job.sh", "/base/scripts/JOB.sh",
+        "/base/scripts/a/../job.sh", "/../base/other/./../scripts/job.sh"}) {
     EXPECT_EQ(fileLockOffset(same), offset) << same;
   }
   EXPECT_EQ(fileLockOffset("/base/\xC3\xA9.sh"), fileLockOffset("/base/e\xCC\x81.sh"));
+  // A name that is no UTF-8 keeps no other name from being folded.
+  EXPECT_EQ(fileLockOffset("/\xFF/A.sh"), fileLockOffset("/\xFF/a.sh"));
+  EXPECT_NE(fileLockOffset("/\xFF/a.sh"), fileLockOffset("/\xFE/a.sh"));
   for (const char* const other :
        {"/base/scripts/job.sh.sh", "/base/scripts/job", "/base/scriptsjob.sh", "/base/job.sh",
         "/base/scripts/job/sh", "/base/scripts/.job.sh", ""}) {

@@ -9,7 +9,8 @@ set(varn_tests_of_never-unverified
   "^ChecksumOfFile\\." "^DigestName\\." "^DigestValue\\." "^IsValidChecksumForFile\\."
   "^DownloadPath\\.WhoseScript" "^DownloadPath\\.WithoutAChecksum" "^LocalPath\\.WhoseScript"
   "^LocalPath\\.WithoutAChecksum" "^ThrowingDependencies\\.AValidator" "^FileLockOffset\\."
-  "^RequestLockTest\\." "^endtoend\\.test_turns\\." "^faults/" "^fuzz.*whole-request")
+  "^RequestLockTest\\." "^endtoend\\.test_turns\\." "^HttpConditional\\." "^endtoend\\.test_polls\\." "^faults/"
+  "^fuzz.*whole-request")
 set(varn_tests_of_never-torn
   "^Download\\." "^SharedStore\\." "^Store\\." "^endtoend\\.test_failures\\.RecoveryTest"
   "^faults/")
@@ -26,7 +27,8 @@ set(varn_tests_of_never-wider
   "^ShellProcess\\.(Sees|StartsWith|RunsWhenTheHostHasNoStandard)"
   "^endtoend\\.test_requests\\.FilesTest" "^endtoend\\.test_scripts\\.SurroundingsTest")
 set(varn_tests_of_never-fooled
-  "^HttpFailure\\." "^HttpDownload\\." "^GzipDecoder\\." "^ServerURL\\." "^FileServer\\."
+  "^HttpFailure\\." "^HttpDownload\\." "^HttpConditional\\." "^AnswerValidators\\."
+  "^EntityTag\\." "^HTTPDate\\." "^Condition\\." "^GzipDecoder\\." "^ServerURL\\." "^FileServer\\."
   "^endtoend\\.test_https\\." "^endtoend\\.test_failures\\.LimitTest")
 set(varn_tests_of_xml-is-data "^XMLHostile\\." "^XMLDecode\\." "^[Ff]uzz.*document")
 set(varn_tests_of_runner-word
