@@ -112,7 +112,12 @@ class Collector {
     std::array<pollfd, 2> watched{pollfd{readingEnd_.get(), POLLIN, 0},
                                   pollfd{child.endDescriptor(), POLLIN, 0}};
     if (::poll(watched.data(), watched.size(), timeout) >= 0) {
-      return {watched[0].revents != 0, endTells ? watched[1].revents != 0 : child.hasEnded()};
+      const bool hasOutput = watched[0].revents != 0;
+      if (!endTells) return {hasOutput, child.hasEnded()};
+      if ((watched[1].revents & ~POLLIN) == 0) return {hasOutput, watched[1].revents != 0};
+      // The descriptor is of no use, or tells more than the end: the child itself is asked.
+      if (!hasOutput && !child.hasEnded()) std::this_thread::sleep_for(kAskInterval);
+      return {hasOutput, child.hasEnded()};
     }
     // An interrupted wait is just over. A poll that fails for want of memory must not become a
     // busy loop; reading and asking do without it.

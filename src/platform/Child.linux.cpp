@@ -101,7 +101,7 @@ VARN_BARE void closeFrom(unsigned first) {
   } limit;
   ::syscall(SYS_prlimit64, 0, RLIMIT_NOFILE, nullptr, &limit);
   const std::uint64_t end = limit.soft == RLIM64_INFINITY ? kUsualDescriptors : limit.soft;
-  for (std::uint64_t fd = first; fd < end; ++fd) ::syscall(SYS_close, fd);
+  for (std::uint64_t fd = first; fd < end; ++fd) ::syscall(SYS_close, static_cast<unsigned>(fd));
 }
 
 VARN_BARE int startProgram(void* argument) {

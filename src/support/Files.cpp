@@ -29,7 +29,7 @@ std::error_code regularFileError(int fd, struct stat& status) {
 /// Appends what is left in `fd` to `bytes`. By way of a small buffer, which stays in the
 /// processor's cache: filling the text with zeros to read into it would cost more than the copy.
 void readRest(int fd, std::string& bytes, std::error_code& error) {
-  std::array<char, 64 * 1024> piece;
+  std::array<char, 16 * 1024> piece;
   while (true) {
     const ssize_t got =
         platform::retryOnInterrupt([&] { return ::read(fd, piece.data(), piece.size()); });

@@ -23,6 +23,7 @@ class LongText {
 
  private:
   bool makeRoomFor(std::size_t length) noexcept;
+  bool reserve(std::size_t capacity) noexcept;
 
   std::string text_;
   std::size_t room_ = std::uint64_t{4} << 30;  // what is asked for beyond the present length
