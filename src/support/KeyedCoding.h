@@ -98,7 +98,10 @@ struct FieldAccess {
 
   static std::size_t count(const void* record) {
     const Value* const list = value(record);
-    return list == nullptr ? 0 : list->size();
+    if constexpr (Traits::isOptional) {
+      if (list == nullptr) return 0;
+    }
+    return list->size();
   }
 
   static const void* element(const void* record, std::size_t at) { return &(*value(record))[at]; }
