@@ -12,6 +12,7 @@ file. Needs strace, which injects the faults.
 import argparse
 import collections
 import concurrent.futures
+import contextlib
 import functools
 import http.server
 import os
@@ -22,6 +23,7 @@ import subprocess
 import sys
 import tempfile
 import threading
+import time
 
 from repository import read
 from scenarios import SCENARIOS, prepare, runs_in
@@ -104,6 +106,14 @@ def serve(directory):
     return server.server_address[1]
 
 
+def command_lines():
+    """The command line of every process that runs now."""
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        # It may end meanwhile.
+        with contextlib.suppress(OSError), open(f"/proc/{pid}/cmdline", "rb") as line:
+            yield line.read()
+
+
 def points(harness, computer, server, scenario, directory):
     """The system calls of the request as (name, which call of that name), from the reading of the
     settings on; what comes before is the loading of the program."""
@@ -157,8 +167,21 @@ class Site:
         except subprocess.TimeoutExpired:
             return True, ["hangs"]
         killed = fault == "signal=KILL"
+        if killed and not self._scripts_have_ended():
+            return True, ["the script of the killed command goes on"]
         hit = done.returncode == -signal.SIGKILL if killed else b"(INJECTED)" in read(trace)
         return hit, self._problems_of_disturbed(done, killed)
+
+    def _scripts_have_ended(self):
+        """Waits for the script that a killed command has left running: what it still does is no
+        part of the next request."""
+        base = self.computer.base.encode()
+        deadline = time.monotonic() + 60
+        while any(base in line for line in command_lines()):
+            if time.monotonic() > deadline:
+                return False
+            time.sleep(0.005)
+        return True
 
     def _problems_of_disturbed(self, done, killed):
         problems = []
