@@ -1,9 +1,12 @@
-// System calls and allocations that fail, or answer something else, when a test orders it. Works in
-// a program that is linked with --wrap for each of them; its other calls go through. Linux only.
+// System calls and allocations that fail, or answer something else, when a test orders it, and a
+// clock that a test puts forward. Works in a program that is linked with --wrap for each of them;
+// its other calls go through. Linux only.
 
 #pragma once
 
 #include <cerrno>
+#include <chrono>
+#include <cstddef>
 #include <string>
 
 namespace doubles {
@@ -17,9 +20,10 @@ class SystemCallFault {
 
   /// Calls of `function` whose kind is `kind` (the command of fcntl, the request of ioctl, the
   /// number of syscall) fail with `error`. With `error` 0 they are not made, and answered 0 as if
-  /// there were nothing. The first `spared` of them go through, then `times` of them are met.
+  /// there were nothing; what an ioctl asks for is `told`. The first `spared` of them go through,
+  /// then `times` of them are met.
   SystemCallFault(const std::string& function, int error, long kind = kEveryKind,
-                  int times = kAlways, int spared = 0);
+                  int times = kAlways, int spared = 0, int told = 0);
   SystemCallFault(const SystemCallFault&) = delete;
   SystemCallFault& operator=(const SystemCallFault&) = delete;
   ~SystemCallFault();
@@ -31,22 +35,32 @@ class SystemCallFault {
   int order_;
 };
 
-/// Children are started without a pidfd, as kernels do it that have none.
+/// Children are started without a pidfd, as kernels do it that have none. In its place stands
+/// `instead`.
 class NoPidfd {
  public:
-  NoPidfd();
+  explicit NoPidfd(int instead = -1);
   NoPidfd(const NoPidfd&) = delete;
   NoPidfd& operator=(const NoPidfd&) = delete;
   ~NoPidfd();
 };
 
-/// No allocation by new succeeds, on any thread.
+/// No allocation of `least` bytes or more by new succeeds, on any thread.
 class NoMemory {
  public:
-  NoMemory();
+  explicit NoMemory(std::size_t least = 0);
   NoMemory(const NoMemory&) = delete;
   NoMemory& operator=(const NoMemory&) = delete;
   ~NoMemory();
+};
+
+/// The steady clock is ahead of the real one by `time`.
+class ClockAhead {
+ public:
+  explicit ClockAhead(std::chrono::seconds time);
+  ClockAhead(const ClockAhead&) = delete;
+  ClockAhead& operator=(const ClockAhead&) = delete;
+  ~ClockAhead();
 };
 
 }  // namespace doubles

@@ -12,7 +12,9 @@
 #include <unistd.h>
 #include <utf8proc.h>
 
+#include <chrono>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -30,12 +32,14 @@ struct Order {
   int spared;
   int times;
   int met;
+  int told;
   bool given;
 };
 
 // Plain variables: the child sees the parent's.
 Order orders[2];
 bool withoutPidfd = false;
+int insteadOfPidfd = -1;
 
 VARN_BARE bool sameName(const char* a, const char* b) {
   while (*a != '\0' && *a == *b) {
@@ -45,7 +49,9 @@ VARN_BARE bool sameName(const char* a, const char* b) {
   return *a == *b;
 }
 
-bool withoutMemory = false;
+// The smallest allocation that fails.
+std::size_t refusedSize = SIZE_MAX;
+std::chrono::seconds ahead{0};
 
 /// The ordered fault that meets this call, or nothing. Then errno is set.
 VARN_BARE const Order* metBy(const char* function,
@@ -72,11 +78,11 @@ VARN_BARE int answer(const Order* order) { return order->error == 0 ? 0 : -1; }
 namespace doubles {
 
 SystemCallFault::SystemCallFault(const std::string& function, int error, long kind, int times,
-                                 int spared)
+                                 int spared, int told)
     : order_(orders[0].given ? 1 : 0) {
   Order& order = orders[order_];
   if (order.given || function.size() >= sizeof order.function) std::abort();
-  order = {{}, kind, error, spared, times, 0, true};
+  order = {{}, kind, error, spared, times, 0, told, true};
   std::memcpy(order.function, function.data(), function.size());
 }
 
@@ -84,21 +90,37 @@ SystemCallFault::~SystemCallFault() { orders[order_].given = false; }
 
 int SystemCallFault::met() const { return orders[order_].met; }
 
-NoPidfd::NoPidfd() { withoutPidfd = true; }
+NoPidfd::NoPidfd(int instead) {
+  withoutPidfd = true;
+  insteadOfPidfd = instead;
+}
 NoPidfd::~NoPidfd() { withoutPidfd = false; }
 
-NoMemory::NoMemory() { withoutMemory = true; }
-NoMemory::~NoMemory() { withoutMemory = false; }
+NoMemory::NoMemory(std::size_t least) { refusedSize = least; }
+NoMemory::~NoMemory() { refusedSize = SIZE_MAX; }
+
+ClockAhead::ClockAhead(std::chrono::seconds time) { ahead = time; }
+ClockAhead::~ClockAhead() { ahead = {}; }
 
 }  // namespace doubles
 
+// Every form that is called: where one is missing, a sanitizer takes its own.
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  return size >= refusedSize ? nullptr : std::malloc(size);
+}
 void* operator new(std::size_t size) {
-  void* const memory = withoutMemory ? nullptr : std::malloc(size);
+  void* const memory = operator new(size, std::nothrow);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
+void* operator new[](std::size_t size) { return operator new(size); }
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
+  return operator new(size, tag);
+}
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
+void operator delete[](void* memory) noexcept { std::free(memory); }
+void operator delete[](void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
 
 extern "C" {
 
@@ -114,6 +136,7 @@ extern "C" {
   }
 
 VARN_WRAP(int, fstat, (int fd, struct stat* status), (fd, status))
+VARN_WRAP(int, madvise, (void* address, size_t size, int advice), (address, size, advice))
 VARN_WRAP(int, pipe2, (int* ends, int flags), (ends, flags))
 VARN_WRAP(int, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
 VARN_WRAP(ssize_t, read, (int fd, void* buffer, size_t size), (fd, buffer, size))
@@ -176,7 +199,7 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
   va_end(more);
   if (const Order* met = metBy("ioctl", static_cast<long>(request))) {
     // Each answer that is asked for begins with a count or with bits that tell what is there.
-    if (met->error == 0) *static_cast<unsigned*>(argument) = 0;
+    if (met->error == 0) *static_cast<int*>(argument) = met->told;
     return answer(met);
   }
   return __real_ioctl(fd, request, argument);
@@ -200,13 +223,21 @@ int __wrap___clone(int (*function)(void*), void* stack, int flags, void* argumen
 int __wrap___clone(int (*function)(void*), void* stack, int flags, void* argument, ...) {
   va_list more;
   va_start(more, argument);
-  void* const pidfd = va_arg(more, void*);
+  int* const pidfd = va_arg(more, int*);
   va_end(more);
   if (const Order* met = metBy("__clone")) return answer(met);
-  if (withoutPidfd) flags &= ~CLONE_PIDFD;
+  if (withoutPidfd) {
+    flags &= ~CLONE_PIDFD;
+    *pidfd = insteadOfPidfd;
+  }
   return __real___clone(function, stack, flags, argument, pidfd);
 }
 
-// NOLINTEND(bugprone-reserved-identifier)
-
 }  // extern "C"
+
+// A function of C++ is wrapped under its mangled name.
+std::chrono::steady_clock::time_point realNow() asm("__real__ZNSt6chrono3_V212steady_clock3nowEv");
+std::chrono::steady_clock::time_point nowAhead() asm("__wrap__ZNSt6chrono3_V212steady_clock3nowEv");
+std::chrono::steady_clock::time_point nowAhead() { return realNow() + ahead; }
+
+// NOLINTEND(bugprone-reserved-identifier)

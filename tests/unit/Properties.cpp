@@ -13,6 +13,7 @@
 
 #include "AgentFixture.h"
 #include "MarkupParser.h"
+#include "NarrowRegisters.h"
 #include "ScriptRepositoryProcessorRequest.h"
 #include "ShellDouble.h"
 #include "support/Encoding.h"
@@ -325,7 +326,9 @@ bool referenceIsUTF8(std::string_view bytes) {
 const std::string kEdgeBytes =
     "\x41\x80\x8f\x90\x9f\xa0\xbf\xc1\xc2\xdf\xe0\xe1\xed\xef\xf0\xf1\xf4\xf5";
 
-TEST(EncodingProperty, AgreesWithAPlainVersionForEveryShortStringOfEdgeBytesAroundABlocksEdges) {
+/// Expects that every short string of edge bytes is judged as by the plain version, wherever it
+/// stands around a block's edges.
+void expectAgreementAroundABlocksEdges() {
   // Long texts are read in blocks of 256 bytes from the fourth byte on; 530 bytes are two blocks
   // and an end that is read plainly.
   std::string whole(530, 'a');
@@ -361,6 +364,18 @@ TEST(EncodingProperty, AgreesWithAPlainVersionForEveryShortStringOfEdgeBytesArou
   EXPECT_EQ(strings, 18U + 18U * 18U + 18U * 18U * 18U + 18U * 18U * 18U * 18U);
   EXPECT_GT(good, 0U);
 }
+
+TEST(EncodingProperty, AgreesWithAPlainVersionForEveryShortStringOfEdgeBytesAroundABlocksEdges) {
+  expectAgreementAroundABlocksEdges();
+}
+
+#ifdef VARN_HAS_NARROW_REGISTERS
+TEST(EncodingProperty, AgreesWithAPlainVersionAlsoOnAProcessorOfNarrowRegisters) {
+  const NarrowRegisters processor;
+  ASSERT_FALSE(__builtin_cpu_supports("avx2"));
+  expectAgreementAroundABlocksEdges();
+}
+#endif
 
 RC_GTEST_PROP(EncodingProperty, AgreesWithAPlainVersionOnLongTexts, ()) {
   // Characters of all lengths, and now and then something that is none.

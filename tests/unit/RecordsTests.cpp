@@ -4,6 +4,9 @@
 
 #include <functional>
 #include <string>
+#include <tuple>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "AgentFixture.h"
@@ -116,6 +119,70 @@ TEST(RecordSchemas, FileHasItsElevenFieldsInOrder) {
 
 TEST(RecordSchemas, ChecksumLinkHoldsItsID) {
   EXPECT_THAT(rows(CSToVyFile::schema()), ElementsAre(FieldRow{"checksum_id", true, false}));
+}
+
+/// Expects of each of the descriptions that it is the one of the field in the table, and that it
+/// reaches the member that the table names and no other.
+template <class Record, class Member>
+void expectFieldOfTable(const Field<Record, Member>& field,
+                        const std::vector<MarkupParser::RecordField>& descriptions) {
+  using Kind = MarkupParser::RecordField::Kind;
+  using Value = typename keyed::MemberTraits<Member>::Value;
+  constexpr bool isText = std::is_same_v<Value, std::string>;
+  SCOPED_TRACE(std::string(field.key));
+  for (const MarkupParser::RecordField& one : descriptions) {
+    EXPECT_EQ(one.key, field.key);
+    EXPECT_EQ(one.kind, isText ? Kind::text : Kind::list);
+    EXPECT_EQ(one.required, (std::is_same_v<Member, Value>));
+
+    Record record;
+    Record expected;
+    if constexpr (isText) {
+      one.setText(&record, "text");
+      expected.*field.member = "text";
+      ASSERT_NE(one.text(&record), nullptr);
+      EXPECT_EQ(*one.text(&record), "text");
+    } else {
+      // As many as make the list grow more than once.
+      constexpr std::size_t many = 7;
+      for (std::size_t count = 0; count < many; ++count) {
+        EXPECT_EQ(one.count(&record), count);
+        void* const element = one.append(&record);
+        EXPECT_EQ(one.element(&record, count), element);
+      }
+      expected.*field.member = Value(many);
+      EXPECT_EQ(&one.elementSchema(), &Value::value_type::schema());
+    }
+    EXPECT_EQ(record, expected);
+  }
+}
+
+template <class Record, std::size_t... indices>
+void expectSchemaOfTable(std::index_sequence<indices...> all) {
+  // Called by way of variables, so that they run now; the schema is the compiler's.
+  auto* tableNow = &Record::fields;
+  auto* allNow = &keyed::describeFields<Record, indices...>;
+  MarkupParser::RecordField (*oneNow[])() = {&keyed::FieldAccess<Record, indices>::describe...};
+  const auto table = tableNow();
+  const auto described = allNow(all);
+  const auto inSchema = Record::schema().fields;
+  ASSERT_EQ(inSchema.size(), sizeof...(indices));
+  (expectFieldOfTable(std::get<indices>(table),
+                      {described[indices], oneNow[indices](), inSchema[indices]}),
+   ...);
+}
+
+template <class Record>
+class RecordTables : public testing::Test {};
+
+using AllRecords =
+    testing::Types<ScriptRepoPath, ScriptRepositoryMeta, ScriptRepoAllMetaData, ScriptsRepoMetaRoot,
+                   ScriptRepo, ChecksumValue, CSToVyFile, VyFile, ScriptItem, ScriptRoot>;
+TYPED_TEST_SUITE(RecordTables, AllRecords);
+
+TYPED_TEST(RecordTables, SayWhatTheSchemasSay) {
+  constexpr std::size_t count = std::tuple_size_v<decltype(TypeParam::fields())>;
+  expectSchemaOfTable<TypeParam>(std::make_index_sequence<count>());
 }
 
 // ---- Decoding --------------------------------------------------------------------------------

@@ -12,10 +12,12 @@
 #include <array>
 #include <cerrno>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
 #include "RunnerFixture.h"
+#include "platform/Child.h"
 
 namespace {
 
@@ -187,6 +189,22 @@ TEST_F(ShellProcess, OfAHostWithoutFreeDescriptorsIsNotStarted) {
     EXPECT_EQ(openDescriptors(), held);
   }
   EXPECT_EQ(runCommand("exit 3"), Result(3, ""));
+}
+
+TEST_F(ShellProcess, IsWaitedForAlsoWhenNobodyAsksForItsStatus) {
+  namespace platform = VarnScriptRepository::platform;
+  std::error_code error;
+  const platform::Pipe pipe = platform::makePipe(error);
+  ASSERT_FALSE(error);
+  const std::string launchPath = "/bin/sh";
+  const Texts arguments{"-c", "sleep 0.1; : >ended"};
+  {
+    const platform::Child child = platform::Child::launch(
+        {launchPath, arguments, directory.path(), pipe.writingEnd.get()}, error);
+    ASSERT_FALSE(error);
+  }
+  EXPECT_TRUE(doubles::exists(path("ended")));
+  EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
 }
 
 TEST_F(ShellProcess, DoesNotReapAChildOfTheHost) {

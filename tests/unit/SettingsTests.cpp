@@ -14,9 +14,21 @@
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
 
+#ifdef VARN_COVERAGE
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+extern "C" int __llvm_profile_write_file();  // of clang's runtime
+#endif
+
 namespace {
 
 using namespace VarnScriptRepository;
+
+/// Has the dying process tell which lines it ran, when they are counted at all.
+void tellCoverageOnAbort() {
+#ifdef VARN_COVERAGE
+  std::signal(SIGABRT, [](int) { static_cast<void>(__llvm_profile_write_file()); });
+#endif
+}
 
 class MissingSettings : public doubles::AgentFixture {
  protected:
@@ -26,7 +38,12 @@ class MissingSettings : public doubles::AgentFixture {
     journal.onLog([](const doubles::LogRecord& record) {
       std::fprintf(stderr, "logged: %s\n", record.message.c_str());
     });
-    EXPECT_EXIT(use(), testing::KilledBySignal(SIGABRT), "^[^\n]*gv_globvars[^\n]*\n$");
+    EXPECT_EXIT(
+        {
+          tellCoverageOnAbort();
+          use();
+        },
+        testing::KilledBySignal(SIGABRT), "^[^\n]*gv_globvars[^\n]*\n$");
   }
 };
 

@@ -1,5 +1,5 @@
 // What the runner and the reading of files do when the operating system refuses a call, interrupts
-// it, or lacks it.
+// it, or lacks it; and what the runner does at moments that come rarely.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -10,8 +10,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <functional>
 #include <new>
 #include <optional>
 #include <string>
@@ -21,17 +24,24 @@
 #include "RunnerFixture.h"
 #include "SystemCalls.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
+#include "platform/Child.h"
+#include "platform/Memory.h"
 #include "support/Files.h"
+#include "support/LongText.h"
 #include "support/Text.h"
 
 namespace {
 
 using namespace runnertests;
+using doubles::ClockAhead;
+using doubles::NoMemory;
 using doubles::NoPidfd;
 using doubles::SystemCallFault;
 using testing::Contains;
 using testing::Not;
+using VarnScriptRepository::LongText;
 using VarnScriptRepository::shell;
+namespace platform = VarnScriptRepository::platform;
 
 constexpr long kPidfdGetInfo = _IOWR(0xFF, 11, char[64]);
 
@@ -42,8 +52,31 @@ int openDescriptors() {
   return open;
 }
 
+/// Waits until a child of this process has ended, and leaves it to whoever reaps it.
+void untilAChildHasEnded() {
+  siginfo_t info{};
+  EXPECT_EQ(::waitid(P_ALL, 0, &info, WEXITED | WNOWAIT), 0);
+}
+
 class SystemCallFaults : public RunnerFixture {
  protected:
+  /// Runs a command that goes on after its first line when the runner has taken that, while the
+  /// runner is held up by `meanwhile`.
+  Result runInTwoParts(const std::string& secondPart, const std::function<void()>& meanwhile) {
+    bool first = true;
+    journal.onLog([&](const doubles::LogRecord& record) {
+      if (record.message != "availableOutput" || !std::exchange(first, false)) return;
+      doubles::writeFile(path("go"), "");
+      meanwhile();
+    });
+    Result result =
+        runCommand("echo one; while [ ! -e go ]; do sleep 0.01; done; " + secondPart, kLimit);
+    journal.onLog({});
+    return result;
+  }
+
+  static constexpr std::int64_t kLimit = 600;
+
   /// Expects that nothing could be started, that the log names `words`, and that nothing is left.
   void expectLaunchFails(const SystemCallFault& fault, const std::string& words) {
     const int before = openDescriptors();
@@ -174,8 +207,14 @@ TEST_F(SystemCallFaults, ACharacterThatCannotBeCompletedDropsItsChunk) {
 }
 
 TEST_F(SystemCallFaults, WithoutACountOfHeldBytesTheStatusIsKept) {
-  const SystemCallFault fault("ioctl", EINVAL, FIONREAD);
   // A descendant keeps the pipe open, so that its end does not show.
+  {
+    const SystemCallFault fault("ioctl", EINVAL, FIONREAD);
+    EXPECT_EQ(runCommand("sleep 0.2 & exit 4"), Result(4, ""));
+    EXPECT_EQ(fault.met(), 1);
+  }
+  // A count that is none.
+  const SystemCallFault fault("ioctl", 0, FIONREAD, SystemCallFault::kAlways, 0, -1);
   EXPECT_EQ(runCommand("sleep 0.2 & exit 4"), Result(4, ""));
   EXPECT_EQ(fault.met(), 1);
 }
@@ -200,6 +239,76 @@ TEST_F(SystemCallFaults, AnInterruptedWaitForTheStatusIsRepeated) {
   EXPECT_EQ(fault.met(), 3);
 }
 
+TEST_F(SystemCallFaults, AWaitThatIsRefusedDoesNotNeedThePipe) {
+  const SystemCallFault fault("poll", ENOMEM);
+  EXPECT_EQ(runCommand("echo text; exec >&- 2>&-; sleep 0.2; exit 4"), Result(4, "text\n"));
+  EXPECT_GE(fault.met(), 2);
+}
+
+// ---- Moments of the wait ---------------------------------------------------------------------
+
+TEST_F(SystemCallFaults, WhatThePipeStillHoldsWhenTheChildHasEndedIsTaken) {
+  // The second read, of which the runner expects the output's end, finds nothing.
+  const SystemCallFault fault("read", EAGAIN, SystemCallFault::kEveryKind, 1, 1);
+  EXPECT_EQ(runInTwoParts("echo two; exit 4", untilAChildHasEnded), Result(4, "one\ntwo\n"));
+  EXPECT_EQ(fault.met(), 1);
+}
+
+TEST_F(SystemCallFaults, ACharacterThatAnEndedChildBeganIsNotWaitedFor) {
+  // A descendant keeps the pipe open, so that its end does not show.
+  EXPECT_EQ(runInTwoParts("while [ ! -e stop ]; do sleep 0.01; done & printf 'caf\\303'; exit 4",
+                          untilAChildHasEnded),
+            Result(4, "one\n"));
+  doubles::writeFile(path("stop"), "");
+}
+
+TEST_F(SystemCallFaults, ALimitThatPassesIsFollowedByASIGTERM) {
+  std::optional<ClockAhead> clock;
+  EXPECT_EQ(runInTwoParts("sleep 100", [&] { clock.emplace(std::chrono::seconds(kLimit)); }),
+            Result(SIGTERM, "one\n"));
+  EXPECT_THAT(journal.log(), Contains(line("shell: Killing process due to 600s time-out")));
+}
+
+TEST_F(SystemCallFaults, ALimitThatPassesAfterTheChildHasEndedIsNoTimeOut) {
+  std::optional<ClockAhead> clock;
+  EXPECT_EQ(runInTwoParts("exit 4",
+                          [&] {
+                            untilAChildHasEnded();
+                            clock.emplace(std::chrono::seconds(kLimit));
+                          }),
+            Result(4, "one\n"));
+  EXPECT_THAT(journal.log(), Not(Contains(line("shell: Killing process due to 600s time-out"))));
+}
+
+TEST_F(SystemCallFaults, OutputThatIsReadAfterTheLimitIsJudgedAsEver) {
+  const std::pair<const char*, const char*> rows[] = {{"two", "one\ntwo"}, {"caf\\303", "one\n"}};
+  for (const auto& [bytes, output] : rows) {
+    SCOPED_TRACE(bytes);
+    std::optional<ClockAhead> clock;
+    EXPECT_EQ(runInTwoParts(std::string("printf '") + bytes + "'; exit 4",
+                            [&] {
+                              untilAChildHasEnded();
+                              clock.emplace(std::chrono::seconds(kLimit));
+                            }),
+              Result(4, output));
+    doubles::removeTree(path("go"));
+  }
+}
+
+// ---- Pipes -----------------------------------------------------------------------------------
+
+TEST_F(SystemCallFaults, APipeThatHoldsMoreThanWantedIsLeftAlone) {
+  std::error_code error;
+  const platform::Pipe pipe = platform::makePipe(error);
+  ASSERT_FALSE(error);
+  constexpr int large = 1024 * 1024;
+  if (::fcntl(pipe.readingEnd.get(), F_SETPIPE_SZ, large) != large) {
+    GTEST_SKIP() << "this user has no such pipes";
+  }
+  platform::enlargePipe(pipe.readingEnd.get());
+  EXPECT_EQ(platform::pipeCapacity(pipe.readingEnd.get()), std::size_t{large});
+}
+
 // ---- Kernels that lack something -------------------------------------------------------------
 
 TEST_F(SystemCallFaults, WithoutAPidfdTheEndIsAskedFor) {
@@ -207,6 +316,15 @@ TEST_F(SystemCallFaults, WithoutAPidfdTheEndIsAskedFor) {
   EXPECT_EQ(runCommand("echo text; sleep 0.1; echo more; exit 4"), Result(4, "text\nmore\n"));
   EXPECT_EQ(runCommand("exec >&- 2>&-; exit 4"), Result(4, ""));
   EXPECT_EQ(runCommand("kill -9 $$", 600), Result(9, ""));
+  EXPECT_EQ(runCommand("sleep 100", 1), Result(15, ""));
+}
+
+TEST_F(SystemCallFaults, WithADescriptorThatIsNoneTheEndIsAskedFor) {
+  constexpr int closed = 200;
+  ASSERT_EQ(::fcntl(closed, F_GETFD, 0), -1);
+  const NoPidfd kernel(closed);
+  EXPECT_EQ(runCommand("echo text; sleep 0.1; echo more; exit 4"), Result(4, "text\nmore\n"));
+  EXPECT_EQ(runCommand("exec >&- 2>&-; sleep 0.1; exit 4"), Result(4, ""));
   EXPECT_EQ(runCommand("sleep 100", 1), Result(15, ""));
 }
 
@@ -269,6 +387,66 @@ TEST_F(SystemCallFaults, AStatusThatTheKernelKeepsIsTaken) {
 
 // ---- Memory ----------------------------------------------------------------------------------
 
+constexpr std::size_t kMiB = std::size_t{1} << 20;
+
+TEST_F(SystemCallFaults, WithoutMemoryForLargerChunksOutputIsTakenInSmallOnes) {
+  std::optional<NoMemory> memory;
+  // What stands in the pipe when the runner goes on fills it, so that more is expected.
+  const Result result =
+      runInTwoParts("head -c 65536 /dev/zero; : >filled; head -c 134464 /dev/zero; exit 4", [&] {
+        static_cast<void>(eventually([&] { return doubles::exists(path("filled")); }));
+        memory.emplace(kMiB / 2);
+      });
+  memory.reset();
+  EXPECT_EQ(result, Result(4, "one\n" + std::string(200000, '\0')));
+  EXPECT_GE(std::ranges::count(journal.log(), line("availableOutput")), 1 + 4);
+}
+
+TEST(LongTextFaults, LessRoomThanWantedIsEnough) {
+  // Texts for which little room is wanted at first, and much.
+  for (const auto& [size, refused] :
+       {std::pair(2 * kMiB, 16 * kMiB), std::pair(20 * kMiB, 64 * kMiB)}) {
+    const std::string piece(size, 'x');
+    LongText text;
+    bool taken = false;
+    {
+      const NoMemory memory(refused);
+      taken = text.append(piece) && text.append(piece);
+    }
+    EXPECT_TRUE(taken);
+    EXPECT_TRUE(text.take() == piece + piece);
+  }
+}
+
+TEST(LongTextFaults, WithoutMemoryATextStaysAsItIsAndGoesOnLater) {
+  for (const std::size_t size : {2 * kMiB, 20 * kMiB}) {
+    const std::string piece(size, 'x');
+    LongText text;
+    ASSERT_TRUE(text.append("a"));
+    bool refused = false;
+    {
+      const NoMemory memory(kMiB);
+      refused = !text.append(piece) && !text.append(piece);
+    }
+    EXPECT_TRUE(refused);
+    EXPECT_TRUE(text.append("b"));
+    EXPECT_TRUE(text.append(piece));
+    EXPECT_TRUE(text.take() == "ab" + piece);
+  }
+}
+
+TEST(LargePages, AreAskedForWhereOneHasRoomAndDoNotMatter) {
+  std::string memory(8 * kMiB, 'x');
+  const SystemCallFault fault("madvise", EINVAL);
+  errno = E2BIG;
+  platform::useLargePages(memory.data(), 2 * kMiB - 1);
+  EXPECT_EQ(fault.met(), 0);
+  platform::useLargePages(memory.data(), memory.size());
+  EXPECT_EQ(errno, E2BIG);
+  EXPECT_EQ(fault.met(), 1);
+  EXPECT_TRUE(memory == std::string(8 * kMiB, 'x'));
+}
+
 class MemoryFaults : public doubles::AgentFixture {};
 
 TEST_F(MemoryFaults, AProcessorWithoutMemoryForItsRequestProcessesNothing) {
@@ -278,7 +456,7 @@ TEST_F(MemoryFaults, AProcessorWithoutMemoryForItsRequestProcessesNothing) {
   static_cast<void>(VarnScriptRepository::ScriptRepositoryProcessor::scriptRepoDataDirectory());
   static_cast<void>(VarnScriptRepository::ScriptRepositoryProcessor::scriptRepoScriptsDirectory());
   {
-    const doubles::NoMemory memory;
+    const NoMemory memory;
     processor.emplace(id);
   }
   EXPECT_EQ(processor->processScript(), VarnScriptRepository::ProcessingResult());
