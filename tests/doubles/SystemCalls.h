@@ -4,10 +4,13 @@
 
 #pragma once
 
+#include <locale.h>
+
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <string>
+#include <vector>
 
 namespace doubles {
 
@@ -61,6 +64,18 @@ class ClockAhead {
   ClockAhead(const ClockAhead&) = delete;
   ClockAhead& operator=(const ClockAhead&) = delete;
   ~ClockAhead();
+};
+
+/// Sees which locales this process has set for its threads, for as long as the object lives.
+class LocalesSet {
+ public:
+  LocalesSet();
+  LocalesSet(const LocalesSet&) = delete;
+  LocalesSet& operator=(const LocalesSet&) = delete;
+  ~LocalesSet();
+
+  /// In their order.
+  [[nodiscard]] std::vector<locale_t> all() const;
 };
 
 }  // namespace doubles

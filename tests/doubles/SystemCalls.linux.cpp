@@ -49,6 +49,9 @@ VARN_BARE bool sameName(const char* a, const char* b) {
   return *a == *b;
 }
 
+std::vector<locale_t> localesSet;
+bool seesLocales = false;
+
 // The smallest allocation that fails.
 std::size_t refusedSize = SIZE_MAX;
 std::chrono::seconds ahead{0};
@@ -101,6 +104,13 @@ NoMemory::~NoMemory() { refusedSize = SIZE_MAX; }
 
 ClockAhead::ClockAhead(std::chrono::seconds time) { ahead = time; }
 ClockAhead::~ClockAhead() { ahead = {}; }
+
+LocalesSet::LocalesSet() {
+  localesSet.clear();
+  seesLocales = true;
+}
+LocalesSet::~LocalesSet() { seesLocales = false; }
+std::vector<locale_t> LocalesSet::all() const { return localesSet; }
 
 }  // namespace doubles
 
@@ -166,6 +176,13 @@ locale_t __wrap_newlocale(int mask, const char* name, locale_t base);
 locale_t __wrap_newlocale(int mask, const char* name, locale_t base) {
   if (metBy("newlocale") != nullptr) return nullptr;
   return __real_newlocale(mask, name, base);
+}
+
+locale_t __real_uselocale(locale_t locale);
+locale_t __wrap_uselocale(locale_t locale);
+locale_t __wrap_uselocale(locale_t locale) {
+  if (seesLocales) localesSet.push_back(locale);
+  return __real_uselocale(locale);
 }
 
 int __real_open(const char* path, int flags, ...);

@@ -503,6 +503,21 @@ TEST_F(SystemCallFaults, AFileThatCannotBeReadToItsEndIsAnError) {
   EXPECT_EQ(openDescriptors(), before);
 }
 
+TEST_F(SystemCallFaults, ErrorsHaveTheirWordsInThePlainLocaleAndTheCallerHasItsOwnAgain) {
+  const locale_t before = ::uselocale(nullptr);
+  const doubles::LocalesSet set;
+  EXPECT_EQ(files::description(std::make_error_code(std::errc::io_error)), "Input/output error");
+  EXPECT_EQ(files::description(std::make_error_code(std::errc::no_such_file_or_directory)),
+            "No such file or directory");
+  const std::vector<locale_t> all = set.all();
+  ASSERT_EQ(all.size(), 4U);
+  EXPECT_NE(all[0], before);
+  EXPECT_NE(all[0], nullptr);
+  EXPECT_EQ(all[1], before);
+  EXPECT_EQ(all[2], all[0]);
+  EXPECT_EQ(all[3], before);
+}
+
 TEST_F(SystemCallFaults, WithoutAPlainLocaleErrorsHaveWordsStill) {
   const SystemCallFault fault("newlocale", ENOMEM);
   EXPECT_EQ(files::description(std::make_error_code(std::errc::io_error)), "Input/output error");
