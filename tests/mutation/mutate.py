@@ -13,12 +13,14 @@ on where it was: verdicts are kept in the directory, for as long as the tree sta
 
 import argparse
 import concurrent.futures
+import contextlib
 import hashlib
 import os
 import pathlib
 import queue
 import re
 import shutil
+import signal
 import subprocess
 import sys
 
@@ -187,12 +189,15 @@ class Worker:
         return self._command(["ninja", "-C", self.build, "-j1", *TARGETS], check=check)
 
     def _tests_pass(self):
+        mark = f"VARN_MUTANT={self.build}"
         try:
-            done = self._command(["ctest", "--test-dir", self.build, "--stop-on-failure", "-j2",
-                                  "--timeout", "20", "--no-tests=error", "-E", LEFT_OUT],
-                                 limit=TEST_LIMIT)
+            done = self._command(["env", mark, "ctest", "--test-dir", self.build,
+                                  "--stop-on-failure", "-j2", "--timeout", "20",
+                                  "--no-tests=error", "-E", LEFT_OUT], limit=TEST_LIMIT)
         except subprocess.TimeoutExpired:
             return False
+        finally:
+            kill_all_with(mark.encode())
         return done.returncode == 0
 
     @staticmethod
@@ -200,6 +205,17 @@ class Worker:
         return subprocess.run([str(argument) for argument in arguments], stdin=subprocess.DEVNULL,
                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=check,
                               timeout=limit)
+
+
+def kill_all_with(variable):
+    """Ends what the tests of a mutant have left running: such processes may go on for ever. All of
+    them have inherited the variable "NAME=VALUE"."""
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        # It may have ended, or be somebody else's.
+        with contextlib.suppress(OSError):
+            environment = pathlib.Path("/proc", pid, "environ").read_bytes()
+            if variable in environment.split(b"\0"):
+                os.kill(int(pid), signal.SIGKILL)
 
 
 def equivalents():
