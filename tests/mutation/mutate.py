@@ -166,7 +166,8 @@ class Worker:
                 shutil.copy2(source, self.tree / part)
         self._command(["cmake", "-S", self.tree, "-B", self.build, "-G", "Ninja",
                        "-DCMAKE_BUILD_TYPE=", "-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=gold",
-                       "-DVARN_BUILD_COMMAND=OFF", "-DVARN_BUNDLED_AGENT_MODULES=OFF"], check=True)
+                       "-DVARN_BUILD_COMMAND=OFF", "-DVARN_BUNDLED_AGENT_MODULES=OFF",
+                       "-DVARN_TEST_TIMEOUT=20"], check=True)
         self._compile(check=True)
         if not self._tests_pass():
             sys.exit(f"the tests fail without any change: {self.build}/Testing/Temporary/LastTest.log")
@@ -192,8 +193,8 @@ class Worker:
         mark = f"VARN_MUTANT={self.build}"
         try:
             done = self._command(["env", mark, "ctest", "--test-dir", self.build,
-                                  "--stop-on-failure", "-j2", "--timeout", "20",
-                                  "--no-tests=error", "-E", LEFT_OUT], limit=TEST_LIMIT)
+                                  "--stop-on-failure", "-j2", "--no-tests=error",
+                                  "-E", LEFT_OUT], limit=TEST_LIMIT)
         except subprocess.TimeoutExpired:
             return False
         finally:

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <new>
@@ -63,6 +64,20 @@ TEST(LongText, GrowsOverEveryBoundary) {
     expected += bytes;
   }
   EXPECT_TRUE(text.take() == expected);
+}
+
+TEST(LongText, HasLittleRoomUntilItIsLong) {
+  const auto roomAfter = [](std::size_t length) {
+    LongText text;
+    for (std::size_t taken = 0; taken < length; taken += kMiB) {
+      EXPECT_TRUE(text.append(std::string(std::min(kMiB, length - taken), 'x')));
+    }
+    return text.take().capacity();
+  };
+  EXPECT_EQ(roomAfter(kMiB), kMiB);
+  EXPECT_EQ(roomAfter(kMiB + 1), 16 * kMiB);
+  EXPECT_EQ(roomAfter(16 * kMiB), 16 * kMiB);
+  EXPECT_GE(roomAfter(16 * kMiB + 1), 20 * kMiB);
 }
 
 TEST(LongText, TakesNoMoreMemoryThanItIsLong) {
