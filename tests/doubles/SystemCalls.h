@@ -5,6 +5,7 @@
 #pragma once
 
 #include <locale.h>
+#include <signal.h>
 
 #include <cerrno>
 #include <chrono>
@@ -65,6 +66,9 @@ class ClockAhead {
   ClockAhead& operator=(const ClockAhead&) = delete;
   ~ClockAhead();
 };
+
+/// The signals that were blocked on the thread that started the last child, when it did.
+[[nodiscard]] sigset_t signalMaskAtLastStart();
 
 /// Sees which locales this process has set for its threads, for as long as the object lives.
 class LocalesSet {

@@ -49,6 +49,7 @@ VARN_BARE bool sameName(const char* a, const char* b) {
   return *a == *b;
 }
 
+sigset_t maskAtStart;
 std::vector<locale_t> localesSet;
 bool seesLocales = false;
 
@@ -104,6 +105,8 @@ NoMemory::~NoMemory() { refusedSize = SIZE_MAX; }
 
 ClockAhead::ClockAhead(std::chrono::seconds time) { ahead = time; }
 ClockAhead::~ClockAhead() { ahead = {}; }
+
+sigset_t signalMaskAtLastStart() { return maskAtStart; }
 
 LocalesSet::LocalesSet() {
   localesSet.clear();
@@ -242,6 +245,7 @@ int __wrap___clone(int (*function)(void*), void* stack, int flags, void* argumen
   va_start(more, argument);
   int* const pidfd = va_arg(more, int*);
   va_end(more);
+  pthread_sigmask(SIG_SETMASK, nullptr, &maskAtStart);
   if (const Order* met = metBy("__clone")) return answer(met);
   if (withoutPidfd) {
     flags &= ~CLONE_PIDFD;

@@ -74,6 +74,9 @@ TEST(LongText, HasLittleRoomUntilItIsLong) {
     }
     return text.take().capacity();
   };
+  LongText atOnce;
+  EXPECT_TRUE(atOnce.append(std::string(16 * kMiB, 'x')));
+  EXPECT_EQ(atOnce.take().capacity(), 16 * kMiB);
   EXPECT_EQ(roomAfter(kMiB), kMiB);
   EXPECT_EQ(roomAfter(kMiB + 1), 16 * kMiB);
   EXPECT_EQ(roomAfter(16 * kMiB), 16 * kMiB);

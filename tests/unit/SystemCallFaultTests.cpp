@@ -254,6 +254,40 @@ TEST_F(SystemCallFaults, WhatThePipeStillHoldsWhenTheChildHasEndedIsTaken) {
   EXPECT_EQ(fault.met(), 1);
 }
 
+TEST_F(SystemCallFaults, WhatComesAfterTheLookAtTheEndedChildsPipeIsNotTaken) {
+  // Two bytes were there at the look, the others come while they are read.
+  const SystemCallFault fault("read", EAGAIN, SystemCallFault::kEveryKind, 1, 1);
+  const SystemCallFault look("ioctl", 0, FIONREAD, 1, 0, 2);
+  EXPECT_EQ(runInTwoParts("echo two; exit 4", untilAChildHasEnded), Result(4, "one\ntw"));
+  EXPECT_EQ(look.met(), 1);
+}
+
+TEST_F(SystemCallFaults, TheStackOfOneChildIsThatOfTheNext) {
+  EXPECT_EQ(runCommand("exit 4"), Result(4, ""));
+  const SystemCallFault fault("mmap", ENOMEM);
+  EXPECT_EQ(runCommand("exit 5"), Result(5, ""));
+  EXPECT_EQ(fault.met(), 0);
+}
+
+TEST_F(SystemCallFaults, AChildIsStartedWithEverySignalBlockedAndTheMaskComesBack) {
+  // A handler of the host's would run in the child, in the host's memory.
+  sigset_t before;
+  sigemptyset(&before);
+  sigaddset(&before, SIGUSR2);
+  ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &before, nullptr), 0);
+  EXPECT_EQ(runCommand("exit 4"), Result(4, ""));
+  const sigset_t atStart = doubles::signalMaskAtLastStart();
+  sigset_t after;
+  ASSERT_EQ(pthread_sigmask(SIG_SETMASK, nullptr, &after), 0);
+  for (int signal = 1; signal <= SIGRTMAX; ++signal) {
+    // The C library keeps some for itself and blocks them for nobody.
+    if (signal >= 32 && signal < SIGRTMIN) continue;
+    EXPECT_EQ(sigismember(&after, signal), signal == SIGUSR2 ? 1 : 0) << signal;
+    if (signal == SIGKILL || signal == SIGSTOP) continue;
+    EXPECT_EQ(sigismember(&atStart, signal), 1) << signal;
+  }
+}
+
 TEST_F(SystemCallFaults, ACharacterThatAnEndedChildBeganIsNotWaitedFor) {
   // A descendant keeps the pipe open, so that its end does not show.
   EXPECT_EQ(runInTwoParts("while [ ! -e stop ]; do sleep 0.01; done & printf 'caf\\303'; exit 4",
