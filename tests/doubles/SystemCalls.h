@@ -39,8 +39,8 @@ class SystemCallFault {
   int order_;
 };
 
-/// Children are started without a pidfd, as kernels do it that have none. In its place stands
-/// `instead`.
+/// Children are started without a pidfd, as kernels do it that have none: they leave its place as
+/// it is. With `instead` it stands there.
 class NoPidfd {
  public:
   explicit NoPidfd(int instead = -1);

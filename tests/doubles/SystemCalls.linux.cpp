@@ -249,7 +249,7 @@ int __wrap___clone(int (*function)(void*), void* stack, int flags, void* argumen
   if (const Order* met = metBy("__clone")) return answer(met);
   if (withoutPidfd) {
     flags &= ~CLONE_PIDFD;
-    *pidfd = insteadOfPidfd;
+    if (insteadOfPidfd >= 0) *pidfd = insteadOfPidfd;
   }
   return __real___clone(function, stack, flags, argument, pidfd);
 }

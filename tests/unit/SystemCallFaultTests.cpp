@@ -262,6 +262,29 @@ TEST_F(SystemCallFaults, WhatComesAfterTheLookAtTheEndedChildsPipeIsNotTaken) {
   EXPECT_EQ(look.met(), 1);
 }
 
+TEST_F(SystemCallFaults, AChildIsWaitedForByWhoeverHasItLast) {
+  std::error_code error;
+  const platform::Pipe pipe = platform::makePipe(error);
+  ASSERT_FALSE(error);
+  const std::string program = "/bin/true";
+  const Texts arguments;
+  const std::string root = "/";
+  auto first = std::make_optional(
+      platform::Child::launch({program, arguments, root, pipe.writingEnd.get()}, error));
+  ASSERT_FALSE(error);
+  platform::Child last(std::move(*first));
+  {
+    const SystemCallFault wait("waitpid", ECHILD);
+    first.reset();
+    EXPECT_EQ(wait.met(), 0);
+  }
+  EXPECT_EQ(last.reap(), 0);
+}
+
+TEST_F(SystemCallFaults, APipeThatDoesNotTellHasTheUsualCapacity) {
+  EXPECT_EQ(platform::pipeCapacity(-1), 65536U);
+}
+
 TEST_F(SystemCallFaults, TheStackOfOneChildIsThatOfTheNext) {
   EXPECT_EQ(runCommand("exit 4"), Result(4, ""));
   const SystemCallFault fault("mmap", ENOMEM);
