@@ -150,6 +150,21 @@ def all_mutants():
             yield from deletion_mutants(path, index, line)
 
 
+def bring_up_to_date(source, target):
+    """Makes `target` a copy of `source`. What differs gets a new time, so that it is compiled anew: a
+    run that was killed may have left a mutant, and its object file."""
+    if source.is_dir():
+        target.mkdir(exist_ok=True)
+        names = {entry.name for entry in source.iterdir()}
+        for entry in target.iterdir():
+            if entry.name not in names:
+                shutil.rmtree(entry) if entry.is_dir() else entry.unlink()
+        for name in names:
+            bring_up_to_date(source / name, target / name)
+    elif not target.exists() or target.read_bytes() != source.read_bytes():
+        shutil.copy(source, target)
+
+
 class Worker:
     """A copy of the tree, built, in which one mutant after another is tried."""
 
@@ -158,12 +173,7 @@ class Worker:
         self.build = directory / "build"
         self.tree.mkdir(parents=True, exist_ok=True)
         for part in PARTS:
-            source = ROOT / part
-            if source.is_dir():
-                shutil.rmtree(self.tree / part, ignore_errors=True)
-                shutil.copytree(source, self.tree / part)
-            else:
-                shutil.copy2(source, self.tree / part)
+            bring_up_to_date(ROOT / part, self.tree / part)
         self._command(["cmake", "-S", self.tree, "-B", self.build, "-G", "Ninja",
                        "-DCMAKE_BUILD_TYPE=", "-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=gold",
                        "-DVARN_BUILD_COMMAND=OFF", "-DVARN_BUNDLED_AGENT_MODULES=OFF",
