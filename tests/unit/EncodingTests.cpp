@@ -68,6 +68,10 @@ TEST(TextEncoding, TellsHowManyBytesAreMissingAtTheEnd) {
         Row{"\xf4\x90", 0}, Row{"\xf5", 0}, Row{"\xc3\x41", 0}, Row{"\x80\x80\x80\x80", 0}}) {
     SCOPED_TRACE(testing::PrintToString(std::string(row.bytes)));
     EXPECT_EQ(text::missingBytesAtEnd(row.bytes), row.missing);
+    // What lies behind the end is not looked at.
+    const std::string longer = std::string(row.bytes) + "\xc3";
+    EXPECT_EQ(text::missingBytesAtEnd(std::string_view(longer).substr(0, longer.size() - 1)),
+              row.missing);
   }
 }
 

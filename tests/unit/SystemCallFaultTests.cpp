@@ -247,6 +247,17 @@ TEST_F(SystemCallFaults, AWaitThatIsRefusedDoesNotNeedThePipe) {
 
 // ---- Moments of the wait ---------------------------------------------------------------------
 
+TEST_F(SystemCallFaults, APipeGrowsForAChildThatHasFilledItAndForNoOther) {
+  const SystemCallFault fault("fcntl", EPERM, F_SETPIPE_SZ);
+  EXPECT_EQ(runCommand("echo text; echo more; exit 4"), Result(4, "text\nmore\n"));
+  EXPECT_EQ(fault.met(), 0);
+  const auto [status, output] =
+      runInTwoParts("head -c 65536 /dev/zero; exit 4", untilAChildHasEnded);
+  EXPECT_EQ(status, 4);
+  EXPECT_EQ(output, "one\n" + std::string(65536, '\0'));
+  EXPECT_EQ(fault.met(), 1);
+}
+
 TEST_F(SystemCallFaults, WhatThePipeStillHoldsWhenTheChildHasEndedIsTaken) {
   // The second read, of which the runner expects the output's end, finds nothing.
   const SystemCallFault fault("read", EAGAIN, SystemCallFault::kEveryKind, 1, 1);
@@ -502,6 +513,19 @@ TEST(LargePages, AreAskedForWhereOneHasRoomAndDoNotMatter) {
   EXPECT_EQ(errno, E2BIG);
   EXPECT_EQ(fault.met(), 1);
   EXPECT_TRUE(memory == std::string(8 * kMiB, 'x'));
+}
+
+TEST(LargePages, AreAskedForByALongTextAndByALargeFile) {
+  const SystemCallFault fault("madvise", EINVAL);
+  LongText text;
+  EXPECT_TRUE(text.append(std::string(2 * kMiB, 'x')));
+  EXPECT_EQ(fault.met(), 1);
+  const doubles::TemporaryDirectory directory;
+  doubles::writeFile(directory.path() + "/large", text.take());
+  std::error_code error;
+  EXPECT_EQ(VarnScriptRepository::files::readWhole(directory.path() + "/large", error).size(),
+            2 * kMiB);
+  EXPECT_FALSE(error);
 }
 
 class MemoryFaults : public doubles::AgentFixture {};
