@@ -23,7 +23,8 @@ class Files : public testing::Test {
 
 TEST_F(Files, AWholeFileIsRead) {
   for (const std::string& content :
-       {std::string(), std::string("text"), std::string("a\0b\n", 4), std::string(1 << 20, 'x')}) {
+       {std::string(), std::string("t"), std::string("text"), std::string("a\0b\n", 4),
+        std::string(16384, 'x'), std::string(16385, 'x'), std::string(1 << 20, 'x')}) {
     doubles::writeFile(path("file"), content);
     std::error_code error = std::make_error_code(std::errc::io_error);
     EXPECT_EQ(files::readWhole(path("file"), error), content);

@@ -213,9 +213,16 @@ TEST_F(SystemCallFaults, WithoutACountOfHeldBytesTheStatusIsKept) {
     EXPECT_EQ(runCommand("sleep 0.2 & exit 4"), Result(4, ""));
     EXPECT_EQ(fault.met(), 1);
   }
-  // A count that is none.
-  const SystemCallFault fault("ioctl", 0, FIONREAD, SystemCallFault::kAlways, 0, -1);
-  EXPECT_EQ(runCommand("sleep 0.2 & exit 4"), Result(4, ""));
+  {
+    // A count that is none.
+    const SystemCallFault fault("ioctl", 0, FIONREAD, SystemCallFault::kAlways, 0, -1);
+    EXPECT_EQ(runCommand("sleep 0.2 & exit 4"), Result(4, ""));
+    EXPECT_EQ(fault.met(), 1);
+  }
+  // What is not counted is not taken.
+  const SystemCallFault nothingNow("read", EAGAIN, SystemCallFault::kEveryKind, 1, 1);
+  const SystemCallFault fault("ioctl", EINVAL, FIONREAD);
+  EXPECT_EQ(runInTwoParts("echo two; exit 4", untilAChildHasEnded), Result(4, "one\n"));
   EXPECT_EQ(fault.met(), 1);
 }
 
