@@ -12,7 +12,7 @@ file. Needs strace, which injects the faults.
 import argparse
 import collections
 import concurrent.futures
-import contextlib
+import ctypes
 import functools
 import http.server
 import os
@@ -49,6 +49,8 @@ ONLY_ERRORS = {"close": ("EIO",)}
 FEWEST_POINTS = 120
 
 TRANSPORTS = ("file", "http")
+
+PR_SET_CHILD_SUBREAPER = 36
 
 RUN_LIMIT = 60  # seconds; a disturbed request that takes longer hangs
 
@@ -106,12 +108,11 @@ def serve(directory):
     return server.server_address[1]
 
 
-def command_lines():
-    """The command line of every process that runs now."""
-    for pid in filter(str.isdigit, os.listdir("/proc")):
-        # It may end meanwhile.
-        with contextlib.suppress(OSError), open(f"/proc/{pid}/cmdline", "rb") as line:
-            yield line.read()
+def become_subreaper():
+    """Makes this process the parent of whatever its descendants leave running."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    if libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0:
+        raise OSError(ctypes.get_errno(), "prctl")
 
 
 def points(harness, computer, server, scenario, directory):
@@ -172,16 +173,20 @@ class Site:
         hit = done.returncode == -signal.SIGKILL if killed else b"(INJECTED)" in read(trace)
         return hit, self._problems_of_disturbed(done, killed)
 
-    def _scripts_have_ended(self):
+    @staticmethod
+    def _scripts_have_ended():
         """Waits for the script that a killed command has left running: what it still does is no
-        part of the next request."""
-        base = self.computer.base.encode()
-        deadline = time.monotonic() + 60
-        while any(base in line for line in command_lines()):
-            if time.monotonic() > deadline:
-                return False
-            time.sleep(0.005)
-        return True
+        part of the next request. It is this process's child by now, see become_subreaper."""
+        deadline = time.monotonic() + RUN_LIMIT
+        while True:
+            try:
+                ended, _ = os.waitpid(-1, os.WNOHANG)
+            except ChildProcessError:
+                return True
+            if ended == 0:
+                if time.monotonic() > deadline:
+                    return False
+                time.sleep(0.002)
 
     def _problems_of_disturbed(self, done, killed):
         problems = []
@@ -239,12 +244,13 @@ def disturb_scenario(harness, scenario, stride, workers):
     directory = os.path.join(harness.directory, ("http-" if harness.use_http else "") + scenario.name)
     count, faults = faults_for(Site(harness, scenario, directory), stride)
     shares = [faults[worker::workers] for worker in range(workers)]
-    with concurrent.futures.ThreadPoolExecutor(workers) as pool:
-        results = pool.map(
-            lambda numbered: work(harness, scenario, f"{directory}-{numbered[0]}", numbered[1]),
-            enumerate(shares),
-        )
-        done = [result for share in results for result in share]
+    # A process for each, to which the children that are left come.
+    with concurrent.futures.ProcessPoolExecutor(workers, initializer=become_subreaper) as pool:
+        results = [
+            pool.submit(work, harness, scenario, f"{directory}-{number}", share)
+            for number, share in enumerate(shares)
+        ]
+        done = [result for share in results for result in share.result()]
     broken = [(fault, problems) for fault, _, problems in done if problems]
     hits = sum(hit for _, hit, _ in done)
     kills = sum(fault[2] == "signal=KILL" for fault in faults)
