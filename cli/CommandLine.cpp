@@ -68,9 +68,7 @@ class Parser {
     } catch (const CLI::Error& error) {
       return usageError(app_.get_subcommands().empty() ? withoutCommand(error) : error.what());
     }
-    if ((run_->parsed() || plan_->parsed()) && result_.scriptID.empty()) {
-      return usageError("SCRIPT_ID must not be empty");
-    }
+    if (const auto empty = nameOfEmptyText()) return usageError(*empty + " must not be empty");
     return taken();
   }
 
@@ -166,6 +164,21 @@ class Parser {
                                         : CommandLine::Command::list;
     if (acceptCodes_->count() > 0) line.acceptCodes = splitCodes(codes_);
     return line;
+  }
+
+  // The first operand or option whose text is empty, as that of a shell's variable that is not set:
+  // below an empty directory lies the root. An empty list of codes alone means something.
+  [[nodiscard]] std::optional<std::string> nameOfEmptyText() const {
+    std::vector<const CLI::App*> apps = {&app_};
+    for (const CLI::App* const command : app_.get_subcommands()) apps.push_back(command);
+    for (const CLI::App* const app : apps) {
+      for (const CLI::Option* const option : app->get_options()) {
+        const auto& texts = option->results();
+        const bool isEmpty = std::find(texts.begin(), texts.end(), "") != texts.end();
+        if (isEmpty && option != acceptCodes_) return option->get_name();
+      }
+    }
+    return std::nullopt;
   }
 
   // What is wrong with a command line that names no command.

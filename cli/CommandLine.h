@@ -19,7 +19,7 @@ struct CommandLine {
 
   Command command = Command::list;
   std::string configFile;  ///< `--config`; empty when not given
-  SettingTexts flags;      ///< the settings that were given as flags
+  SettingTexts flags;      ///< the settings that were given as flags; none is empty
   std::string scriptID;    ///< of `run` and `plan`; never empty there
   /// `--accept-codes`, split at its commas and nothing trimmed; an empty text is an empty list.
   std::optional<std::vector<std::string>> acceptCodes;

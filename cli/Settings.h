@@ -95,7 +95,8 @@ using SettingTexts = std::map<std::string, std::string>;
 /// The value of an environment variable, or nothing.
 using Environment = std::function<std::optional<std::string>(const std::string& name)>;
 
-/// The places that settings come from. An empty text counts as not given there.
+/// The places that settings come from. An empty text counts as not given there; a command line with
+/// an empty flag does not come this far.
 struct SettingSources {
   SettingTexts flags;
   Environment environment;

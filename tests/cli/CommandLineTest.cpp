@@ -137,6 +137,40 @@ TEST(ParseCommandLine, AMistakeIsAUsageError) {
             "varn-scripts --help tells how it is used.\n");
 }
 
+// A variable of a shell that is not set: what it stood for must not be read or written elsewhere.
+TEST(ParseCommandLine, AnEmptyOperandOrValueIsNamed) {
+  const auto firstLine = [](const Arguments& arguments) {
+    const std::string error = replyTo(arguments).error;
+    return error.substr(0, error.find('\n'));
+  };
+  const struct {
+    Arguments arguments;
+    const char* name;
+  } operands[] = {
+      {{"run", ""}, "SCRIPT_ID"},
+      {{"plan", ""}, "SCRIPT_ID"},
+      {{"publish", "", "out"}, "SOURCE_DIR"},
+      {{"publish", "in", ""}, "OUTPUT_DIR"},
+      {{"publish", "in", "", "--check"}, "OUTPUT_DIR"},
+      {{"publish", "in", "out", "--digest", ""}, "--digest"},
+  };
+  for (const auto& [arguments, name] : operands) {
+    EXPECT_EQ(firstLine(arguments), "varn-scripts: " + std::string(name) + " must not be empty")
+        << testing::PrintToString(arguments);
+  }
+  for (const std::string option : {"--config", "--base-path", "--data-path", "--customer",
+                                   "--server", "--ca-file", "--client-cert", "--client-key",
+                                   "--proxy", "--max-download", "--log-format", "--log-file"}) {
+    for (const Arguments& arguments :
+         {Arguments{option, "", "list"}, Arguments{option + "=", "run", "42"},
+          Arguments{"publish", "in", "out", option, ""}}) {
+      EXPECT_EQ(firstLine(arguments), "varn-scripts: " + option + " must not be empty")
+          << testing::PrintToString(arguments);
+    }
+  }
+  EXPECT_EQ(replyTo({"publish", "in", "out", "--keep", ""}).exitStatus, 2);
+}
+
 TEST(ParseCommandLine, AnUnknownOrMissingCommandIsNamed) {
   const auto firstLine = [](const Arguments& arguments) {
     const std::string error = replyTo(arguments).error;

@@ -44,10 +44,6 @@ TEST(PublishCommandLine, TakesItsOptionsAndTheSettings) {
   EXPECT_EQ(line.flags, (SettingTexts{{"customer", "7"}}));
 }
 
-TEST(PublishCommandLine, TakesAnEmptyDigestForGiven) {
-  EXPECT_EQ(parsed({"publish", "--digest=", "in", "out"}).publish.digest, "");
-}
-
 TEST(PublishCommandLine, RefusesToKeepNoListAtAll) {
   EXPECT_EQ(refused({"publish", "--keep", "0", "in", "out"}).exitStatus, 2);
   EXPECT_EQ(refused({"publish", "--keep", "two", "in", "out"}).exitStatus, 2);
