@@ -108,9 +108,10 @@ int run(const CommandLine& line, const Settings& settings) {
     return kExitUsage;
   }
   const Outcome outcome = request(line, settings, requestLog, lock);
-  signals.passUnlessStopping();
   progress.finish();
-  return report(line, outcome);
+  const int exitStatus = report(line, outcome);
+  signals.endWhenStopped();
+  return exitStatus;
 }
 
 }  // namespace VarnScripts

@@ -3,16 +3,16 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <thread>
 
-#include "ChildGroups.h"
+#include "Children.h"
 
 namespace VarnScripts {
 namespace {
 
-// A script that was about to be launched shows as a child within this time, or not at all.
-constexpr std::chrono::seconds kLaunchTime{2};
+// How long a script that is just being launched is given to show as a child, each time.
 constexpr std::chrono::milliseconds kLookAgain{2};
 
 constexpr int kForwarded[] = {SIGINT, SIGTERM, SIGHUP};
@@ -22,17 +22,41 @@ bool isIgnored(int signal) {
   return ::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
+sigset_t setOf(int signal) {
+  sigset_t only;
+  sigemptyset(&only);
+  sigaddset(&only, signal);
+  return only;
+}
+
+// Waits for one of `signals`, which are blocked, and takes it.
+int take(const sigset_t& signals) {
+  int signal = 0;
+  while (::sigwait(&signals, &signal) != 0) {
+  }
+  return signal;
+}
+
 // Ends this process by `signal`, for whoever waits for it to see.
 [[noreturn]] void endBy(int signal) {
   struct sigaction action {};
   action.sa_handler = SIG_DFL;
   ::sigaction(signal, &action, nullptr);
-  sigset_t only;
-  sigemptyset(&only);
-  sigaddset(&only, signal);
+  const sigset_t only = setOf(signal);
   ::pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
   ::raise(signal);
   ::_exit(128 + signal);
+}
+
+// To the script's group, and to the script itself where it has left it or is yet to make it; false
+// when it was just changing over. One that is stopped hears nothing until it goes on.
+bool signalChild(pid_t child, int signal) {
+  const auto send = [signal](pid_t to) { return ::kill(to, signal) == 0 || errno != ESRCH; };
+  const bool groupHasIt = send(-child);
+  const bool itselfHasIt = ::getpgid(child) != child && send(child);
+  ::kill(-child, SIGCONT);
+  ::kill(child, SIGCONT);
+  return groupHasIt || itselfHasIt;
 }
 
 }  // namespace
@@ -47,7 +71,7 @@ SignalForwarding::SignalForwarding() : foreignChildren_(children()) {
   }
   if (!any) return;
   ::pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
-  std::thread([this] { waitForSignal(); }).detach();
+  std::thread([this] { forward(); }).detach();
 }
 
 void SignalForwarding::see(const AgentLog::Record& record) {
@@ -57,48 +81,62 @@ void SignalForwarding::see(const AgentLog::Record& record) {
   const bool ends = record.source == "ScriptRepositoryProcessor" ||
                     record.message.starts_with("Launch path not available: ") ||
                     record.message.starts_with("Launch failed: ");
-  std::unique_lock lock(mutex_);
+  const std::lock_guard lock(mutex_);
+  if (begins) scriptBegan_ = scriptRuns_ = true;
   if (ends) {
     scriptRuns_ = false;
     runEnded_.notify_all();
   }
-  waitForEndWhenStopping(lock);
-  if (begins) scriptRuns_ = true;
 }
 
-void SignalForwarding::passUnlessStopping() {
-  std::unique_lock lock(mutex_);
-  waitForEndWhenStopping(lock);
+void SignalForwarding::endWhenStopped() {
+  const std::lock_guard lock(mutex_);
+  if (signal_ != 0) endBy(signal_);
 }
 
-void SignalForwarding::waitForEndWhenStopping(std::unique_lock<std::mutex>& lock) const {
-  if (!stopping_) return;
-  lock.unlock();
-  for (;;) ::pause();
-}
-
-void SignalForwarding::waitForSignal() {
-  int signal = 0;
-  while (::sigwait(&signals_, &signal) != 0) {
+void SignalForwarding::forward() {
+  const int first = take(signals_);
+  {
+    std::unique_lock lock(mutex_);
+    // While the lock is held, the line before a start is not taken, and nothing is started.
+    if (!scriptBegan_) endBy(first);
+    signal_ = first;
+    passOn(first, lock);
   }
-  passOn(signal);
-  endBy(signal);
+  const int second = take(signals_);
+  const std::lock_guard lock(mutex_);
+  if (scriptRuns_) signalScript(second);
+  endBy(second);
 }
 
-void SignalForwarding::passOn(int signal) {
-  std::unique_lock lock(mutex_);
-  stopping_ = true;
-  const auto deadline = std::chrono::steady_clock::now() + kLaunchTime;
-  while (scriptRuns_) {
-    auto groups = childGroups();
-    std::erase_if(groups, [this](pid_t group) {
-      return std::find(foreignChildren_.begin(), foreignChildren_.end(), group) !=
-             foreignChildren_.end();
-    });
-    for (const pid_t group : groups) ::kill(-group, signal);
-    if (!groups.empty() || std::chrono::steady_clock::now() >= deadline) return;
+void SignalForwarding::passOn(int signal, std::unique_lock<std::mutex>& lock) {
+  while (scriptRuns_ && !signalScript(signal)) {
+    if (std::any_of(std::begin(kForwarded), std::end(kForwarded),
+                    [this](int other) { return isPending(other); })) {
+      return;
+    }
     runEnded_.wait_for(lock, kLookAgain);
   }
+}
+
+bool SignalForwarding::signalScript(int signal) const {
+  auto script = children();
+  std::erase_if(script, [this](pid_t child) {
+    return std::find(foreignChildren_.begin(), foreignChildren_.end(), child) !=
+           foreignChildren_.end();
+  });
+  // One wish may come as two signals in one breath: timeout(1) sends one to its child and one to
+  // the group of both. What comes after the script was told is another wish.
+  if (!script.empty() && isPending(signal)) take(setOf(signal));
+  bool told = false;
+  for (const pid_t child : script) told = signalChild(child, signal) || told;
+  return told;
+}
+
+bool SignalForwarding::isPending(int signal) const {
+  sigset_t pending;
+  return ::sigpending(&pending) == 0 && sigismember(&pending, signal) == 1 &&
+         sigismember(&signals_, signal) == 1;
 }
 
 }  // namespace VarnScripts

@@ -1,8 +1,8 @@
-// Passes the signals that stop this process on to the running script, then ends the process by the
-// same signal.
+// Passes the signals that stop this process on to the running script, and ends the process by the
+// first of them when the request is done.
 //
 // The library tells no process ID and keeps no process-wide state, so the script is found as the
-// child that leads a group of its own, between the log lines that begin and end its run.
+// child of this process, between the log lines that begin and end its run.
 
 #pragma once
 
@@ -20,6 +20,10 @@ namespace VarnScripts {
 /// Forwards SIGINT, SIGTERM and SIGHUP from its construction to the end of the process. A signal
 /// that was ignored at construction stays ignored.
 ///
+/// A signal that comes before a script is started ends the process at once, and nothing is started
+/// any more. One that comes later is passed on, and the process goes on with its work until
+/// `endWhenStopped`. A second one is passed on as well and ends the process at once.
+///
 /// Constructed on the main thread before any other thread is started, so that all threads inherit
 /// the blocked signals; lives as long as the process, because its thread does.
 class SignalForwarding {
@@ -28,27 +32,27 @@ class SignalForwarding {
   SignalForwarding(const SignalForwarding&) = delete;
   SignalForwarding& operator=(const SignalForwarding&) = delete;
 
-  /// Takes the next record of the log, on the thread that makes the request. Does not return once a
-  /// signal has arrived: no script is launched any more, and the process ends by the signal
-  /// although the script may have ended by itself on receiving it.
+  /// Takes the next record of the log, on the thread that makes the request.
   void see(const AgentLog::Record& record);
 
-  /// Returns unless a signal has arrived, as `see` does. Called when the request has ended.
-  void passUnlessStopping();
+  /// Ends the process by the signal that has arrived; returns when none has. Called when the
+  /// request's result has been written.
+  void endWhenStopped();
 
  private:
-  void waitForSignal();
-  void passOn(int signal);
-  void waitForEndWhenStopping(std::unique_lock<std::mutex>& lock) const;
+  [[noreturn]] void forward();
+  void passOn(int signal, std::unique_lock<std::mutex>& lock);
+  bool signalScript(int signal) const;
+  [[nodiscard]] bool isPending(int signal) const;
 
   sigset_t signals_{};
-  // The children that this process was given by the program that it was before. All of them, not
-  // only those with groups of their own: such a child may make its group later.
+  // The children that this process was given by the program that it was before.
   std::vector<pid_t> foreignChildren_;
 
   std::mutex mutex_;
   std::condition_variable runEnded_;
-  bool stopping_ = false;
+  int signal_ = 0;  // the one that the process ends by when the request is done; 0 before it came
+  bool scriptBegan_ = false;
   bool scriptRuns_ = false;
 };
 

@@ -1,5 +1,6 @@
-"""Signals that stop the command reach the running script, and end the command."""
+"""Signals that stop the command reach the running script, and end the command after it."""
 
+import json
 import os
 import signal
 
@@ -90,13 +91,102 @@ class ForwardingTest(CommandCase):
         result = self.finish(process)
         self.assertEqual((result.status, result.output), (0, "went on\n"), result.error)
 
-    @staticmethod
-    def is_running(pid):
-        try:
-            with open(f"/proc/{pid}/stat", encoding="utf-8") as file:
-                return file.read().rsplit(")", 1)[1].split()[0] != "Z"
-        except FileNotFoundError:
-            return False
+    def is_running(self, pid):
+        return self.state_of(pid) not in (None, "Z")
+
+
+class WaitingTest(CommandCase):
+    """After the signal the command waits for the script's end, with its turn held."""
+
+    def start_script_that_goes_on(self, *options):
+        """Starts a script that is signalled, tells so, and ends only when it is let go; gives the
+        command's process when the script has told."""
+        self.go, started, told = self.fifo("go"), self.fifo("started"), self.fifo("told")
+        self.put(text=f"trap 'echo got >{told}' TERM\necho before\n"
+                      f"sleep 100000 &\necho $$ >{started}\nwait\n"
+                      f"read line <{self.go}\necho after\nexit 3\n")
+        process = self.start("run", "42", *options)
+        self.end_process_at_end(int(self.read_line_from(started)))
+        process.terminate()
+        self.assertEqual(self.read_line_from(told), "got")
+        return process
+
+    def let_go(self):
+        with open(self.go, "w", encoding="utf-8") as file:
+            file.write("go\n")
+
+    def test_what_a_script_writes_after_the_signal_is_written_before_the_end_by_it(self):
+        process = self.start_script_that_goes_on()
+        self.let_go()
+        result = self.finish(process)
+        self.assertEqual((result.status, result.output), (-signal.SIGTERM, "before\nafter\n"))
+
+    def test_the_object_holds_what_was_judged(self):
+        process = self.start_script_that_goes_on("--json", "--accept-codes", "3")
+        self.let_go()
+        result = self.finish(process)
+        self.assertEqual(result.status, -signal.SIGTERM)
+        self.assertEqual(json.loads(result.output), {
+            "script_id": "42", "status": "accepted", "output": "before\nafter\n"})
+
+    def test_the_next_request_waits_for_the_end_of_the_script(self):
+        first = self.start_script_that_goes_on()
+        self.put(text="echo next\n", version="2")
+        second = self.start("run", "42")
+        self.wait_until(lambda: self.waits_for_a_lock(second), "the second request's wait")
+        self.let_go()
+        self.assertEqual(self.finish(first).status, -signal.SIGTERM)
+        result = self.finish(second)
+        self.assertEqual((result.status, result.output), (0, "next\n"), result.error)
+
+    def test_a_second_signal_ends_the_command_at_once(self):
+        process = self.start_script_that_goes_on()
+        process.send_signal(signal.SIGINT)
+        result = self.finish(process)
+        self.assertEqual((result.status, result.output), (-signal.SIGINT, ""))
+
+    def test_a_script_that_ignores_every_signal_is_left_by_the_second(self):
+        started, told = self.fifo("started"), self.fifo("told")
+        self.put(text=f"(trap 'echo got >{told}' TERM; sleep 100000 & echo $$ >{started}; wait) &\n"
+                      "trap '' INT TERM HUP\nwhile :; do sleep 1000; done\n")
+        process = self.start("run", "42")
+        script = int(self.read_line_from(started))
+        self.end_process_at_end(script)
+        process.terminate()
+        self.assertEqual(self.read_line_from(told), "got")
+        self.assertIsNone(process.poll())
+        process.terminate()
+        self.assertEqual(self.finish(process).status, -signal.SIGTERM)
+        self.assertNotIn(self.state_of(script), (None, "Z"))
+
+    def test_a_stopped_script_is_continued_to_hear_it(self):
+        started = self.fifo("started")
+        self.put(text=f"trap 'echo heard; exit 0' TERM\necho $$ >{started}\nkill -STOP $$\n"
+                      "sleep 100000\n")
+        process = self.start("run", "42")
+        script = int(self.read_line_from(started))
+        self.end_process_at_end(script)
+        self.wait_until(lambda: self.state_of(script) == "T", "the script's stop")
+        process.terminate()
+        result = self.finish(process)
+        self.assertEqual((result.status, result.output), (-signal.SIGTERM, "heard\n"))
+
+    def test_a_script_that_has_left_its_group_gets_it(self):
+        started = self.fifo("started")
+        self.put(file_name="job.py",
+                 text="import os, signal, sys\n"
+                      "def end(*_):\n    print('heard', flush=True)\n    os._exit(0)\n"
+                      "signal.signal(signal.SIGTERM, end)\n"
+                      "os.setpgid(0, os.getpgid(os.getppid()))\n"
+                      f"open({started!r}, 'w').write(f'{{os.getpid()}}\\n')\n"
+                      "while True: signal.pause()\n")
+        # A group of its own, not that of the tests.
+        process = self.start("run", "42", start_new_session=True)
+        script = int(self.read_line_from(started))
+        self.end_process_at_end(script)
+        process.terminate()
+        result = self.finish(process)
+        self.assertEqual((result.status, result.output), (-signal.SIGTERM, "heard\n"))
 
 
 class AnyMomentTest(CommandCase):

@@ -36,12 +36,6 @@ class TurnsTest(CommandCase):
         with open(self.script_file(name), encoding="utf-8") as file:
             return file.read()
 
-    @staticmethod
-    def waits_for_a_lock(process):
-        with open("/proc/locks", encoding="utf-8") as locks:
-            return any(line.split()[1] == "->" and line.split()[5] == str(process.pid)
-                       for line in locks)
-
     def test_the_same_id_waits_for_its_turn(self):
         self.put_waiting("42")
         first = self.start("run", "42")

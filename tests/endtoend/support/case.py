@@ -148,6 +148,21 @@ class CommandCase(unittest.TestCase):
             self.assertLess(time.monotonic(), deadline, f"did not come: {what}")
             select.select([], [], [], 0.01)
 
+    @staticmethod
+    def waits_for_a_lock(process):
+        with open("/proc/locks", encoding="utf-8") as locks:
+            return any(line.split()[1] == "->" and line.split()[5] == str(process.pid)
+                       for line in locks)
+
+    @staticmethod
+    def state_of(pid):
+        """The system's letter for the state of a process (man 5 proc), or None without it."""
+        try:
+            with open(f"/proc/{pid}/stat", encoding="utf-8") as file:
+                return file.read().rsplit(")", 1)[1].split()[0]
+        except FileNotFoundError:
+            return None
+
     def end_process_at_end(self, pid):
         """Ends, at the end of the test, a process that a script has left running; all processes of
         the script when it is the script itself."""

@@ -1,4 +1,4 @@
-// The running scripts of this process, as the operating system sees them. One file per system.
+// The children of this process, as the operating system sees them. One file per system.
 
 #pragma once
 
@@ -11,8 +11,5 @@ namespace VarnScripts {
 /// The direct children of this process, in no particular order. A child that ended but was not
 /// waited for may be among them. Any thread.
 [[nodiscard]] std::vector<pid_t> children();
-
-/// Those of the children that lead a process group of their own. Any thread.
-[[nodiscard]] std::vector<pid_t> childGroups();
 
 }  // namespace VarnScripts

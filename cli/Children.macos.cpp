@@ -1,6 +1,6 @@
-// macOS: the system lists the children of a process; their groups are asked for one by one.
+// macOS: the system lists the children of a process.
 
-#include "ChildGroups.h"
+#include "Children.h"
 
 #include <libproc.h>
 #include <unistd.h>
@@ -18,12 +18,6 @@ std::vector<pid_t> children() {
                       : children.size());
   std::erase_if(children, [](pid_t child) { return child <= 0; });
   return children;
-}
-
-std::vector<pid_t> childGroups() {
-  std::vector<pid_t> groups = children();
-  std::erase_if(groups, [](pid_t child) { return ::getpgid(child) != child; });
-  return groups;
 }
 
 }  // namespace VarnScripts

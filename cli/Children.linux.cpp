@@ -1,7 +1,6 @@
-// Linux: every process has a directory under /proc whose file "stat" tells its parent and its
-// group.
+// Linux: every process has a directory under /proc whose file "stat" tells its parent.
 
-#include "ChildGroups.h"
+#include "Children.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -21,12 +20,6 @@
 namespace VarnScripts {
 namespace {
 
-struct Process {
-  pid_t pid;
-  pid_t parent;
-  pid_t group;
-};
-
 std::optional<pid_t> pidFrom(std::string_view name) {
   pid_t pid = 0;
   const char* const end = name.data() + name.size();
@@ -35,7 +28,7 @@ std::optional<pid_t> pidFrom(std::string_view name) {
   return pid;
 }
 
-std::optional<Process> processOf(pid_t pid) {
+std::optional<pid_t> parentOf(pid_t pid) {
   const std::string path = "/proc/" + std::to_string(pid) + "/stat";
   const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (descriptor < 0) return std::nullopt;
@@ -47,12 +40,9 @@ std::optional<Process> processOf(pid_t pid) {
   const char* const nameEnd = std::strrchr(buffer.data(), ')');
   if (nameEnd == nullptr) return std::nullopt;
   char state = 0;
-  Process process{};
-  process.pid = pid;
-  if (std::sscanf(nameEnd + 1, " %c %d %d", &state, &process.parent, &process.group) != 3) {
-    return std::nullopt;
-  }
-  return process;
+  pid_t parent = 0;
+  if (std::sscanf(nameEnd + 1, " %c %d", &state, &parent) != 2) return std::nullopt;
+  return parent;
 }
 
 /// Whether this process has no child at all. One call, where the search below makes three for every
@@ -62,11 +52,9 @@ bool isChildless() {
   return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT | __WALL) != 0 && errno == ECHILD;
 }
 
-bool isAny(const Process& /*child*/) { return true; }
+}  // namespace
 
-bool leadsItsGroup(const Process& child) { return child.group == child.pid; }
-
-std::vector<pid_t> childrenThat(bool (*isWanted)(const Process&)) {
+std::vector<pid_t> children() {
   std::vector<pid_t> found;
   if (isChildless()) return found;
   const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir("/proc"), &::closedir);
@@ -74,17 +62,9 @@ std::vector<pid_t> childrenThat(bool (*isWanted)(const Process&)) {
   const pid_t self = ::getpid();
   while (const dirent* entry = ::readdir(directory.get())) {
     const auto pid = pidFrom(static_cast<const char*>(entry->d_name));
-    if (!pid) continue;
-    const auto process = processOf(*pid);
-    if (process && process->parent == self && isWanted(*process)) found.push_back(*pid);
+    if (pid && parentOf(*pid) == self) found.push_back(*pid);
   }
   return found;
 }
-
-}  // namespace
-
-std::vector<pid_t> children() { return childrenThat(isAny); }
-
-std::vector<pid_t> childGroups() { return childrenThat(leadsItsGroup); }
 
 }  // namespace VarnScripts
