@@ -1,5 +1,6 @@
 #include "support/Files.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <locale.h>
 #include <sys/stat.h>
@@ -8,7 +9,10 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
-#include <filesystem>
+#include <memory>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "platform/FileDescriptor.h"
 #include "platform/Memory.h"
@@ -17,6 +21,9 @@ namespace VarnScriptRepository::files {
 namespace {
 
 std::error_code lastError() { return {errno, std::generic_category()}; }
+
+/// Whether `path` is a path at all: the system would take what stands before a NUL for the whole.
+bool isPath(const std::string& path) { return path.find('\0') == std::string::npos; }
 
 /// The error of a path that is no regular file; cleared when it is one.
 std::error_code regularFileError(int fd, struct stat& status) {
@@ -38,6 +45,90 @@ void readRest(int fd, std::string& bytes, std::error_code& error) {
     bytes.append(piece.data(), static_cast<std::size_t>(got));
   }
 }
+
+// ---- Removal ---------------------------------------------------------------------------------
+
+/// Removes `name`, in the directory `at`, unless it is a directory with something in it.
+std::error_code removeOne(int at, const char* name) {
+  if (::unlinkat(at, name, 0) == 0) return {};
+  const std::error_code error = lastError();
+  // What a directory is answered with differs between systems.
+  if (error != std::errc::is_a_directory && error != std::errc::operation_not_permitted) {
+    return error;
+  }
+  if (::unlinkat(at, name, AT_REMOVEDIR) == 0) return {};
+  return errno == ENOTDIR ? error : lastError();
+}
+
+/// An open directory; of no use without its stream.
+struct Directory {
+  std::unique_ptr<DIR, int (*)(DIR*)> stream;
+  dev_t device = 0;
+  ino_t inode = 0;
+
+  [[nodiscard]] int fd() const { return ::dirfd(stream.get()); }
+};
+
+/// The directory `name` in the directory `at`, never by way of a link.
+Directory openDirectory(int at, const char* name, std::error_code& error) {
+  const int fd = platform::retryOnInterrupt(
+      [&] { return ::openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); });
+  struct stat status {};
+  DIR* const stream = fd < 0 || ::fstat(fd, &status) != 0 ? nullptr : ::fdopendir(fd);
+  if (stream == nullptr) error = lastError();
+  if (stream == nullptr && fd >= 0) ::close(fd);
+  return {{stream, &::closedir}, status.st_dev, status.st_ino};
+}
+
+/// Removes what is in `directory` up to the first directory that has something in it; the result
+/// is that one's name, or empty when nothing is left.
+std::string removeUpToFullDirectory(const Directory& directory, std::error_code& error) {
+  errno = 0;
+  while (const dirent* const entry = ::readdir(directory.stream.get())) {
+    const char* const name = entry->d_name;
+    if (name == std::string_view(".") || name == std::string_view("..")) continue;
+    error = removeOne(directory.fd(), name);
+    if (error == std::errc::directory_not_empty) {
+      error.clear();
+      return name;
+    }
+    if (error) return {};
+    errno = 0;
+  }
+  if (errno != 0) error = lastError();
+  return {};
+}
+
+/// Removes all that is in the directory at `path`. Two directories are open at a time, whatever the
+/// depth; the way up is by "..", and held against the directory that was left.
+void emptyDirectory(const std::string& path, std::error_code& error) {
+  struct Level {
+    dev_t device;
+    ino_t inode;
+    std::string nameBelow;
+  };
+  std::vector<Level> above;
+  Directory here = openDirectory(AT_FDCWD, path.c_str(), error);
+  while (!error) {
+    std::string full = removeUpToFullDirectory(here, error);
+    if (error || (full.empty() && above.empty())) return;
+    if (!full.empty()) {
+      Directory below = openDirectory(here.fd(), full.c_str(), error);
+      above.push_back({here.device, here.inode, std::move(full)});
+      here = std::move(below);
+      continue;
+    }
+    const Level left = std::move(above.back());
+    above.pop_back();
+    here = openDirectory(here.fd(), "..", error);
+    if (error) return;
+    const bool isTheOneLeft = here.device == left.device && here.inode == left.inode;
+    error = isTheOneLeft ? removeOne(here.fd(), left.nameBelow.c_str())
+                         : std::make_error_code(std::errc::no_such_file_or_directory);
+  }
+}
+
+// ---- Words -----------------------------------------------------------------------------------
 
 /// The C locale on this thread, for as long as the object lives. The messages of the operating
 /// system's errors change with the locale; without memory for it they stay as they are.
@@ -61,11 +152,15 @@ class CLocale {
 
 bool exists(const std::string& path) noexcept {
   struct stat status {};
-  return ::stat(path.c_str(), &status) == 0;
+  return isPath(path) && ::stat(path.c_str(), &status) == 0;
 }
 
 std::string readWhole(const std::string& path, std::error_code& error) {
   error.clear();
+  if (!isPath(path)) {
+    error = std::make_error_code(std::errc::invalid_argument);
+    return {};
+  }
   // Without O_NONBLOCK the opening of a named pipe would wait for a writer.
   const platform::FileDescriptor fd(platform::retryOnInterrupt(
       [&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK); }));
@@ -85,7 +180,18 @@ std::string readWhole(const std::string& path, std::error_code& error) {
 }
 
 void removeItem(const std::string& path, std::error_code& error) {
-  std::filesystem::remove_all(path, error);
+  // With a slash behind it a link would stand for what it points to.
+  const std::string item = path.substr(0, path.find_last_not_of('/') + 1);
+  const std::string_view name = std::string_view(item).substr(item.rfind('/') + 1);
+  if (!isPath(item) || name.empty() || name == "." || name == "..") {
+    error = std::make_error_code(std::errc::invalid_argument);
+    return;
+  }
+  error = removeOne(AT_FDCWD, item.c_str());
+  if (error != std::errc::directory_not_empty) return;
+  error.clear();
+  emptyDirectory(item, error);
+  if (!error) error = removeOne(AT_FDCWD, item.c_str());
 }
 
 std::string description(const std::error_code& error) {

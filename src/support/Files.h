@@ -1,5 +1,6 @@
 // Files as the library needs them: whole-file reads, existence, removal, and the words for what
-// went wrong. Paths are UTF-8 text. Any thread.
+// went wrong. Paths are UTF-8 text; one that holds a NUL names nothing, whatever stands before the
+// NUL. Any thread.
 
 #pragma once
 
@@ -15,8 +16,10 @@ namespace VarnScriptRepository::files {
 /// success `error` is cleared.
 [[nodiscard]] std::string readWhole(const std::string& path, std::error_code& error);
 
-/// Removes the item at `path`: a file, a link (not what it points to), or a directory with all that
-/// is in it. On failure `error` is set; on success it is cleared.
+/// Removes the item at `path`: a file, a link (not what it points to, also with slashes behind it),
+/// or a directory with all that is in it, at any depth. No link on the way down is followed, not
+/// one that takes a directory's place meanwhile either. Nothing but a directory with something in
+/// it needs a descriptor. On failure `error` is set; on success it is cleared.
 void removeItem(const std::string& path, std::error_code& error);
 
 /// What `error` says, in the C locale's words whatever the process's locale is: "Permission

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,16 @@ class SystemCallFault {
 
  private:
   int order_;
+};
+
+/// Does `what` before each opening relative to a directory, with the name that is opened, for as
+/// long as the object lives.
+class BeforeOpenat {
+ public:
+  explicit BeforeOpenat(std::function<void(const std::string& name)> what);
+  BeforeOpenat(const BeforeOpenat&) = delete;
+  BeforeOpenat& operator=(const BeforeOpenat&) = delete;
+  ~BeforeOpenat();
 };
 
 /// Children are started without a pidfd, as kernels do it that have none: they leave its place as

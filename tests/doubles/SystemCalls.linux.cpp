@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
 // Some of these calls are made by a child that shares the memory of its suspended parent, so that
 // nothing of a sanitizer's bookkeeping may run in them.
@@ -56,6 +57,7 @@ bool seesLocales = false;
 // The smallest allocation that fails.
 std::size_t refusedSize = SIZE_MAX;
 std::chrono::seconds ahead{0};
+std::function<void(const std::string&)> beforeOpenat;
 
 /// The ordered fault that meets this call, or nothing. Then errno is set.
 VARN_BARE const Order* metBy(const char* function,
@@ -93,6 +95,11 @@ SystemCallFault::SystemCallFault(const std::string& function, int error, long ki
 SystemCallFault::~SystemCallFault() { orders[order_].given = false; }
 
 int SystemCallFault::met() const { return orders[order_].met; }
+
+BeforeOpenat::BeforeOpenat(std::function<void(const std::string& name)> what) {
+  beforeOpenat = std::move(what);
+}
+BeforeOpenat::~BeforeOpenat() { beforeOpenat = nullptr; }
 
 NoPidfd::NoPidfd(int instead) {
   withoutPidfd = true;
@@ -197,6 +204,14 @@ int __wrap_open(const char* path, int flags, ...) {
   va_end(more);
   if (const Order* met = metBy("open")) return answer(met);
   return __real_open(path, flags, mode);
+}
+
+int __real_openat(int at, const char* path, int flags, ...);
+int __wrap_openat(int at, const char* path, int flags, ...);
+int __wrap_openat(int at, const char* path, int flags, ...) {
+  if (beforeOpenat) beforeOpenat(path);
+  if (const Order* met = metBy("openat")) return answer(met);
+  return __real_openat(at, path, flags);
 }
 
 int __real_fcntl(int fd, int command, ...);

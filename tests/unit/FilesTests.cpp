@@ -1,6 +1,8 @@
 // Files as the library needs them: reads, existence, removal, the words of an error.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -97,6 +99,104 @@ TEST_F(Files, RemovalOfALinkLeavesItsTarget) {
   EXPECT_FALSE(error);
   EXPECT_FALSE(files::exists(path("link")));
   EXPECT_EQ(doubles::readFile(path("tree/file")), "text");
+}
+
+TEST_F(Files, RemovalOfALinkWithASlashBehindItLeavesItsTarget) {
+  doubles::writeFile(path("tree/file"), "text");
+  ASSERT_EQ(::symlink("tree", path("link").c_str()), 0);
+  std::error_code error;
+
+  files::removeItem(path("link//"), error);
+
+  EXPECT_FALSE(error);
+  EXPECT_NE(::access(path("link").c_str(), F_OK), 0);
+  EXPECT_EQ(doubles::readFile(path("tree/file")), "text");
+}
+
+TEST_F(Files, WhatHasNoNameIsNotRemoved) {
+  doubles::writeFile(path("tree/file"), "text");
+  for (const char* const item : {"/tree/.", "/tree/./", "/tree/inner/..", "/tree/.//"}) {
+    doubles::makeDirectories(path("tree/inner"));
+    std::error_code error;
+    files::removeItem(directory.path() + item, error);
+    EXPECT_EQ(error, std::errc::invalid_argument) << item;
+    EXPECT_EQ(doubles::readFile(path("tree/file")), "text");
+  }
+}
+
+TEST_F(Files, APathWithANULIsNoPath) {
+  using namespace std::string_literals;
+  doubles::writeFile(path("file"), "text");
+  const std::string withNUL = path("file\0.sh"s);
+  std::error_code error;
+
+  EXPECT_FALSE(files::exists(withNUL));
+  EXPECT_EQ(files::readWhole(withNUL, error), "");
+  EXPECT_EQ(error, std::errc::invalid_argument);
+  error.clear();
+  files::removeItem(withNUL, error);
+  EXPECT_EQ(error, std::errc::invalid_argument);
+  EXPECT_EQ(doubles::readFile(path("file")), "text");
+}
+
+/// At most as many descriptors as are open and `more`, for as long as the object lives.
+class FewDescriptors {
+ public:
+  explicit FewDescriptors(rlim_t more) {
+    ::getrlimit(RLIMIT_NOFILE, &before_);
+    const int free = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ::close(free);
+    const rlimit few{static_cast<rlim_t>(free) + more, before_.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &few);
+  }
+  FewDescriptors(const FewDescriptors&) = delete;
+  FewDescriptors& operator=(const FewDescriptors&) = delete;
+  ~FewDescriptors() { ::setrlimit(RLIMIT_NOFILE, &before_); }
+
+ private:
+  rlimit before_{};
+};
+
+TEST_F(Files, WithoutAFreeDescriptorAFileALinkAndAnEmptyDirectoryAreRemoved) {
+  doubles::writeFile(path("file"), "text");
+  doubles::makeDirectories(path("empty"));
+  ASSERT_EQ(::symlink("missing", path("link").c_str()), 0);
+  const FewDescriptors none(0);
+  for (const char* const item : {"file", "empty", "link"}) {
+    std::error_code error;
+    files::removeItem(path(item), error);
+    EXPECT_FALSE(error) << item << ": " << error.message();
+    EXPECT_NE(::faccessat(AT_FDCWD, path(item).c_str(), F_OK, AT_SYMLINK_NOFOLLOW), 0) << item;
+  }
+}
+
+TEST_F(Files, ATreeOfAnyDepthIsRemovedWithTwoDescriptors) {
+  doubles::writeFile(path("tree/file"), "text");
+  int here = ::open(path("tree").c_str(), O_RDONLY | O_CLOEXEC);
+  for (int level = 0; level < 300; ++level) {
+    ASSERT_EQ(::mkdirat(here, "d", 0700), 0);
+    ASSERT_EQ(::mkdirat(here, "e", 0700), 0);
+    ASSERT_EQ(::symlinkat("..", here, "link"), 0);
+    const int inner = ::openat(here, "d", O_RDONLY | O_CLOEXEC);
+    ::close(here);
+    here = inner;
+  }
+  ::close(here);
+  const FewDescriptors two(2);
+  std::error_code error;
+
+  files::removeItem(path("tree"), error);
+
+  EXPECT_FALSE(error) << error.message();
+  EXPECT_FALSE(files::exists(path("tree")));
+}
+
+TEST_F(Files, WithoutDescriptorsAFullDirectorySaysWhy) {
+  doubles::writeFile(path("tree/file"), "text");
+  const FewDescriptors none(0);
+  std::error_code error;
+  files::removeItem(path("tree"), error);
+  EXPECT_EQ(error, std::errc::too_many_files_open);
 }
 
 TEST_F(Files, AFailedRemovalSaysWhy) {

@@ -319,6 +319,30 @@ TEST_F(RemoveScriptData, RemovesALinkAndNotItsTarget) {
   EXPECT_EQ(doubles::readFile(directory.path() + "/target"), "keep");
 }
 
+TEST_F(RemoveScriptData, LeavesTheTargetOfALinkWithASlashBehindIt) {
+  doubles::writeFile(directory.path() + "/target/file", "keep");
+  const std::string link = scriptsDirectory + "/link.sh";
+  ASSERT_EQ(::symlink((directory.path() + "/target").c_str(), link.c_str()), 0);
+  store.rows["9"] = {{"scriptPath", link + "/"}};
+
+  EXPECT_THAT(removeOne("9"),
+              ElementsAre("fetch 9",
+                          ofOne("Removing File <agent>/client-data/7/scripts-repository/link.sh/"),
+                          "delete 9"));
+  EXPECT_EQ(doubles::readFile(directory.path() + "/target/file"), "keep");
+}
+
+TEST_F(RemoveScriptData, FindsNothingAtAPathWithANUL) {
+  using namespace std::string_literals;
+  doubles::writeFile(scriptsDirectory + "/9", "keep");
+  doubles::writeFile(dataDirectory + "/9", "keep");
+  store.rows["9\0"s] = {{"scriptPath", scriptsDirectory + "/9\0.sh"s}};
+
+  EXPECT_THAT(removeOne("9\0"s), ElementsAre("fetch 9\0"s, "delete 9\0"s));
+  EXPECT_EQ(doubles::readFile(scriptsDirectory + "/9"), "keep");
+  EXPECT_EQ(doubles::readFile(dataDirectory + "/9"), "keep");
+}
+
 TEST_F(RemoveScriptData, ThatFailsSaysSoAtInformationLevelAndDeletesTheRow) {
   leaveScript("9");
   // Nobody may remove from the kernel's own file system: root is told that it can't be done, others

@@ -152,12 +152,12 @@ TEST_F(SystemCallFaults, AChildThatGetsNoStandardErrorStartsNothing) {
   expectLaunchFails(fault, "Device or resource busy");
 }
 
-TEST_F(SystemCallFaults, ADirectoryWithANULIsNoDirectory) {
+TEST_F(SystemCallFaults, ADirectoryWithANULIsNoDirectoryAndALaunchPathNone) {
   EXPECT_EQ(shell("/bin/true", "a", {}, directory.path() + std::string("\0x", 2), 600), Result());
   EXPECT_EQ(shell(std::string("/bin/true\0x", 11), "a", {}, directory.path(), 600), Result());
   EXPECT_EQ(journal.log().size(), 4U);
   EXPECT_EQ(journal.log()[1], line("Launch failed: Invalid argument"));
-  EXPECT_EQ(journal.log()[3], line("Launch failed: Invalid argument"));
+  EXPECT_EQ(journal.log()[3], line(std::string("Launch path not available: /bin/true\0x", 38)));
 }
 
 // ---- Interrupted and refused calls of the wait -----------------------------------------------
@@ -589,6 +589,45 @@ TEST_F(SystemCallFaults, AFileThatCannotBeReadToItsEndIsAnError) {
     EXPECT_EQ(error, std::errc::io_error);
   }
   EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(SystemCallFaults, AnInterruptedOpeningOfADirectoryIsRepeated) {
+  doubles::writeFile(path("tree/file"), "");
+  std::error_code error;
+  const SystemCallFault fault("openat", EINTR, SystemCallFault::kEveryKind, 3);
+  files::removeItem(path("tree"), error);
+  EXPECT_FALSE(error);
+  EXPECT_EQ(fault.met(), 3);
+}
+
+TEST_F(SystemCallFaults, ADirectoryThatBecomesALinkDuringItsRemovalTakesNothingElseAway) {
+  doubles::writeFile(path("kept/file"), "text");
+  for (const char* const swapped : {"tree", "tree/inner", "tree/inner/last"}) {
+    doubles::writeFile(path("tree/inner/last/file"), "");
+    const doubles::BeforeOpenat swap([&](const std::string& name) {
+      if (!path(swapped).ends_with(name)) return;
+      ::rename(path(swapped).c_str(), path("aside").c_str());
+      ASSERT_EQ(::symlink(path("kept").c_str(), path(swapped).c_str()), 0);
+    });
+    std::error_code error;
+    files::removeItem(path("tree"), error);
+    EXPECT_EQ(error, std::errc::not_a_directory) << swapped;
+    EXPECT_EQ(doubles::readFile(path("kept/file")), "text");
+    doubles::removeTree(path("tree"));
+    doubles::removeTree(path("aside"));
+  }
+}
+
+TEST_F(SystemCallFaults, ADirectoryThatIsMovedDuringItsRemovalTakesNothingElseAway) {
+  doubles::writeFile(path("kept/file"), "text");
+  doubles::writeFile(path("tree/inner/file"), "");
+  const doubles::BeforeOpenat move([&](const std::string& name) {
+    if (name == "..") ::rename(path("tree/inner").c_str(), path("kept/inner").c_str());
+  });
+  std::error_code error;
+  files::removeItem(path("tree"), error);
+  EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+  EXPECT_EQ(doubles::readFile(path("kept/file")), "text");
 }
 
 TEST_F(SystemCallFaults, ErrorsHaveTheirWordsInThePlainLocaleAndTheCallerHasItsOwnAgain) {
