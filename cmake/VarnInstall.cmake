@@ -93,9 +93,9 @@ install(FILES ${PROJECT_SOURCE_DIR}/completions/varn-scripts.zsh
   RENAME _varn-scripts)
 install(FILES ${PROJECT_SOURCE_DIR}/examples/README.md ${PROJECT_SOURCE_DIR}/examples/varn-scripts.toml
   DESTINATION ${documents}/examples COMPONENT runtime)
-install(PROGRAMS ${PROJECT_SOURCE_DIR}/examples/demo ${PROJECT_SOURCE_DIR}/examples/make-checksums
+install(PROGRAMS ${PROJECT_SOURCE_DIR}/examples/demo
   DESTINATION ${documents}/examples COMPONENT runtime)
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/repository
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/scripts
   DESTINATION ${documents}/examples COMPONENT runtime)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/embed
   DESTINATION ${documents}/examples COMPONENT development)

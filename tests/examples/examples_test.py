@@ -1,11 +1,9 @@
-"""Tests of the examples: the documents of the example repository fit its scripts, each script does
-its job, and the command runs each of them to the verdict that examples/README.md names.
+"""Tests of the examples: the manifest of the example scripts is published, each script does its job, and the command runs each of them to the verdict that examples/README.md names.
 
 The command under test is the environment variable VARN_TESTED_COMMAND. Every test works in a
 temporary directory of its own.
 """
 
-import hashlib
 import json
 import os
 import pathlib
@@ -14,12 +12,11 @@ import subprocess
 import sys
 import tempfile
 import time
+import tomllib
 import unittest
-import xml.etree.ElementTree as ElementTree
 
 EXAMPLES = pathlib.Path(__file__).resolve().parents[2] / "examples"
-REPOSITORY = EXAMPLES / "repository"
-SCRIPT_REPO = pathlib.Path("client-data/acme/scriptrepo")
+SCRIPTS = EXAMPLES / "scripts"
 
 # What examples/README.md promises: script ID, file, accepted codes, verdict.
 DOCUMENTED = [
@@ -70,83 +67,30 @@ class InDirectory(unittest.TestCase):
         return path
 
 
-class Documents(InDirectory):
-    def make_checksums(self, *arguments):
-        return execute([EXAMPLES / "make-checksums", *arguments])
+class Manifest(InDirectory):
+    def test_it_is_published_without_a_warning(self):
+        result = execute([tested_command(), "--customer", "acme", "publish", "--check", "--strict",
+                          SCRIPTS, self.directory / "server"])
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        self.assertEqual(result.stdout, "Checked 6 scripts: nothing to say.\n")
 
-    def copied_repository(self):
-        return pathlib.Path(shutil.copytree(REPOSITORY, self.directory / "repository"))
-
-    def test_every_checksum_and_version_fits(self):
-        result = self.make_checksums("--check")
-        self.assertEqual((result.returncode, result.stderr), (0, ""), result.stdout)
-        self.assertEqual(result.stdout, "6 scripts, 0 out of step\n")
-
-    def test_the_checksum_in_each_document_is_that_of_its_script(self):
-        for script_id, name, codes, _ in DOCUMENTED:
-            with self.subTest(script_id):
-                data = ElementTree.parse(REPOSITORY / SCRIPT_REPO / "data" / f"{script_id}.xml")
-                content = (REPOSITORY / SCRIPT_REPO / "scripts" / script_id / name).read_bytes()
-                checksum = hashlib.sha256(content).hexdigest()
-                self.assertEqual(data.findtext("ChecksumValues/checksum_val"), checksum)
-                self.assertEqual(data.findtext("ChecksumValues/checksum_type"), "sha256")
-                self.assertEqual(data.findtext("ScriptRepo/script_mul_exit_code"), codes)
-
-    def test_the_list_holds_exactly_the_documented_scripts(self):
-        listing = ElementTree.parse(REPOSITORY / SCRIPT_REPO / "scripts-meta.xml")
-        listed = [
-            (entry.findtext("script_id"), entry.findtext("script_file"))
-            for entry in listing.findall("ScriptRepo")
-        ]
-        self.assertEqual(listed, [(script_id, name) for script_id, name, _, _ in DOCUMENTED])
-
-    def test_the_readme_names_each_script_with_its_arguments_and_verdict(self):
-        rows = {}
+    def test_the_readme_names_each_script_with_its_arguments_and_codes(self):
+        rows = []
         for line in (EXAMPLES / "README.md").read_text(encoding="utf-8").splitlines():
             cells = [cell.strip().strip("`") for cell in line.strip("|").split("|")]
             if len(cells) == 6 and cells[0].isdigit():
-                rows[cells[0]] = (cells[1], cells[3], cells[4], cells[5])
-        wanted = {}
-        for script_id, name, codes, verdict in DOCUMENTED:
-            data = ElementTree.parse(REPOSITORY / SCRIPT_REPO / "data" / f"{script_id}.xml")
-            wanted[script_id] = (name, data.findtext("ScriptRepo/script_args"), codes, verdict)
-        self.assertEqual(rows, wanted)
-
-    def test_a_changed_script_is_named_and_then_put_right_with_a_new_version(self):
-        repository = self.copied_repository()
-        with open(repository / SCRIPT_REPO / "scripts/104/large-logs.pl", "a") as script:
-            script.write("# changed\n")
-
-        result = self.make_checksums("--check", repository)
-        self.assertEqual(result.returncode, 1)
-        self.assertIn("104: the checksum of large-logs.pl is ", result.stdout)
-        self.assertTrue(result.stdout.endswith("6 scripts, 1 out of step\n"), result.stdout)
-
-        before = (repository / SCRIPT_REPO / "data/104.xml").read_text()
-        self.assertEqual(self.make_checksums(repository).returncode, 0)
-        self.assertEqual(self.make_checksums("--check", repository).returncode, 0)
-        after = (repository / SCRIPT_REPO / "data/104.xml").read_text()
-        version = [
-            ElementTree.fromstring(text).findtext("ScriptRepo/modified_time")
-            for text in (before, after)
-        ]
-        self.assertNotEqual(version[0], version[1])
-        unchanged = SCRIPT_REPO / "data/103.xml"
+                rows.append((cells[0], cells[1], cells[3], cells[4], cells[5]))
+        manifest = tomllib.loads((SCRIPTS / "scripts.toml").read_text(encoding="utf-8"))
         self.assertEqual(
-            (repository / unchanged).read_bytes(), (REPOSITORY / unchanged).read_bytes()
-        )
-
-    def test_a_missing_script_file_is_a_problem_not_a_success(self):
-        repository = self.copied_repository()
-        (repository / SCRIPT_REPO / "scripts/101/disk-space.sh").unlink()
-        result = self.make_checksums("--check", repository)
-        self.assertEqual(result.returncode, 2)
-        self.assertIn("disk-space.sh", result.stderr)
+            [row[:4] for row in rows],
+            [(script["id"], script["file"], script["arguments"], script.get("accepted_codes", "0"))
+             for script in manifest["script"]])
+        self.assertEqual([(*row[:2], *row[3:]) for row in rows], DOCUMENTED)
 
 
 class Scripts(InDirectory):
     def run_script(self, script_id, *arguments, **added):
-        (script,) = (REPOSITORY / SCRIPT_REPO / "scripts" / script_id).iterdir()
+        script = SCRIPTS / next(name for known, name, _, _ in DOCUMENTED if known == script_id)
         return execute([INTERPRETERS[script.suffix], script, *arguments], **added)
 
     def test_disk_space_passes_with_room_and_names_the_volume_that_runs_short(self):
@@ -282,13 +226,22 @@ class Scripts(InDirectory):
 
 
 class Verdicts(InDirectory):
+    def setUp(self):
+        super().setUp()
+        self.server = self.directory / "server"
+        published = execute([tested_command(), "--customer", "acme", "publish", SCRIPTS, self.server])
+        self.assertEqual(published.returncode, 0, published.stderr)
+
+    def request(self, script_id):
+        # The directory's name holds blanks, which a URL must not.
+        server = f"file://{self.server}".replace(" ", "%20")
+        return execute([tested_command(), "--base-path", self.directory / "computer",
+                        "--customer", "acme", "--server", server, "run", script_id, "--json"])
+
     def test_the_command_runs_every_example_to_its_documented_verdict(self):
         for script_id, name, codes, verdict in DOCUMENTED:
             with self.subTest(script_id):
-                result = execute(
-                    [tested_command(), "--base-path", self.directory, "--customer", "acme"]
-                    + ["--server", f"file://{REPOSITORY}", "run", script_id, "--json"]
-                )
+                result = self.request(script_id)
                 self.assertEqual(result.returncode, EXIT_STATUS[verdict], result.stderr)
                 answer = json.loads(result.stdout)
                 self.assertEqual((answer["script_id"], answer["status"]), (script_id, verdict))
@@ -296,20 +249,14 @@ class Verdicts(InDirectory):
                 self.assertIn(f"Expected Exit Code: {codes}", result.stderr)
 
     def test_the_command_does_not_run_an_example_whose_checksum_is_wrong(self):
-        repository = pathlib.Path(shutil.copytree(REPOSITORY, self.directory / "repository"))
-        with open(repository / SCRIPT_REPO / "scripts/101/disk-space.sh", "a") as script:
-            script.write("echo changed\n")
-        # The directory's name holds blanks, which a URL must not.
-        server = f"file://{repository}".replace(" ", "%20")
-        result = execute(
-            [tested_command(), "--base-path", self.directory / "computer", "--customer", "acme"]
-            + ["--server", server, "run", "101", "--json"]
-        )
+        (script,) = self.server.glob("client-data/acme/scriptrepo/files/*.pl")
+        script.write_text(script.read_text() + "print 'changed';\n")
+        result = self.request("104")
         self.assertEqual(result.returncode, 3, result.stderr)
         self.assertEqual(
             json.loads(result.stdout)["reason"], "Not able to compute checksum processing"
         )
-        self.assertIn("Checksum mismatch ID 3101 ", result.stderr)
+        self.assertIn("Checksum mismatch ID ", result.stderr)
 
 
 class Settings(InDirectory):
@@ -345,7 +292,7 @@ class Demo(InDirectory):
         for _ in range(2):
             result = self.demo(tested_command(), self.directory / "demo")
             self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
-            self.assertIn("\nAll 9 steps went as told. ", result.stdout)
+            self.assertIn("\nAll 10 steps went as told. ", result.stdout)
 
     def test_the_demonstration_fails_with_a_command_that_does_nothing(self):
         program = self.file("nothing", "#!/bin/sh\nexit 0\n")

@@ -9,7 +9,6 @@ VARN_BUILD_TYPE.
 import json
 import os
 import pathlib
-import shutil
 import subprocess
 import sys
 import tempfile
@@ -18,7 +17,6 @@ import unittest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 EMBED = ROOT / "examples/embed"
 CONSUMERS = pathlib.Path(__file__).resolve().parent / "consumers"
-REPOSITORY = ROOT / "examples/repository"
 HEADERS = ["AgentDirectories.h", "AgentLog.h", "AgentSettings.h", "AgentStore.h", "AgentUtils.h",
            "LogSettings.h", "MarkupParser.h", "ScriptRepositoryLocalMeta.h",
            "ScriptRepositoryProcessor.h"]
@@ -63,9 +61,16 @@ class InDirectory(unittest.TestCase):
         (self.directory / "first").rename(prefix)
         return prefix
 
+    def publish(self):
+        server = self.directory / "server"
+        execute([pathlib.Path(os.environ["VARN_BUILD_DIRECTORY"]) / "bin/varn-scripts",
+                 "--customer", "acme", "publish", ROOT / "examples/scripts", server])
+        return server
+
     def check_agent(self, agent):
         base = self.directory / "base"
-        arguments = [REPOSITORY, base, "acme"]
+        server = self.publish()
+        arguments = [server, base, "acme"]
         # Without that file this script is rejected wherever it runs.
         rejected = execute([agent, *arguments, "106"], expected=1)
         self.assertIn("asset tag", rejected.stdout)
@@ -76,10 +81,8 @@ class InDirectory(unittest.TestCase):
         unknown = execute([agent, *arguments, "999"], expected=3)
         self.assertEqual("", unknown.stdout)
         # A script that is not what the checksum covers is not run.
-        server = self.directory / "server"
-        shutil.copytree(REPOSITORY, server)
-        script = server / "client-data/acme/scriptrepo/scripts/106/asset-tag.sh"
-        script.write_text(script.read_text(encoding="utf-8") + "\n", encoding="utf-8")
+        for script in server.glob("client-data/acme/scriptrepo/files/*.sh"):
+            script.write_text(script.read_text(encoding="utf-8") + "\n", encoding="utf-8")
         tampered = execute([agent, server, base, "acme", "106"], expected=3)
         self.assertIn("Checksum mismatch", tampered.stderr)
 
@@ -97,8 +100,9 @@ class Installed(InDirectory):
     def check_shared(self, program):
         base = self.directory / "shared base"
         library = next(self.prefix.rglob("libVarnScriptRepository.so")).parent
+        server = self.publish()
         for script, verdict in (("105", "accepted"), ("106", "rejected"), ("999", "not run")):
-            done = execute([program, base, f"file://{REPOSITORY}", script],
+            done = execute([program, base, f"file://{server}", script],
                            env={**os.environ, "LD_LIBRARY_PATH": str(library)})
             self.assertEqual(f"{base}/client-data/acme/scripts-repository\n"
                              f"{base}/data/Configuration-Framework/ScriptRepository\n"

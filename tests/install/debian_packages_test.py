@@ -23,7 +23,6 @@ RUNTIME = [
     "usr/share/doc/varn-scripts/examples/README.md",
     "usr/share/doc/varn-scripts/examples/demo",
     "usr/share/doc/varn-scripts/examples/look-only.conf",
-    "usr/share/doc/varn-scripts/examples/make-checksums",
     "usr/share/doc/varn-scripts/examples/varn-scripts.toml",
     "usr/share/man/man1/varn-scripts.1.gz",
     "usr/share/man/man5/varn-scripts.toml.5.gz",
@@ -54,7 +53,7 @@ DEVELOPMENT = [
 ]
 # One file for each way of compiling, named after it.
 PER_CONFIGURATION = re.compile(r"Targets-[a-z]+\.cmake$")
-REPOSITORY = "usr/share/doc/varn-scripts/examples/repository/"
+SCRIPTS = "usr/share/doc/varn-scripts/examples/scripts/"
 
 
 def execute(*arguments, **more):
@@ -97,10 +96,10 @@ class Packages(unittest.TestCase):
         self.assertEqual({"varn-scripts", "libvarnscriptrepository-dev"}, set(self.found))
 
     def test_the_commands_package_holds_what_the_list_says(self):
-        files = [path for path in self.files("varn-scripts") if not path.startswith(REPOSITORY)]
+        files = [path for path in self.files("varn-scripts") if not path.startswith(SCRIPTS)]
         self.assertEqual(self.expected("varn-scripts", RUNTIME), files)
-        repository = [path for path in self.files("varn-scripts") if path.startswith(REPOSITORY)]
-        self.assertEqual(13, len(repository))
+        scripts = [path for path in self.files("varn-scripts") if path.startswith(SCRIPTS)]
+        self.assertEqual(7, len(scripts))
 
     def test_the_development_package_holds_what_the_list_says(self):
         package = "libvarnscriptrepository-dev"
