@@ -149,6 +149,8 @@ class Parser {
         ->type_name("N");
     publish_->add_flag("--strict", options.strict, "Refuse what is a warning otherwise");
     publish_->add_flag("--check", options.check, "Check everything and write nothing");
+    publish_->add_flag("--allow-removal", options.allowRemoval,
+                       "Publish a manifest without a script, so that computers remove all theirs");
     publish_
         ->add_option("--digest", options.digest,
                      "Digest of the checksums (default: the manifest's, or sha256)")

@@ -67,7 +67,7 @@ _varn_scripts() {
     run) options="$settings --accept-codes --json" ;;
     plan | list) options="$settings --json" ;;
     prune) options=$settings ;;
-    publish) options="$settings --keep --digest --strict --check" ;;
+    publish) options="$settings --keep --digest --strict --check --allow-removal" ;;
     *) options= ;;
   esac
   if [[ $current == -* ]]; then

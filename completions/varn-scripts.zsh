@@ -61,6 +61,7 @@ _varn_scripts() {
             '--digest[digest of the checksums]:digest:(md5 sha1 sha224 sha256 sha384 sha512)' \
             '--strict[refuse what is a warning otherwise]' \
             '--check[check only, write nothing]' \
+            '--allow-removal[publish a manifest without a script]' \
             '1:source directory:_files -/' '2:output directory:_files -/'
           ;;
       esac

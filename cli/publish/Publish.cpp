@@ -61,7 +61,8 @@ class Publisher {
   // Reads and checks the source. False when it is refused, which has been told then.
   bool look(Source& source) {
     Findings findings;
-    source = readSource({options_.sourceDirectory, options_.digest}, findings);
+    source =
+        readSource({options_.sourceDirectory, options_.digest, options_.allowRemoval}, findings);
     const bool refused = findings.refusals() > 0 || (options_.strict && findings.warnings() > 0);
     // What was told at the first look is not told again.
     if (refused || !told_) tell(findings);

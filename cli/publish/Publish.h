@@ -21,6 +21,7 @@ struct PublishOptions {
   std::size_t keep = 2;               ///< lists whose content stays, the new one included
   bool strict = false;                ///< refuse what is a warning otherwise
   bool check = false;                 ///< look, and write nothing
+  bool allowRemoval = false;          ///< publish a list without a script
   std::optional<std::string> digest;  ///< wins over the manifest's
 };
 

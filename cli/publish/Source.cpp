@@ -60,9 +60,12 @@ class SourceReader {
     const Manifest manifest = parseManifest(text, manifestPath_, findings_);
     Source source;
     source.digest = takeDigest(manifest.digest);
-    if (manifest.scripts.empty() && findings_.refusals() == 0) {
-      findings_.warn({manifestPath_}, "the manifest lists no script",
-                     "list at least one, or clients will remove all they have");
+    // Also what is left of a manifest whose writing was interrupted.
+    if (manifest.scripts.empty() && findings_.refusals() == 0 && !options_.allowRemoval) {
+      findings_.refuse(
+          {manifestPath_},
+          "the manifest lists no script, and every computer would remove all that it has",
+          "list at least one, or give --allow-removal");
     }
     for (const ManifestScript& script : manifest.scripts) takeScript(script, source);
     return source;

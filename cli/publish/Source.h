@@ -34,6 +34,7 @@ struct Source {
 struct SourceOptions {
   std::string directory;              ///< as it was given; messages show it
   std::optional<std::string> digest;  ///< wins over the manifest's
+  bool allowRemoval = false;          ///< take a manifest without a script
 };
 
 /// Reads and checks the manifest and every script. The result is complete when `findings` has got

@@ -129,8 +129,8 @@ TEST_F(Manifest, IsRefusedWithLineAndRemedyWhenSomethingIsWrong) {
        "S/scripts.toml:1: warning: another script with the same md5 digest can be "
        "made; use sha256"},
       {"# nothing\n",
-       "S/scripts.toml: warning: the manifest lists no script; list at least one, "
-       "or clients will remove all they have"},
+       "S/scripts.toml: the manifest lists no script, and every computer would remove all that it "
+       "has; list at least one, or give --allow-removal"},
   };
   for (const auto& [manifest, finding] : manifests) {
     EXPECT_THAT(findingsOf(manifest), ElementsAre(finding)) << manifest;

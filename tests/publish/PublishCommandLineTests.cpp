@@ -31,15 +31,18 @@ TEST(PublishCommandLine, HasADefaultForEveryOption) {
   EXPECT_EQ(line.publish.keep, 2U);
   EXPECT_FALSE(line.publish.strict);
   EXPECT_FALSE(line.publish.check);
+  EXPECT_FALSE(line.publish.allowRemoval);
   EXPECT_EQ(line.publish.digest, std::nullopt);
 }
 
 TEST(PublishCommandLine, TakesItsOptionsAndTheSettings) {
-  const CommandLine line = parsed({"--customer", "7", "publish", "--keep", "5", "--strict",
-                                   "--check", "--digest", "sha512", "in", "out"});
+  const CommandLine line =
+      parsed({"--customer", "7", "publish", "--keep", "5", "--strict", "--check", "--digest",
+              "sha512", "--allow-removal", "in", "out"});
   EXPECT_EQ(line.publish.keep, 5U);
   EXPECT_TRUE(line.publish.strict);
   EXPECT_TRUE(line.publish.check);
+  EXPECT_TRUE(line.publish.allowRemoval);
   EXPECT_EQ(line.publish.digest, "sha512");
   EXPECT_EQ(line.flags, (SettingTexts{{"customer", "7"}}));
 }

@@ -321,6 +321,26 @@ class Refused(PublishCase):
         result = self.publish()
         self.assertEqual([line.split(":")[1] for line in result.error_lines[:-1]], ["2", "3", "5"])
 
+    def test_a_manifest_without_a_script_needs_leave_to_remove_all(self):
+        self.write_script()
+        self.must_publish()
+        before = self.tree()
+        for manifest in ("", "script = []\n", "# all of them\n"):
+            self.write("scripts.toml", manifest)
+            for options in ([], ["--check"], ["--strict"]):
+                result = self.publish(*options)
+                self.assertEqual((result.status, result.output), (2, ""))
+                self.assertEqual(result.error_lines, [
+                    f"{self.source}/scripts.toml: the manifest lists no script, and every computer "
+                    "would remove all that it has; list at least one, or give --allow-removal",
+                    "varn-scripts: nothing is published: 1 refusal"])
+                self.assertEqual(self.tree(), before)
+        self.assertEqual(self.publish("--check", "--allow-removal", "--strict").output,
+                         "Checked 0 scripts: nothing to say.\n")
+        self.assertEqual(self.tree(), before)
+        self.must_publish("--allow-removal")
+        self.assertEqual(self.entries(), {})
+
     def test_warnings_do_not_keep_it_from_publishing(self):
         self.write_script(text="echo a\r\n")
         result = self.publish()
