@@ -90,7 +90,7 @@ class Collector {
   [[nodiscard]] std::string takeOutput() { return output_.take(); }
 
  private:
-  /// The rest of a character that begins with a chunk's last byte.
+  /// The rest of a character that begins with a chunk's last byte. The most that follows a chunk.
   static constexpr std::size_t kLongestRest = 3;
 
   /// What a wait has found; each may be there without the other.
@@ -148,17 +148,20 @@ class Collector {
   }
 
   /// A writer in full flow fills the pipe in the middle of a character; its rest follows at once
-  /// and belongs to this chunk. One that really pauses there loses the chunk.
+  /// and belongs to this chunk. One that really pauses there loses the chunk. What follows may end
+  /// inside a character again: however it goes on, the chunk gets no more than one rest.
   std::size_t takeRestOfCharacter(const platform::Child& child, std::size_t length) {
     const Clock::time_point now = Clock::now();
     const Clock::time_point until =
         std::min(now + kRestOfCharacterWait, limit_ > now ? limit_ : Clock::time_point::max());
     std::size_t taken = 0;
-    while (const std::size_t missing =
-               text::missingBytesAtEnd(std::string_view(chunk_.get(), length + taken))) {
+    while (taken < kLongestRest) {
+      const std::size_t missing =
+          text::missingBytesAtEnd(std::string_view(chunk_.get(), length + taken));
+      if (missing == 0) break;
       // Asked before the read: what a child wrote before it ended is there to be read.
       const bool ended = child.hasEnded();
-      const std::size_t got = read(length + taken, missing);
+      const std::size_t got = read(length + taken, std::min(missing, kLongestRest - taken));
       taken += got;
       if (got > 0) continue;
       if (!readingEnd_ || ended || Clock::now() >= until) break;

@@ -3,7 +3,7 @@
 import os
 import signal
 
-from support.case import CommandCase
+from support.case import DEADLINE, CommandCase
 
 
 class InterpreterTest(CommandCase):
@@ -122,3 +122,99 @@ class EndTest(CommandCase):
         result = self.run_command("--quiet", "run", "42")
         self.assertEqual(result.status, 0)
         self.assertEqual(result.output, "äöü" * 700000 + "\n")
+
+
+class OldEncodingTest(CommandCase):
+    """Scripts that write what is not UTF-8: chunks of it are dropped, and the rest is delivered."""
+
+    # Writes its text in the encoding at each of forty offsets. Behind each it waits until all has
+    # been read, so that the mark that follows is a chunk of its own.
+    SCRIPT = """import fcntl, os, select, sys, termios
+reader_gone = select.poll()
+reader_gone.register(1, 0)
+def write(data):
+    while data:
+        data = data[os.write(1, data):]
+    while any(fcntl.ioctl(1, termios.FIONREAD, bytes(4))) and not reader_gone.poll(1):
+        pass
+for offset in range(40):
+    write(b"x" * offset + bytes.fromhex(sys.argv[1]) * int(sys.argv[2]) + b"\\n")
+    write(b"[%d]\\n" % offset)
+sys.exit(5)
+"""
+    GREEK = "ΞΕΣΚΕΠΑΖΩΤΗΝΨΥΧΗΦΘΟΡΑ" * 3 + " Ξεσκεπάζω την ψυχή "
+    RUSSIAN = "СЪЕШЬЕЩЁЭТИХБУЛОК" * 3 + " съешьещёэтихбулок"
+    GERMAN = "ÄÖÜÄÖÜÄÖÜÄÖÜ Grüße "
+    JAPANESE = "日本語のテキスト"
+    CHINESE = "你好世界𠀀"
+
+    # The encoding, the text, and whether its bytes are all ASCII and so arrive whole.
+    ROWS = [
+        ("iso8859_7", GREEK, False),
+        ("cp1253", GREEK, False),
+        ("cp1251", RUSSIAN, False),
+        ("koi8_r", RUSSIAN, False),
+        ("mac_cyrillic", RUSSIAN, False),
+        ("latin_1", GERMAN, False),
+        ("cp437", GERMAN, False),
+        ("shift_jis", JAPANESE, False),
+        ("euc_jp", JAPANESE, False),
+        ("iso2022_jp", JAPANESE, True),
+        ("gb18030", CHINESE, False),
+        ("big5", "你好世界", False),
+        ("utf_16", GREEK, False),
+        ("utf_16_be", CHINESE, False),
+        ("utf_16_le", RUSSIAN, True),
+        ("utf_32_le", JAPANESE, False),
+    ]
+
+    def run_writer(self, repeated, count):
+        self.put(file_name="write.py", text=self.SCRIPT, arguments=f"{repeated.hex()} {count}",
+                 codes="5", version=repeated.hex())
+        process = self.start("--quiet", "run", "42")
+        output, error = process.communicate(timeout=DEADLINE)
+        self.assertEqual(process.returncode, 0, error)
+        return output
+
+    def test_at_every_offset(self):
+        for encoding, text, whole in self.ROWS:
+            with self.subTest(encoding):
+                repeated = text.encode(encoding)
+                count = 250_000 // len(repeated)
+                rest = self.run_writer(repeated, count)
+                for offset in range(40):
+                    kept, mark, rest = rest.partition(b"[%d]\n" % offset)
+                    self.assertTrue(mark, f"offset {offset}")
+                    written = b"x" * offset + repeated * count + b"\n"
+                    if whole:
+                        self.assertTrue(kept == written, f"offset {offset}")
+                    else:
+                        self.assert_from(kept, written)
+                self.assertEqual(rest, b"")
+
+    def test_as_the_first_output_from_every_offset(self):
+        # The pipe is full, and the first chunk ends, at another place of the text each time.
+        self.put(text='tail -c "+$OFFSET" "$FILE"; exit 5\n', codes="5")
+        for encoding, text in [("iso8859_7", self.GREEK), ("cp1251", self.RUSSIAN),
+                               ("koi8_r", self.RUSSIAN)]:
+            written = (text.encode(encoding) * 2000)[:250_000]
+            with open(self.path(encoding), "wb") as file:
+                file.write(written)
+            for offset in range(40):
+                with self.subTest(encoding, offset=offset):
+                    process = self.start("--quiet", "run", "42", environment=self.environment(
+                        FILE=self.path(encoding), OFFSET=str(offset + 1)))
+                    output, error = process.communicate(timeout=DEADLINE)
+                    self.assertEqual(process.returncode, 0, error)
+                    self.assert_from(output, written[offset:])
+
+    def assert_from(self, output, written):
+        """`output` is UTF-8 and made of nothing but what was written, in its order."""
+        output.decode()
+        rest = iter(written)
+        self.assertTrue(all(byte in rest for byte in output), "something that nobody wrote")
+
+    def test_lead_bytes_alone(self):
+        output = self.run_writer(b"\xc3", 1_000_000)
+        for offset in range(40):
+            self.assertIn(b"[%d]\n" % offset, output)

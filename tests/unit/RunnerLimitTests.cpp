@@ -114,6 +114,10 @@ TEST_F(ShellLimit, EndsAChildThatWritesForEver) {
   EXPECT_THAT(journal.log(), testing::Contains(kKilling));
 }
 
+TEST_F(ShellLimit, EndsAChildThatWritesLeadBytesForEver) {
+  EXPECT_EQ(runCommand(R"(exec tr '\000' '\303' </dev/zero)", 1), Result(SIGTERM, ""));
+}
+
 TEST_F(ShellLimit, EndsAChildThatClosedItsOutput) {
   EXPECT_EQ(runCommand("exec >&- 2>&-; exec sleep 1000", 1), Result(SIGTERM, ""));
 }

@@ -102,6 +102,15 @@ TEST_F(ShellOutput, JoinsACharacterWhoseRestFollowsAtOnce) {
   EXPECT_TRUE(joined);
 }
 
+TEST_F(ShellOutput, JoinsNoMoreThanThreeBytesToAChunk) {
+  // Each byte but the last begins a character. As above, one try has to go without a pause.
+  bool separate = false;
+  for (int attempt = 0; attempt < 20 && !separate; ++attempt) {
+    separate = writeChunks({"c3", "c3", "c3", "c3", "41"}) == Result(0, "A");
+  }
+  EXPECT_TRUE(separate);
+}
+
 TEST_F(ShellOutput, LosesBothChunksOfAWriterThatPausesInsideACharacter) {
   EXPECT_EQ(writeChunks({"6f6b", "61e282", "pause", "ac62", "636f"}), Result(0, "okco"));
   EXPECT_EQ(chunksTaken(), 2U);
@@ -117,6 +126,12 @@ TEST_F(ShellOutput, LosesNoCharacterOfAWriterInFullFlow) {
   ASSERT_TRUE(output);
   EXPECT_EQ(output->size(), 3U * 262144U);
   EXPECT_EQ(output->find_first_not_of("\u20ac"), std::string::npos);
+}
+
+TEST_F(ShellOutput, OfLeadBytesAloneIsDroppedHoweverMuchItIs) {
+  // Whatever follows such a byte begins a character anew: more of it never completes one.
+  EXPECT_EQ(runCommand(R"(head -c 4000000 /dev/zero | tr '\000' '\303'; exit 4)"), Result(4, ""));
+  EXPECT_EQ(chunksTaken(), 0U);
 }
 
 TEST_F(ShellOutput, IsCompleteHoweverShortTheRun) {
