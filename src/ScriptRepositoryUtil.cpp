@@ -20,6 +20,7 @@
 #include <utility>
 
 #include "platform/Child.h"
+#include "platform/Clock.h"
 #include "support/Encoding.h"
 #include "support/Files.h"
 #include "support/Guard.h"
@@ -30,7 +31,7 @@
 namespace VarnScriptRepository {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = platform::AwakeClock;
 using Status = std::optional<std::int32_t>;
 using Output = std::optional<std::string>;
 

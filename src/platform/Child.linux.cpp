@@ -9,11 +9,13 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <optional>
 #include <utility>
 
 #include "platform/ChildParts.h"
@@ -139,6 +141,14 @@ std::optional<std::int32_t> statusFromPidfd(int pidfd) noexcept {
   if (pidfd < 0 || ::ioctl(pidfd, kPidfdGetInfo, &info) != 0) return std::nullopt;
   if ((info.mask & kPidfdInfoExit) == 0) return std::nullopt;
   return statusFromWait(info.exitCode);
+}
+
+/// Waits for the process; nothing when its status can't be had.
+std::optional<std::int32_t> waitForStatus(int processID) noexcept {
+  int status = 0;
+  const auto waited = retryOnInterrupt([&] { return ::waitpid(processID, &status, 0); });
+  if (waited != processID) return std::nullopt;
+  return statusFromWait(status);
 }
 
 }  // namespace

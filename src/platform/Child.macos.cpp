@@ -3,18 +3,26 @@
 
 #include <crt_externs.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/event.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <optional>
+#include <thread>
 #include <utility>
 
 #include "platform/ChildParts.h"
 
 namespace VarnScriptRepository::platform {
 namespace {
+
+/// How often a child is asked for that is about to end.
+constexpr std::chrono::milliseconds kAskInterval{1};
 
 /// What posix_spawn is told beside the program. Each step's error ends the setting up.
 class SpawnSettings {
@@ -98,6 +106,12 @@ std::optional<std::int32_t> statusFromWatch(int queue) noexcept {
   return statusFromWait(static_cast<int>(event.data));
 }
 
+/// Whether the watch has told the end, which it goes on to tell.
+bool hasTold(int queue) noexcept {
+  pollfd watched{queue, POLLIN, 0};
+  return ::poll(&watched, 1, 0) == 1;
+}
+
 bool closeOnExec(const FileDescriptor& fd) { return ::fcntl(fd.get(), F_SETFD, FD_CLOEXEC) == 0; }
 
 }  // namespace
@@ -147,13 +161,26 @@ Child Child::launch(const Program& program, std::error_code& error) {
     error = {failed, std::generic_category()};
     return {0, FileDescriptor()};
   }
-  return {processID, watchEnd(processID)};
+  Child child(processID, watchEnd(processID));
+  // A child that was ending meanwhile may be watched and never be told of; then it is asked for.
+  if (child.hasEnded() && !hasTold(child.endDescriptor())) child.endDescriptor_.reset();
+  return child;
 }
 
 std::int32_t Child::reap() noexcept {
   const int processID = std::exchange(processID_, 0);
-  if (const auto status = waitForStatus(processID)) return *status;
-  return statusFromWatch(endDescriptor_.get()).value_or(kStatusLost);
+  // Where the host ignores SIGCHLD, the watch alone keeps the status, and a wait that blocks may
+  // last until the host's last child has ended. The watch tells the end before the process can be
+  // waited for, so asking once is not enough.
+  auto status = statusFromWatch(endDescriptor_.get());
+  int raw = 0;
+  pid_t waited = 0;
+  while ((waited = retryOnInterrupt([&] { return ::waitpid(processID, &raw, WNOHANG); })) == 0) {
+    std::this_thread::sleep_for(kAskInterval);
+  }
+  if (!status && waited == processID) status = statusFromWait(raw);
+  if (!status) status = statusFromWatch(endDescriptor_.get());
+  return status.value_or(kStatusLost);
 }
 
 }  // namespace VarnScriptRepository::platform

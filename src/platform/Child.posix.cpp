@@ -51,13 +51,6 @@ std::int32_t statusFromWait(int status) noexcept {
   return WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-std::optional<std::int32_t> waitForStatus(int processID) noexcept {
-  int status = 0;
-  const auto waited = retryOnInterrupt([&] { return ::waitpid(processID, &status, 0); });
-  if (waited != processID) return std::nullopt;
-  return statusFromWait(status);
-}
-
 Child::Child(Child&& other) noexcept
     : processID_(std::exchange(other.processID_, 0)),
       endDescriptor_(std::move(other.endDescriptor_)) {}
@@ -71,8 +64,10 @@ bool Child::hasEnded() const noexcept {
   const int result = retryOnInterrupt([&] {
     return ::waitid(P_PID, static_cast<id_t>(processID_), &info, WEXITED | WNOHANG | WNOWAIT);
   });
-  // Where the host ignores SIGCHLD an ended child is gone, and the call fails.
-  return result != 0 || info.si_pid != 0;
+  // Where the host ignores SIGCHLD an ended child is gone, and the call fails. macOS tells of a
+  // stopped child too, although it was not asked to.
+  return result != 0 || info.si_code == CLD_EXITED || info.si_code == CLD_KILLED ||
+         info.si_code == CLD_DUMPED;
 }
 
 void Child::terminateGroup() const noexcept { ::kill(-processID_, SIGTERM); }

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -26,8 +25,5 @@ namespace VarnScriptRepository::platform {
 
 /// The exit status or the signal's number in a status as `waitpid` gives it.
 [[nodiscard]] std::int32_t statusFromWait(int status) noexcept;
-
-/// Waits for the process; nothing when its status can't be had.
-[[nodiscard]] std::optional<std::int32_t> waitForStatus(int processID) noexcept;
 
 }  // namespace VarnScriptRepository::platform

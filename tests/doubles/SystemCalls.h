@@ -69,10 +69,12 @@ class NoMemory {
   ~NoMemory();
 };
 
-/// The steady clock is ahead of the real one by `time`.
+/// Every clock is ahead of the real one by `time`, or, after a sleep of the computer, every clock
+/// but the one that stands meanwhile.
 class ClockAhead {
  public:
-  explicit ClockAhead(std::chrono::seconds time);
+  enum class After { time, sleep };
+  explicit ClockAhead(std::chrono::seconds time, After after = After::time);
   ClockAhead(const ClockAhead&) = delete;
   ClockAhead& operator=(const ClockAhead&) = delete;
   ~ClockAhead();

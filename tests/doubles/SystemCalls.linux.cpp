@@ -9,6 +9,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 #include <utf8proc.h>
 
@@ -57,6 +58,7 @@ bool seesLocales = false;
 // The smallest allocation that fails.
 std::size_t refusedSize = SIZE_MAX;
 std::chrono::seconds ahead{0};
+std::chrono::seconds awakeClockAhead{0};
 std::function<void(const std::string&)> beforeOpenat;
 
 /// The ordered fault that meets this call, or nothing. Then errno is set.
@@ -110,8 +112,11 @@ NoPidfd::~NoPidfd() { withoutPidfd = false; }
 NoMemory::NoMemory(std::size_t least) { refusedSize = least; }
 NoMemory::~NoMemory() { refusedSize = SIZE_MAX; }
 
-ClockAhead::ClockAhead(std::chrono::seconds time) { ahead = time; }
-ClockAhead::~ClockAhead() { ahead = {}; }
+ClockAhead::ClockAhead(std::chrono::seconds time, After after) {
+  ahead = time;
+  if (after == After::time) awakeClockAhead = time;
+}
+ClockAhead::~ClockAhead() { ahead = awakeClockAhead = {}; }
 
 sigset_t signalMaskAtLastStart() { return maskAtStart; }
 
@@ -238,6 +243,14 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
     return answer(met);
   }
   return __real_ioctl(fd, request, argument);
+}
+
+int __real_clock_gettime(clockid_t clock, timespec* time);
+int __wrap_clock_gettime(clockid_t clock, timespec* time);
+int __wrap_clock_gettime(clockid_t clock, timespec* time) {
+  const int result = __real_clock_gettime(clock, time);
+  time->tv_sec += (clock == CLOCK_MONOTONIC ? awakeClockAhead : ahead).count();
+  return result;
 }
 
 long __real_syscall(long number, ...);

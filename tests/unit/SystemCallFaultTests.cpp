@@ -344,6 +344,15 @@ TEST_F(SystemCallFaults, ALimitThatPassesIsFollowedByASIGTERM) {
   EXPECT_THAT(journal.log(), Contains(line("shell: Killing process due to 600s time-out")));
 }
 
+TEST_F(SystemCallFaults, ATimeInWhichTheComputerSleptDoesNotCount) {
+  std::optional<ClockAhead> clock;
+  EXPECT_EQ(
+      runInTwoParts("sleep 0.1; echo two; exit 4",
+                    [&] { clock.emplace(std::chrono::seconds(kLimit), ClockAhead::After::sleep); }),
+      Result(4, "one\ntwo\n"));
+  EXPECT_THAT(journal.log(), Not(Contains(line("shell: Killing process due to 600s time-out"))));
+}
+
 TEST_F(SystemCallFaults, ALimitThatPassesAfterTheChildHasEndedIsNoTimeOut) {
   std::optional<ClockAhead> clock;
   EXPECT_EQ(runInTwoParts("exit 4",
