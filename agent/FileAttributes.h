@@ -26,4 +26,7 @@ namespace AgentUtils {
 /// Sets the attribute; does nothing where that can't be done.
 void setFileAttribute(const FileDescriptor& file, const char* name, const std::string& value);
 
+/// Removes the attribute. Whether there was one and it is gone.
+bool removeFileAttribute(const FileDescriptor& file, const char* name);
+
 }  // namespace AgentUtils

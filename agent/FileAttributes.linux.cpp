@@ -22,4 +22,8 @@ void setFileAttribute(const FileDescriptor& file, const char* name, const std::s
   static_cast<void>(fsetxattr(file.get(), name, value.data(), value.size(), 0));
 }
 
+bool removeFileAttribute(const FileDescriptor& file, const char* name) {
+  return fremovexattr(file.get(), name) == 0;
+}
+
 }  // namespace AgentUtils

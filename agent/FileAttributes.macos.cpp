@@ -11,6 +11,7 @@ ssize_t fgetxattr(int file, const char* name, void* value, size_t size, uint32_t
                   int options);
 int fsetxattr(int file, const char* name, const void* value, size_t size, uint32_t position,
               int options);
+int fremovexattr(int file, const char* name, int options);
 }
 #endif
 
@@ -30,6 +31,10 @@ std::string fileAttribute(const FileDescriptor& file, const char* name, std::siz
 
 void setFileAttribute(const FileDescriptor& file, const char* name, const std::string& value) {
   static_cast<void>(fsetxattr(file.get(), name, value.data(), value.size(), 0, 0));
+}
+
+bool removeFileAttribute(const FileDescriptor& file, const char* name) {
+  return fremovexattr(file.get(), name, 0) == 0;
 }
 
 }  // namespace AgentUtils

@@ -40,6 +40,7 @@ enum class Outcome {
 
 Outcome fetchOverHTTP(const std::string& asked, const AgentSettings& settings,
                       DownloadTarget& target) {
+  noteFetchedFile(target.path());
   // The validators are about the URL that was asked for. What a redirect leads to may be another
   // file each time, so its answer is neither asked for with them nor are its own kept.
   std::optional<KeptCopy> kept = KeptCopy::find(target.path(), asked, settings.maxDownload);

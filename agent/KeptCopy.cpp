@@ -9,6 +9,7 @@
 #include <string_view>
 #include <utility>
 
+#include "DecodeWatch.h"
 #include "FileAttributes.h"
 #include "FileDigest.h"
 
@@ -44,12 +45,12 @@ std::string attributeText(const std::string& digest, const std::string& url,
   return digest + '\n' + url + '\n' + validators.entityTag + '\n' + validators.lastModified;
 }
 
-/// The paths whose files have been found wrong and were not asked for since.
-class DistrustedPaths {
+/// The paths that this process has downloaded to.
+class FetchedPaths {
  public:
-  static DistrustedPaths& shared() {
+  static FetchedPaths& shared() {
     // Never destroyed: a download may be under way while static objects go.
-    static DistrustedPaths& paths = *new DistrustedPaths;
+    static FetchedPaths& paths = *new FetchedPaths;
     return paths;
   }
 
@@ -58,16 +59,39 @@ class DistrustedPaths {
     paths_.insert(path);
   }
 
-  /// Whether the path was one of them; it is none any more.
-  [[nodiscard]] bool take(const std::string& path) {
+  [[nodiscard]] bool contains(const std::string& path) {
     const std::lock_guard lock(mutex_);
-    return paths_.erase(path) > 0;
+    return paths_.contains(path);
+  }
+
+  /// All of them; there are none afterwards.
+  [[nodiscard]] std::set<std::string> takeAll() noexcept {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(paths_, {});
   }
 
  private:
   std::mutex mutex_;
   std::set<std::string> paths_;
 };
+
+FileDescriptor openedForReading(const std::string& path) {
+  // Not blocking, or a FIFO at that path would be waited for.
+  return FileDescriptor(
+      open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+}
+
+/// Takes the validators from the file on disk, so that no process asks with them any more.
+void forgetValidators(const std::string& path) noexcept {
+  const FileDescriptor file = openedForReading(path);
+  if (!file.isOpen() || !removeFileAttribute(file, kAttribute)) return;
+  // A loss of power must not bring them back.
+  static_cast<void>(fsync(file.get()));
+}
+
+void distrustFetchedFiles() noexcept {
+  for (const std::string& path : FetchedPaths::shared().takeAll()) forgetValidators(path);
+}
 
 /// What an attribute's text says.
 struct Kept {
@@ -100,10 +124,7 @@ std::optional<Kept> keptIn(std::string_view text) {
 
 std::optional<KeptCopy> KeptCopy::find(const std::string& path, const std::string& url,
                                        std::uint64_t mostBytes) {
-  if (DistrustedPaths::shared().take(path)) return std::nullopt;
-  // Not blocking, or a FIFO at that path would be waited for.
-  FileDescriptor file(
-      open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+  FileDescriptor file = openedForReading(path);
   if (!file.isOpen()) return std::nullopt;
   KeptCopy copy(std::move(file), path);
   struct stat& status = copy.status_;
@@ -128,12 +149,15 @@ bool KeptCopy::isUntouched() const {
          isSameState(opened, status_) && isSameState(named, status_);
 }
 
+void noteFetchedFile(const std::string& path) {
+  MarkupParser::notifyOfUndecodable(distrustFetchedFiles);
+  FetchedPaths::shared().add(path);
+}
+
 void distrustFile(const std::string& path) noexcept {
-  try {
-    DistrustedPaths::shared().add(path);
-  } catch (...) {
-    // Out of memory: the server is asked whether it has another file, as for any other.
-  }
+  // A file that was changed here says nothing against those that came from the server.
+  if (FetchedPaths::shared().contains(path)) distrustFetchedFiles();
+  forgetValidators(path);
 }
 
 void keepWithFile(const FileDescriptor& file, const std::string& url,

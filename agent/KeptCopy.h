@@ -21,8 +21,7 @@ class KeptCopy {
  public:
   /// The copy at `path` of what `url` named. Nothing unless it is a regular file of this user's,
   /// for the owner alone, not larger than `mostBytes`, with validators of exactly this URL, and
-  /// with the digest that is kept with them, and was not distrusted. A symbolic link is not
-  /// followed.
+  /// with the digest that is kept with them. A symbolic link is not followed.
   [[nodiscard]] static std::optional<KeptCopy> find(const std::string& path, const std::string& url,
                                                     std::uint64_t mostBytes);
 
@@ -41,8 +40,16 @@ class KeptCopy {
   Validators validators_;
 };
 
-/// Says that the file at `path` is not what it must be, whatever the server says of it: the next
-/// download to that path in this process is a whole one. Any thread; never throws.
+/// Says that this process is about to download to `path`. When a document turns out not to decode,
+/// all files that were fetched so far lose their validators on disk: the parser knows bytes and not
+/// where they come from, and what is asked for whole in vain costs little. Any thread; throws only
+/// when memory is out.
+void noteFetchedFile(const std::string& path);
+
+/// Takes the validators of the file at `path`, whose checksum is wrong, from the disk: the next
+/// download, in whatever process, is a whole one. When this process has fetched the file, the fault
+/// may be in a document that led to it, so all files that were fetched so far lose theirs. Any
+/// thread; never throws.
 void distrustFile(const std::string& path) noexcept;
 
 /// Keeps the validators with the open file, which has just been received whole from `url`. They

@@ -53,6 +53,7 @@ bool RecordDecoder::begin(const char* name, const char** attributes, std::size_t
     skipped_ = 1;
     return true;
   }
+  isOfRecord_ = true;
   if (field->kind == RecordField::Kind::list) {
     open(field->elementSchema(), field->append(frame.record), attributes, count);
     return true;

@@ -42,6 +42,9 @@ class RecordDecoder {
   /// The document ends. Whether the record is complete.
   [[nodiscard]] bool finish() const { return frames_.size() == 1 && isComplete(frames_.front()); }
 
+  /// Whether any element of the document has been one of the record's.
+  [[nodiscard]] bool isOfRecord() const { return isOfRecord_; }
+
  private:
   /// A record whose element is open, and which of its fields have been seen, one bit each.
   struct Frame {
@@ -67,6 +70,7 @@ class RecordDecoder {
   std::uint64_t skipped_ = 0;  ///< open elements from the one that is skipped inwards
   const CharacterSet* trimming_;
   bool ignoreNamespaces_;
+  bool isOfRecord_ = false;
 };
 
 }  // namespace MarkupParser

@@ -1,5 +1,5 @@
-// The checksum validator. Its only state is which files it has found wrong, which the downloader
-// asks for whole. Any thread; nothing throws.
+// The checksum validator. What it finds wrong the downloader asks for whole. No state of its own;
+// any thread; nothing throws.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -35,8 +35,8 @@ bool VyCryptography::validateCheckSumForFile(const std::string& path, const std:
                                              const std::string& Checksum) {
   try {
     if (hasChecksum(path, Type, Checksum)) return true;
-    // Were it asked for conditionally again, a server that takes its new file for the old one would
-    // keep it wrong for ever.
+    // Were it asked for conditionally again, a damaged answer, or a server that takes its new file
+    // for the old one, would keep it wrong for ever.
     distrustFile(path);
     return false;
   } catch (...) {

@@ -8,6 +8,7 @@
 #include <expat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -15,6 +16,7 @@
 #include <string_view>
 #include <utility>
 
+#include "DecodeWatch.h"
 #include "MarkupParser.h"
 #include "RecordDecoder.h"
 
@@ -208,7 +210,11 @@ class Reader {
   bool failed_ = false;
 };
 
+std::atomic<void (*)() noexcept> undecodableNotice = nullptr;
+
 }  // namespace
+
+void notifyOfUndecodable(void (*notify)() noexcept) noexcept { undecodableNotice = notify; }
 
 XML::Accessor::Accessor(std::shared_ptr<const Document> document)
     : document_(std::move(document)) {}
@@ -219,7 +225,11 @@ bool XML::Accessor::decode(const RecordSchema& schema, void* record) const {
     const Document& document = *document_;
     RecordDecoder decoder(schema, record, document.trimming ? &*document.trimming : nullptr,
                           document.ignoreNamespaces);
-    return Reader(document.data, decoder).read() && decoder.finish();
+    const bool decoded = Reader(document.data, decoder).read() && decoder.finish();
+    if (!decoded || !decoder.isOfRecord()) {
+      if (const auto notify = undecodableNotice.load()) notify();
+    }
+    return decoded;
   } catch (...) {
     // Out of memory: as good as no document.
     return false;

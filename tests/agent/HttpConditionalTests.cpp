@@ -14,6 +14,7 @@
 #include "support/DownloadFixture.h"
 #include "support/Gzip.h"
 #include "support/HttpServer.h"
+#include "support/SmallRecords.h"
 
 namespace {
 
@@ -156,13 +157,47 @@ TEST_F(HttpConditional, AsksForTheWholeFileOnceItsChecksumWasWrong) {
   fetchFirst(kTag);
   ASSERT_FALSE(
       AgentUtils::VyCryptography::validateCheckSumForFile(target, "sha256", std::string(64, '0')));
-  // Until it is asked for, whatever else is.
+  // The next process is told so too.
+  EXPECT_EQ(attributeOf(target), "");
   server.answer("/b", httpAnswer("200 OK", "other", kTag), HttpServer::Then::keep);
   EXPECT_TRUE(download("b", base / "other"));
   expectWholeDownload("after a wrong checksum");
   answerNotModified(kTag);
   EXPECT_TRUE(download("a", target));
   EXPECT_EQ(condition(), "If-None-Match: \"v1\"");
+}
+
+TEST_F(HttpConditional, AWrongChecksumTakesTheValidatorsOfTheDocumentsThatLedToIt) {
+  server.answer("/list", httpAnswer("200 OK", "list", kTag), HttpServer::Then::keep);
+  ASSERT_TRUE(download("list", base / "list"));
+  writeFile(base / "changed here", "text");
+  EXPECT_FALSE(AgentUtils::VyCryptography::validateCheckSumForFile(base / "changed here", "sha256",
+                                                                   std::string(64, '0')));
+  EXPECT_NE(attributeOf(base / "list"), "");
+  fetchFirst(kTag);
+  EXPECT_FALSE(
+      AgentUtils::VyCryptography::validateCheckSumForFile(target, "sha256", std::string(64, '0')));
+  EXPECT_EQ(attributeOf(base / "list"), "");
+}
+
+TEST_F(HttpConditional, AsksForTheWholeFileOnceItDidNotDecode) {
+  const struct {
+    const char* document;
+    bool isKept;
+  } rows[] = {
+      {"<box><item><id>1</id></item></box>", true},
+      {"<box/>", true},
+      {"<box><item/></box>", false},
+      {"<box>", false},
+      {"", false},
+      {"<html/>", false},
+  };
+  for (const auto& row : rows) {
+    fetchFirst(kTag, row.document);
+    static_cast<void>(decodedItems(row.document));
+    EXPECT_EQ(attributeOf(target).empty(), !row.isKept) << row.document;
+    unlink(target.c_str());
+  }
 }
 
 TEST_F(HttpConditional, AsksWithTheTagAfterTheChecksumWasRight) {

@@ -1,6 +1,7 @@
 """A server on 127.0.0.1 that serves a directory, and scripted bytes for some of its paths."""
 
 import os
+import re
 import socket
 import struct
 import threading
@@ -11,10 +12,13 @@ class HostileServer:
 
     `answer(path, pieces, then)` makes `path` answered with the bytes of `pieces`, which may never
     end, and after them: "close", "reset", or "stall", which keeps the connection open in silence.
+    With `validators`, header lines that tell of every file of the directory, a request that asks
+    with one of them is told that the file has not changed.
     """
 
     def __init__(self, root=None):
         self._root = root
+        self.validators = ()
         self._answers = {}
         self._open = []
         self._lock = threading.Lock()
@@ -24,6 +28,7 @@ class HostileServer:
         self._listener.listen(64)
         self.connections = 0
         self.requested = []  # the paths so far
+        self.not_modified = []  # those of them that were told so
         self.url = f"http://127.0.0.1:{self._listener.getsockname()[1]}"
         self._threads = [threading.Thread(target=self._accept)]
         self._threads[0].start()
@@ -87,9 +92,13 @@ class HostileServer:
         self.requested.append(path)
         if path in self._answers:
             return self._answers[path]
+        conditions = re.findall(r"\r\nIf-[A-Za-z-]+: (.*)\r\n", head.decode())
+        if any(line.endswith(": " + known) for line in self.validators for known in conditions):
+            self.not_modified.append(path)
+            return [answer("304 Not Modified", b"", *self.validators)], "close"
         try:
             with open(self._root + path, "rb") as file:
-                return [answer("200 OK", file.read())], "close"
+                return [answer("200 OK", file.read(), *self.validators)], "close"
         except (OSError, TypeError):
             return [answer("404 Not Found", b"")], "close"
 

@@ -3,6 +3,7 @@
 import gzip
 import itertools
 import json
+import os
 import socket
 import threading
 import time
@@ -156,6 +157,58 @@ class CertificateTest(RefusalCase):
                 self.assert_refused(name, "--ca-file", authority.file)
         self.assertEqual(self.web.connections, 0)
         self.figure("redirects from https to http and to a file: 0 followed")
+
+
+class DamageTest(PromiseCase):
+    """Answers that come damaged with the genuine validators of what they were."""
+
+    VALIDATORS = {
+        "tag": ('ETag: "v1"',),
+        "date": ("Date: Sun, 06 Nov 1994 08:49:37 GMT",
+                 "Last-Modified: Sun, 06 Nov 1994 07:00:00 GMT"),
+    }
+
+    def setUp(self):
+        super().setUp()
+        script = self.put()
+        self.paths = {"list": LIST_PATH, "data document": script.document_path,
+                      "script": script.file_path}
+        self.web = HostileServer(self.repository.root)
+        self.addCleanup(self.web.stop)
+        self.server = self.web.url
+        self.tried = 0
+
+    def assert_heals(self, damaged, damage):
+        """A request gets the damaged answer and fails; the next one, of an honest server, runs."""
+        path = self.paths[damaged]
+        for kind, self.web.validators in self.VALIDATORS.items():
+            with self.case(damaged=damaged, validators=kind):
+                self.tried += 1
+                self.base = self.path(f"base-{self.tried}")
+                body = damage(self.read(self.repository.root + path))
+                self.web.answer(path, [answer("200 OK", body, *self.web.validators)])
+                self.assertEqual(self.run_command("run", "42").status, 3)
+                self.web.forget(path)
+                result = self.run_command("run", "42")
+                self.assertEqual((result.status, result.output), (0, "done\n"), result.error)
+                # It is asked for conditionally again, once it is right.
+                os.remove(self.store_file())
+                before = len(self.web.not_modified)
+                self.assertEqual(self.run_command("run", "42").output, "done\n")
+                self.assertEqual(set(self.web.not_modified[before:]), set(self.paths.values()))
+
+    def test_whatever_does_not_fit_is_asked_for_whole(self):
+        for damaged in self.paths:
+            self.assert_heals(damaged, lambda body: bytes([body[0] ^ 1]) + body[1:])
+            self.assert_heals(damaged, lambda body: body[:-1] + bytes([body[-1] ^ 1]))
+            self.assert_heals(damaged, lambda body: bytes(byte ^ 1 for byte in body))
+        self.figure(f"{self.tried} damaged answers with genuine validators: each cost one request")
+
+    def test_documents_of_another_kind_and_wrong_checksums_are_too(self):
+        for damaged in ("list", "data document"):
+            self.assert_heals(damaged, lambda body: b"<html><body>Please log in</body></html>")
+        for right, wrong in ((b"<checksum_val>", b"<checksum_val>0"), (b"SHA-256", b"SHA-25")):
+            self.assert_heals("data document", lambda body: body.replace(right, wrong))
 
 
 class StallTest(RefusalCase):
