@@ -1,5 +1,6 @@
 #include "AgentSettings.h"
 
+#include <optional>
 #include <utility>
 
 namespace AgentUtils {
@@ -25,12 +26,9 @@ Configuration& configuration() {
 void configure(AgentSettings settings) {
   Configuration& current = configuration();
   current.settings = std::move(settings);
-  current.variables.vyagentBasePath = current.settings.basePath;
-  current.variables.vyCustomerID = current.settings.customerID;
-  current.variables.vyagentDataDictPath.reset();
-  if (!current.settings.dataPath.empty()) {
-    current.variables.vyagentDataDictPath = current.settings.dataPath;
-  }
+  const AgentSettings& given = current.settings;
+  current.variables = {given.basePath, given.customerID,
+                       given.dataPath.empty() ? std::nullopt : std::optional(given.dataPath)};
   gv_globvars = &current.variables;
 }
 

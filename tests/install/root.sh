@@ -3,7 +3,7 @@
 # it. Wants root rights and debootstrap; packages come from where this system's apt takes them.
 #
 # $root is that directory, $log the file that takes the output of what `quietly` runs.
-: "${root:?}" "${log:?}"
+# shellcheck disable=SC2154
 
 say() { printf '==> %s\n' "$*"; }
 
