@@ -1,0 +1,206 @@
+#include "TrustedPath.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <deque>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+#include "FileDescriptor.h"
+
+namespace VarnScripts {
+namespace {
+
+using AgentUtils::FileDescriptor;
+
+// A directory needs to be searched, not read.
+#if defined(O_PATH)
+constexpr int kSearch = O_PATH;
+#elif defined(O_SEARCH)
+constexpr int kSearch = O_SEARCH;
+#else
+constexpr int kSearch = O_RDONLY;
+#endif
+constexpr int kOpenDirectory = kSearch | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+// As many links as the systems follow themselves.
+constexpr int kMostDetours = 40;
+
+std::string userText(uid_t user) {
+  const std::string number = "user " + std::to_string(user);
+  // The host looks at paths on one thread.
+  const passwd* const entry = ::getpwuid(user);
+  return entry == nullptr ? number : number + " (" + entry->pw_name + ")";
+}
+
+class PathWalk {
+ public:
+  PathWalk(PathEnd end, uid_t user, MissingDirectory missing)
+      : end_(end), user_(user), missing_(missing) {}
+
+  PathVerdict walk(const std::string& path) {
+    std::error_code ignored;
+    const bool absolute = path.starts_with('/');
+    expect(absolute ? path : std::filesystem::current_path(ignored).string() + '/' + path, "");
+    enterRoot();
+    while (verdict_.refusal.empty() && !steps_.empty()) {
+      const Step step = std::move(steps_.front());
+      steps_.pop_front();
+      if (!take(step)) break;
+    }
+    return std::move(verdict_);
+  }
+
+ private:
+  struct Step {
+    std::string name;
+    std::string shown;  ///< how it is told
+  };
+
+  // The components of `path`, which begins at `directory`, come next.
+  void expect(const std::string& path, const std::string& directory) {
+    std::deque<Step> steps;
+    std::string shown = directory;
+    for (std::size_t start = 0; start < path.size();) {
+      const std::size_t slash = std::min(path.find('/', start), path.size());
+      const std::string name = path.substr(start, slash - start);
+      start = slash + 1;
+      if (name.empty() || name == ".") continue;
+      shown += '/' + name;
+      steps.push_back({name, shown});
+    }
+    steps_.insert(steps_.begin(), steps.begin(), steps.end());
+  }
+
+  void enterRoot() {
+    FileDescriptor root(::open("/", kOpenDirectory));
+    enter(std::move(root), {"", "/"});
+  }
+
+  // True when there is more to look at.
+  bool take(const Step& step) {
+    struct stat status {};
+    if (::fstatat(directory_.get(), step.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (errno == ENOENT) return takeMissing(step);
+      // What this process can't reach or name, it can't use either.
+      if (errno == EACCES || errno == ENOTDIR || errno == ENAMETOOLONG) return false;
+      return refuseUnseen(step);
+    }
+    if (S_ISLNK(status.st_mode)) return takeLink(step, status);
+    if (S_ISDIR(status.st_mode)) {
+      return enter(FileDescriptor(::openat(directory_.get(), step.name.c_str(), kOpenDirectory)),
+                   step);
+    }
+    judgeFile(step, status);
+    return false;
+  }
+
+  bool takeMissing(const Step& step) {
+    if (!openToAll_) return false;
+    if (end_ == PathEnd::givenFile) {
+      return refuse(step, "is missing, and any user may make it");
+    }
+    const bool isDirectory = !steps_.empty() || end_ == PathEnd::directory;
+    if (!isDirectory || missing_ == MissingDirectory::left) return false;
+    if (::mkdirat(directory_.get(), step.name.c_str(), S_IRWXU) != 0) {
+      if (errno != EEXIST || ++detours_ > kMostDetours) {
+        return refuse(step, "can't be made: " + std::generic_category().message(errno));
+      }
+      // Whoever was faster is looked at.
+      steps_.push_front(step);
+      return true;
+    }
+    FileDescriptor made(::openat(directory_.get(), step.name.c_str(),
+                                 O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    // The umask may have taken away more than it should.
+    if (made.isOpen()) static_cast<void>(::fchmod(made.get(), S_IRWXU));
+    return enter(std::move(made), step);
+  }
+
+  bool takeLink(const Step& step, const struct stat& status) {
+    if (!isTrusted(status.st_uid)) {
+      return refuse(step, "is a symbolic link of " + userText(status.st_uid));
+    }
+    std::array<char, PATH_MAX> target;
+    const ssize_t length =
+        ::readlinkat(directory_.get(), step.name.c_str(), target.data(), target.size());
+    if (length < 0) return refuseUnseen(step);
+    if (++detours_ > kMostDetours) return refuse(step, "leads through too many symbolic links");
+    const std::string path(target.data(), static_cast<std::size_t>(length));
+    if (path.starts_with('/')) {
+      expect(path, "");
+      enterRoot();
+    } else {
+      expect(path, step.shown.substr(0, step.shown.rfind('/')));
+    }
+    return true;
+  }
+
+  bool enter(FileDescriptor directory, const Step& step) {
+    struct stat status {};
+    if (!directory.isOpen() || ::fstat(directory.get(), &status) != 0) return refuseUnseen(step);
+    directory_ = std::move(directory);
+    judgeDirectory(step, status);
+    return true;
+  }
+
+  void judgeDirectory(const Step& step, const struct stat& status) {
+    const bool sticky = (status.st_mode & S_ISVTX) != 0;
+    const bool holdsFiles = steps_.empty() && end_ == PathEnd::directory;
+    openToAll_ = (status.st_mode & S_IWOTH) != 0;
+    judge(step, status, sticky && !holdsFiles);
+  }
+
+  void judgeFile(const Step& step, const struct stat& status) {
+    // What is written to a terminal or to the null device is not what is read from it.
+    judge(step, status, S_ISCHR(status.st_mode));
+    if (end_ == PathEnd::ownFile && S_ISREG(status.st_mode) && status.st_nlink > 1) {
+      refuse(step, "has " + std::to_string(status.st_nlink) + " names (hard links)");
+    }
+  }
+
+  void judge(const Step& step, const struct stat& status, bool anyMode) {
+    if (!isTrusted(status.st_uid)) {
+      refuse(step, "belongs to " + userText(status.st_uid));
+    } else if (!anyMode && (status.st_mode & S_IWOTH) != 0) {
+      refuse(step, "may be written to by all users");
+    } else if (!anyMode && (status.st_mode & S_IWGRP) != 0) {
+      verdict_.writableByGroup.push_back(step.shown);
+    }
+  }
+
+  [[nodiscard]] bool isTrusted(uid_t owner) const { return owner == user_ || owner == 0; }
+
+  bool refuse(const Step& step, const std::string& why) {
+    if (verdict_.refusal.empty()) verdict_.refusal = step.shown + ' ' + why;
+    return false;
+  }
+
+  bool refuseUnseen(const Step& step) {
+    return refuse(step, "can't be looked at: " + std::generic_category().message(errno));
+  }
+
+  const PathEnd end_;
+  const uid_t user_;
+  const MissingDirectory missing_;
+  std::deque<Step> steps_;    ///< what is still to be looked at
+  FileDescriptor directory_;  ///< where the next step begins
+  bool openToAll_ = false;    ///< whether all may write to it
+  int detours_ = 0;
+  PathVerdict verdict_;
+};
+
+}  // namespace
+
+PathVerdict examinePath(const std::string& path, PathEnd end, uid_t user,
+                        MissingDirectory missing) {
+  return PathWalk(end, user, missing).walk(path);
+}
+
+}  // namespace VarnScripts
