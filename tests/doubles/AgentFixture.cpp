@@ -72,24 +72,23 @@ AgentFixture::~AgentFixture() { AgentUtils::gv_globvars = nullptr; }
 std::string DataDocument::scriptRepo() const {
   return "ScriptRepo(script_id<" + scriptID + "> script_name<" + scriptName + "> file_id<" +
          fileID +
-         "> db_updated_time<1> customer_id<7> script_type<1> description<> os_platform<Mac> "
-         "created_time<1> script_file<" +
-         fileName + "> script_args<" + scriptArgs + "> modified_time<5> script_mul_exit_code<" +
-         exitCode + ">)";
+         "> db_updated_time<1> customer_id<8> script_type<py> description<> os_platform<Windows> "
+         "created_time<1> script_file<other.pl> script_args<" +
+         scriptArgs + "> modified_time<4> script_mul_exit_code<" + exitCode + ">)";
 }
 
 std::string DataDocument::checksumValue() const {
-  return "ChecksumValues(download_url_checksum<> checksum_id<" + checksumID + "> checksum_type<" +
-         checksumType + "> download_url<> checksum_val<" + checksumVal + ">)";
+  return "ChecksumValues(download_url_checksum<9> checksum_id<" + checksumID + "> checksum_type<" +
+         checksumType + "> download_url</elsewhere> checksum_val<" + checksumVal + ">)";
 }
 
 std::string DataDocument::file() const {
   const std::string link =
       linkedChecksumID.empty() ? "" : " CSToVyFiles(checksum_id<" + linkedChecksumID + ">)";
   return "VyFiles(file_status_remarks<> content_type<> file_id<" + fileID +
-         "> module_name<> customer_id<7> content_length<10> file_system_location<" +
-         fileSystemLocation + "> file_name<" + fileName + "> expiry_time<> file_status<>" + link +
-         ")";
+         "> module_name<> customer_id<8> content_length<9> file_system_location<" +
+         fileSystemLocation + "> file_name<" + fileName + "> expiry_time<1> file_status<gone>" +
+         link + ")";
 }
 
 std::string DataDocument::text() const {
@@ -98,9 +97,11 @@ std::string DataDocument::text() const {
 
 std::string metadataEntry(const std::string& scriptID, const std::string& modifiedTime,
                           const std::string& fileID) {
-  return "ScriptRepo(script_id<" + scriptID + "> file_id<" + fileID + "> modified_time<" +
-         modifiedTime + "> ScriptPathMapping(filepath</client-data/7/scriptrepo/" + scriptID +
-         ".xml>))";
+  return "ScriptRepo(script_name<other.py> script_id<" + scriptID +
+         "> script_file<other.pl> customer_id<8> file_id<" + fileID +
+         "> os_platform<Windows> modified_time<" + modifiedTime +
+         "> created_time<1> enc_type<gzip> ScriptPathMapping(filepath</client-data/7/scriptrepo/" +
+         scriptID + ".xml>))";
 }
 
 std::string metadataDocument(const std::string& entries) { return "scripts-meta(" + entries + ")"; }

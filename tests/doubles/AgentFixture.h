@@ -60,7 +60,8 @@ class AgentFixture : public testing::Test {
 };
 
 /// The data document of one script in the fake parser's notation. The defaults are those of script
-/// 42, whose file is 10 bytes long.
+/// 42, whose file is 10 bytes long. The fields that are only carried hold what would show if they
+/// were used: another platform, customer, interpreter, version, length and checksum.
 struct DataDocument {
   std::string scriptID = "42";
   std::string scriptName = "clean.sh";
@@ -81,7 +82,7 @@ struct DataDocument {
   std::string text() const;
 };
 
-/// One entry of the metadata document: "ScriptRepo(…)".
+/// One entry of the metadata document: "ScriptRepo(…)". Here, too, what is only carried would show.
 std::string metadataEntry(const std::string& scriptID, const std::string& modifiedTime,
                           const std::string& fileID = "f1");
 

@@ -66,14 +66,20 @@ TEST_F(ExecuteScript, WithoutAPathIsOneLine) {
                           "get script file path"));
 }
 
-TEST_F(ExecuteScript, WithoutAnInterpreterIsOneLine) {
+TEST_F(ExecuteScript, WithoutAnInterpreterIsOneLineWhateverElseNamesOne) {
   repo.scriptName = "tool.SH";
+  repo.scriptFile = "tool.sh";
+  for (const char* const type : {"", "sh", ".sh", "tool.sh", "/bin/sh", "shell"}) {
+    SCOPED_TRACE(type);
+    journal.reset();
+    repo.scriptType = type;
 
-  EXPECT_EQ(request.executeScript(repo), ProcessingResult());
+    EXPECT_EQ(request.executeScript(repo), ProcessingResult());
 
-  EXPECT_THAT(journal.entries(),
-              ElementsAre("info ScriptRepositoryProcessor executeScript(scriptData:): Unable to "
-                          "get launch path for tool.SH"));
+    EXPECT_THAT(journal.entries(),
+                ElementsAre("info ScriptRepositoryProcessor executeScript(scriptData:): Unable to "
+                            "get launch path for tool.SH"));
+  }
 }
 
 TEST_F(ExecuteScript, OfARunnerWithoutResultSaysSo) {
@@ -162,15 +168,21 @@ TEST_F(ExecuteScript, JudgesTheExitCodeByTheServersList) {
   }
 }
 
-TEST_F(ExecuteScript, AnAcceptedCodeEndsWithTheOutputLine) {
-  repo.exitCode = "3";
+TEST_F(ExecuteScript, ACodeThatEitherListAcceptsEndsWithTheOutputLine) {
   Runs::shared().answers = {{3, "out"}};
+  const std::vector<std::string> accepting{"1", "3"};
+  for (const auto& override : {std::optional<std::vector<std::string>>{}, {accepting}}) {
+    journal.reset();
+    repo.exitCode = override ? "0" : "1,3";
+    request.overrideExpectedReturnCode = override;
 
-  EXPECT_EQ(request.executeScript(repo), ProcessingResult(true, "out"));
-  EXPECT_EQ(journal.log().back(),
-            "info ScriptRepositoryProcessor executeScript(scriptData:): Script Output: out Exit "
-            "Code: 3");
-  EXPECT_EQ(journal.log().size(), 2U);
+    EXPECT_EQ(request.executeScript(repo), ProcessingResult(true, "out"));
+
+    EXPECT_EQ(journal.log().back(),
+              "info ScriptRepositoryProcessor executeScript(scriptData:): Script Output: out Exit "
+              "Code: 3");
+    EXPECT_EQ(journal.log().size(), 2U);
+  }
 }
 
 TEST_F(ExecuteScript, ACodeThatIsNotAcceptedNamesTheServersList) {
@@ -178,9 +190,10 @@ TEST_F(ExecuteScript, ACodeThatIsNotAcceptedNamesTheServersList) {
     const char* exitCodes;
     const char* list;
   };
-  for (const Row& row : {Row{"0,1", R"(["0", "1"])"}, Row{"0, 1", R"(["0", " 1"])"},
-                         Row{"", R"([""])"}, Row{"0,", R"(["0", ""])"}, Row{",", R"(["", ""])"},
-                         Row{R"(a"b,c\d)", R"(["a\"b", "c\\d"])"}}) {
+  for (const Row& row :
+       {Row{"0,1", R"(["0", "1"])"}, Row{"0, 1", R"(["0", " 1"])"}, Row{"", R"([""])"},
+        Row{"0,", R"(["0", ""])"}, Row{",", R"(["", ""])"},
+        Row{"1,0,1,,1", R"(["1", "0", "1", "", "1"])"}, Row{R"(a"b,c\d)", R"(["a\"b", "c\\d"])"}}) {
     SCOPED_TRACE(row.exitCodes);
     journal.reset();
     repo.exitCode = row.exitCodes;
@@ -223,6 +236,7 @@ TEST_F(ExecuteScript, ACodeThatIsNotAcceptedNamesTheOverrideList) {
     const char* text;
   };
   for (const Row& row : {Row{{}, "[]"}, Row{{"1"}, R"(["1"])"}, Row{{"1", "2"}, R"(["1", "2"])"},
+                         Row{{"2", "1", "2"}, R"(["2", "1", "2"])"},
                          Row{{R"(a"b)", R"(c\d)"}, R"(["a\"b", "c\\d"])"}}) {
     journal.reset();
     request.overrideExpectedReturnCode = row.list;

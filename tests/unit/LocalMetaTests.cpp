@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -132,6 +133,13 @@ TEST(LocalRecord, EncodesPresentFieldsAlone) {
   EXPECT_THAT(encoded(ScriptLocalData("", "")),
               ElementsAre(Pair("version", ""), Pair("scriptPath", "")));
   EXPECT_THAT(encoded(ScriptLocalData(std::nullopt, std::nullopt)), IsEmpty());
+}
+
+TEST(LocalRecord, IsMadeOfBothItsFieldsAndOfNoFewer) {
+  using Text = std::optional<std::string>;
+  EXPECT_TRUE((std::is_constructible_v<ScriptLocalData, Text, Text>));
+  EXPECT_FALSE(std::is_default_constructible_v<ScriptLocalData>);
+  EXPECT_FALSE((std::is_constructible_v<ScriptLocalData, Text>));
 }
 
 TEST(LocalRecord, DecodesWhatIsThere) {

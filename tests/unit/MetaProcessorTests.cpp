@@ -206,6 +206,17 @@ TEST_F(MetaProcessor, LoadTakesTheFirstContainerAlone) {
   EXPECT_EQ(shared().getAllAvailableScriptIDs(), std::vector<std::string>{"1"});
 }
 
+TEST_F(MetaProcessor, LoadReplacesTheEntriesOfAnEarlierOne) {
+  writeDocument(metadataEntry("1", "5") + metadataEntry("2", "5"));
+  shared().loadScriptRepoMetaData();
+  writeDocument(metadataEntry("2", "6") + metadataEntry("3", "5"));
+
+  shared().loadScriptRepoMetaData();
+
+  EXPECT_THAT(shared().getAllAvailableScriptIDs(), Optional(ElementsAre("2", "3")));
+  EXPECT_EQ(shared().getModifiedTime("2"), "6");
+}
+
 TEST_F(MetaProcessor, LoadOfWhatDoesNotDecodeIsAbsentWithoutALine) {
   struct Row {
     const char* name;
@@ -293,6 +304,23 @@ TEST_F(MetaProcessor, TheFirstEntryOfAnIDIsFound) {
   EXPECT_EQ(shared().getModifiedTime("42"), "5");
   EXPECT_EQ(shared().getModifiedTime("43"), "6");
   EXPECT_THAT(shared().getAllAvailableScriptIDs(), Optional(ElementsAre("42", "43", "42")));
+}
+
+TEST_F(MetaProcessor, AnEntryIsFoundAndListedWhateverElseItSays) {
+  ScriptRepositoryMeta windows;
+  windows.scriptID = "1";
+  windows.modifiedTime = "5";
+  windows.osPlatform = "Windows";
+  ScriptRepositoryMeta unmapped = windows;
+  unmapped.scriptID = "2";
+  unmapped.customerID = "8";
+  unmapped.scriptPathMapping.emplace();
+  shared().setScriptRepoMetaData(std::vector{windows, unmapped});
+
+  EXPECT_EQ(shared().getScriptRepoForID("1"), windows);
+  EXPECT_EQ(shared().getServerScriptRepoMeta("2"), unmapped);
+  EXPECT_EQ(shared().getModifiedTime("2"), "5");
+  EXPECT_THAT(shared().getAllAvailableScriptIDs(), Optional(ElementsAre("1", "2")));
 }
 
 TEST_F(MetaProcessor, AnIDIsFoundByTextEqualityAlone) {

@@ -215,6 +215,39 @@ TEST_F(ProcessScript, HandsTheCallersAcceptedCodesOn) {
                  "(Optional(false), Optional(\"done\n\"))"));
 }
 
+TEST_F(ProcessScript, UsesTheCallersSpellingOfTheIDAndTheEntrysVersion) {
+  // The angstrom sign, the letter, and the letter with its ring apart: one text to the library.
+  const std::string asked = "\u212b";
+  const std::string listed = "\u00c5";
+  document.scriptID = "A\u030a";
+  serveMetadata("ScriptRepo(script_id<" + listed + "> file_id<f1> modified_time<\u00e9> " +
+                "ScriptPathMapping(filepath</client-data/7/scriptrepo/42.xml>))");
+  serveDocument(document);
+  loadMetadata();
+  const std::string opening = "Processing Script ID \u212b Server Version \u00e9 Local Version ";
+  const Entries run{execution("Script Name: clean.sh Args: -a Expected Exit Code: 0"), kRun,
+                    execution("Script Output: done\n Exit Code: 0")};
+
+  EXPECT_EQ(process(asked), ProcessingResult(true, "done\n"));
+  EXPECT_THAT(
+      journal.entries(),
+      ElementsAre("fetch \u212b", flow(opening + "-- Downloading and Executing Script"),
+                  "download /client-data/7/scriptrepo/42.xml to "
+                  "<agent>/client-data/7/scripts-repository-data/\u212b.xml",
+                  kFetchScript, "fetch \u212b", "update \u212b " + kRecordedPath, kTestChecksum,
+                  "fetch \u212b", "update \u212b version=\u00e9 " + kRecordedPath, run[0], run[1],
+                  run[2], flow(opening + "-- status (Optional(true), Optional(\"done\n\"))")));
+
+  // The local version is shown as it was recorded.
+  store.rows[asked][0].second = "e\u0301";
+  EXPECT_EQ(process(asked), ProcessingResult(true, "done\n"));
+  EXPECT_THAT(
+      journal.entries(),
+      ElementsAre("fetch \u212b", flow(opening + "e\u0301 Proceeding without Downloading Script"),
+                  kTestChecksum, run[0], run[1], run[2],
+                  flow(opening + "e\u0301 status (Optional(true), Optional(\"done\n\"))")));
+}
+
 // ---- Metadata --------------------------------------------------------------------------------
 
 TEST_F(ProcessScript, WithoutMetadataEndsWithOneLine) {
@@ -464,6 +497,8 @@ TEST_F(DownloadPath, WhoseOldDataDocumentIsNotUsedAfterAFailedDownload) {
   loadMetadata();
 
   expectNotRun({kFetchDocument, downloadPath("Download failure of script data")});
+  EXPECT_EQ(doubles::readFile(dataDirectory + "/42.xml"), document.text());
+  EXPECT_EQ(doubles::readFile(scriptsDirectory + "/clean.sh"), kContent);
 }
 
 TEST_F(DownloadPath, WhoseDataDocumentDoesNotDecode) {
@@ -473,6 +508,7 @@ TEST_F(DownloadPath, WhoseDataDocumentDoesNotDecode) {
   expectNotRun({kFetchDocument,
                 "info ScriptRepositoryProcessor getScriptItemData(): Unable to get file data",
                 downloadPath("Unable to get script items data")});
+  EXPECT_EQ(doubles::readFile(dataDirectory + "/42.xml"), "script(");
 }
 
 TEST_F(DownloadPath, WhoseDataDocumentLacksTheFile) {
@@ -484,11 +520,15 @@ TEST_F(DownloadPath, WhoseDataDocumentLacksTheFile) {
 }
 
 TEST_F(DownloadPath, WhoseScriptCannotBeHad) {
+  leaveLocalCopy("4");
+  store.rows.clear();
   downloads.refuse(kScript);
   loadMetadata();
 
   expectNotRun({kFetchDocument, kFetchScript, downloadPath("Download failure of script")});
   EXPECT_THAT(store.rows, IsEmpty());
+  EXPECT_EQ(doubles::readFile(scriptsDirectory + "/clean.sh"), kContent);
+  EXPECT_EQ(doubles::readFile(dataDirectory + "/42.xml"), document.text());
 }
 
 TEST_F(DownloadPath, WhoseScriptDoesNotVerifyRecordsNoVersion) {
@@ -500,6 +540,9 @@ TEST_F(DownloadPath, WhoseScriptDoesNotVerifyRecordsNoVersion) {
                 checksum("Checksum mismatch ID c1 Server Checksum 10 Server Checksum Type T"),
                 downloadPath("Not able to compute checksum processing")});
   EXPECT_EQ(store.row("42"), "scriptPath=" + scriptsDirectory + "/clean.sh");
+  // What was fetched stays; the next request deals with it.
+  EXPECT_EQ(doubles::readFile(scriptsDirectory + "/clean.sh"), "tampered with");
+  EXPECT_EQ(doubles::readFile(dataDirectory + "/42.xml"), document.text());
 }
 
 TEST_F(DownloadPath, WithoutAChecksumIsNotRun) {
@@ -631,7 +674,7 @@ TEST_F(LocalPath, WhoseScriptWasChangedFetchesItOnceMore) {
 
 TEST_F(LocalPath, WhoseScriptCannotBeFetchedAgainEndsWithoutAFurtherLine) {
   leaveLocalCopy("5");
-  doubles::removeTree(scriptsDirectory + "/clean.sh");
+  doubles::writeFile(scriptsDirectory + "/clean.sh", "echo tampered with\n");
   downloads.refuse(kScript);
   loadMetadata();
 
@@ -639,6 +682,8 @@ TEST_F(LocalPath, WhoseScriptCannotBeFetchedAgainEndsWithoutAFurtherLine) {
       {}, "(nil, nil)",
       {kTestChecksum, checksum("Checksum mismatch ID c1 Server Checksum 10 Server Checksum Type T"),
        localPath("Not able to compute checksum processing, redownloading script"), kFetchScript});
+  EXPECT_EQ(doubles::readFile(scriptsDirectory + "/clean.sh"), "echo tampered with\n");
+  EXPECT_EQ(doubles::readFile(dataDirectory + "/42.xml"), document.text());
 }
 
 TEST_F(LocalPath, WhoseScriptDoesNotVerifyAfterTheOneDownload) {
@@ -654,6 +699,8 @@ TEST_F(LocalPath, WhoseScriptDoesNotVerifyAfterTheOneDownload) {
        "fetch 42", "update 42 version=5 " + kRecordedPath, kTestChecksum,
        checksum("Checksum mismatch ID c1 Server Checksum 10 Server Checksum Type T"),
        localPath("Not able to compute checksum processing after redownloading")});
+  EXPECT_EQ(doubles::readFile(scriptsDirectory + "/clean.sh"), "still wrong");
+  EXPECT_EQ(doubles::readFile(dataDirectory + "/42.xml"), document.text());
 }
 
 TEST_F(LocalPath, WithoutAChecksumFetchesOnceAndRunsNothing) {
@@ -691,18 +738,21 @@ TEST_F(LocalPath, LooksTheDefinitionUpAfterTheChecksum) {
 }
 
 TEST_F(LocalPath, TakesTheFileNameAsItStands) {
-  document.fileName = "100%@.sh";
-  leaveLocalCopy("5");
-  doubles::writeFile(scriptsDirectory + "/100%@.sh", kContent);
-  loadMetadata();
+  for (const std::string name : {"100%@.sh", "sub/clean.sh"}) {
+    document.fileName = name;
+    leaveLocalCopy("5");
+    doubles::writeFile(scriptsDirectory + "/" + name, kContent);
+    loadMetadata();
 
-  EXPECT_EQ(process(), ProcessingResult(true, "done\n"));
+    EXPECT_EQ(process(), ProcessingResult(true, "done\n"));
 
-  EXPECT_EQ(journal.effects(),
-            (Entries{"fetch 42",
-                     "checksum <agent>/client-data/7/scripts-repository/100%@.sh type T value 10",
-                     "run /bin/sh <agent>/client-data/7/scripts-repository/100%@.sh {-a} in "
-                     "<agent>/client-data/7/scripts-repository limit 600"}));
+    EXPECT_EQ(
+        journal.effects(),
+        (Entries{"fetch 42",
+                 "checksum <agent>/client-data/7/scripts-repository/" + name + " type T value 10",
+                 "run /bin/sh <agent>/client-data/7/scripts-repository/" + name +
+                     " {-a} in <agent>/client-data/7/scripts-repository limit 600"}));
+  }
 }
 
 // ---- The closing line ------------------------------------------------------------------------

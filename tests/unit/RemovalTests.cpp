@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <objc/runtime.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <string>
@@ -169,6 +170,25 @@ TEST_F(Removal, OfNothingIsOneLine) {
   EXPECT_EQ(store.rows.count("1"), 1U);
 }
 
+TEST_F(Removal, KeepsEveryListedScriptWhateverElseItsEntrySays) {
+  ScriptRepoAllMetaData container;
+  for (const char* const platform : {"Windows", "mac", ""}) {
+    container.scriptRepo.emplace_back().osPlatform = platform;
+  }
+  container.scriptRepo.emplace_back().scriptPathMapping.emplace();
+  container.scriptRepo.emplace_back().scriptPathMapping = {{ScriptRepoPath{""}}};
+  container.scriptRepo.emplace_back().customerID = "8";
+  container.scriptRepo.emplace_back().encType = "gzip";
+  for (ScriptRepositoryMeta& entry : container.scriptRepo) {
+    entry.scriptID = std::to_string(&entry - container.scriptRepo.data());
+    leaveScript(entry.scriptID);
+  }
+  ScriptRepositoryMetaProcessor::shared().setScriptRepoAllMetaData(container);
+
+  EXPECT_THAT(remove(), ElementsAre("list", kNothing));
+  EXPECT_EQ(store.rows.size(), 7U);
+}
+
 TEST_F(Removal, CountsLetterCaseAndBlanks) {
   struct Row {
     const char* local;
@@ -186,6 +206,22 @@ TEST_F(Removal, CountsLetterCaseAndBlanks) {
                                     std::string(row.local) + "\"] Scripts"),
                             construction[0], construction[1], "fetch " + std::string(row.local),
                             "delete " + std::string(row.local)));
+  }
+}
+
+TEST_F(Removal, RemovesBothOfTwoIDsThatDifferInLetterCase) {
+  leaveScript("ABC");
+  leaveScript("abc");
+  serverLists({"Abc"});
+
+  EXPECT_THAT(remove()[1], AnyOf(overall(R"(Script Repository Processing: Removing ["ABC", "abc"] )"
+                                         "Scripts"),
+                                 overall(R"(Script Repository Processing: Removing ["abc", "ABC"] )"
+                                         "Scripts")));
+  EXPECT_THAT(store.rows, IsEmpty());
+  for (const char* const id : {"ABC", "abc"}) {
+    EXPECT_FALSE(doubles::exists(scriptsDirectory + "/" + id + ".sh"));
+    EXPECT_FALSE(doubles::exists(dataDirectory + "/" + id + ".xml"));
   }
 }
 
@@ -294,15 +330,18 @@ TEST_F(RemoveScriptData, PassesAFileThatIsGoneOverInSilence) {
   EXPECT_THAT(removeOne("9"), ElementsAre("fetch 9", "delete 9"));
 }
 
-TEST_F(RemoveScriptData, RemovesADirectoryAtThePathWithAllThatIsInIt) {
+TEST_F(RemoveScriptData, RemovesADirectoryAtEitherPathWithAllThatIsInIt) {
   store.rows["9"] = {{"scriptPath", scriptsDirectory + "/tree"}};
   doubles::writeFile(scriptsDirectory + "/tree/inner/file", "x");
+  doubles::writeFile(dataDirectory + "/9.xml/inner/file", "x");
 
   EXPECT_THAT(
       removeOne("9"),
       ElementsAre("fetch 9", ofOne("Removing File <agent>/client-data/7/scripts-repository/tree"),
+                  ofOne("Removing File <agent>/client-data/7/scripts-repository-data/9.xml"),
                   "delete 9"));
   EXPECT_FALSE(doubles::exists(scriptsDirectory + "/tree"));
+  EXPECT_FALSE(doubles::exists(dataDirectory + "/9.xml"));
 }
 
 TEST_F(RemoveScriptData, RemovesALinkAndNotItsTarget) {
@@ -357,6 +396,26 @@ TEST_F(RemoveScriptData, ThatFailsSaysSoAtInformationLevelAndDeletesTheRow) {
           ofOne("Removing File <agent>/client-data/7/scripts-repository-data/9.xml"), "delete 9"));
   EXPECT_THAT(store.rows, IsEmpty());
   EXPECT_FALSE(doubles::exists(dataDirectory + "/9.xml"));
+}
+
+TEST_F(RemoveScriptData, WhoseDocumentCannotBeRemovedSaysSoAndDeletesTheRow) {
+  store.rows["9"] = {{"version", "5"}};
+  doubles::writeFile(dataDirectory + "/9.xml/file", "x");
+  // What is in a directory can't be removed without a descriptor for it.
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit none{0, before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  const Entries entries = removeOne("9");
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+
+  EXPECT_THAT(
+      entries,
+      ElementsAre("fetch 9",
+                  ofOne("Removing File <agent>/client-data/7/scripts-repository-data/9.xml"),
+                  ofOne("Removing File Error Too many open files"), "delete 9"));
+  EXPECT_TRUE(doubles::exists(dataDirectory + "/9.xml/file"));
+  EXPECT_THAT(store.rows, IsEmpty());
 }
 
 TEST_F(RemoveScriptData, ThatFailsIsNotTriedAgain) {

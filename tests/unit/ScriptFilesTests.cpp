@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "AgentFixture.h"
@@ -178,6 +179,14 @@ TEST_F(DownloadScript, TakesFormatCharactersInAFileNameAsTheyStand) {
   EXPECT_EQ(request().scriptFilePath, scriptsDirectory + "/100%@ %d.sh");
 }
 
+TEST_F(DownloadScript, TakesAFileNameWithASlashAsItStands) {
+  EXPECT_FALSE(request().downloadScript("a", "sub/clean.sh"));
+
+  EXPECT_EQ(request().scriptFilePath, scriptsDirectory + "/sub/clean.sh");
+  EXPECT_THAT(journal.entries(),
+              ElementsAre("download a to <agent>/client-data/7/scripts-repository/sub/clean.sh"));
+}
+
 TEST_F(DownloadScript, RewritesTheServersLocation) {
   struct Row {
     const char* location;
@@ -315,6 +324,32 @@ TEST_F(IsValidChecksumForFile, WithoutAPathIsFalseWithoutALine) {
   EXPECT_FALSE(request().isValidChecksumForFile(fileWithLinks({"c1"}), {record("c1", "T", "10")}));
 
   EXPECT_THAT(journal.entries(), IsEmpty());
+}
+
+TEST_F(IsValidChecksumForFile, LooksForLinkAndRecordBeforeThePath) {
+  EXPECT_FALSE(request().isValidChecksumForFile(fileWithLinks({}), {record("c1", "T", "10")}));
+  EXPECT_FALSE(request().isValidChecksumForFile(fileWithLinks({"c2"}), {record("c1", "T", "10")}));
+
+  EXPECT_THAT(
+      journal.entries(),
+      ElementsAre("info ScriptRepositoryProcessor "
+                  "isValidChecksumForFile(withFileData:allChecksumData:): Unable to get checksum "
+                  "ID",
+                  "info ScriptRepositoryProcessor "
+                  "isValidChecksumForFile(withFileData:allChecksumData:): Unable to get checksum "
+                  "data"));
+}
+
+TEST_F(IsValidChecksumForFile, LeavesTheChecksumOfTheDownloadAddressAlone) {
+  setScript("0123456789");
+  ChecksumValue filled = record("c1", "T", "9");
+  filled.downloadURLChecksum = "10";
+  filled.downloadURL = "/scripts/42/clean.sh";
+
+  EXPECT_FALSE(request().isValidChecksumForFile(fileWithLinks({"c1"}), {filled}));
+
+  std::swap(filled.checksumVal, filled.downloadURLChecksum);
+  EXPECT_TRUE(request().isValidChecksumForFile(fileWithLinks({"c1"}), {filled}));
 }
 
 TEST_F(IsValidChecksumForFile, OfAMismatchNamesValueBeforeType) {
