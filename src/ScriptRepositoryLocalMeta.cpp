@@ -108,8 +108,9 @@ std::shared_ptr<ScriptLocalData> fetchOrMake(AgentUtils::RootAccessKeyValueStora
 
 std::optional<std::string> ScriptRepositoryLocalMetaProcessor::getScriptVersion(
     const std::string& forScriptID) {
+  // Moved, not copied: what was read once fits.
   const auto record = fetch(storage_.get(), forScriptID);
-  return record ? record->version() : std::nullopt;
+  return record ? std::move(record->modifyVersion()) : std::nullopt;
 }
 
 void ScriptRepositoryLocalMetaProcessor::setScriptVersion(const std::string& forScriptID,
@@ -124,8 +125,9 @@ void ScriptRepositoryLocalMetaProcessor::setScriptVersion(const std::string& for
 
 std::optional<std::string> ScriptRepositoryLocalMetaProcessor::getScriptPath(
     const std::string& forScriptID) {
+  // Moved, not copied: what was read once fits.
   const auto record = fetch(storage_.get(), forScriptID);
-  return record ? record->scriptPath() : std::nullopt;
+  return record ? std::move(record->modifyScriptPath()) : std::nullopt;
 }
 
 void ScriptRepositoryLocalMetaProcessor::setScriptPath(const std::string& forScriptID,

@@ -82,9 +82,9 @@ std::optional<ScriptRepoAllMetaData>& ScriptRepositoryMetaProcessor::modifyScrip
 
 std::optional<std::string> ScriptRepositoryMetaProcessor::getModifiedTime(
     const std::string& forScriptID) const {
-  const auto entry = getScriptRepoForID(forScriptID);
+  auto entry = getScriptRepoForID(forScriptID);
   if (!entry) return std::nullopt;
-  return entry->modifiedTime;
+  return std::move(entry->modifiedTime);
 }
 
 std::optional<ScriptRepositoryMeta> ScriptRepositoryMetaProcessor::getServerScriptRepoMeta(

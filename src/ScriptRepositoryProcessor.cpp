@@ -135,14 +135,15 @@ ProcessingResult ScriptRepositoryProcessor::Request::processScript() {
   // The script file itself is not looked at here: the checksum test does that.
   const bool upToDate = localVersion && text::equal(*localVersion, server->modifiedTime) &&
                         files::exists(scriptDataFilePath);
-  ProcessingResult result;
-  if (upToDate) {
-    log.info(versions + " Proceeding without Downloading Script");
-    result = executeScriptWithoutDownload(*server);
-  } else {
+  // A path on which memory runs out has failed, and its status line comes as ever.
+  const auto result = guarded(ProcessingResult{}, [&] {
+    if (upToDate) {
+      log.info(versions + " Proceeding without Downloading Script");
+      return executeScriptWithoutDownload(*server);
+    }
     log.info(versions + " Downloading and Executing Script");
-    result = downloadAndExecuteScript(*server);
-  }
+    return downloadAndExecuteScript(*server);
+  });
   // A script that ran has run, whether or not there is memory for this line.
   guarded([&] { log.info(versions + " status " + describe(result)); });
   return result;

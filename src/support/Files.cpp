@@ -9,7 +9,9 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
+#include <exception>
 #include <memory>
+#include <new>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -33,15 +35,20 @@ std::error_code regularFileError(int fd, struct stat& status) {
                                                       : std::errc::not_supported);
 }
 
-/// Appends what is left in `fd` to `bytes`. By way of a small buffer, which stays in the
-/// processor's cache: filling the text with zeros to read into it would cost more than the copy.
-void readRest(int fd, std::string& bytes, std::error_code& error) {
+/// What is in `fd`, `size` bytes by its own account; throws when there is no memory for it. By way
+/// of a small buffer, which stays in the processor's cache: filling the text with zeros to read
+/// into it would cost more than the copy.
+std::string readFrom(int fd, std::size_t size, std::error_code& error) {
+  if (!platform::canHold(size)) throw std::bad_alloc();
+  std::string bytes;
+  bytes.reserve(size);
+  platform::useLargePages(bytes.data(), bytes.capacity());
   std::array<char, 16 * 1024> piece;
   while (true) {
     const ssize_t got =
         platform::retryOnInterrupt([&] { return ::read(fd, piece.data(), piece.size()); });
     if (got < 0) error = lastError();
-    if (got <= 0) return;
+    if (got <= 0) return bytes;
     bytes.append(piece.data(), static_cast<std::size_t>(got));
   }
 }
@@ -171,12 +178,13 @@ std::string readWhole(const std::string& path, std::error_code& error) {
   struct stat status {};
   error = regularFileError(fd.get(), status);
   if (error) return {};
-  std::string bytes;
-  bytes.reserve(static_cast<std::size_t>(status.st_size));
-  platform::useLargePages(bytes.data(), bytes.capacity());
-  readRest(fd.get(), bytes, error);
-  if (error) return {};
-  return bytes;
+  try {
+    std::string bytes = readFrom(fd.get(), static_cast<std::size_t>(status.st_size), error);
+    if (!error) return bytes;
+  } catch (const std::exception&) {
+    error = std::make_error_code(std::errc::not_enough_memory);
+  }
+  return {};
 }
 
 void removeItem(const std::string& path, std::error_code& error) {

@@ -13,7 +13,7 @@ namespace VarnScriptRepository::files {
 [[nodiscard]] bool exists(const std::string& path) noexcept;
 
 /// The bytes of the regular file at `path`. On failure the result is empty and `error` is set; on
-/// success `error` is cleared.
+/// success `error` is cleared. A file that is too large for memory is a failure like any other.
 [[nodiscard]] std::string readWhole(const std::string& path, std::error_code& error);
 
 /// Removes the item at `path`: a file, a link (not what it points to, also with slashes behind it),

@@ -2,6 +2,7 @@
 
 import contextlib
 import os
+import resource
 import shutil
 import socket
 import sqlite3
@@ -159,6 +160,26 @@ class DocumentsTest(PromiseCase):
                   for number, value in enumerate(("", ",", "0," * 1_000_000, "-0", "00", "0 ")))
         self.assertEqual(ran, 1)
         self.figure(f"{2 * len(values)} unlikely checksums and digest names: 0 scripts ran")
+
+    def test_a_document_larger_than_memory_is_told_in_every_line(self):
+        self.put()
+        self.assertEqual(self.run_command("run", "42").status, 0)
+        sizes = {8 << 40: None}
+        if not os.environ.get("VARN_SANITIZE"):
+            sizes[900 * MEBIBYTE] = lambda: resource.setrlimit(resource.RLIMIT_AS,
+                                                               (512 * MEBIBYTE,) * 2)
+        for size, limit in sizes.items():
+            with self.case(size=size):
+                os.truncate(self.document_file("42.xml"), size)
+                result = self.run_command("--log-format", "json", "run", "42", "--json",
+                                          preexec_fn=limit)
+                self.assertEqual(result.status, 3)
+                messages = [message for _, _, message in result.steps]
+                self.assertEqual(messages[-2], "Error while reading file "
+                                 f"{self.document_file('42.xml')} Cannot allocate memory")
+                self.assertRegex(messages[-1],
+                                 "^Processing Script ID 42 .* status \\(nil, nil\\)$")
+        self.figure(f"{len(sizes)} documents larger than memory: each is told in every line")
 
 
 class StoreTest(PromiseCase):
