@@ -252,7 +252,9 @@ class Exchange {
     if (line.starts_with("HTTP/")) {
       encoding_.clear();
       validators_ = {};
+      isHeadWhole_ = false;
     }
+    if (line == "\r\n" || line == "\n") isHeadWhole_ = true;
     const std::size_t colon = line.find(':');
     if (colon == line.npos) return;
     const std::string name = lowerCase(line.substr(0, colon));
@@ -283,6 +285,8 @@ class Exchange {
   }
 
   Reply judge() {
+    // To curl, the connection's end is the headers' end as well.
+    if (!isHeadWhole_) throw DownloadFailure("the response's headers are cut short");
     const char* redirect = nullptr;
     curl_easy_getinfo(handle_.get(), CURLINFO_REDIRECT_URL, &redirect);
     if (redirect != nullptr) return {Reply::Kind::redirect, redirect};
@@ -336,6 +340,7 @@ class Exchange {
   std::unique_ptr<GzipDecoder> decoder_;
   std::string encoding_;  ///< of the body, in lower case; empty when it has none
   AnswerValidators validators_;
+  bool isHeadWhole_ = false;  ///< whether the blank line after the headers has come
   std::size_t headerBytes_ = 0;
   std::size_t ignoredBytes_ = 0;
   bool isTooLong_ = false;

@@ -25,8 +25,8 @@ struct Reply {
 
 /// Fetches `url` into `target`; with validators, only when it is another file than theirs. Throws
 /// `DownloadFailure` on anything else than a reply: another status than 200 (a 304 that nobody
-/// asked for is one), a body that is shorter than announced, a certificate that does not verify, a
-/// stall.
+/// asked for is one), headers without their end, a body that is shorter than announced, a
+/// certificate that does not verify, a stall.
 [[nodiscard]] Reply transfer(const std::string& url, const Validators& known,
                              const AgentSettings& settings, DownloadTarget& target);
 

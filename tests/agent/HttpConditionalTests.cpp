@@ -119,6 +119,15 @@ TEST_F(HttpConditional, AsksAgainEachTime) {
   EXPECT_EQ(readFile(target), "first");
 }
 
+TEST_F(HttpConditional, ANotModifiedThatIsCutShortIsNone) {
+  fetchFirst(kTag);
+  const std::string answer = "HTTP/1.1 304 Not Modified\r\n" + kTag + "\r\n";
+  for (std::size_t length = 0; length < answer.size(); ++length) {
+    server.answer("/a", answer.substr(0, length));
+    EXPECT_FALSE(download("a", target)) << answer.substr(0, length);
+  }
+}
+
 TEST_F(HttpConditional, AsksWithAWeakTag) {
   fetchFirst("ETag: W/\"v1\"\r\n");
   answerNotModified(kTag);

@@ -38,6 +38,26 @@ TEST_F(HttpFailure, ATruncatedBodyIsOne) {
   }
 }
 
+TEST_F(HttpFailure, AnAnswerCutShortAtAnyByteIsOne) {
+  const std::string answers[] = {
+      httpAnswer("200 OK", "abc", "X-Filler: x\r\nETag: \"v1\"\r\n"),
+      "HTTP/1.1 100 Continue\r\n\r\n" + httpAnswer("200 OK", "abc"),
+      // What is missing then is a line feed behind the end of the body.
+      "HTTP/1.1 200 OK\nTransfer-Encoding: chunked\n\n3\r\nabc\r\n0\r\n\r",
+      httpAnswer("200 OK", gzipped("abc"), "Content-Encoding: gzip\r\n"),
+      "HTTP/1.1 200 OK\r\n\r\n",
+  };
+  for (const std::string& answer : answers) {
+    for (std::size_t length = 0; length < answer.size(); ++length) {
+      SCOPED_TRACE(answer.substr(0, length));
+      server.answer("/a", answer.substr(0, length));
+      expectFailureWith("a", "");
+    }
+    server.answer("/a", answer);
+    EXPECT_TRUE(download("a", base / "target"));
+  }
+}
+
 TEST_F(HttpFailure, ABodyLongerThanAnnouncedIsOne) {
   server.answer("/a", httpAnswer("200 OK", "abc") + "d");
   expectFailure("a", "the body is longer than announced");

@@ -1,8 +1,10 @@
 """A server on 127.0.0.1 that serves a directory, and scripted bytes for some of its paths."""
 
+import contextlib
 import os
 import re
 import socket
+import ssl
 import struct
 import threading
 
@@ -13,10 +15,11 @@ class HostileServer:
     `answer(path, pieces, then)` makes `path` answered with the bytes of `pieces`, which may never
     end, and after them: "close", "reset", or "stall", which keeps the connection open in silence.
     With `validators`, header lines that tell of every file of the directory, a request that asks
-    with one of them is told that the file has not changed.
+    with one of them is told that the file has not changed. With `certificate`, a pair of certificate
+    and key file, it speaks HTTPS.
     """
 
-    def __init__(self, root=None):
+    def __init__(self, root=None, certificate=None):
         self._root = root
         self.validators = ()
         self._answers = {}
@@ -29,7 +32,11 @@ class HostileServer:
         self.connections = 0
         self.requested = []  # the paths so far
         self.not_modified = []  # those of them that were told so
-        self.url = f"http://127.0.0.1:{self._listener.getsockname()[1]}"
+        self._tls = None
+        if certificate:
+            self._tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+            self._tls.load_cert_chain(*certificate)
+        self.url = f"http{'s' if certificate else ''}://127.0.0.1:{self._listener.getsockname()[1]}"
         self._threads = [threading.Thread(target=self._accept)]
         self._threads[0].start()
 
@@ -65,12 +72,19 @@ class HostileServer:
                 self._threads.append(thread)
             thread.start()
 
-    def _serve(self, connection):
-        with connection:
+    def _serve(self, accepted):
+        connection = accepted
+        with contextlib.ExitStack() as stack:
+            stack.enter_context(connection)
             try:
+                if self._tls:
+                    connection = stack.enter_context(
+                        self._tls.wrap_socket(connection, server_side=True))
                 pieces, then = self._answer_to(connection)
                 for piece in pieces:
                     connection.sendall(piece)
+                if self._tls and then == "close":
+                    connection.unwrap()  # the end that TLS can tell from a cut
                 if then == "stall":
                     self._stops.wait()
                 if then == "reset":
@@ -79,7 +93,7 @@ class HostileServer:
             except OSError:
                 pass  # the client has had enough
             with self._lock:
-                self._open.remove(connection)
+                self._open.remove(accepted)
 
     def _answer_to(self, connection):
         head = b""

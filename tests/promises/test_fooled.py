@@ -147,6 +147,19 @@ class CertificateTest(RefusalCase):
         self.assertEqual((result.status, result.output), (0, "done\n"), result.error)
         self.figure(f"{len(servers)} wrong certificates: 0 accepted, 0 requests sent")
 
+    def test_an_answer_that_is_cut_in_its_headers_is_refused(self):
+        authority = Authority(self.path("authority"))
+        web = HostileServer(certificate=authority.sign("server"))
+        self.addCleanup(web.stop)
+        self.server = web.url
+        head = b"HTTP/1.1 200 OK\r\nETag: \"v1\"\r\nX-Filler: x\r\n\r\n"
+        lengths = [0, 15, 16, 17, 20, 30, len(head) - 3, len(head) - 2, len(head) - 1]
+        for length in lengths:
+            with self.case(head=head[:length]):
+                web.answer(LIST_PATH, [head[:length]])
+                self.assert_refused(str(length), "--ca-file", authority.file)
+        self.figure(f"{len(lengths)} answers over HTTPS that end in their headers: 0 accepted")
+
     def test_https_leads_to_nothing_less(self):
         authority = Authority(self.path("authority"))
         for name, target in (("http", self.web.url + LIST_PATH),
