@@ -128,6 +128,57 @@ TEST(ParseSettingsFile, AMessageIsOneLineWhateverTheFileHolds) {
   }
 }
 
+std::string repeated(const std::string& text, int times) {
+  std::string all;
+  for (int i = 0; i < times; ++i) all += text;
+  return all;
+}
+
+// Each part of a dotted key is a table in a table, and the parser's took the whole stack.
+TEST(ParseSettingsFile, NestingWithoutEndIsRefused) {
+  const int depth = 200000;
+  const std::string dots = repeated(".a", depth);
+  for (const std::string& toml :
+       {"a" + dots + " = 1\n", "[a" + dots + "]\n", "[[a" + dots + "]]\n",
+        "a = {a" + dots + " = 1}\n", "a = [{a = [1], b" + dots + " = 1}]\n",
+        "a" + repeated(" . a", depth) + " = 1\n", "\"a\"" + repeated(".\"a\\\"\"", depth) + " = 1",
+        "'a'" + repeated(".'a'", depth) + " = 1\n", "\"\"" + dots + " = 1\n", "''" + dots + " = ''",
+        "a" + dots}) {
+    EXPECT_EQ(errorIn("# \"\n" + toml),
+              "settings file /etc/varn.toml, line 2: a key has more than 16 parts")
+        << toml.substr(0, 20);
+  }
+  // The line is counted through texts of several lines, and these end where the parser ends them.
+  EXPECT_EQ(errorIn("a = \"\"\"\\\"\"\"\n\"\"\"\"\"\nb = '''\n'''''\nc" + dots + "=1"),
+            "settings file /etc/varn.toml, line 5: a key has more than 16 parts");
+  for (const std::string& nested :
+       {repeated("[", depth), "a = " + repeated("[", depth), "a = " + repeated("{a = ", depth),
+        "a = " + repeated("[{a.a.a.a = ", depth)}) {
+    EXPECT_TRUE(errorIn(nested).starts_with("settings file /etc/varn.toml, line 1: "))
+        << nested.substr(0, 20);
+  }
+}
+
+TEST(ParseSettingsFile, DotsThatPartNoKeyAreTaken) {
+  const std::string dots = repeated(".a", 200000);
+  for (const std::string& toml :
+       {"customer = \"7\" # " + dots + "\n", "# \"" + dots + "\ncustomer = \"7\"\n",
+        "# '''" + dots + "\ncustomer = '7'#" + dots}) {
+    EXPECT_EQ(textsFrom(toml), (SettingTexts{{"customer", "7"}})) << toml.substr(0, 40);
+  }
+  for (const std::string& toml :
+       {"customer = \"" + dots + "\"\n", "customer = '" + dots + "'\n",
+        "customer = \"\"\"\n" + dots + "\"\"\"\n", "customer = '''\n" + dots + "'''\n"}) {
+    EXPECT_EQ(textsFrom(toml), (SettingTexts{{"customer", dots}})) << toml.substr(0, 40);
+  }
+  for (const std::string& toml : {"customer = \"\"\"\\\"\"\"\n" + dots + "\"\"\"\"\"\n",
+                                  "customer = '''\"''\n" + dots + "'''''\n"}) {
+    EXPECT_EQ(errorIn(toml), "no error") << toml.substr(0, 40);
+  }
+  EXPECT_EQ(errorIn("a.a.a.a.a.a.a.a.a.a.a.a.a.a.a.a = 1\n"),
+            "settings file /etc/varn.toml, line 1: unknown setting a");
+}
+
 TEST_F(ReadSettingsFile, AFileIsReadFromDisk) {
   const auto result = readSettingsFile(write("customer = \"7\"\n"));
   EXPECT_EQ(std::get<SettingTexts>(result), (SettingTexts{{"customer", "7"}}));

@@ -137,6 +137,15 @@ TEST_F(Manifest, IsRefusedWithLineAndRemedyWhenSomethingIsWrong) {
   }
 }
 
+// The parser took the whole stack.
+TEST_F(Manifest, IsRefusedWhenAKeyHasPartsWithoutEnd) {
+  std::string key = "id";
+  for (int part = 0; part < 200000; ++part) key += ".a";
+  EXPECT_THAT(
+      findingsOf("[[script]]\n" + key + " = 1\n"),
+      ElementsAre("S/scripts.toml:2: a key has more than 16 parts; correct the manifest's TOML"));
+}
+
 TEST_F(Manifest, TheCommandLinesDigestWins) {
   writeOneScript("");
   EXPECT_THAT(findings("sha384"), IsEmpty());
