@@ -4,23 +4,19 @@
 
 #include "ScriptRepositoryUtil.h"
 
-#include <poll.h>
-
 #include <algorithm>
-#include <array>
-#include <cerrno>
 #include <chrono>
-#include <climits>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <new>
 #include <string_view>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 #include "platform/Child.h"
 #include "platform/Clock.h"
+#include "platform/Wait.h"
 #include "support/Encoding.h"
 #include "support/Files.h"
 #include "support/Guard.h"
@@ -42,9 +38,6 @@ constexpr UnitLog kLog{"ScriptRepositoryUtil",
 /// that is writing, short against one that pauses.
 constexpr std::chrono::milliseconds kRestOfCharacterWait{50};
 
-/// How often the child is asked for where no descriptor tells its end, or where poll fails.
-constexpr std::chrono::milliseconds kAskInterval{10};
-
 // ---- Time ------------------------------------------------------------------------------------
 
 /// `seconds` from now; the end of time when that lies beyond it.
@@ -57,14 +50,6 @@ Clock::time_point deadlineIn(std::int64_t seconds) {
   return now + std::chrono::seconds(seconds);
 }
 
-/// What poll takes for a wait until `deadline`: milliseconds, rounded up so that the deadline has
-/// passed when the wait is over; -1 for the end of time.
-int pollTimeout(Clock::time_point deadline) {
-  if (deadline == Clock::time_point::max()) return -1;
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-  return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, INT_MAX));
-}
-
 // ---- Collecting output -----------------------------------------------------------------------
 
 /// Waits for a running child and collects what it writes. Made before the child is started, so that
@@ -73,6 +58,7 @@ class Collector {
  public:
   Collector(platform::FileDescriptor readingEnd, Clock::time_point limit, std::int64_t timeoutIn)
       : readingEnd_(std::move(readingEnd)),
+        capacity_(platform::pipeCapacity(readingEnd_.get())),
         chunk_(std::make_unique_for_overwrite<char[]>(capacity_ + kLongestRest)),
         limit_(limit),
         timeoutIn_(timeoutIn) {}
@@ -80,9 +66,9 @@ class Collector {
   /// Returns when `child` has ended and what the pipe held at that moment has been taken.
   void untilEndOf(const platform::Child& child) {
     while (true) {
-      const Ready ready = outputOrEnd(child, limit_);
-      if (ready.output && takeChunk(child, capacity_) >= capacity_) expectMore();
+      const platform::Ready ready = platform::waitForOutputOrEnd(readingEnd_, child, limit_);
       if (ready.end) break;
+      if (ready.output && takeChunk(child) >= capacity_) expectMore();
       if (Clock::now() >= limit_ && !child.hasEnded()) askToTerminate(child);
     }
     takeWhatIsHeld(child);
@@ -94,54 +80,19 @@ class Collector {
   /// The rest of a character that begins with a chunk's last byte. The most that follows a chunk.
   static constexpr std::size_t kLongestRest = 3;
 
-  /// What a wait has found; each may be there without the other.
-  struct Ready {
-    bool output;
-    bool end;
-  };
-
-  /// Waits for output, for the child's end, or until `deadline`. There may be less output than
-  /// told, even none.
-  Ready outputOrEnd(const platform::Child& child, Clock::time_point deadline) {
-    const bool endTells = child.endDescriptor() >= 0;
-    int timeout = pollTimeout(deadline);
-    if (!endTells && (timeout < 0 || timeout > kAskInterval.count())) {
-      timeout = static_cast<int>(kAskInterval.count());
-    }
-    // Negative descriptors are passed over: the pipe after its end of file, which a living child
-    // may leave behind, and the child's end where nothing tells it.
-    std::array<pollfd, 2> watched{pollfd{readingEnd_.get(), POLLIN, 0},
-                                  pollfd{child.endDescriptor(), POLLIN, 0}};
-    if (::poll(watched.data(), watched.size(), timeout) >= 0) {
-      const bool hasOutput = watched[0].revents != 0;
-      if (!endTells) return {hasOutput, child.hasEnded()};
-      if ((watched[1].revents & ~POLLIN) == 0) return {hasOutput, watched[1].revents != 0};
-      // The descriptor is of no use, or tells more than the end: the child itself is asked.
-      if (!hasOutput && !child.hasEnded()) std::this_thread::sleep_for(kAskInterval);
-      return {hasOutput, child.hasEnded()};
-    }
-    // An interrupted wait is just over. A poll that fails for want of memory must not become a
-    // busy loop; reading and asking do without it.
-    if (errno != EINTR) std::this_thread::sleep_for(kAskInterval);
-    return {true, child.hasEnded()};
-  }
-
-  /// Reads at most `most` bytes to `chunk_` at `offset`; 0 when there is nothing now. At the end of
-  /// the file the pipe is closed and not watched any more.
+  /// Reads at most `most` bytes to `chunk_` at `offset`; 0 when there is nothing now.
   std::size_t read(std::size_t offset, std::size_t most) {
-    if (!readingEnd_) return 0;
-    const ssize_t got = platform::retryOnInterrupt(
-        [&] { return ::read(readingEnd_.get(), chunk_.get() + offset, most); });
-    if (got > 0) return static_cast<std::size_t>(got);
-    const bool nothingNow = got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
-    if (!nothingNow) readingEnd_.reset();
-    return 0;
+    most = static_cast<std::size_t>(std::min<std::uint64_t>(most, left_));
+    if (!readingEnd_ || most == 0) return 0;
+    const std::size_t got = platform::readHeld(readingEnd_, chunk_.get() + offset, most);
+    left_ -= got;
+    return got;
   }
 
-  /// Takes one chunk of at most `most` bytes, and the rest of the character that it ends inside of.
-  /// Gives the number of bytes taken.
-  std::size_t takeChunk(const platform::Child& child, std::size_t most) {
-    std::size_t length = read(0, most);
+  /// Takes one chunk, and the rest of the character that it ends inside of. Gives the number of
+  /// bytes taken.
+  std::size_t takeChunk(const platform::Child& child) {
+    std::size_t length = read(0, capacity_);
     if (length == 0) return 0;
     length += takeRestOfCharacter(child, length);
     deliver(std::string_view(chunk_.get(), length));
@@ -166,7 +117,7 @@ class Collector {
       taken += got;
       if (got > 0) continue;
       if (!readingEnd_ || ended || Clock::now() >= until) break;
-      outputOrEnd(child, until);
+      static_cast<void>(platform::waitForOutputOrEnd(readingEnd_, child, until));
     }
     return taken;
   }
@@ -194,12 +145,8 @@ class Collector {
 
   /// One bounded look: a descendant that goes on writing is not waited for.
   void takeWhatIsHeld(const platform::Child& child) {
-    std::size_t held = readingEnd_ ? platform::bytesHeld(readingEnd_.get()) : 0;
-    while (held > 0) {
-      const std::size_t taken = takeChunk(child, std::min(held, capacity_));
-      if (taken == 0) return;
-      held -= std::min(held, taken);
-    }
+    left_ = readingEnd_ ? platform::bytesHeld(readingEnd_.get()) : 0;
+    while (takeChunk(child) > 0) continue;
   }
 
   void askToTerminate(const platform::Child& child) {
@@ -212,8 +159,9 @@ class Collector {
   }
 
   platform::FileDescriptor readingEnd_;
-  std::size_t capacity_ = 64 * 1024;  // what a chunk has at most: what a pipe holds, as a rule
+  std::size_t capacity_;  // what a chunk has at most: what the pipe can hold
   std::unique_ptr<char[]> chunk_;
+  std::uint64_t left_ = UINT64_MAX;  // how many bytes may still be read: all, while the child runs
   bool expectsMore_ = false;
   LongText output_;
   Clock::time_point limit_;
@@ -230,8 +178,8 @@ std::string entryLine(const std::string& launchPath, const std::string& commandP
          ", timeoutIn " + std::to_string(timeoutIn);
 }
 
-std::pair<Status, Output> launchFailed(const std::error_code& error) {
-  kLog.info("Launch failed: " + files::description(error));
+std::pair<Status, Output> launchFailed(const std::error_code& error) noexcept {
+  guarded([&] { kLog.info("Launch failed: " + files::description(error)); });
   return {};
 }
 
@@ -268,18 +216,21 @@ std::pair<std::optional<std::int32_t>, std::optional<std::string>> shell(
     const std::string& launchPath, const std::string& commandPath,
     const std::vector<std::string>& arguments, const std::string& executeInDirectory,
     std::int64_t timeoutIn) {
-  return guarded(std::pair<Status, Output>{}, [&]() -> std::pair<Status, Output> {
+  try {
     guarded([&] {
       kLog.info(entryLine(launchPath, commandPath, arguments, executeInDirectory, timeoutIn));
     });
     if (!files::exists(launchPath)) {
-      kLog.info("Launch path not available: " + launchPath);
+      guarded([&] { kLog.info("Launch path not available: " + launchPath); });
       return {};
     }
     std::vector<std::string> childArguments{commandPath};
     childArguments.insert(childArguments.end(), arguments.begin(), arguments.end());
     return run(launchPath, childArguments, executeInDirectory, timeoutIn);
-  });
+  } catch (...) {
+    // Nothing but memory runs out here, and all that can't do without comes before the start.
+    return launchFailed(std::make_error_code(std::errc::not_enough_memory));
+  }
 }
 
 }  // namespace VarnScriptRepository

@@ -33,7 +33,7 @@ struct Pipe {
 /// pipe stays as it is.
 void enlargePipe(int fd) noexcept;
 
-/// How many bytes the pipe of `readingEnd` holds now.
+/// How many bytes the pipe of `readingEnd` holds now; where that is not told, how many it can hold.
 [[nodiscard]] std::size_t bytesHeld(int readingEnd) noexcept;
 
 /// What to start.

@@ -22,7 +22,7 @@ FileDescriptor beyondStandardDescriptors(FileDescriptor fd) noexcept {
 
 std::size_t bytesHeld(int readingEnd) noexcept {
   int held = 0;
-  if (::ioctl(readingEnd, FIONREAD, &held) != 0 || held < 0) return 0;
+  if (::ioctl(readingEnd, FIONREAD, &held) != 0 || held < 0) return pipeCapacity(readingEnd);
   return static_cast<std::size_t>(held);
 }
 

@@ -52,6 +52,15 @@ int openDescriptors() {
   return open;
 }
 
+/// Whether one of this process's pipes holds that many bytes.
+bool anyDescriptorHolds(int bytes) {
+  for (int fd = 0; fd < 256; ++fd) {
+    int held = 0;
+    if (::ioctl(fd, FIONREAD, &held) == 0 && held == bytes) return true;
+  }
+  return false;
+}
+
 /// Waits until a child of this process has ended, and leaves it to whoever reaps it.
 void untilAChildHasEnded() {
   siginfo_t info{};
@@ -183,8 +192,9 @@ TEST_F(SystemCallFaults, AnInterruptedReadIsRepeated) {
 }
 
 TEST_F(SystemCallFaults, AReadThatFindsNothingIsMadeAgain) {
+  // The child goes on when its first line was taken.
   const SystemCallFault fault("read", EAGAIN, SystemCallFault::kEveryKind, 1);
-  EXPECT_EQ(runCommand("echo text"), Result(0, "text\n"));
+  EXPECT_EQ(runInTwoParts("exit 4", untilAChildHasEnded), Result(4, "one\n"));
   EXPECT_EQ(fault.met(), 1);
 }
 
@@ -200,29 +210,27 @@ TEST_F(SystemCallFaults, OutputThatCannotBeReadIsLeftAndTheStatusKept) {
 }
 
 TEST_F(SystemCallFaults, ACharacterThatCannotBeCompletedDropsItsChunk) {
-  // The chunk ends inside a character, and the pipe can't be read further.
+  // The chunk ends inside a character, and the pipe can't be read further. The child ends when its
+  // output is not taken any more.
   const SystemCallFault fault("read", EIO, SystemCallFault::kEveryKind, 1, 1);
-  EXPECT_EQ(runCommand("printf 'caf\\303'; exit 4"), Result(4, ""));
+  EXPECT_EQ(runCommand("trap '' PIPE; while printf 'caf\\303' 2>/dev/null; do sleep 0.01; done; "
+                       "exit 4"),
+            Result(4, ""));
   EXPECT_EQ(fault.met(), 1);
 }
 
-TEST_F(SystemCallFaults, WithoutACountOfHeldBytesTheStatusIsKept) {
-  // A descendant keeps the pipe open, so that its end does not show.
+TEST_F(SystemCallFaults, WithoutACountOfHeldBytesWhatThePipeCanHoldIsTaken) {
   {
     const SystemCallFault fault("ioctl", EINVAL, FIONREAD);
-    EXPECT_EQ(runCommand("sleep 0.2 & exit 4"), Result(4, ""));
+    EXPECT_EQ(runInTwoParts("echo two; exit 4", untilAChildHasEnded), Result(4, "one\ntwo\n"));
     EXPECT_EQ(fault.met(), 1);
-  }
-  {
-    // A count that is none.
-    const SystemCallFault fault("ioctl", 0, FIONREAD, SystemCallFault::kAlways, 0, -1);
+    // A descendant keeps the pipe open, so that its end does not show.
     EXPECT_EQ(runCommand("sleep 0.2 & exit 4"), Result(4, ""));
-    EXPECT_EQ(fault.met(), 1);
   }
-  // What is not counted is not taken.
-  const SystemCallFault nothingNow("read", EAGAIN, SystemCallFault::kEveryKind, 1, 1);
-  const SystemCallFault fault("ioctl", EINVAL, FIONREAD);
-  EXPECT_EQ(runInTwoParts("echo two; exit 4", untilAChildHasEnded), Result(4, "one\n"));
+  doubles::removeTree(path("go"));
+  // A count that is none.
+  const SystemCallFault fault("ioctl", 0, FIONREAD, SystemCallFault::kAlways, 0, -1);
+  EXPECT_EQ(runInTwoParts("echo two; exit 4", untilAChildHasEnded), Result(4, "one\ntwo\n"));
   EXPECT_EQ(fault.met(), 1);
 }
 
@@ -258,26 +266,40 @@ TEST_F(SystemCallFaults, APipeGrowsForAChildThatHasFilledItAndForNoOther) {
   const SystemCallFault fault("fcntl", EPERM, F_SETPIPE_SZ);
   EXPECT_EQ(runCommand("echo text; echo more; exit 4"), Result(4, "text\nmore\n"));
   EXPECT_EQ(fault.met(), 0);
-  const auto [status, output] =
-      runInTwoParts("head -c 65536 /dev/zero; exit 4", untilAChildHasEnded);
+  const auto [status, output] = runInTwoParts(
+      "head -c 65536 /dev/zero; : >filled; head -c 1 /dev/zero; exit 4",
+      [&] { EXPECT_TRUE(eventually([&] { return doubles::exists(path("filled")); })); });
   EXPECT_EQ(status, 4);
-  EXPECT_EQ(output, "one\n" + std::string(65536, '\0'));
+  EXPECT_EQ(output, "one\n" + std::string(65537, '\0'));
   EXPECT_EQ(fault.met(), 1);
 }
 
 TEST_F(SystemCallFaults, WhatThePipeStillHoldsWhenTheChildHasEndedIsTaken) {
-  // The second read, of which the runner expects the output's end, finds nothing.
-  const SystemCallFault fault("read", EAGAIN, SystemCallFault::kEveryKind, 1, 1);
   EXPECT_EQ(runInTwoParts("echo two; exit 4", untilAChildHasEnded), Result(4, "one\ntwo\n"));
-  EXPECT_EQ(fault.met(), 1);
 }
 
 TEST_F(SystemCallFaults, WhatComesAfterTheLookAtTheEndedChildsPipeIsNotTaken) {
   // Two bytes were there at the look, the others come while they are read.
-  const SystemCallFault fault("read", EAGAIN, SystemCallFault::kEveryKind, 1, 1);
   const SystemCallFault look("ioctl", 0, FIONREAD, 1, 0, 2);
   EXPECT_EQ(runInTwoParts("echo two; exit 4", untilAChildHasEnded), Result(4, "one\ntw"));
   EXPECT_EQ(look.met(), 1);
+}
+
+TEST_F(SystemCallFaults, NoMoreIsReadAfterTheEndThanThePipeHeldThen) {
+  // The runner is held up at each chunk until the descendant has filled the pipe again.
+  constexpr int full = 65536;
+  journal.onLog([this](const doubles::LogRecord& record) {
+    if (record.message != "availableOutput") return;
+    doubles::writeFile(path("go"), "");
+    untilAChildHasEnded();
+    EXPECT_TRUE(eventually([] { return anyDescriptorHolds(full); }));
+  });
+  const auto [status, output] =
+      runCommand("echo one; while [ ! -e go ]; do sleep 0.01; done; cat /dev/zero & exit 4");
+  journal.onLog({});
+  EXPECT_EQ(status, 4);
+  ASSERT_TRUE(output);
+  EXPECT_EQ(output->size(), 4U + full);
 }
 
 TEST_F(SystemCallFaults, AChildIsWaitedForByWhoeverHasItLast) {
@@ -472,6 +494,18 @@ TEST_F(SystemCallFaults, AStatusThatTheKernelKeepsIsTaken) {
 // ---- Memory ----------------------------------------------------------------------------------
 
 constexpr std::size_t kMiB = std::size_t{1} << 20;
+
+TEST_F(SystemCallFaults, WithoutMemoryForChunksNothingIsStarted) {
+  Result result(0, "");
+  {
+    const NoMemory memory(65536);
+    result = runCommand("echo ran >ran");
+  }
+  EXPECT_EQ(result, Result());
+  EXPECT_THAT(journal.log(), testing::ElementsAre(entryLine("echo ran >ran", 600),
+                                                  line("Launch failed: Cannot allocate memory")));
+  EXPECT_FALSE(doubles::exists(path("ran")));
+}
 
 TEST_F(SystemCallFaults, WithoutMemoryForLargerChunksOutputIsTakenInSmallOnes) {
   std::optional<NoMemory> memory;
