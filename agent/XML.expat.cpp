@@ -66,13 +66,26 @@ struct CodeUnits {
   std::size_t asciiByte = 0;
 };
 
-/// UTF-16 shows in its byte-order mark, or in the NUL beside the `<` that a document begins with.
-/// All other encodings that expat reads have ASCII in bytes of its own.
+/// As expat sees it: UTF-16 shows in its byte-order mark, or in the NUL beside the ASCII character
+/// that a document begins with. All other encodings that expat reads have ASCII in bytes of its
+/// own.
 CodeUnits codeUnits(std::string_view data) {
-  using namespace std::string_view_literals;
-  if (data.starts_with("\xFF\xFE"sv) || data.starts_with("<\0"sv)) return {2, 0};
-  if (data.starts_with("\xFE\xFF"sv) || data.starts_with("\0<"sv)) return {2, 1};
+  if (data.size() < 2) return {};
+  if (data.starts_with("\xFF\xFE") || data[1] == '\0') return {2, 0};
+  if (data.starts_with("\xFE\xFF") || data[0] == '\0') return {2, 1};
   return {};
+}
+
+/// Whether surrogates come in pairs only and no byte is left over. Expat itself takes whatever
+/// follows a high surrogate for a low one.
+bool isUTF16(std::string_view data, CodeUnits units) {
+  bool isInPair = false;
+  for (std::size_t at = 0; at + 1 < data.size(); at += 2) {
+    const unsigned part = static_cast<unsigned char>(data[at + 1 - units.asciiByte]) & 0xFCu;
+    if ((part == 0xDC) != isInPair) return false;
+    isInPair = part == 0xD8;
+  }
+  return !isInPair && data.size() % 2 == 0;
 }
 
 /// The ASCII characters of `raw`; every other character is left as a NUL.
@@ -101,10 +114,12 @@ bool hasOnlyBuiltInReferences(std::string_view tag) {
 /// them: a failure stops the parser.
 class Reader {
  public:
-  Reader(std::string_view data, RecordDecoder& decoder) : data_(data), decoder_(decoder) {}
+  Reader(std::string_view data, RecordDecoder& decoder)
+      : data_(data), units_(codeUnits(data)), decoder_(decoder) {}
 
   /// Whether the document is well formed, and the decoder has taken all of it.
   [[nodiscard]] bool read() {
+    if (units_.size == 2 && !isUTF16(data_, units_)) return false;
     parser_.reset(XML_ParserCreate(nullptr));
     if (!parser_) return false;
     XML_Parser parser = parser_.get();
@@ -198,12 +213,12 @@ class Reader {
     if (start < 0 || length < 0) return false;
     const std::string_view tag =
         data_.substr(static_cast<std::size_t>(start), static_cast<std::size_t>(length));
-    const CodeUnits units = codeUnits(data_);
-    return hasOnlyBuiltInReferences(units.size == 1 ? tag
-                                                    : std::string_view(asciiOnly(tag, units)));
+    return hasOnlyBuiltInReferences(units_.size == 1 ? tag
+                                                     : std::string_view(asciiOnly(tag, units_)));
   }
 
   std::string_view data_;
+  CodeUnits units_;
   RecordDecoder& decoder_;
   std::unique_ptr<XML_ParserStruct, FreeParser> parser_;
   bool hasDoctype_ = false;

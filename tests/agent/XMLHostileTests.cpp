@@ -111,6 +111,100 @@ TEST(XMLHostile, OwnEntitiesAreSeenInUTF16AsWell) {
   EXPECT_EQ(decodedItems(snow), (Items{{"\xE2\x98\x80\xE4\x98\xA6&", {}, {}}}));
 }
 
+/// UTF-16 of either byte order, behind its mark or without one.
+std::string inUTF16(const std::u16string& text, bool bigEndian, bool marked) {
+  std::string bytes;
+  for (const char16_t unit : (marked ? u"\uFEFF" : u"") + text) {
+    const auto high = static_cast<char>(unit >> 8);
+    const auto low = static_cast<char>(unit & 0xFF);
+    bytes += bigEndian ? high : low;
+    bytes += bigEndian ? low : high;
+  }
+  return bytes;
+}
+
+/// Calls `check` with a way to write UTF-16 for each of its forms.
+template <class Check>
+void inEachUTF16(const Check& check) {
+  for (const bool bigEndian : {false, true}) {
+    for (const bool marked : {false, true}) {
+      SCOPED_TRACE(testing::Message() << "big endian " << bigEndian << " marked " << marked);
+      check([&](const std::u16string& text) { return inUTF16(text, bigEndian, marked); });
+    }
+  }
+}
+
+TEST(XMLHostile, SurrogatesThatAreNoPairAreAbsentWhereverTheyStand) {
+  const std::u16string places[] = {
+      u"<box><item><id>*</id></item></box>",
+      u"<box><item><id>a*b</id></item></box>",
+      u"<box><item id='*'/></box>",
+      u"<box><item id='1' x='a*b'/></box>",
+      u"<box><other>*</other></box>",
+      u"<box><![CDATA[*]]></box>",
+      u"<box><!--*--></box>",
+      u"<box><?a *?></box>",
+      u"<!--*--><box/>",
+      u"<box/><!--*-->",
+      u"<box/>*",
+      u"<b*x/>",
+      u"<box><other*/></box>",
+      u"<box><item i*='1'/></box>",
+      u"<?a *?><box/>",
+      u"<!DOCTYPE box [<!ENTITY e '*'>]><box/>",
+  };
+  const std::u16string broken[] = {{0xD800},
+                                   {0xDBFF},
+                                   {0xDC00},
+                                   {0xDFFF},
+                                   {0xD800, 0xD800},
+                                   {0xDC00, 0xD800},
+                                   {0xD83D, 'a'},
+                                   {0xD83D, 0x0161},
+                                   {0xD83D, 0xDE00, 0xDE00},
+                                   {0xD83D, 0xE000},
+                                   {0xD83D, 0xDBFF, 0xDE00}};
+  inEachUTF16([&](const auto& encoded) {
+    for (const std::u16string& place : places) {
+      for (const std::u16string& units : broken) {
+        std::u16string document = place;
+        document.replace(document.find(u'*'), 1, units);
+        EXPECT_FALSE(decodes(encoded(document))) << encoded(document);
+      }
+    }
+    EXPECT_EQ(decodedItems(encoded({u"<box><item id='\U0001F600'><note>\U0010FFFD</note></item>"
+                                    u"<!--\U00010000--></box>"})),
+              (Items{{"\U0001F600", "\U0010FFFD", {}}}));
+  });
+}
+
+TEST(XMLHostile, AnOddByteIsAbsent) {
+  inEachUTF16([](const auto& encoded) {
+    const std::string document = encoded(u"<box><item id='1'/></box>");
+    EXPECT_TRUE(decodes(document));
+    for (const char byte : {'\0', ' ', '\n', '<', '\xD8', '\xFF'}) {
+      EXPECT_FALSE(decodes(document + byte)) << static_cast<int>(byte);
+    }
+    EXPECT_FALSE(decodes(document.substr(0, document.size() - 1)));
+    EXPECT_FALSE(decodes(document.substr(1)));
+  });
+}
+
+TEST(XMLHostile, SurrogatesAreHeldTogetherAcrossEveryBoundary) {
+  // The parser is fed a document of this size in two pieces.
+  constexpr std::size_t kHalfPiece = std::size_t{1} << 19;
+  inEachUTF16([](const auto& encoded) {
+    for (std::size_t before = kHalfPiece - 30; before <= kHalfPiece - 15; ++before) {
+      const std::u16string start = u"<box><!--" + std::u16string(before, 'x') + u"--><item id='";
+      const std::u16string end = u"'/></box>";
+      EXPECT_EQ(decodedItems(encoded(start + u"\U0001F600" + end)),
+                (Items{{"\U0001F600", {}, {}}}));
+      EXPECT_FALSE(decodes(encoded(start + char16_t{0xD83D} + end)));
+      EXPECT_FALSE(decodes(encoded(start + char16_t{0xDE00} + end)));
+    }
+  });
+}
+
 TEST(XMLHostile, AnEntityBombIsAbsentWhereverItLies) {
   std::string bomb = "<!DOCTYPE box [<!ENTITY a0 'xxxxxxxxxx'>";
   for (int level = 1; level <= 30; ++level) {
