@@ -110,6 +110,12 @@ bool hasOnlyBuiltInReferences(std::string_view tag) {
   return true;
 }
 
+/// Whether XML 1.0 has the version: "1." and digits. Expat takes any.
+bool isVersion(std::string_view text) {
+  return text.size() > 2 && text.starts_with("1.") &&
+         text.find_first_not_of("0123456789", 2) == text.npos;
+}
+
 /// One run of expat over one document. The callbacks are called from C, so no exception leaves
 /// them: a failure stops the parser.
 class Reader {
@@ -126,6 +132,7 @@ class Reader {
     XML_SetUserData(parser, this);
     XML_SetElementHandler(parser, onBegin, onEnd);
     XML_SetCharacterDataHandler(parser, onCharacters);
+    XML_SetXmlDeclHandler(parser, onDeclaration);
     XML_SetStartDoctypeDeclHandler(parser, onDoctype);
     // With a default handler set, expat leaves entities of the document's own unexpanded and
     // reports them as skipped.
@@ -199,6 +206,10 @@ class Reader {
       reader.decoder_.characters({piece, static_cast<std::size_t>(length)});
       return true;
     });
+  }
+
+  static void onDeclaration(void* self, const XML_Char* version, const XML_Char*, int) {
+    guarded(self, [&](Reader&) { return version != nullptr && isVersion(version); });
   }
 
   static void onDoctype(void* self, const XML_Char*, const XML_Char*, const XML_Char*, int) {

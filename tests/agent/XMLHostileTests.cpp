@@ -69,6 +69,48 @@ TEST(XMLHostile, BytesThatAreNotTheDeclaredEncodingAreAbsent) {
   for (const std::string& document : documents) EXPECT_FALSE(decodes(document)) << document;
 }
 
+/// UTF-16 of either byte order, behind its mark or without one.
+std::string inUTF16(const std::u16string& text, bool bigEndian, bool marked) {
+  std::string bytes;
+  for (const char16_t unit : (marked ? u"\uFEFF" : u"") + text) {
+    const auto high = static_cast<char>(unit >> 8);
+    const auto low = static_cast<char>(unit & 0xFF);
+    bytes += bigEndian ? high : low;
+    bytes += bigEndian ? low : high;
+  }
+  return bytes;
+}
+
+/// Calls `check` with a way to write UTF-16 for each of its forms.
+template <class Check>
+void inEachUTF16(const Check& check) {
+  for (const bool bigEndian : {false, true}) {
+    for (const bool marked : {false, true}) {
+      SCOPED_TRACE(testing::Message() << "big endian " << bigEndian << " marked " << marked);
+      check([&](const std::u16string& text) { return inUTF16(text, bigEndian, marked); });
+    }
+  }
+}
+
+TEST(XMLHostile, AVersionThatIsNoneOfXML1IsAbsent) {
+  const auto withVersion = [](const std::string& version) {
+    return "<?xml version='" + version + "'?><box/>";
+  };
+  for (const char* const version : {"1.0", "1.1", "1.9", "1.10", "1.007"}) {
+    EXPECT_TRUE(decodes(withVersion(version))) << version;
+  }
+  for (const char* const version :
+       {"", "1", "1.", ".0", "x", "0.9", "2.0", "11.0", "1.x", "1.0a", "1.0.0", "1.-1", "1,0",
+        "1:0", "01.0", " 1.0", "1.0 ", "1. 0"}) {
+    EXPECT_FALSE(decodes(withVersion(version))) << version;
+  }
+  EXPECT_FALSE(decodes("<?xml encoding='UTF-8'?><box/>"));
+  inEachUTF16([](const auto& encoded) {
+    EXPECT_TRUE(decodes(encoded(u"<?xml version='1.0'?><box/>")));
+    EXPECT_FALSE(decodes(encoded(u"<?xml version='2.0'?><box/>")));
+  });
+}
+
 TEST(XMLHostile, ADocumentTypeThatDeclaresNothingInUseDoesNoHarm) {
   const Items one{{"1", {}, {}}};
   EXPECT_EQ(decodedItems("<!DOCTYPE box><box><item id='1'/></box>"), one);
@@ -109,29 +151,6 @@ TEST(XMLHostile, OwnEntitiesAreSeenInUTF16AsWell) {
   std::string snow = wide(declared + "<box><item id='?!&amp;'/></box>");
   snow.replace(snow.find('?'), 4, "\x00\x26\x26\x46"s);
   EXPECT_EQ(decodedItems(snow), (Items{{"\xE2\x98\x80\xE4\x98\xA6&", {}, {}}}));
-}
-
-/// UTF-16 of either byte order, behind its mark or without one.
-std::string inUTF16(const std::u16string& text, bool bigEndian, bool marked) {
-  std::string bytes;
-  for (const char16_t unit : (marked ? u"\uFEFF" : u"") + text) {
-    const auto high = static_cast<char>(unit >> 8);
-    const auto low = static_cast<char>(unit & 0xFF);
-    bytes += bigEndian ? high : low;
-    bytes += bigEndian ? low : high;
-  }
-  return bytes;
-}
-
-/// Calls `check` with a way to write UTF-16 for each of its forms.
-template <class Check>
-void inEachUTF16(const Check& check) {
-  for (const bool bigEndian : {false, true}) {
-    for (const bool marked : {false, true}) {
-      SCOPED_TRACE(testing::Message() << "big endian " << bigEndian << " marked " << marked);
-      check([&](const std::u16string& text) { return inUTF16(text, bigEndian, marked); });
-    }
-  }
 }
 
 TEST(XMLHostile, SurrogatesThatAreNoPairAreAbsentWhereverTheyStand) {
