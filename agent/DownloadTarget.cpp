@@ -105,13 +105,19 @@ void DownloadTarget::makeTemporaryFile() {
   throw DownloadFailure("can't keep a file in " + directory_);
 }
 
-void DownloadTarget::write(const char* bytes, std::size_t count) {
-  if (count > mostBytes_ - size_) {
+void DownloadTarget::count(std::uint64_t& sum, std::size_t count) const {
+  if (count > mostBytes_ - sum) {
     throw DownloadFailure("larger than max_download allows (" + std::to_string(mostBytes_) +
                           " bytes)");
   }
+  sum += count;
+}
+
+void DownloadTarget::receive(std::size_t count) { this->count(received_, count); }
+
+void DownloadTarget::write(const char* bytes, std::size_t count) {
+  this->count(size_, count);
   const FileDescriptor& file = temporaryFile();
-  size_ += count;
   while (count > 0) {
     const ssize_t written = ::write(file.get(), bytes, count);
     if (written < 0 && errno == EINTR) continue;

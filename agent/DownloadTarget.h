@@ -36,6 +36,10 @@ class DownloadTarget {
   /// The temporary file. Throws `DownloadFailure` when it can't be made.
   const FileDescriptor& temporaryFile();
 
+  /// Counts bytes that have come for the file, as they came. Throws `DownloadFailure` when they are
+  /// more than allowed: compressed ones need not become any bytes of the file.
+  void receive(std::size_t count);
+
   /// Adds bytes. Throws `DownloadFailure` when they can't be written or are more than allowed.
   void write(const char* bytes, std::size_t count);
 
@@ -48,11 +52,14 @@ class DownloadTarget {
 
  private:
   void makeTemporaryFile();
+  /// Adds `count` to `sum`, unless that makes it more than is allowed.
+  void count(std::uint64_t& sum, std::size_t count) const;
 
   const std::string path_;
   const std::string directory_;
   const std::uint64_t mostBytes_;
   std::uint64_t size_ = 0;
+  std::uint64_t received_ = 0;
   std::string temporaryPath_;  ///< empty when there is no temporary file
   FileDescriptor file_;
 };

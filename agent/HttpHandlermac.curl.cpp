@@ -44,9 +44,11 @@ Outcome fetchOverHTTP(const std::string& asked, const AgentSettings& settings,
   // The validators are about the URL that was asked for. What a redirect leads to may be another
   // file each time, so its answer is neither asked for with them nor are its own kept.
   std::optional<KeptCopy> kept = KeptCopy::find(target.path(), asked, settings.maxDownload);
+  DownloadPace pace(settings.slowestWindow, DownloadPace::Clock::now());
   std::string url = asked;
   for (int redirects = 0; redirects <= kMostRedirects;) {
-    const Reply reply = transfer(url, kept ? kept->validators() : Validators{}, settings, target);
+    const Reply reply =
+        transfer(url, kept ? kept->validators() : Validators{}, settings, target, pace);
     switch (reply.kind) {
       case Reply::Kind::body:
         if (redirects == 0) keepWithFile(target.temporaryFile(), asked, reply.validators);

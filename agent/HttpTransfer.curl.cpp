@@ -112,8 +112,13 @@ std::string_view withoutWeakness(std::string_view entityTag) {
 /// One exchange. curl calls back into it; what these calls throw is kept until curl has returned.
 class Exchange {
  public:
-  Exchange(const Validators& known, const AgentSettings& settings, DownloadTarget& target)
-      : known_(known), settings_(settings), target_(target), handle_(IdleHandles::shared().take()) {
+  Exchange(const Validators& known, const AgentSettings& settings, DownloadTarget& target,
+           DownloadPace& pace)
+      : known_(known),
+        settings_(settings),
+        target_(target),
+        pace_(pace),
+        handle_(IdleHandles::shared().take()) {
     if (!handle_) throw DownloadFailure("out of memory");
   }
   Exchange(const Exchange&) = delete;
@@ -176,11 +181,9 @@ class Exchange {
     set(CURLOPT_DEBUGDATA, this);
     setUpTLS();
     if (!settings_.proxy.empty()) set(CURLOPT_PROXY, settings_.proxy.c_str());
-    if (settings_.onDownloadProgress) {
-      set(CURLOPT_XFERINFOFUNCTION, &onProgress);
-      set(CURLOPT_XFERINFODATA, this);
-      set(CURLOPT_NOPROGRESS, 0L);
-    }
+    set(CURLOPT_XFERINFOFUNCTION, &onProgress);
+    set(CURLOPT_XFERINFODATA, this);
+    set(CURLOPT_NOPROGRESS, 0L);
   }
 
   void setUpCondition() {
@@ -235,16 +238,22 @@ class Exchange {
     return 0;
   }
 
+  /// Called about once a second also while nothing comes.
   static int onProgress(void* exchange, curl_off_t total, curl_off_t now, curl_off_t, curl_off_t) {
     auto& self = *static_cast<Exchange*>(exchange);
     const auto number = [](curl_off_t bytes) {
       return static_cast<std::uint64_t>(std::max<curl_off_t>(bytes, 0));
     };
-    return self.step([&] { self.settings_.onDownloadProgress(number(now), number(total)); }) ? 0
-                                                                                             : 1;
+    const bool goesOn = self.step([&] {
+      self.pace_.check(DownloadPace::Clock::now());
+      const auto& report = self.settings_.onDownloadProgress;
+      if (report) report(number(now), number(total));
+    });
+    return goesOn ? 0 : 1;
   }
 
   void takeHeader(std::string_view line) {
+    pace_.receive(line.size());
     headerBytes_ += line.size();
     if (headerBytes_ > kMostHeaderBytes)
       throw DownloadFailure("the response's headers are too long");
@@ -264,12 +273,14 @@ class Exchange {
   }
 
   void takeBody(const char* bytes, std::size_t count) {
+    pace_.receive(count);
     if (status() != 200) {
       ignoredBytes_ += count;
       // Enough is known; `judge` can't be reached from here.
       if (ignoredBytes_ > kMostIgnoredBytes) throw DownloadFailure(statusText());
       return;
     }
+    target_.receive(count);
     if (encoding_.empty() || encoding_ == "identity") {
       target_.write(bytes, count);
       return;
@@ -335,6 +346,7 @@ class Exchange {
   const Validators& known_;
   const AgentSettings& settings_;
   DownloadTarget& target_;
+  DownloadPace& pace_;
   Headers headers_;
   Handle handle_;
   std::unique_ptr<GzipDecoder> decoder_;
@@ -351,8 +363,8 @@ class Exchange {
 }  // namespace
 
 Reply transfer(const std::string& url, const Validators& known, const AgentSettings& settings,
-               DownloadTarget& target) {
-  return Exchange(known, settings, target).perform(url);
+               DownloadTarget& target, DownloadPace& pace) {
+  return Exchange(known, settings, target, pace).perform(url);
 }
 
 }  // namespace AgentUtils

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "AgentSettings.h"
+#include "DownloadPace.h"
 #include "DownloadTarget.h"
 #include "Validators.h"
 
@@ -23,11 +24,13 @@ struct Reply {
   Validators validators = {};  ///< of the body, when they are worth keeping
 };
 
-/// Fetches `url` into `target`; with validators, only when it is another file than theirs. Throws
-/// `DownloadFailure` on anything else than a reply: another status than 200 (a 304 that nobody
-/// asked for is one), headers without their end, a body that is shorter than announced, a
-/// certificate that does not verify, a stall.
+/// Fetches `url` into `target`; with validators, only when it is another file than theirs. `pace`
+/// is that of the whole download, to which this exchange belongs. Throws `DownloadFailure` on
+/// anything else than a reply: another status than 200 (a 304 that nobody asked for is one),
+/// headers without their end, a body that is shorter than announced, a certificate that does not
+/// verify, a stall.
 [[nodiscard]] Reply transfer(const std::string& url, const Validators& known,
-                             const AgentSettings& settings, DownloadTarget& target);
+                             const AgentSettings& settings, DownloadTarget& target,
+                             DownloadPace& pace);
 
 }  // namespace AgentUtils

@@ -48,7 +48,7 @@ inline constexpr std::array kSettings = {
     SettingDefinition{"proxy", SettingDefinition::Kind::text, "URL",
                       "Proxy (default: the environment's)"},
     SettingDefinition{"max_download", SettingDefinition::Kind::number, "BYTES",
-                      "Most bytes that one download may write (default: 1073741824)"},
+                      "Most bytes that one download may receive or write (default: 1073741824)"},
     SettingDefinition{"log_format", SettingDefinition::Kind::text, "text|json",
                       "Form of the log (default: text)"},
     SettingDefinition{"log_file", SettingDefinition::Kind::text, "FILE",

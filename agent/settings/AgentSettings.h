@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -25,8 +26,11 @@ struct AgentSettings {
   std::string clientCert;  ///< PEM file
   std::string clientKey;   ///< PEM file
   std::string proxy;       ///< proxy URL; the environment's proxies when empty
-  /// The most that one download may write, in bytes after any transfer decompression.
+  /// The most that one download may receive, and the most that it may write after any transfer
+  /// decompression, in bytes.
   std::uint64_t maxDownload = std::uint64_t{1} << 30;
+  /// A download over HTTP that brings less than 1 KiB/s over this time is given up.
+  std::chrono::milliseconds slowestWindow = std::chrono::minutes(5);
   /// Called now and then during a download with the bytes so far and the bytes announced (0 when
   /// unknown), on the downloading thread. May be empty.
   std::function<void(std::uint64_t received, std::uint64_t total)> onDownloadProgress;

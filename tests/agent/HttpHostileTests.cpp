@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include "DownloadPace.h"
+#include "DownloadTarget.h"
 #include "support/DownloadFixture.h"
 #include "support/Gzip.h"
 #include "support/HttpServer.h"
@@ -122,6 +124,10 @@ TEST_F(HttpFailure, MoreThanMayBeDownloadedIsOneWhateverTheEncoding) {
   const std::string bomb = gzipped(std::string(std::size_t{64} << 20, '\0'));
   server.answer("/a", httpAnswer("200 OK", bomb, "Content-Encoding: gzip\r\n"));
   expectFailure("a", cause);
+  std::string nothing;
+  while (nothing.size() <= 1000) nothing += gzipped("");
+  server.answer("/a", httpAnswer("200 OK", nothing, "Content-Encoding: gzip\r\n"));
+  expectFailure("a", cause);
 }
 
 TEST_F(HttpFailure, ACompressedBodyThatIsDamagedOrCutShortIsOne) {
@@ -153,6 +159,51 @@ TEST_F(HttpFailure, ABodyWithoutEndIsOne) {
   useServer(server.url());
   server.answer("/a", "HTTP/1.0 200 OK\r\n\r\n" + std::string(10000, 'x'), HttpServer::Then::again);
   expectFailure("a", "larger than max_download allows (1000000 bytes)");
+}
+
+TEST_F(HttpFailure, ADownloadThatCrawlsIsOne) {
+  settings.slowestWindow = std::chrono::milliseconds(1);
+  useServer(server.url());
+  server.answer("/a", "HTTP/1.1 200 OK\r\nContent-Length: 1000000\r\n\r\nabc",
+                HttpServer::Then::keep);
+  expectFailureWith("a", "too slow: ");
+  server.answer("/a", "HTTP/1.1 200 OK\r\nX-Filler: ", HttpServer::Then::keep);
+  expectFailureWith("a", "too slow: ");
+}
+
+TEST(DownloadPace, GivesUpBelowOneKibibytePerSecondOverAWindow) {
+  using AgentUtils::DownloadPace;
+  using std::chrono::milliseconds;
+  const DownloadPace::Clock::time_point begin(milliseconds(1000));
+  struct Step {
+    milliseconds at;
+    std::size_t received;
+    bool isEnough;
+  };
+  const std::vector<Step> rows[] = {
+      {{milliseconds(299'999), 0, true}},
+      {{milliseconds(300'000), 307'199, false}},
+      {{milliseconds(300'000), 307'200, true}},
+      // What came in one window does not count for the next.
+      {{milliseconds(300'000), 1'000'000, true}, {milliseconds(600'000), 307'199, false}},
+      {{milliseconds(1), 1'000'000, true},
+       {milliseconds(300'000), 0, true},
+       {milliseconds(599'999), 0, true},
+       {milliseconds(600'000), 0, false}},
+  };
+  for (const std::vector<Step>& row : rows) {
+    DownloadPace pace(milliseconds(300'000), begin);
+    for (const Step& step : row) {
+      pace.receive(step.received);
+      bool isEnough = true;
+      try {
+        pace.check(begin + step.at);
+      } catch (const AgentUtils::DownloadFailure&) {
+        isEnough = false;
+      }
+      EXPECT_EQ(isEnough, step.isEnough) << step.at.count() << ' ' << step.received;
+    }
+  }
 }
 
 TEST_F(HttpFailure, ATargetThatIsNoFileIsOneBeforeTheServerIsAsked) {
