@@ -32,7 +32,7 @@ set(varn_tests_of_never-fooled
   "^endtoend\\.test_https\\." "^endtoend\\.test_failures\\.LimitTest")
 set(varn_tests_of_xml-is-data "^XMLHostile\\." "^XMLDecode\\." "^[Ff]uzz.*document")
 set(varn_tests_of_runner-word
-  "^RunnerPromise" "^ShellOutput\\." "^ShellLimit\\." "^ShellProcess\\." "^ShellStart\\.")
+  "^RunnerPromise" "^fuzz.*runner" "^ShellOutput\\." "^ShellLimit\\." "^ShellProcess\\." "^ShellStart\\.")
 
 # Gives each test of `varn_tests` the labels of its promises, beside those that it has.
 foreach(test IN LISTS varn_tests)
