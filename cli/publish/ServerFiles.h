@@ -1,6 +1,6 @@
 // The files of a repository in the server's tree: written whole or not at all, readable for a web
 // server (files 0644, directories 0755, whatever the process's mask is), and never followed through
-// a symbolic link. One publishing at a time holds the directory.
+// a symbolic link. One publishing at a time holds the directory, and one user publishes there.
 
 #pragma once
 
@@ -28,7 +28,8 @@ class ServerFiles {
   ~ServerFiles();
 
   /// Creates what is missing of `outputDirectory`/`repository`, waits until no other process
-  /// publishes there, and takes the directory.
+  /// publishes there, which it tells on standard error, and takes the directory. Its lock file,
+  /// ".publishing.lock" in it, can be opened by its owner alone, and stays.
   void open(const std::string& outputDirectory, const std::string& repository,
             std::error_code& error);
 

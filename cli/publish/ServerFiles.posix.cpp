@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,6 +23,10 @@ constexpr mode_t kDirectoryMode = S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOT
 
 // Only the holder of the lock makes files of such names, so one that is found is a leftover.
 constexpr std::string_view kTemporaryName = ".publishing-";
+
+// Stays for ever: a lock on a file that somebody removes is no lock for who comes later.
+constexpr const char* kLockName = ".publishing.lock";
+constexpr mode_t kLockMode = S_IRUSR | S_IWUSR;
 
 constexpr const char* kContentParts[] = {"data", "files"};
 
@@ -50,6 +53,21 @@ std::string parentOf(const std::string& path) {
   const auto slash = path.rfind('/');
   if (slash == std::string::npos) return ".";
   return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// Makes a directory of that mode whatever the process's mask is; false with `errno`. By its
+// descriptor: a link that is put in its place is not followed.
+bool makeDirectory(const std::string& path) {
+  if (::mkdir(path.c_str(), kDirectoryMode) != 0) return false;
+  const FileDescriptor made(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  return made && ::fchmod(made.get(), kDirectoryMode) == 0;
+}
+
+int lockWhole(int file, int command, struct flock& lock) {
+  lock = {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  return retryOnInterrupt([&] { return ::fcntl(file, command, &lock); });
 }
 
 }  // namespace
@@ -88,9 +106,8 @@ void ServerFiles::createDirectories(const std::string& path, std::error_code& er
     const bool exists = ::stat(directory.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
     if (!exists) {
       // Another publishing may have created it by now.
-      const bool created = ::mkdir(directory.c_str(), kDirectoryMode) == 0;
+      const bool created = makeDirectory(directory);
       if (!created && errno != EEXIST) return fail(directory, error);
-      if (created && ::chmod(directory.c_str(), kDirectoryMode) != 0) return fail(directory, error);
       if (created) syncDirectory(parentOf(directory), error);
       if (error) return;
     }
@@ -98,11 +115,37 @@ void ServerFiles::createDirectories(const std::string& path, std::error_code& er
   }
 }
 
+// A file of its own, because whoever may open a file can lock it for ever, and everybody may open
+// what is served.
 void ServerFiles::lock(std::error_code& error) {
-  // The directory itself is the lock, so no file is needed for it in a tree that is served.
-  lock_ = ::open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (lock_ < 0) return fail(directory_, error);
-  if (retryOnInterrupt([this] { return ::flock(lock_, LOCK_EX); }) != 0) fail(directory_, error);
+  const std::string path = pathOf(kLockName);
+  // Without waiting: somebody may have put a FIFO there.
+  lock_ = retryOnInterrupt([&] {
+    return ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kLockMode);
+  });
+  struct stat file {};
+  struct stat directory {};
+  if (lock_ < 0 || ::fstat(lock_, &file) != 0) return fail(path, error);
+  if (::stat(directory_.c_str(), &directory) != 0) return fail(directory_, error);
+  // Root may publish for the one whose directory it is; nobody else's file is a lock.
+  const bool isOurs = file.st_uid == ::geteuid() || file.st_uid == directory.st_uid;
+  if (!S_ISREG(file.st_mode) || file.st_nlink != 1 || !isOurs) {
+    errno = EPERM;
+    return fail(path, error);
+  }
+  // A copy of the tree may have another mode.
+  const bool isPrivate = (file.st_mode & ACCESSPERMS) == kLockMode;
+  if (!isPrivate && ::fchmod(lock_, kLockMode) != 0) return fail(path, error);
+
+  struct flock held {};
+  if (lockWhole(lock_, F_SETLK, held) == 0) return;
+  if (errno != EAGAIN && errno != EACCES) return fail(path, error);
+  const bool known = lockWhole(lock_, F_GETLK, held) == 0 && held.l_type != F_UNLCK;
+  // The process may be one of another computer or container, which has no number here.
+  const std::string holder =
+      known && held.l_pid > 0 ? "process " + std::to_string(held.l_pid) : "another process";
+  writeErrorLine("varn-scripts: waiting for " + holder + ", which publishes to " + directory_);
+  if (lockWhole(lock_, F_SETLKW, held) != 0) fail(path, error);
 }
 
 std::string ServerFiles::read(const std::string& name, std::error_code& error) {

@@ -9,9 +9,9 @@
 namespace VarnScripts::publishing {
 
 /// Returns when the bytes of all files in `paths` are on the disk. They lie in the file system of
-/// the open directory `directory`. After a failure `error` tells why; the result is the path that
-/// it was met at, empty when none.
-[[nodiscard]] std::string syncFiles(const std::vector<std::string>& paths, int directory,
+/// the open file or directory `descriptor`. After a failure `error` tells why; the result is the
+/// path that it was met at, empty when none.
+[[nodiscard]] std::string syncFiles(const std::vector<std::string>& paths, int descriptor,
                                     std::error_code& error);
 
 /// Returns when the bytes of the file, or the names in the directory, at `path` are on the disk.

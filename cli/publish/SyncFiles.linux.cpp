@@ -12,12 +12,12 @@ constexpr std::size_t kMostSingleFiles = 32;
 
 }  // namespace
 
-std::string syncFiles(const std::vector<std::string>& paths, int directory,
+std::string syncFiles(const std::vector<std::string>& paths, int descriptor,
                       std::error_code& error) {
   error.clear();
   if (paths.size() > kMostSingleFiles) {
     // One wait for the disk in place of one for each file.
-    if (::syncfs(directory) != 0) error.assign(errno, std::generic_category());
+    if (::syncfs(descriptor) != 0) error.assign(errno, std::generic_category());
     return error ? paths.front() : "";
   }
   for (const std::string& path : paths) {

@@ -2,7 +2,7 @@
 
 namespace VarnScripts::publishing {
 
-std::string syncFiles(const std::vector<std::string>& paths, int /*directory*/,
+std::string syncFiles(const std::vector<std::string>& paths, int /*descriptor*/,
                       std::error_code& error) {
   error.clear();
   for (const std::string& path : paths) {

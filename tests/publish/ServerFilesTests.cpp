@@ -3,14 +3,18 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/file.h>
 #include <sys/stat.h>
+#ifdef __linux__
+#include <sys/syscall.h>
+#endif
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
+#include <utility>
 
 #include "publish/ServerFiles.h"
 
@@ -18,6 +22,9 @@ namespace VarnScripts::publishing {
 namespace {
 
 namespace fs = std::filesystem;
+
+// Done to the next directory that is made, once it is there.
+std::function<void(const std::string& path)> afterMkdir;
 
 const std::string kScript = "files/" + std::string(64, 'a') + ".sh";
 const std::string kOtherScript = "files/" + std::string(64, 'b') + ".sh";
@@ -60,6 +67,7 @@ class ServerFilesTest : public testing::Test {
     for (const auto& item : fs::recursive_directory_iterator(root_)) {
       found.insert(fs::relative(item.path(), root_).string());
     }
+    EXPECT_EQ(found.erase(".publishing.lock"), 1U);
     return found;
   }
 
@@ -176,6 +184,26 @@ TEST_F(ServerFilesTest, LoseTheirCompressedCopiesAndNothingElse) {
                                             "scripts-meta.xml.old"}));
 }
 
+#ifdef __linux__
+// Between the making of a directory and the setting of its mode, its name may come to mean
+// something else.
+TEST_F(ServerFilesTest, SetNoModeThroughALinkThatWasPutInTheirPlace) {
+  const std::string elsewhere = output_ + "/elsewhere";
+  fs::create_directory(elsewhere);
+  fs::permissions(elsewhere, fs::perms::owner_all);
+  afterMkdir = [&](const std::string& path) {
+    fs::rename(path, path + ".away");
+    fs::create_directory_symlink(elsewhere, path);
+  };
+  ServerFiles files;
+  std::error_code error;
+  files.open(output_, "client-data/7/scriptrepo", error);
+  EXPECT_EQ(error.message(), "Not a directory");
+  EXPECT_EQ(files.failedPath(), output_ + "/client-data");
+  EXPECT_EQ(modeOf(elsewhere), 0700U);
+}
+#endif
+
 TEST_F(ServerFilesTest, TellWhichPathCouldNotBeMade) {
   std::ofstream(output_ + "/client-data") << "a file";
   ServerFiles files;
@@ -188,10 +216,18 @@ TEST_F(ServerFilesTest, TellWhichPathCouldNotBeMade) {
 
 TEST_F(ServerFilesTest, BelongToOnePublishingAtATime) {
   const auto isFree = [this] {
-    const int directory = ::open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const bool free = ::flock(directory, LOCK_EX | LOCK_NB) == 0;
-    ::close(directory);
-    return free;
+    // A process does not wait for its own locks.
+    const pid_t child = ::fork();
+    if (child == 0) {
+      const int file = ::open((root_ + "/.publishing.lock").c_str(), O_RDWR | O_CLOEXEC);
+      struct flock all {};
+      all.l_type = F_WRLCK;
+      all.l_whence = SEEK_SET;
+      ::_exit(::fcntl(file, F_SETLK, &all) == 0 ? 0 : 1);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    return status == 0;
   };
   {
     ServerFiles files;
@@ -201,5 +237,65 @@ TEST_F(ServerFilesTest, BelongToOnePublishingAtATime) {
   EXPECT_TRUE(isFree());
 }
 
+TEST_F(ServerFilesTest, AreLockedWithAFileThatNobodyElseMayOpen) {
+  const std::string lock = root_ + "/.publishing.lock";
+  const mode_t mask = ::umask(0);
+  for (const unsigned mode : {0600U, 0644U}) {
+    ServerFiles files;
+    open(files);
+    EXPECT_EQ(modeOf(lock), 0600U);
+    EXPECT_EQ(fs::file_size(lock), 0U);
+    std::error_code error;
+    files.removeContentBut({}, error);
+    EXPECT_FALSE(error);
+    // As a copy of the tree may have it.
+    fs::permissions(lock, static_cast<fs::perms>(mode));
+  }
+  ServerFiles files;
+  open(files);
+  EXPECT_EQ(modeOf(lock), 0600U);
+  ::umask(mask);
+}
+
+TEST_F(ServerFilesTest, AreNotLockedWithWhatIsNoFileOfOurOwn) {
+  {
+    ServerFiles files;
+    open(files);
+  }
+  const std::string lock = root_ + "/.publishing.lock";
+  const auto refusal = [&] {
+    ServerFiles files;
+    std::error_code error;
+    files.open(output_, "client-data/7/scriptrepo", error);
+    EXPECT_EQ(files.failedPath(), lock);
+    return error.message();
+  };
+  std::ofstream(output_ + "/elsewhere") << "x";
+  fs::permissions(output_ + "/elsewhere", static_cast<fs::perms>(0644));
+  fs::remove(lock);
+  fs::create_symlink(output_ + "/elsewhere", lock);
+  EXPECT_EQ(refusal(), "Too many levels of symbolic links");
+  fs::remove(lock);
+  fs::create_hard_link(output_ + "/elsewhere", lock);
+  EXPECT_EQ(refusal(), "Operation not permitted");
+  fs::remove(lock);
+  ASSERT_EQ(::mkfifo(lock.c_str(), S_IRWXU), 0);
+  EXPECT_EQ(refusal(), "Operation not permitted");
+  fs::remove(lock);
+  fs::create_directory(lock);
+  EXPECT_EQ(refusal(), "Is a directory");
+  EXPECT_EQ(modeOf(output_ + "/elsewhere"), 0644U);
+}
+
 }  // namespace
 }  // namespace VarnScripts::publishing
+
+#ifdef __linux__
+// In the place of the C library's.
+extern "C" int mkdir(const char* path, mode_t mode) noexcept {
+  const auto result = ::syscall(SYS_mkdirat, AT_FDCWD, path, mode);
+  using VarnScripts::publishing::afterMkdir;
+  if (result == 0 && afterMkdir) std::exchange(afterMkdir, nullptr)(path);
+  return static_cast<int>(result);
+}
+#endif

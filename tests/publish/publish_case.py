@@ -9,6 +9,8 @@ from support.case import CommandCase
 from support.repository import CUSTOMER, DIRECTORY, LIST_PATH
 from support.web_server import WebServer
 
+LOCK_NAME = ".publishing.lock"
+
 
 def toml(text):
     """The text as a TOML string."""
@@ -86,10 +88,10 @@ class PublishCase(CommandCase):
         return found
 
     def files(self):
-        """The names of all files below the repository's directory."""
+        """The names of all files below the repository's directory, but that of the lock."""
         root = self.output + DIRECTORY
         return {os.path.relpath(os.path.join(directory, name), root)
-                for directory, _, names in os.walk(root) for name in names}
+                for directory, _, names in os.walk(root) for name in names} - {LOCK_NAME}
 
     def content(self):
         return self.files() - {"scripts-meta.xml"}

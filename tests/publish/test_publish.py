@@ -6,8 +6,10 @@ import os
 import resource
 import signal
 import stat
+import subprocess
+import sys
 
-from publish_case import PublishCase
+from publish_case import LOCK_NAME, PublishCase
 from support.repository import CUSTOMER, DIRECTORY
 
 
@@ -27,7 +29,7 @@ class PublishedTree(PublishCase):
         self.assertEqual(self.files(), {"scripts-meta.xml", script, document})
         for name, (mode, *_) in self.tree().items():
             expected = 0o755 if stat.S_ISDIR(mode) else 0o644
-            if name != ".":
+            if name not in (".", os.path.join(DIRECTORY[1:], LOCK_NAME)):
                 self.assertEqual(stat.S_IMODE(mode), expected, name)
 
     def test_names_every_file_but_the_list_by_its_content(self):
@@ -458,31 +460,45 @@ class Failures(PublishCase):
                              "Not a directory\n"))
 
 
-class Turns(PublishCase):
-    def wait_for_turn_of(self, process):
-        """Waits until the process waits for a lock."""
-        def waits():
-            with open("/proc/locks", encoding="ascii") as locks:
-                return any(" -> FLOCK" in line and f" {process.pid} " in line for line in locks)
-        self.wait_until(waits, "a publishing that waits")
+# Holds the lock in the file that it is given, until its standard input ends.
+HOLDER = """import fcntl, sys
+lock = open(sys.argv[1], "r+b")
+fcntl.lockf(lock, fcntl.LOCK_EX)
+print(flush=True)
+sys.stdin.read()"""
 
+
+class Turns(PublishCase):
     def test_are_taken_and_the_last_one_publishes_what_is_there_then(self):
         self.write_script(text="echo 1\n")
         self.must_publish()
-        directory = os.open(self.output + DIRECTORY, os.O_RDONLY)
-        fcntl.flock(directory, fcntl.LOCK_EX)
+        holder = subprocess.Popen(
+            [sys.executable, "-c", HOLDER, f"{self.output}{DIRECTORY}/{LOCK_NAME}"],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        self.addCleanup(self._end, holder)
+        holder.stdout.readline()
         before = self.tree()
         self.write_script(text="echo 2\n")
         process = self.start("publish", self.source, self.output,
                              settings=["--customer", CUSTOMER])
-        self.wait_for_turn_of(process)
+        self.assertEqual(process.stderr.readline().decode(),
+                         f"varn-scripts: waiting for process {holder.pid}, which publishes to "
+                         f"{self.output}{DIRECTORY}\n")
         self.assertEqual(self.tree(), before)
         # What the waiting one has seen is no longer what is to be published.
         self.write_script(text="echo 3\n")
-        os.close(directory)
+        holder.stdin.close()
         self.assertEqual(self.finish(process).status, 0)
         self.assertEqual(self.document()["ChecksumValues"]["checksum_val"], sha256("echo 3\n"))
         self.assertNotIn(f"files/{sha256('echo 2' + chr(10))}.sh", self.content())
+
+    def test_are_nobodys_who_may_only_read_the_tree(self):
+        self.write_script()
+        self.must_publish()
+        directory = os.open(self.output + DIRECTORY, os.O_RDONLY)
+        self.addCleanup(os.close, directory)
+        fcntl.flock(directory, fcntl.LOCK_EX)
+        self.must_publish()
 
     def test_many_at_once_leave_one_whole_state(self):
         for number in range(20):
