@@ -1,9 +1,11 @@
 #include "RunnerFixture.h"
 
 #include <sys/prctl.h>
+#include <sys/utsname.h>
 #include <sys/wait.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <thread>
 
 namespace runnertests {
@@ -25,6 +27,15 @@ bool eventually(const std::function<bool()>& condition) {
     std::this_thread::yield();
   }
   return true;
+}
+
+bool kernelKeepsStatuses() {
+  utsname system{};
+  int major = 0;
+  int minor = 0;
+  EXPECT_EQ(::uname(&system), 0);
+  EXPECT_EQ(std::sscanf(system.release, "%d.%d", &major, &minor), 2);
+  return std::pair(major, minor) >= std::pair(6, 15);
 }
 
 RunnerFixture::RunnerFixture() {

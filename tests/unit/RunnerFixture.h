@@ -30,6 +30,10 @@ std::string line(const std::string& message);
 /// Whether `condition` came true before ten seconds had passed.
 bool eventually(const std::function<bool()>& condition);
 
+/// Whether this kernel keeps the status of a child whose host ignores SIGCHLD, as Linux does from
+/// 6.15 on.
+bool kernelKeepsStatuses();
+
 /// A runner's test. The process adopts the descendants of the programs it runs, so that it can wait
 /// for those that outlive their parents.
 class RunnerFixture : public testing::Test {

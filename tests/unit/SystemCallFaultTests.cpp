@@ -6,14 +6,12 @@
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
-#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <functional>
 #include <new>
 #include <optional>
@@ -479,12 +477,7 @@ TEST_F(SystemCallFaults, AStatusThatNobodyKeepsIsLost) {
 }
 
 TEST_F(SystemCallFaults, AStatusThatTheKernelKeepsIsTaken) {
-  utsname system{};
-  ASSERT_EQ(::uname(&system), 0);
-  int major = 0;
-  int minor = 0;
-  ASSERT_EQ(std::sscanf(system.release, "%d.%d", &major, &minor), 2);
-  if (std::pair(major, minor) < std::pair(6, 15)) GTEST_SKIP() << "this kernel keeps none";
+  if (!kernelKeepsStatuses()) GTEST_SKIP() << "this kernel keeps none";
 
   const SIGCHLDIgnored host;
   EXPECT_EQ(runCommand("echo text; exit 4"), Result(4, "text\n"));

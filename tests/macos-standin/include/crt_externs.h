@@ -1,0 +1,5 @@
+// Stands in for the header of this name on macOS.
+
+#pragma once
+
+extern "C" char*** _NSGetEnviron();
