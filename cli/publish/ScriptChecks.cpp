@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "ScriptRepositoryProcessorRequest.h"
+#include "publish/ModuleNames.h"
 #include "publish/Names.h"
 
 namespace VarnScripts::publishing {
@@ -90,6 +91,13 @@ bool checkFileName(const ManifestText& file, const std::string& manifest, Findin
     findings.refuse(place, "the file name " + quoted(file.value) + " " + *complaint,
                     "put the file beside the manifest and give its bare name");
     return false;
+  }
+  if (const auto language = libraryWithModule(file.value)) {
+    findings.warn(place,
+                  "the file name " + quoted(file.value) + " is that of a module of " +
+                      std::string(*language) +
+                      "'s standard library, and other scripts may load the file in its place",
+                  "give the script's file another name");
   }
   if (interpreterExtension(file.value)) return true;
   if (const auto meant = interpreterExtension(inLowerCase(file.value))) {

@@ -17,8 +17,8 @@ namespace VarnScripts::publishing {
 /// Refuses IDs that clients can't keep a document under. True when the ID can be used.
 bool checkID(const ManifestText& id, const std::string& manifest, Findings& findings);
 
-/// Refuses names that clients can't keep a file under, or that have no interpreter. True when the
-/// name can be used.
+/// Refuses names that clients can't keep a file under, or that have no interpreter; warns of those
+/// of modules, which other scripts would load. True when the name can be used.
 bool checkFileName(const ManifestText& file, const std::string& manifest, Findings& findings);
 
 /// Refuses texts that the documents can't carry.

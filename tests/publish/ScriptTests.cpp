@@ -177,6 +177,29 @@ TEST_F(ScriptFiles, MayHaveAnyOfTheFourExtensions) {
   }
 }
 
+TEST_F(ScriptFiles, AreWarnedOfWhenOtherScriptsWouldLoadThemForAModule) {
+  const struct {
+    std::string name;
+    std::string library;
+  } names[] = {{"json.py", "Python"},     {"os.py", "Python"},       {"re.py", "Python"},
+               {"_json.py", "Python"},    {"zoneinfo.py", "Python"}, {"__future__.py", "Python"},
+               {"bytes_heavy.pl", "Perl"}};
+  for (const auto& [name, library] : names) {
+    write(name, "print 1\n");
+    EXPECT_THAT(findingsOfFile(name),
+                ElementsAre("S/scripts.toml:3: warning: the file name \"" + name +
+                            "\" is that of a module of " + library +
+                            "'s standard library, and other scripts may load the file in its "
+                            "place; give the script's file another name"));
+  }
+  for (const std::string name :
+       {"json.sh", "json.pl", "bytes_heavy.py", "JSON.py", "json.tool.py", "jso.py", "jsons.py",
+        "strict.pl", ".py", " .py", "abc ast.py", "zz.py", "_.py", "a.py"}) {
+    write(name, "print 1\n");
+    EXPECT_THAT(findingsOfFile(name), IsEmpty()) << name;
+  }
+}
+
 TEST_F(ScriptFiles, AreRefusedWhenTheyAreMissing) {
   EXPECT_THAT(findingsOfFile("a.sh"), ElementsAre("S/scripts.toml:3: the file \"a.sh\" is not in "
                                                   "S; put it there, or correct the name"));

@@ -352,6 +352,16 @@ class Refused(PublishCase):
             "for a part of the line; save the file with LF at the ends of its lines"])
         self.assertEqual(self.entries().keys(), {"42"})
 
+    def test_every_module_of_this_python_is_warned_of(self):
+        if not (3, 10) <= sys.version_info < (3, 14):
+            self.skipTest("a Python that does not tell its modules, or has new ones")
+        names = sorted(sys.stdlib_module_names)
+        self.assertGreater(len(names), 250)
+        for name in names:
+            self.write_script(name, f"{name}.py", "print(1)\n")
+        result = self.publish("--check")
+        self.assertEqual(result.output, f"Checked {len(names)} scripts: {len(names)} warnings.\n")
+
     def test_warnings_are_refused_by_strict(self):
         self.write_script(text="echo a\r\n", accepted_codes="0,")
         result = self.publish("--strict")
