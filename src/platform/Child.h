@@ -67,7 +67,8 @@ class Child {
   /// Whether the child has ended. Does not block and does not reap.
   [[nodiscard]] bool hasEnded() const noexcept;
 
-  /// Sends SIGTERM to the child's process group.
+  /// Sends SIGTERM to the child's process group, and to the child itself where it has moved to
+  /// another one; then SIGCONT to the same, so that what is stopped hears it.
   void terminateGroup() const noexcept;
 
   /// Waits until the child has ended and gives its exit status, or the number of the signal that

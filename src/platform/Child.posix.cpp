@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 
 #include <cerrno>
+#include <initializer_list>
 #include <string_view>
 #include <utility>
 
@@ -70,6 +71,12 @@ bool Child::hasEnded() const noexcept {
          info.si_code == CLD_DUMPED;
 }
 
-void Child::terminateGroup() const noexcept { ::kill(-processID_, SIGTERM); }
+void Child::terminateGroup() const noexcept {
+  // What is stopped hears the first signal when it gets the second.
+  for (const int signal : {SIGTERM, SIGCONT}) {
+    ::kill(-processID_, signal);
+    if (::getpgid(processID_) != processID_) ::kill(processID_, signal);
+  }
+}
 
 }  // namespace VarnScriptRepository::platform

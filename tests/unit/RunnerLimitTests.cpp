@@ -28,6 +28,15 @@ class ShellLimit : public RunnerFixture {
       }
     });
   }
+
+  /// The signal that ended the process named in the file "subtask", which is ours to wait for now
+  /// that its parent is gone; 0 when none did.
+  int endOfSubtask() const {
+    const int subtask = std::atoi(doubles::readFile(path("subtask")).value_or("0").c_str());
+    int status = 0;
+    const auto ended = [&] { return ::waitpid(subtask, &status, WNOHANG) == subtask; };
+    return subtask > 0 && eventually(ended) && WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+  }
 };
 
 TEST_F(ShellLimit, OfZeroOrLessIsALineAndNoLimit) {
@@ -125,13 +134,38 @@ TEST_F(ShellLimit, EndsAChildThatClosedItsOutput) {
 TEST_F(ShellLimit, EndsWhatTheChildStartedInItsGroup) {
   EXPECT_EQ(runCommand("sleep 1000 & echo $! > subtask; wait", 1), Result(SIGTERM, ""));
 
-  // The subtask is ours to wait for now that its parent is gone.
-  const int subtask = std::atoi(doubles::readFile(path("subtask")).value_or("0").c_str());
-  ASSERT_GT(subtask, 0);
-  int status = 0;
-  EXPECT_TRUE(eventually([&] { return ::waitpid(subtask, &status, WNOHANG) == subtask; }));
-  ASSERT_TRUE(WIFSIGNALED(status));
-  EXPECT_EQ(WTERMSIG(status), SIGTERM);
+  EXPECT_EQ(endOfSubtask(), SIGTERM);
+}
+
+/// Moves itself to the group of its parent, this test, and ends by itself some time after the
+/// limit.
+const std::string kMovesAway =
+    "exec perl -e 'setpgrp(0, getpgrp(getppid())) or die; "
+    "select(undef, undef, undef, 0.05) until -e \"reached\"; sleep(10); exit 7'";
+
+TEST_F(ShellLimit, EndsAChildThatHasMovedToAnotherGroup) {
+  tellWhenReached();
+  EXPECT_EQ(runCommand(kMovesAway, 1), Result(SIGTERM, ""));
+}
+
+TEST_F(ShellLimit, EndsWhatAChildThatHasMovedAwayLeftInItsGroup) {
+  tellWhenReached();
+  EXPECT_EQ(runCommand("sleep 1000 & echo $! > subtask; " + kMovesAway, 1), Result(SIGTERM, ""));
+
+  EXPECT_EQ(endOfSubtask(), SIGTERM);
+}
+
+TEST_F(ShellLimit, EndsAChildThatIsStopped) {
+  EXPECT_EQ(runCommand("kill -STOP $$; exit 7", 1), Result(SIGTERM, ""));
+  EXPECT_EQ(runCommand("trap 'echo ending; exit 7' TERM; kill -STOP $$; exit 8", 1),
+            Result(7, "ending\n"));
+}
+
+TEST_F(ShellLimit, EndsAChildThatIsStoppedInAnotherGroup) {
+  EXPECT_EQ(runCommand("exec perl -e 'setpgrp(0, getpgrp(getppid())) or die; kill STOP => $$; "
+                       "exit 7'",
+                       1),
+            Result(SIGTERM, ""));
 }
 
 TEST_F(ShellLimit, LeavesWhatAnEndedChildStartedRunning) {
