@@ -94,9 +94,47 @@ VARN_BARE int fail(StartInfo* start) {
   return 127;
 }
 
+/// What getdents64 writes for each entry.
+struct DirectoryEntry {
+  std::uint64_t inode;
+  std::int64_t offset;
+  std::uint16_t length;
+  std::uint8_t type;
+  char name[1];
+};
+
+/// Closes what the kernel lists as open. False where there is no such list.
+VARN_BARE bool closeListed(unsigned first) {
+  // Makes room for one more where the table is full.
+  ::syscall(SYS_close, first);
+  const long directory =
+      ::syscall(SYS_openat, AT_FDCWD, "/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (directory < 0) return false;
+  alignas(DirectoryEntry) char entries[4096];
+  long size = 0;
+  // The kernel goes on by the number of the descriptor, whatever is closed meanwhile.
+  while ((size = ::syscall(SYS_getdents64, directory, entries, sizeof entries)) > 0) {
+    for (long at = 0; at < size;) {
+      const auto* const entry = reinterpret_cast<const DirectoryEntry*>(entries + at);
+      at += entry->length;
+      unsigned fd = 0;
+      const char* digit = entry->name;
+      for (; *digit >= '0' && *digit <= '9'; ++digit)
+        fd = 10 * fd + static_cast<unsigned>(*digit - '0');
+      // "." and ".." are none.
+      if (digit == entry->name || fd < first || fd == static_cast<unsigned>(directory)) continue;
+      ::syscall(SYS_close, fd);
+    }
+  }
+  ::syscall(SYS_close, directory);
+  return size == 0;
+}
+
 VARN_BARE void closeFrom(unsigned first) {
   if (::syscall(SYS_close_range, first, ~0U, 0) == 0) return;
-  // A kernel without close_range: one by one, up to what the limit allows.
+  // A kernel without close_range.
+  if (closeListed(first)) return;
+  // Without its list either: one by one, up to what the limit allows.
   struct {
     std::uint64_t soft = RLIM64_INFINITY;
     std::uint64_t hard = RLIM64_INFINITY;

@@ -16,7 +16,7 @@
 
 namespace doubles {
 
-/// What happens to calls of one function, for as long as the object lives. At most two objects at
+/// What happens to calls of one function, for as long as the object lives. At most three objects at
 /// a time.
 class SystemCallFault {
  public:

@@ -39,7 +39,7 @@ struct Order {
 };
 
 // Plain variables: the child sees the parent's.
-Order orders[2];
+Order orders[3];
 bool withoutPidfd = false;
 int insteadOfPidfd = -1;
 
@@ -87,7 +87,7 @@ namespace doubles {
 
 SystemCallFault::SystemCallFault(const std::string& function, int error, long kind, int times,
                                  int spared, int told)
-    : order_(orders[0].given ? 1 : 0) {
+    : order_(orders[0].given ? orders[1].given ? 2 : 1 : 0) {
   Order& order = orders[order_];
   if (order.given || function.size() >= sizeof order.function) std::abort();
   order = {{}, kind, error, spared, times, 0, told, true};

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,6 +19,7 @@
 #include <string>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "RunnerFixture.h"
 #include "SystemCalls.h"
@@ -432,7 +434,7 @@ TEST_F(SystemCallFaults, WithADescriptorThatIsNoneTheEndIsAskedFor) {
   EXPECT_EQ(runCommand("sleep 100", 1), Result(15, ""));
 }
 
-TEST_F(SystemCallFaults, WithoutCloseRangeDescriptorsAreClosedOneByOne) {
+TEST_F(SystemCallFaults, WithoutCloseRangeWhatIsOpenIsClosedAndNothingElseIsTried) {
   const int inherited = ::fcntl(STDERR_FILENO, F_DUPFD, 40);
   ASSERT_GE(inherited, 40);
   const std::string look = "[ -e /proc/self/fd/" + std::to_string(inherited) + " ] || echo closed";
@@ -440,10 +442,50 @@ TEST_F(SystemCallFaults, WithoutCloseRangeDescriptorsAreClosedOneByOne) {
   EXPECT_EQ(runCommand(look), Result(0, "closed\n"));
   EXPECT_EQ(fault.met(), 1);
 
-  // As many as there usually are where the limit is not known.
-  const SystemCallFault limit("syscall", EINVAL, SYS_prlimit64);
+  // None of these is made, and all are counted.
+  const int open = openDescriptors();
+  const SystemCallFault closing("syscall", 0, SYS_close);
+  EXPECT_EQ(runCommand("exit 4"), Result(4, ""));
+  EXPECT_LE(closing.met(), open + 5);
+  ::close(inherited);
+}
+
+TEST_F(SystemCallFaults, WithoutCloseRangeADescriptorIsClosedThoughTheTableIsFull) {
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit few{64, before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+  std::vector<int> inherited;
+  // All but the pipe's two and the pidfd.
+  while (inherited.empty() || inherited.back() < 60) {
+    inherited.push_back(::fcntl(STDERR_FILENO, F_DUPFD, 3));
+    ASSERT_GE(inherited.back(), 0);
+  }
+  const SystemCallFault fault("syscall", ENOSYS, SYS_close_range);
+  EXPECT_EQ(runCommand("cd /proc/self/fd && echo *").second, "0 1 2 3\n");
+  EXPECT_EQ(fault.met(), 1);
+  for (const int fd : inherited) ::close(fd);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+}
+
+TEST_F(SystemCallFaults, WithoutAListOfWhatIsOpenDescriptorsAreClosedOneByOne) {
+  const int inherited = ::fcntl(STDERR_FILENO, F_DUPFD, 40);
+  ASSERT_GE(inherited, 40);
+  const std::string look = "[ -e /proc/self/fd/" + std::to_string(inherited) + " ] || echo closed";
+  const SystemCallFault fault("syscall", ENOSYS, SYS_close_range);
+  {
+    const SystemCallFault list("syscall", ENOENT, SYS_openat);
+    EXPECT_EQ(runCommand(look), Result(0, "closed\n"));
+    EXPECT_EQ(list.met(), 1);
+    // As many as there usually are where the limit is not known.
+    const SystemCallFault limit("syscall", EINVAL, SYS_prlimit64);
+    EXPECT_EQ(runCommand(look), Result(0, "closed\n"));
+    EXPECT_EQ(limit.met(), 1);
+  }
+  // A list that can't be read.
+  const SystemCallFault list("syscall", EIO, SYS_getdents64);
   EXPECT_EQ(runCommand(look), Result(0, "closed\n"));
-  EXPECT_EQ(limit.met(), 1);
+  EXPECT_EQ(list.met(), 1);
   ::close(inherited);
 }
 
