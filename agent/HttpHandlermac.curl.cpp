@@ -60,7 +60,7 @@ Outcome fetchOverHTTP(const std::string& asked, const AgentSettings& settings,
         break;
       case Reply::Kind::redirect:
         if (!mayRedirect(url, reply.redirect)) {
-          throw DownloadFailure("redirected to " + reply.redirect);
+          throw DownloadFailure("redirected to " + withoutSecrets(reply.redirect));
         }
         url = reply.redirect;
         ++redirects;
@@ -100,6 +100,17 @@ void download(const std::string& fromURL, const std::string& toPath) {
 }
 
 }  // namespace
+
+void prepareDownloads() {
+  const std::string& server = settings().serverURL;
+  const bool isPlain = hasScheme(server, "http");
+  if (!isPlain && !hasScheme(server, "https")) return;
+  startTransfers();
+  if (!isPlain || isOnThisComputer(server)) return;
+  AgentLog::logInfo("Plain http:// server: who is on the way to " + std::string(hostOf(server)) +
+                        " decides what is run here",
+                    kSource, "prepareDownloads()", __LINE__);
+}
 
 HttpHandlermac HttpHandlermac::initWithServerInfo() { return {}; }
 

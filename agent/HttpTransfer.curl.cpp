@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "GzipDecoder.h"
+#include "ServerURL.h"
 #include "SigpipeGuard.h"
 
 namespace AgentUtils {
@@ -139,13 +140,20 @@ class Exchange {
     // Our own reason first: curl knows of it only that a write was refused.
     if (thrown_) std::rethrow_exception(thrown_);
     if (result == CURLE_OUT_OF_MEMORY) throw DownloadFailure("out of memory");
-    if (result != CURLE_OK) {
-      throw DownloadFailure(error_[0] != '\0' ? error_ : curl_easy_strerror(result));
-    }
+    if (result != CURLE_OK) throw DownloadFailure(wordsFor(result));
     return judge();
   }
 
  private:
+  /// curl's words for a failure. They may quote a URL or a proxy with its password; then its
+  /// general ones have to do.
+  [[nodiscard]] const char* wordsFor(CURLcode result) const {
+    const std::string_view words = error_;
+    const bool mayQuote =
+        words.find_first_of("@?") != words.npos || words.find("://") != words.npos;
+    return words.empty() || mayQuote ? curl_easy_strerror(result) : error_;
+  }
+
   template <class Value>
   void set(CURLoption option, Value value) {
     if (curl_easy_setopt(handle_.get(), option, value) != CURLE_OK) {
@@ -179,7 +187,7 @@ class Exchange {
     set(CURLOPT_VERBOSE, 1L);
     set(CURLOPT_DEBUGFUNCTION, &onRemark);
     set(CURLOPT_DEBUGDATA, this);
-    setUpTLS();
+    setUpTLS(url);
     if (!settings_.proxy.empty()) set(CURLOPT_PROXY, settings_.proxy.c_str());
     set(CURLOPT_XFERINFOFUNCTION, &onProgress);
     set(CURLOPT_XFERINFODATA, this);
@@ -194,7 +202,7 @@ class Exchange {
     set(CURLOPT_HTTPHEADER, headers_.get());
   }
 
-  void setUpTLS() {
+  void setUpTLS(const std::string& url) {
     set(CURLOPT_SSL_VERIFYPEER, 1L);
     set(CURLOPT_SSL_VERIFYHOST, 2L);
     set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
@@ -203,6 +211,8 @@ class Exchange {
       // Those authorities alone, not the system's directory of them as well.
       set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
     }
+    // A redirect's server is not to learn who this computer is.
+    if (!isSameServer(url, settings_.serverURL)) return;
     if (!settings_.clientCert.empty()) set(CURLOPT_SSLCERT, settings_.clientCert.c_str());
     if (!settings_.clientKey.empty()) set(CURLOPT_SSLKEY, settings_.clientKey.c_str());
   }
@@ -361,6 +371,8 @@ class Exchange {
 };
 
 }  // namespace
+
+void startTransfers() { IdleHandles::shared(); }
 
 Reply transfer(const std::string& url, const Validators& known, const AgentSettings& settings,
                DownloadTarget& target, DownloadPace& pace) {

@@ -24,6 +24,9 @@ struct Reply {
   Validators validators = {};  ///< of the body, when they are worth keeping
 };
 
+/// Starts the library behind `transfer`, which otherwise starts with the first exchange.
+void startTransfers();
+
 /// Fetches `url` into `target`; with validators, only when it is another file than theirs. `pace`
 /// is that of the whole download, to which this exchange belongs. Throws `DownloadFailure` on
 /// anything else than a reply: another status than 200 (a 304 that nobody asked for is one),

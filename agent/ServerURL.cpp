@@ -27,6 +27,16 @@ bool equalIgnoringCase(std::string_view a, std::string_view b) {
   return std::ranges::equal(a, b, {}, lowerASCII, lowerASCII);
 }
 
+/// What stands between the scheme and the path, without `defaultPort` at its end.
+std::string_view authorityOf(std::string_view url, std::string_view defaultPort) {
+  const std::size_t scheme = url.find(kSchemeEnd);
+  if (scheme == url.npos) return {};
+  url.remove_prefix(scheme + kSchemeEnd.size());
+  url = url.substr(0, url.find_first_of("/?#"));
+  if (url.ends_with(defaultPort)) url.remove_suffix(defaultPort.size());
+  return url;
+}
+
 }  // namespace
 
 std::string urlOfServerPath(std::string_view serverURL, std::string_view serverPath) {
@@ -51,6 +61,36 @@ std::string urlOfServerPath(std::string_view serverURL, std::string_view serverP
 bool hasScheme(std::string_view url, std::string_view scheme) {
   const std::size_t end = url.find(kSchemeEnd);
   return end != std::string_view::npos && equalIgnoringCase(url.substr(0, end), scheme);
+}
+
+bool isSameServer(std::string_view a, std::string_view b) {
+  for (const std::string_view scheme : {"https", "http"}) {
+    if (!hasScheme(a, scheme) || !hasScheme(b, scheme)) continue;
+    const std::string_view port = scheme == "https" ? ":443" : ":80";
+    return equalIgnoringCase(authorityOf(a, port), authorityOf(b, port));
+  }
+  return false;
+}
+
+std::string_view hostOf(std::string_view url) {
+  const std::string_view authority = authorityOf(url, {});
+  if (authority.starts_with('[')) return authority.substr(0, authority.find(']') + 1);
+  return authority.substr(0, authority.find(':'));
+}
+
+bool isOnThisComputer(std::string_view url) {
+  const std::string_view host = hostOf(url);
+  if (equalIgnoringCase(host, "localhost") || host == "[::1]") return true;
+  return host.starts_with("127.") && host.find_first_not_of("0123456789.") == host.npos;
+}
+
+std::string withoutSecrets(std::string_view url) {
+  url = url.substr(0, url.find_first_of("?#"));
+  const std::size_t at = url.rfind('@');
+  if (at == url.npos) return std::string(url);
+  const std::size_t scheme = url.find(kSchemeEnd);
+  const std::size_t start = scheme < at ? scheme + kSchemeEnd.size() : 0;
+  return std::string(url.substr(0, start)).append(url.substr(at + 1));
 }
 
 bool mayRedirect(std::string_view from, std::string_view to) {

@@ -20,6 +20,19 @@ namespace AgentUtils {
 /// Whether the URL's scheme is `scheme` ("file"), in either case.
 [[nodiscard]] bool hasScheme(std::string_view url, std::string_view scheme);
 
+/// Whether both URLs have the same scheme, host and port.
+[[nodiscard]] bool isSameServer(std::string_view a, std::string_view b);
+
+/// Whether the URL's host is this computer, by its name or address: "localhost", 127.0.0.1, ::1.
+[[nodiscard]] bool isOnThisComputer(std::string_view url);
+
+/// The URL's host, without its port: "host", "[::1]".
+[[nodiscard]] std::string_view hostOf(std::string_view url);
+
+/// The URL for the log: without user name, password, query and fragment. What has an `@` anywhere
+/// before its query is taken to have a password before it.
+[[nodiscard]] std::string withoutSecrets(std::string_view url);
+
 /// Whether a server may send a download on from one URL to another: never to anything but HTTP or
 /// HTTPS, and never from HTTPS to less.
 [[nodiscard]] bool mayRedirect(std::string_view from, std::string_view to);

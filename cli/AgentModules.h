@@ -24,4 +24,8 @@ struct ModuleObservers {
 [[nodiscard]] std::optional<SettingsError> configureAgentModules(const Settings& settings,
                                                                  ModuleObservers observers);
 
+/// Makes ready for downloads from the configured server, and hides meanwhile what the environment
+/// has for the TLS library. Scripts inherit the environment whole, so it is as it was afterwards.
+void prepareDownloads();
+
 }  // namespace VarnScripts

@@ -26,6 +26,7 @@ int plan(const CommandLine& line, const Settings& settings) {
     writeErrorLine("varn-scripts: " + error->line);
     return kExitUsage;
   }
+  prepareDownloads();
   std::error_code error;
   const TemporaryDirectory temporary(error);
   if (error) {

@@ -54,6 +54,7 @@ int prune(const Settings& settings) {
     writeErrorLine("varn-scripts: " + error->line);
     return kExitUsage;
   }
+  prepareDownloads();
   createDirectories();
   const bool filled = fillContainer();
   // Called without the container too: the library's own line tells that nothing is removed.

@@ -107,6 +107,7 @@ int run(const CommandLine& line, const Settings& settings) {
     writeErrorLine("varn-scripts: " + error->line);
     return kExitUsage;
   }
+  prepareDownloads();
   const Outcome outcome = request(line, settings, requestLog, lock);
   progress.finish();
   const int exitStatus = report(line, outcome);

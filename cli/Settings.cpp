@@ -94,6 +94,8 @@ std::optional<std::string> complaintAboutServer(const std::string& url) {
     return std::nullopt;
   }
   if (host.empty() || host.front() == ':') return "names no host";
+  // What is asked for is put at the end, and would become a part of either.
+  if (rest.find_first_of("?#") != std::string::npos) return "must not contain ? or #";
   return std::nullopt;
 }
 

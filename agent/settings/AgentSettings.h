@@ -47,6 +47,12 @@ void configure(AgentSettings settings);
 /// The settings taken over last; all empty before.
 [[nodiscard]] const AgentSettings& settings();
 
+/// Starts the libraries behind downloads over HTTP and HTTPS, which otherwise start with the first
+/// one: what they take from the environment (OPENSSL_CONF, SSLKEYLOGFILE) they take here. Writes a
+/// warning to the log when the server is a plain http:// one on another computer. Called once,
+/// after `configure`, by a host that cares about either.
+void prepareDownloads();
+
 }  // namespace AgentUtils
 
 #pragma GCC visibility pop

@@ -191,6 +191,8 @@ TEST(LayerSettings, AWrongServerIsNamedWithItsPlaceAndNeverRepeated) {
        "server (given by VARN_SERVER) must not contain a user name or password"},
       {"https://user@host",
        "server (given by VARN_SERVER) must not contain a user name or password"},
+      {"https://host/?key=secret", "server (given by VARN_SERVER) must not contain ? or #"},
+      {"http://host#secret", "server (given by VARN_SERVER) must not contain ? or #"},
       {"file://srv/repository",
        "server (given by VARN_SERVER) must be file:// followed by an absolute path, as in "
        "file:///srv/repository"},

@@ -1,6 +1,7 @@
 """Requests over HTTPS with throwaway authorities, and redirects."""
 
 import json
+import os
 
 from support.case import CommandCase
 from support.certificates import Authority
@@ -75,6 +76,40 @@ class HttpsTest(CommandCase):
         self.assertEqual((result.status, result.output), (0, "safe\n"), result.error)
 
 
+    def test_the_environment_sets_nothing_up_and_gets_no_keys(self):
+        self.put(text='echo "$OPENSSL_CONF $SSLKEYLOGFILE"\n')
+        self.web = self.serve(certificate=self.authority.sign("server"))
+        # With these settings no connection comes to be.
+        settings = self.path("openssl.cnf")
+        with open(settings, "w", encoding="utf-8") as file:
+            file.write("openssl_conf = a\n[a]\nproviders = b\n[b]\nnull = c\n[c]\nactivate = 1\n")
+        keys = self.path("keys")
+        result = self.run_command(
+            "--ca-file", self.authority.file, "run", "42",
+            environment=self.environment(OPENSSL_CONF=settings, SSLKEYLOGFILE=keys))
+        self.assertEqual((result.status, result.output), (0, f"{settings} {keys}\n"), result.error)
+        self.assertFalse(os.path.exists(keys))
+
+
+class PlainTest(CommandCase):
+    """Servers without a certificate."""
+
+    def warnings(self, server):
+        self.server = server
+        records = self.run_json_log("run", "42", "--json").records
+        return [record["message"] for record in records
+                if record["operation"] == "prepareDownloads()"]
+
+    def test_one_line_warns_of_a_plain_server_elsewhere(self):
+        # A name that nobody has, so that the test asks no server.
+        self.assertEqual(
+            self.warnings("http://user.invalid/path"),
+            ["Plain http:// server: who is on the way to user.invalid decides what is run here"])
+        for server in ("https://user.invalid", "http://127.0.0.1:1", "http://localhost:1",
+                       "http://[::1]:1", "file:///nowhere"):
+            self.assertEqual(self.warnings(server), [])
+
+
 class RedirectTest(CommandCase):
     """Where a server may send a download."""
 
@@ -98,6 +133,20 @@ class RedirectTest(CommandCase):
         self.assertEqual(
             len([r for r in result.records if r["source"] == "HttpHandlermac"]), 1, result.error)
         self.assertEqual(target.requests(), [])
+
+    def test_the_client_certificate_is_for_the_configured_server_alone(self):
+        authority = Authority(self.path("authority"))
+        certificate, key = authority.sign("client")
+        asks = f"ssl_client_certificate {authority.file}; ssl_verify_client optional; "
+        target = self.serve(
+            "target", certificate=authority.sign("target"),
+            extra=asks + 'location / { if ($ssl_client_verify != "NONE") { return 403; } }')
+        self.serve("front", certificate=authority.sign("front"),
+                   extra=asks + 'location /client-data/ { if ($ssl_client_verify = "SUCCESS") '
+                                f"{{ return 302 {target.url}$request_uri; }} return 403; }}")
+        result = self.run_command("--ca-file", authority.file, "--client-cert", certificate,
+                                  "--client-key", key, "run", "42")
+        self.assertEqual((result.status, result.output), (0, "moved\n"), result.error)
 
     def test_http_never_leads_to_a_file(self):
         self.serve("front", extra="location /client-data/ { return 302 "
