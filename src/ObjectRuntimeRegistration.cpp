@@ -2,6 +2,8 @@
 
 #include <objc/runtime.h>
 
+#include "platform/Image.h"
+
 namespace VarnScriptRepository {
 namespace {
 
@@ -22,6 +24,9 @@ void registerWithObjectRuntime(void (*removeServerRemovedScripts)()) {
   // Nil when the name is taken: by an earlier load, whose method does the same.
   const Class registered = objc_allocateClassPair(superclass, kClassName, 0);
   if (registered == nullptr) return;
+  // The runtime can't forget a class, so the method has to be there from now on, also when a plugin
+  // that embeds it is unloaded.
+  platform::keepImageOf(&removal);
   removal = removeServerRemovedScripts;
   // Class methods live in the class of the class.
   const Class metaclass = object_getClass(reinterpret_cast<id>(registered));

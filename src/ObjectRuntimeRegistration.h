@@ -5,9 +5,9 @@
 
 namespace VarnScriptRepository {
 
-/// Registers the class with its one class method, which calls `removeServerRemovedScripts`. Does
-/// nothing when the runtime knows a class of that name. For one thread, while the library is being
-/// loaded.
+/// Registers the class with its one class method, which calls `removeServerRemovedScripts`, and
+/// keeps the image that this is part of loaded until the process ends. Does nothing when the
+/// runtime knows a class of that name. For one thread, while the library is being loaded.
 void registerWithObjectRuntime(void (*removeServerRemovedScripts)());
 
 }  // namespace VarnScriptRepository

@@ -19,7 +19,7 @@ namespace {
 constexpr const char* kDeferral =
     "Removing Local Scripts, Script Repo Meta Data Not available, will be processed later";
 
-void* load() { return ::dlopen(VARN_LIBRARY, RTLD_NOW | RTLD_LOCAL); }
+void* load(const char* image = VARN_LIBRARY) { return ::dlopen(image, RTLD_NOW | RTLD_LOCAL); }
 
 class Loading : public testing::Test {
  protected:
@@ -137,6 +137,15 @@ TEST_F(Loading, LeavesTheMethodCallableAfterAnUnload) {
   ASSERT_NE(library, nullptr);
   giveSettings(library);
   ASSERT_EQ(::dlclose(library), 0);
+
+  EXPECT_THAT(callByName(), testing::HasSubstr(kDeferral));
+}
+
+TEST_F(Loading, OfAPluginThatEmbedsTheUnitsLeavesTheMethodCallableAfterAnUnload) {
+  void* const plugin = load(VARN_PLUGIN);
+  ASSERT_NE(plugin, nullptr) << ::dlerror();
+  giveSettings(plugin);
+  ASSERT_EQ(::dlclose(plugin), 0);
 
   EXPECT_THAT(callByName(), testing::HasSubstr(kDeferral));
 }
