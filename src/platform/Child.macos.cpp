@@ -76,7 +76,11 @@ class SpawnSettings {
         return error;
       }
     }
+    // Newer systems call it deprecated; the function in its place is not there on older ones.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
     return ::posix_spawn_file_actions_addchdir_np(&actions_, program.directory.c_str());
+#pragma GCC diagnostic pop
   }
 
   posix_spawnattr_t attributes_{};
