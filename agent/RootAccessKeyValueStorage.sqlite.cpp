@@ -5,18 +5,23 @@
 // leaves the row before or the row after, and SQLite mends the file when it is opened next. The
 // journal is the default one: it leaves a single file behind, and a program that only reads opens
 // no further ones. Several processes may use a store at once; a writer that finds it busy waits up
-// to 5 s and then throws. One object may be used from several threads.
+// to 5 s and then throws, and so does a statement that works for 5 s. One object may be used from
+// several threads.
 
 #include <SQLiteCpp/Database.h>
 #include <SQLiteCpp/Statement.h>
 #include <fcntl.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
+#include <string_view>
 #include <system_error>
 
 #include "AgentUtils.h"
@@ -31,6 +36,10 @@ constexpr char kUnit[] = "RootAccessKeyValueStorage";
 constexpr char kOpening[] = "init(storagePath:container:)";
 constexpr int kBusyTimeoutMilliseconds = 5000;
 constexpr mode_t kFileMode = 0600;
+constexpr char kColumns[] = " (key TEXT PRIMARY KEY, value TEXT NOT NULL)";
+constexpr int kLongestValue = 64 << 20;
+constexpr int kStepsBetweenLooks = 10'000;
+constexpr std::chrono::seconds kLongestStatement{5};
 
 [[noreturn]] void throwError(int error, const std::string& what) {
   throw std::system_error(error, std::generic_category(), what);
@@ -116,23 +125,77 @@ std::string quoted(const std::string& container) {
   return name + '"';
 }
 
-/// The connection, with the table in it.
+/// SQL in which two spellings of one table are the same text.
+std::string withoutSpelling(const std::string& sql) {
+  std::string text;
+  for (const char c : sql) {
+    if (std::string_view(" \t\r\n\"'`[]").find(c) != std::string_view::npos) continue;
+    text += c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  }
+  return text;
+}
+
+/// The connection, with the table in it. A database can hold programs: views, triggers, checks,
+/// generated columns. None of its own has any, so those of a file that somebody else has made are
+/// not run, and a table that is more than rows is refused.
 class Connection {
  public:
-  Connection(const std::string& path, const std::string& table)
+  Connection(const std::string& path, const std::string& container)
       : database(path, SQLite::OPEN_READWRITE | SQLite::OPEN_NOFOLLOW | SQLite::OPEN_FULLMUTEX,
                  kBusyTimeoutMilliseconds) {
-    database.exec("CREATE TABLE IF NOT EXISTS " + table +
-                  " (key TEXT PRIMARY KEY, value TEXT NOT NULL)");
+    sqlite3* const handle = database.getHandle();
+    for (const int off : {SQLITE_DBCONFIG_TRUSTED_SCHEMA, SQLITE_DBCONFIG_ENABLE_TRIGGER,
+                          SQLITE_DBCONFIG_ENABLE_VIEW}) {
+      sqlite3_db_config(handle, off, 0, nullptr);
+    }
+    sqlite3_db_config(handle, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+    sqlite3_limit(handle, SQLITE_LIMIT_LENGTH, kLongestValue);
+    sqlite3_progress_handler(handle, kStepsBetweenLooks, &isOverdue, this);
+    database.exec("PRAGMA cell_size_check = ON");
+    const std::string table = quoted(container) + kColumns;
+    database.exec("CREATE TABLE IF NOT EXISTS " + table);
+    requireOnly(container, withoutSpelling("CREATE TABLE " + table));
   }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  /// A statement begins. It is given up when it works for longer than any of ours.
+  void beginStatement() { deadline_.reset(); }
 
   SQLite::Database database;
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void requireOnly(const std::string& container, const std::string& table) {
+    SQLite::Statement parts(database,
+                            "SELECT sql FROM sqlite_master WHERE tbl_name = ? COLLATE NOCASE AND "
+                            "sql IS NOT NULL");
+    parts.bind(1, container);
+    while (parts.executeStep()) {
+      if (withoutSpelling(parts.getColumn(0).getString()) != table) {
+        throw std::runtime_error("its table is not one of keys and values alone");
+      }
+    }
+  }
+
+  /// SQLite asks now and then while a statement works, not while it waits for another process.
+  static int isOverdue(void* connection) {
+    auto& deadline = static_cast<Connection*>(connection)->deadline_;
+    const auto now = Clock::now();
+    if (!deadline) deadline = now + kLongestStatement;
+    return now > *deadline ? 1 : 0;
+  }
+
+  std::optional<Clock::time_point> deadline_;
 };
 
 /// Takes a prepared statement back to its beginning, whatever happens, so that it holds no lock.
 class Use {
  public:
-  explicit Use(SQLite::Statement& statement) : statement_(statement) {}
+  Use(Connection& connection, SQLite::Statement& statement) : statement_(statement) {
+    connection.beginStatement();
+  }
   ~Use() { statement_.tryReset(); }
   Use(const Use&) = delete;
   Use& operator=(const Use&) = delete;
@@ -145,8 +208,8 @@ class Use {
 
 /// The open table: its statements are prepared once and kept.
 struct RootAccessKeyValueStorage::Table {
-  Table(const std::string& path, const std::string& name)
-      : connection(path, name),
+  Table(const std::string& path, const std::string& container, const std::string& name)
+      : connection(path, container),
         select(connection.database, "SELECT value FROM " + name + " WHERE key = ?"),
         selectAll(connection.database, "SELECT key, value FROM " + name + " WHERE key IS NOT NULL"),
         upsert(connection.database, "INSERT INTO " + name +
@@ -164,13 +227,13 @@ struct RootAccessKeyValueStorage::Table {
 
 RootAccessKeyValueStorage::RootAccessKeyValueStorage(const std::string& storagePath,
                                                      const std::string& container)
-    : table_(std::make_unique<Table>(preparedPath(storagePath), quoted(container))) {}
+    : table_(std::make_unique<Table>(preparedPath(storagePath), container, quoted(container))) {}
 
 RootAccessKeyValueStorage::~RootAccessKeyValueStorage() = default;
 
 void RootAccessKeyValueStorage::deleteValue(const std::string& forKey) {
   const std::lock_guard lock(table_->mutex);
-  const Use use(table_->remove);
+  const Use use(table_->connection, table_->remove);
   table_->remove.bind(1, forKey);
   table_->remove.exec();
 }
@@ -178,7 +241,7 @@ void RootAccessKeyValueStorage::deleteValue(const std::string& forKey) {
 std::map<std::string, std::string> RootAccessKeyValueStorage::fetchTableAsDictionary() noexcept {
   try {
     const std::lock_guard lock(table_->mutex);
-    const Use use(table_->selectAll);
+    const Use use(table_->connection, table_->selectAll);
     std::map<std::string, std::string> rows;
     while (table_->selectAll.executeStep()) {
       rows.emplace(table_->selectAll.getColumn(0).getString(),
@@ -195,7 +258,7 @@ void RootAccessKeyValueStorage::fetchRow(
   std::string row;
   {
     const std::lock_guard lock(table_->mutex);
-    const Use use(table_->select);
+    const Use use(table_->connection, table_->select);
     table_->select.bind(1, forKey);
     if (!table_->select.executeStep()) return;
     row = table_->select.getColumn(0).getString();
@@ -210,7 +273,7 @@ void RootAccessKeyValueStorage::updateRow(
   encode(encoder);
   const std::string row = encoder.row();
   const std::lock_guard lock(table_->mutex);
-  const Use use(table_->upsert);
+  const Use use(table_->connection, table_->upsert);
   table_->upsert.bind(1, forKey);
   table_->upsert.bind(2, row);
   table_->upsert.exec();

@@ -264,6 +264,54 @@ TEST_F(Store, IsNotWaitedForAtWhatIsNoJournal) {
   EXPECT_EQ(open()->fetchValue("42", kRecord)->version, "5");
 }
 
+TEST_F(Store, RefusesATableThatIsNotAsItMakesOne) {
+  const std::string columns = "(key TEXT PRIMARY KEY, value TEXT NOT NULL)";
+  const std::string endless =
+      "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n) SELECT i, i FROM n";
+  const std::string large = "length(hex(zeroblob(400000000)))";
+  const std::string rows[] = {
+      "CREATE TABLE ScriptToMeta " + columns + "; CREATE TABLE other (a, b);" +
+          "CREATE TRIGGER t AFTER INSERT ON ScriptToMeta BEGIN INSERT INTO other SELECT * FROM (" +
+          endless + "); END",
+      "CREATE VIEW ScriptToMeta (key, value) AS " + endless,
+      "CREATE TABLE ScriptToMeta (key TEXT PRIMARY KEY, value TEXT NOT NULL CHECK (" + large + "))",
+      "CREATE TABLE ScriptToMeta (key TEXT PRIMARY KEY, value TEXT NOT NULL, x AS (" + large + "))",
+      "CREATE TABLE ScriptToMeta " + columns + "; CREATE INDEX i ON ScriptToMeta (" + large +
+          " || key)",
+      "CREATE TABLE ScriptToMeta (key TEXT, value TEXT NOT NULL)",
+      "CREATE TABLE ScriptToMeta (key, value)",
+      "CREATE TABLE scripttometa (a)",
+  };
+  int number = 0;
+  for (const std::string& row : rows) {
+    path = directory / std::to_string(number++);
+    writeFile(path, "");
+    sql(row);
+    EXPECT_ANY_THROW({
+      const auto store = open();
+      update(*store, "42", {"5", {}});
+      static_cast<void>(store->fetchTableAsDictionary());
+    }) << row;
+  }
+}
+
+TEST_F(Store, TakesATableThatIsSpelledInAnotherWay) {
+  path = directory / "store";
+  writeFile(path, "");
+  sql("create table [ScriptToMeta]\n( 'key' text primary key , value TEXT not null);"
+      "CREATE TABLE other (a); CREATE TRIGGER t AFTER INSERT ON other BEGIN SELECT 1; END");
+  update(*open(), "42", {"5", {}});
+  EXPECT_EQ(open()->fetchValue("42", kRecord)->version, "5");
+}
+
+TEST_F(Store, ATriggerThatComesLaterIsNotPulled) {
+  const auto store = open();
+  sql("CREATE TABLE other (a);"
+      "CREATE TRIGGER t AFTER INSERT ON ScriptToMeta BEGIN INSERT INTO other VALUES (1); END");
+  update(*store, "42", {"5", {}});
+  EXPECT_EQ(sql("SELECT count(*) FROM other"), "0|");
+}
+
 TEST_F(Store, RefusesAPathThatCannotBe) {
   writeFile(directory / "file", "");
   for (const std::string& impossible :

@@ -209,6 +209,23 @@ class StoreTest(PromiseCase):
         self.assertEqual(self.run_command("run", "42").output, "done\n")
         self.figure(f"{damages} damaged stores: 0 crashes, 0 hangs")
 
+    def test_a_store_that_is_a_program_is_not_run(self):
+        endless = "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n) SELECT i, i FROM n"
+        schemas = (
+            "CREATE TABLE more (a, b); CREATE TRIGGER t BEFORE UPDATE ON ScriptToMeta "
+            f"BEGIN INSERT INTO more SELECT * FROM ({endless}); END",
+            f"DROP TABLE ScriptToMeta; CREATE VIEW ScriptToMeta (key, value) AS {endless}",
+        )
+        for schema in schemas:
+            with contextlib.closing(sqlite3.connect(self.store_file())) as store:
+                store.executescript(schema)
+            result = self.run_command("run", "42")
+            self.assertEqual((result.status, result.output), (0, "done\n"), result.error)
+            self.assertEqual(self.run_command("list").status, 3)
+            self.assertEqual(self.run_command("prune").status, 0)
+            self.assertEqual(self.run_command("plan", "42").status, 0)
+        self.figure(f"{len(schemas)} stores that are endless programs: 0 hangs")
+
     def test_a_store_that_stays_busy_costs_its_waiting_time_alone(self):
         with contextlib.closing(sqlite3.connect(self.store_file())) as store:
             store.execute("BEGIN EXCLUSIVE")
