@@ -13,10 +13,11 @@
 #include <system_error>
 #include <utility>
 
+#include "AgentDirectories.h"
+
 namespace AgentUtils {
 namespace {
 
-constexpr std::string_view kPrefix = ".varn-download-";
 constexpr mode_t kFileMode = 0600;
 
 [[noreturn]] void fail(const std::string& what, int error) {
@@ -92,7 +93,7 @@ void DownloadTarget::makeTemporaryFile() {
   // A swept file is made anew. Twice in a row is the rarest of accidents already.
   constexpr int attempts = 10;
   for (int attempt = 0; attempt < attempts; ++attempt) {
-    std::string name = directory_ + '/' + std::string(kPrefix) + "XXXXXX";
+    std::string name = directory_ + '/' + std::string(kDownloadPrefix) + "XXXXXX";
     FileDescriptor file(mkostemp(name.data(), O_CLOEXEC));
     if (!file.isOpen()) fail("can't create a file in " + directory_, errno);
     // From here on the destructor removes it.
@@ -148,7 +149,7 @@ void sweepTemporaryFiles(const std::string& directory) noexcept {
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(directory.c_str()), &closedir);
     if (!entries) return;
     while (const dirent* const entry = readdir(entries.get())) {
-      if (std::string_view(entry->d_name).starts_with(kPrefix)) {
+      if (std::string_view(entry->d_name).starts_with(kDownloadPrefix)) {
         removeUnlessLive(directory + '/' + entry->d_name);
       }
     }

@@ -19,7 +19,7 @@ class DownloadFailure : public std::runtime_error {
 };
 
 /// One temporary file, made in the directory of the target when it is first needed. Its name begins
-/// with ".varn-download-", and it is locked for as long as its download lives, so that what a
+/// with `kDownloadPrefix`, and it is locked for as long as its download lives, so that what a
 /// killed process left behind can be told from it.
 class DownloadTarget {
  public:

@@ -4,13 +4,13 @@
 #include <utility>
 
 #include "AgentUtils.h"
+#include "RegularFile.h"
 #include "ScriptRepositoryMetaProcessor.h"
 #include "ScriptRepositoryProcessorRequest.h"
 #include "StoreCopy.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 #include "publish/Documents.h"
 #include "publish/Names.h"
-#include "publish/RegularFile.h"
 
 namespace VarnScripts {
 namespace {
@@ -33,7 +33,7 @@ using VarnScriptRepository::VyFile;
 template <class Root>
 std::optional<Root> decodedFile(const std::string& path) {
   std::error_code error;
-  const auto file = publishing::readRegularFile(path, publishing::LastLink::follow, error);
+  const auto file = readRegularFile(path, LastLink::follow, error);
   if (error) return std::nullopt;
   auto roots = XML::parse(file.bytes, std::nullopt, false).toStruct<Root>();
   if (!roots) return std::nullopt;

@@ -1,14 +1,12 @@
 #include "SettingsFile.h"
 
-#include <cerrno>
 #include <cstdint>
-#include <cstdio>
-#include <memory>
 #include <optional>
 #include <string_view>
 #include <system_error>
 
 #include "ParsedToml.h"
+#include "RegularFile.h"
 
 namespace VarnScripts {
 namespace {
@@ -96,16 +94,10 @@ std::variant<SettingTexts, SettingsError> parseSettingsFile(const std::string& t
 }
 
 std::variant<SettingTexts, SettingsError> readSettingsFile(const std::string& path) {
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rbe"),
-                                                             &std::fclose);
-  if (!file) return unreadable(path, std::generic_category().message(errno));
-  std::string text(kLargestFile + 1, '\0');
-  errno = 0;
-  text.resize(std::fread(text.data(), 1, text.size(), file.get()));
-  if (std::ferror(file.get()) != 0) {
-    return unreadable(path, std::generic_category().message(errno));
-  }
-  if (text.size() > kLargestFile) return unreadable(path, "it is larger than 1 MiB");
+  std::error_code error;
+  const std::string text = readRegularFile(path, LastLink::follow, error, kLargestFile).bytes;
+  if (error == std::errc::file_too_large) return unreadable(path, "it is larger than 1 MiB");
+  if (error) return unreadable(path, whyNotRead(error));
   return parseSettingsFile(text, path);
 }
 

@@ -4,10 +4,14 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #pragma GCC visibility push(default)
 
 namespace AgentUtils {
+
+/// How the name of a file begins that a download is still writing.
+inline constexpr std::string_view kDownloadPrefix = ".varn-download-";
 
 /// Writes one log line when `directory` may be written by its group or by others; one line for each
 /// directory in the life of the process. Any thread; never throws.

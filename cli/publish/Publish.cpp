@@ -36,8 +36,8 @@ struct PublishedState {
 
 class Publisher {
  public:
-  Publisher(const PublishOptions& options, std::string customer)
-      : options_(options), customer_(std::move(customer)) {}
+  Publisher(const PublishOptions& options, const Settings& settings)
+      : options_(options), customer_(settings.customer), largestScript_(settings.maxDownload) {}
 
   int publish() {
     if (const auto complaint = complaintAboutCustomer(customer_)) {
@@ -61,8 +61,9 @@ class Publisher {
   // Reads and checks the source. False when it is refused, which has been told then.
   bool look(Source& source) {
     Findings findings;
-    source =
-        readSource({options_.sourceDirectory, options_.digest, options_.allowRemoval}, findings);
+    source = readSource(
+        {options_.sourceDirectory, options_.digest, options_.allowRemoval, largestScript_},
+        findings);
     const bool refused = findings.refusals() > 0 || (options_.strict && findings.warnings() > 0);
     // What was told at the first look is not told again.
     if (refused || !told_) tell(findings);
@@ -146,7 +147,8 @@ class Publisher {
     for (const SourceScript& script : source.scripts) {
       std::error_code error;
       const std::string& file = script.entry.file.value;
-      const std::string bytes = readScriptFile(options_.sourceDirectory, file, error);
+      const std::string bytes =
+          readScriptFile(options_.sourceDirectory, file, error, largestScript_);
       if (error || hexDigest("sha256", bytes) != script.sha256) {
         writeErrorLine("varn-scripts: " + options_.sourceDirectory + "/" + file +
                        " has changed while it was published; publish again");
@@ -242,6 +244,7 @@ class Publisher {
 
   const PublishOptions& options_;
   const std::string customer_;
+  const std::uint64_t largestScript_;
   ServerFiles files_;
   bool told_ = false;
   std::size_t warnings_ = 0;
@@ -251,7 +254,7 @@ class Publisher {
 
 int publish(const PublishOptions& options, const Settings& settings) {
   try {
-    return Publisher(options, settings.customer).publish();
+    return Publisher(options, settings).publish();
   } catch (const std::exception& error) {
     writeErrorLine("varn-scripts: nothing could be published: " + std::string(error.what()));
     return kExitNotRun;

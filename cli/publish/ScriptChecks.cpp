@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "AgentDirectories.h"
 #include "ScriptRepositoryProcessorRequest.h"
 #include "publish/ModuleNames.h"
 #include "publish/Names.h"
@@ -55,6 +56,19 @@ std::vector<std::string_view> piecesOf(std::string_view list) {
   return pieces;
 }
 
+// Refuses what computers take for a file that is still arriving, or was left by a download that was
+// killed, and then remove.
+bool refuseAsDownload(const std::string& what, const ManifestText& name,
+                      const std::string& manifest, const std::string& remedy, Findings& findings) {
+  const std::string prefix(AgentUtils::kDownloadPrefix);
+  if (!name.value.starts_with(prefix)) return false;
+  findings.refuse({manifest, name.line},
+                  "the " + what + " " + quoted(name.value) + " begins with " + quoted(prefix) +
+                      ", and computers remove such files",
+                  remedy);
+  return true;
+}
+
 }  // namespace
 
 std::optional<std::string> interpreterExtension(const std::string& fileName) {
@@ -74,6 +88,15 @@ bool checkID(const ManifestText& id, const std::string& manifest, Findings& find
     findings.refuse({manifest, id.line}, "the ID " + quoted(id.value) + " " + *complaint, remedy);
     return false;
   }
+  if (id.value.starts_with('-')) {
+    findings.refuse({manifest, id.line},
+                    "the ID " + quoted(id.value) +
+                        " begins with \"-\", and the command would take it for an option",
+                    "give the script another ID");
+    return false;
+  }
+  // The data document has a name that begins in the same way.
+  if (refuseAsDownload("ID", id, manifest, "give the script another ID", findings)) return false;
   // A client keeps the data document of an ID beside the list, as ID.xml.
   if (foldedName(id.value) == "scripts-meta") {
     findings.refuse({manifest, id.line},
@@ -90,6 +113,10 @@ bool checkFileName(const ManifestText& file, const std::string& manifest, Findin
   if (const auto complaint = complaintAboutName(file.value)) {
     findings.refuse(place, "the file name " + quoted(file.value) + " " + *complaint,
                     "put the file beside the manifest and give its bare name");
+    return false;
+  }
+  if (refuseAsDownload("file name", file, manifest, "give the script's file another name",
+                       findings)) {
     return false;
   }
   if (const auto language = libraryWithModule(file.value)) {

@@ -9,10 +9,10 @@
 #include <memory>
 #include <utility>
 
+#include "RegularFile.h"
 #include "StandardStreams.h"
 #include "platform/FileDescriptor.h"
 #include "publish/Documents.h"
-#include "publish/RegularFile.h"
 #include "publish/SyncFiles.h"
 
 namespace VarnScripts::publishing {

@@ -6,8 +6,8 @@
 #include <memory>
 #include <utility>
 
+#include "RegularFile.h"
 #include "publish/Names.h"
-#include "publish/RegularFile.h"
 #include "publish/ScriptChecks.h"
 
 namespace VarnScripts::publishing {
@@ -53,7 +53,7 @@ class SourceReader {
     std::error_code error;
     const std::string text = readRegularFile(manifestPath_, LastLink::follow, error).bytes;
     if (error) {
-      findings_.refuse({manifestPath_}, "the manifest can't be read: " + error.message(),
+      findings_.refuse({manifestPath_}, "the manifest can't be read: " + whyNotRead(error),
                        "publish takes a directory with a manifest of this name");
       return {};
     }
@@ -140,7 +140,8 @@ class SourceReader {
 
   void takeScriptFile(const ManifestScript& script, Source& source) {
     std::error_code error;
-    const std::string bytes = readScriptFile(options_.directory, script.file.value, error);
+    const std::string bytes =
+        readScriptFile(options_.directory, script.file.value, error, options_.largestScript);
     if (error) return refuseScriptFile(script.file, error);
     const std::string extension = interpreterExtension(script.file.value).value_or("");
     checkScriptText(options_.directory + "/" + script.file.value, extension, bytes, findings_);
@@ -162,6 +163,11 @@ class SourceReader {
                        "put the script itself there");
     } else if (error == std::errc::invalid_argument) {
       findings_.refuse(place, subject + " is not a regular file", "put the script itself there");
+    } else if (error == std::errc::file_too_large) {
+      findings_.refuse(place,
+                       subject + " has more than " + std::to_string(options_.largestScript) +
+                           " bytes, which is the most that computers take",
+                       "make it smaller, or give --max-download as the computers have it");
     } else {
       findings_.refuse(place, subject + " can't be read: " + error.message(),
                        "make it readable for the user who publishes");
@@ -182,7 +188,7 @@ Source readSource(const SourceOptions& options, Findings& findings) {
 }
 
 std::string readScriptFile(const std::string& directory, const std::string& name,
-                           std::error_code& error) {
+                           std::error_code& error, std::uint64_t mostBytes) {
   error.clear();
   const std::string root = resolved(directory, error);
   if (error) return {};
@@ -192,7 +198,7 @@ std::string readScriptFile(const std::string& directory, const std::string& name
     error = std::make_error_code(std::errc::operation_not_permitted);
     return {};
   }
-  return readRegularFile(path, LastLink::refuse, error).bytes;
+  return readRegularFile(path, LastLink::refuse, error, mostBytes).bytes;
 }
 
 std::optional<std::string> complaintAboutCustomer(const std::string& customer) {

@@ -5,11 +5,13 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
 
+#include "Settings.h"
 #include "publish/Digest.h"
 #include "publish/Findings.h"
 #include "publish/Manifest.h"
@@ -32,9 +34,10 @@ struct Source {
 
 /// What a source is read with.
 struct SourceOptions {
-  std::string directory;              ///< as it was given; messages show it
-  std::optional<std::string> digest;  ///< wins over the manifest's
-  bool allowRemoval = false;          ///< take a manifest without a script
+  std::string directory;                                 ///< as it was given; messages show it
+  std::optional<std::string> digest;                     ///< wins over the manifest's
+  bool allowRemoval = false;                             ///< take a manifest without a script
+  std::uint64_t largestScript = Settings().maxDownload;  ///< in bytes
 };
 
 /// Reads and checks the manifest and every script. The result is complete when `findings` has got
@@ -43,9 +46,10 @@ struct SourceOptions {
 
 /// The bytes of the script file `name` in `directory`. A symbolic link that leads out of the
 /// directory is not followed: `error` is `std::errc::operation_not_permitted`. Something that is no
-/// regular file is `std::errc::invalid_argument`.
+/// regular file is `std::errc::invalid_argument`, one of more than `mostBytes`
+/// `std::errc::file_too_large`.
 [[nodiscard]] std::string readScriptFile(const std::string& directory, const std::string& name,
-                                         std::error_code& error);
+                                         std::error_code& error, std::uint64_t mostBytes);
 
 /// What keeps `customer` from being a directory of the server's tree and a part of its locations,
 /// or nothing.

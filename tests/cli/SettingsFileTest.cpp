@@ -194,7 +194,15 @@ TEST_F(ReadSettingsFile, AMissingFileIsNamedWithTheReason) {
 TEST_F(ReadSettingsFile, ADirectoryIsNamedWithTheReason) {
   EXPECT_EQ(errorFrom(readSettingsFile(directory_)),
             "settings file " + directory_ +
-                " (given by --config or VARN_CONFIG) can't be read: Is a directory");
+                " (given by --config or VARN_CONFIG) can't be read: it is not a regular file");
+}
+
+TEST_F(ReadSettingsFile, AFifoIsNotWaitedFor) {
+  const std::string path = directory_ + "/varn.toml";
+  ASSERT_EQ(::mkfifo(path.c_str(), S_IRWXU), 0);
+  EXPECT_EQ(errorFrom(readSettingsFile(path)),
+            "settings file " + path +
+                " (given by --config or VARN_CONFIG) can't be read: it is not a regular file");
 }
 
 TEST_F(ReadSettingsFile, AFileAboveOneMebibyteIsRefused) {

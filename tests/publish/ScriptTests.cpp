@@ -58,7 +58,7 @@ TEST_F(ScriptIDs, AreRefusedWhenTheyDifferInCaseOnly) {
 }
 
 TEST_F(ScriptIDs, MayHoldWhatAFileNameMay) {
-  for (const char* const id : {"42", "a b", "50%", "caf\u00e9", ".hidden", "a.xml", "-x", "#1?"}) {
+  for (const char* const id : {"42", "a b", "50%", "caf\u00e9", ".hidden", "a.xml", "a-x", "#1?"}) {
     EXPECT_THAT(findingsOfID(id), IsEmpty()) << id;
   }
 }
@@ -86,6 +86,19 @@ TEST_F(ScriptIDs, AreRefusedWhenNoFileCanBeNamedSo) {
   EXPECT_THAT(findingsOfID(tooLong), ElementsAre("S/scripts.toml:2: the ID \"" + tooLong +
                                                  "\" is longer than 200 bytes" + remedy));
   EXPECT_THAT(findingsOfID(std::string(200, 'a')), IsEmpty());
+}
+
+TEST_F(ScriptIDs, AreRefusedWhenTheCommandWouldTakeThemForSomethingElse) {
+  for (const std::string id : {"-x", "-", "--json"}) {
+    EXPECT_THAT(findingsOfID(id),
+                ElementsAre("S/scripts.toml:2: the ID \"" + id +
+                            "\" begins with \"-\", and the command would take it for an option; "
+                            "give the script another ID"));
+  }
+  EXPECT_THAT(findingsOfID(".varn-download-1"),
+              ElementsAre("S/scripts.toml:2: the ID \".varn-download-1\" begins with "
+                          "\".varn-download-\", and computers remove such files; give the script "
+                          "another ID"));
 }
 
 TEST_F(ScriptIDs, AreRefusedInThePlaceOfTheList) {
@@ -212,6 +225,25 @@ TEST_F(ScriptFiles, AreRefusedWhenTheyAreNoRegularFile) {
                                                   "regular file; put the script itself there"));
   EXPECT_THAT(findingsOfFile("b.sh"), ElementsAre("S/scripts.toml:3: the file \"b.sh\" is not a "
                                                   "regular file; put the script itself there"));
+}
+
+TEST_F(ScriptFiles, AreRefusedWhenTheyAreLargerThanAnyComputerTakes) {
+  write("a.sh", "");
+  std::filesystem::resize_file(path("a.sh"), 1073741825);
+  EXPECT_THAT(findingsOfFile("a.sh"),
+              ElementsAre("S/scripts.toml:3: the file \"a.sh\" has more than 1073741824 bytes, "
+                          "which is the most that computers take; make it smaller, or give "
+                          "--max-download as the computers have it"));
+}
+
+TEST_F(ScriptFiles, AreRefusedUnderTheNamesOfDownloadsThatAreUnderWay) {
+  for (const std::string name : {".varn-download-.sh", ".varn-download-abcdef.sh"}) {
+    write(name, "x\n");
+    EXPECT_THAT(findingsOfFile(name),
+                ElementsAre("S/scripts.toml:3: the file name \"" + name +
+                            "\" begins with \".varn-download-\", and computers remove such files; "
+                            "give the script's file another name"));
+  }
 }
 
 TEST_F(ScriptFiles, MayBeLinksThatStayInTheDirectory) {

@@ -22,7 +22,7 @@ class Client(PublishCase):
     def test_runs_scripts_of_any_id_and_file_name(self):
         names = {"a b": "with blank.sh", "50%41": "50%41.sh", "caf\u00e9": "caf\u00e9.sh",
                  "<&>'": "<&>'.sh", "#1?": "#1?.sh", ".x": ".sh", "back\\slash": "back\\slash.sh",
-                 "-x": "-x.sh", "e\u0301t\u00e9": "\U0001F600.sh"}
+                 "x-": "-x.sh", "e\u0301t\u00e9": "\U0001F600.sh"}
         for script_id, file in names.items():
             self.write_script(script_id, file, f"echo {len(file)} of {len(names)}\n")
         self.must_publish()

@@ -318,6 +318,22 @@ class Refused(PublishCase):
             "varn-scripts: nothing is published: 1 refusal"])
         self.assertFalse(os.path.exists(self.output))
 
+    def test_a_manifest_that_is_a_fifo_is_not_waited_for(self):
+        os.mkfifo(f"{self.source}/scripts.toml")
+        result = self.publish()
+        self.assertEqual((result.status, result.error_lines[0]), (
+            2, f"{self.source}/scripts.toml: the manifest can't be read: it is not a regular file; "
+               "publish takes a directory with a manifest of this name"))
+
+    def test_a_script_larger_than_the_computers_take_is_known_by_their_setting(self):
+        self.write_script(text="echo 1\n")
+        self.must_publish("--max-download", "7")
+        result = self.publish("--max-download", "6")
+        self.assertEqual((result.status, result.error_lines[0]), (
+            2, f'{self.source}/scripts.toml:3: the file "job.sh" has more than 6 bytes, which is '
+               "the most that computers take; make it smaller, or give --max-download as the "
+               "computers have it"))
+
     def test_names_findings_in_the_order_of_the_lines(self):
         self.write("scripts.toml", '[[script]]\nplatform = 1\nname = 2\nid = "1"\nfile = "x.sh"\n')
         result = self.publish()

@@ -1,4 +1,4 @@
-#include "publish/RegularFile.h"
+#include "RegularFile.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,7 +9,7 @@
 
 #include "platform/FileDescriptor.h"
 
-namespace VarnScripts::publishing {
+namespace VarnScripts {
 namespace {
 
 using VarnScriptRepository::platform::FileDescriptor;
@@ -19,7 +19,8 @@ constexpr mode_t kPermissionBits = 07777;
 
 }  // namespace
 
-RegularFile readRegularFile(const std::string& path, LastLink link, std::error_code& error) {
+RegularFile readRegularFile(const std::string& path, LastLink link, std::error_code& error,
+                            std::uint64_t mostBytes) {
   const auto fail = [&error](int cause) {
     error.assign(cause, std::generic_category());
     return RegularFile{};
@@ -31,6 +32,10 @@ RegularFile readRegularFile(const std::string& path, LastLink link, std::error_c
   struct stat status {};
   if (!file || ::fstat(file.get(), &status) != 0) return fail(errno);
   if (!S_ISREG(status.st_mode)) return fail(EINVAL);
+  const auto isTooMuch = [mostBytes](auto size) {
+    return static_cast<std::uint64_t>(size) > mostBytes;
+  };
+  if (isTooMuch(status.st_size)) return fail(EFBIG);
 
   RegularFile result;
   result.permissions = status.st_mode & kPermissionBits;
@@ -41,7 +46,13 @@ RegularFile readRegularFile(const std::string& path, LastLink link, std::error_c
     if (count < 0) return fail(errno);
     if (count == 0) return result;
     result.bytes.append(part.data(), static_cast<std::size_t>(count));
+    // It grows.
+    if (isTooMuch(result.bytes.size())) return fail(EFBIG);
   }
 }
 
-}  // namespace VarnScripts::publishing
+std::string whyNotRead(const std::error_code& error) {
+  return error == std::errc::invalid_argument ? "it is not a regular file" : error.message();
+}
+
+}  // namespace VarnScripts

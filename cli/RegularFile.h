@@ -1,0 +1,32 @@
+// Whole-file reads that neither wait nor follow where they should not. Any thread.
+
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <system_error>
+
+namespace VarnScripts {
+
+enum class LastLink { follow, refuse };
+
+/// A regular file's bytes and permission bits.
+struct RegularFile {
+  std::string bytes;
+  mode_t permissions = 0;
+};
+
+/// The regular file at `path`; `link` says what becomes of a symbolic link there. Something else
+/// than a regular file is the error `std::errc::invalid_argument`, and is not waited for; one of
+/// more than `mostBytes` is `std::errc::file_too_large`, and is not read.
+[[nodiscard]] RegularFile readRegularFile(
+    const std::string& path, LastLink link, std::error_code& error,
+    std::uint64_t mostBytes = std::numeric_limits<std::uint64_t>::max());
+
+/// An error of `readRegularFile` in words.
+[[nodiscard]] std::string whyNotRead(const std::error_code& error);
+
+}  // namespace VarnScripts
