@@ -88,11 +88,15 @@ namespace AgentUtils {
 const GlobalVariables* gv_globvars = nullptr;
 
 bool FileUtils::isFileExists(const std::string& atPath) const {
-  return std::filesystem::exists(atPath);
+  std::error_code error;
+  return std::filesystem::exists(atPath, error);
 }
 
-bool FileUtils::createDirectory(const std::string& atPath, bool) const {
-  return std::filesystem::create_directories(atPath);
+bool FileUtils::createDirectory(const std::string& atPath, bool withIntermediateDirectories) const {
+  std::error_code error;
+  if (!withIntermediateDirectories) return std::filesystem::create_directory(atPath, error);
+  std::filesystem::create_directories(atPath, error);
+  return std::filesystem::is_directory(atPath, error);
 }
 
 HttpHandlermac HttpHandlermac::initWithServerInfo() { return {}; }
@@ -109,10 +113,12 @@ bool HttpHandlermac::downloadFileWithRootPermission(const std::string& fromURL,
   return false;
 }
 
-// A checksum is the last digit of the length: so short that a fuzzer finds matches by itself.
-bool VyCryptography::validateCheckSumForFile(const std::string& path, const std::string&,
+// A checksum is the last digit of the length: so short that a fuzzer finds matches by itself. The
+// one algorithm has the name that the corpora have.
+bool VyCryptography::validateCheckSumForFile(const std::string& path, const std::string& Type,
                                              const std::string& Checksum) {
   fuzz::lastVerified.reset();
+  if (Type != "SHA-256") return false;
   const auto content = fuzz::contentOf(path);
   if (!content) return false;
   if (std::to_string(content->size() % 10) != Checksum) return false;
@@ -120,36 +126,42 @@ bool VyCryptography::validateCheckSumForFile(const std::string& path, const std:
   return true;
 }
 
-struct RootAccessKeyValueStorage::Table {};
+struct RootAccessKeyValueStorage::Table {
+  std::string name;
+  auto& rows() { return fuzz::InMemoryAgent::shared().tables[name]; }
+};
 
-RootAccessKeyValueStorage::RootAccessKeyValueStorage(const std::string&, const std::string&) {}
+RootAccessKeyValueStorage::RootAccessKeyValueStorage(const std::string&,
+                                                     const std::string& container)
+    : table_(new Table{container}) {}
 RootAccessKeyValueStorage::~RootAccessKeyValueStorage() = default;
 
 void RootAccessKeyValueStorage::deleteValue(const std::string& forKey) {
-  fuzz::InMemoryAgent::shared().rows.erase(forKey);
+  table_->rows().erase(forKey);
 }
 
 std::map<std::string, std::string> RootAccessKeyValueStorage::fetchTableAsDictionary() noexcept {
   std::map<std::string, std::string> table;
-  for (const auto& [key, row] : fuzz::InMemoryAgent::shared().rows) table[key] = "";
+  for (const auto& [key, row] : table_->rows()) table[key] = "";
   return table;
 }
 
 void RootAccessKeyValueStorage::fetchRow(
     const std::string& forKey, const std::function<void(const AgentStore::KeyedDecoder&)>& decode) {
+  using Row = fuzz::InMemoryAgent::Row;
   class Decoder : public AgentStore::KeyedDecoder {
    public:
-    explicit Decoder(const std::map<std::string, std::string>& row) : row_(row) {}
+    explicit Decoder(const Row& row) : row_(row) {}
     std::optional<std::string> decodeIfPresent(const std::string& key) const override {
       const auto found = row_.find(key);
       if (found == row_.end()) return std::nullopt;
-      return found->second;
+      return found->second.value();  // throws when it is not a text
     }
 
    private:
-    const std::map<std::string, std::string>& row_;
+    const Row& row_;
   };
-  const auto& rows = fuzz::InMemoryAgent::shared().rows;
+  const auto& rows = table_->rows();
   if (const auto found = rows.find(forKey); found != rows.end()) decode(Decoder(found->second));
 }
 
@@ -158,11 +170,11 @@ void RootAccessKeyValueStorage::updateRow(
   class Encoder : public AgentStore::KeyedEncoder {
    public:
     void encode(const std::string& value, const std::string& key) override { row[key] = value; }
-    std::map<std::string, std::string> row;
+    fuzz::InMemoryAgent::Row row;
   };
   Encoder encoder;
   encode(encoder);
-  fuzz::InMemoryAgent::shared().rows[forKey] = encoder.row;
+  table_->rows()[forKey] = encoder.row;
 }
 
 }  // namespace AgentUtils

@@ -25,8 +25,12 @@ struct InMemoryAgent {
   std::deque<std::optional<std::string>> downloads;
   std::optional<std::string> leftBehind;
 
-  /// Rows of the store: key, then field and value.
-  std::map<std::string, std::map<std::string, std::string>> rows;
+  /// A row of the store: field and value, which is absent when it is not a text.
+  using Row = std::map<std::string, std::optional<std::string>>;
+  /// Tables by name, each with its rows by key.
+  std::map<std::string, std::map<std::string, Row>> tables;
+  /// Those of the library's table.
+  std::map<std::string, Row>& rows() { return tables["ScriptToMeta"]; }
 
   /// Whether the file at the start of a run had been verified, byte for byte, by the last checksum
   /// test, and lay in the scripts directory.

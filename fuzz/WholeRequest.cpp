@@ -37,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if ((choices & 1) != 0) {
     // A local copy of the document and a recorded version, so that the request may be up to date.
     put(agent.dataDirectory + "/42.xml", document);
-    agent.rows["42"]["version"] = "5";
+    agent.rows()["42"]["version"] = "5";
   }
   if ((choices & 2) != 0) put(agent.scriptsDirectory + "/clean.sh", secondScript);
   if ((choices & 4) == 0) agent.downloads.push_back(document);
@@ -58,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         ScriptRepoAllMetaData{*metaProcessor.scriptRepoMetaData()});
     ScriptRepositoryProcessor::removeServerRemovedScripts();
     const bool listed = metaProcessor.getScriptRepoForID("42").has_value();
-    FUZZ_REQUIRE(listed || !agent.rows.contains("42"));
+    FUZZ_REQUIRE(listed || !agent.rows().contains("42"));
   }
   return 0;
 }

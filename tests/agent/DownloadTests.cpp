@@ -26,13 +26,6 @@ class Download : public DownloadFixture {
   TemporaryDirectory repository;
 };
 
-TEST_F(Download, ReplacesTheTargetAndLeavesNothingElse) {
-  writeFile(base / "target", "old and longer");
-  EXPECT_TRUE(download("a", base / "target"));
-  EXPECT_EQ(readFile(base / "target"), "new");
-  EXPECT_EQ(base.names(), Names{"target"});
-}
-
 TEST_F(Download, IsForTheOwnerAloneWhateverTheUmaskAndTheOldMode) {
   for (const mode_t mask : {0000u, 0022u, 0377u}) {
     const Umask umask(mask);

@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <stdexcept>
 
 #include "AgentUtils.h"
 #include "support/LogCapture.h"
@@ -58,18 +57,6 @@ class Store : public testing::Test {
   std::string path = directory / "data/Configuration-Framework/ScriptRepository";
 };
 
-TEST_F(Store, GivesBackWhatWasWrittenAlsoToTheNextProcess) {
-  update(*open(), "42", {"5", "/opt/clean.sh"});
-  const auto fetched = open()->fetchValue("42", kRecord);
-  ASSERT_NE(fetched, nullptr);
-  EXPECT_EQ(fetched->version, "5");
-  EXPECT_EQ(fetched->scriptPath, "/opt/clean.sh");
-}
-
-TEST_F(Store, HasNoRecordForAKeyWithoutARow) {
-  EXPECT_EQ(open()->fetchValue("42", kRecord), nullptr);
-}
-
 TEST_F(Store, KeepsRowsAsObjectsInTheRecordsOrderWithAbsentFieldsLeftOut) {
   const auto store = open();
   update(*store, "both", {"5", "/opt/clean.sh"});
@@ -83,58 +70,12 @@ TEST_F(Store, KeepsRowsAsObjectsInTheRecordsOrderWithAbsentFieldsLeftOut) {
                   {"version", R"({"version":""})"}}));
 }
 
-TEST_F(Store, ReplacesARowWhole) {
-  const auto store = open();
-  update(*store, "42", {"5", "/opt/clean.sh"});
-  update(*store, "42", {"6", {}});
-  EXPECT_EQ(store->fetchTableAsDictionary(), (Rows{{"42", R"({"version":"6"})"}}));
-}
-
-TEST_F(Store, RemovesARowByDeletingItOrByWritingNothing) {
-  const auto store = open();
-  for (const char* const key : {"1", "2", "3"}) update(*store, key, {"5", {}});
-  store->deleteValue("1");
-  store->updateValue<StoredRecord>(nullptr, "2");
-  store->deleteValue("no such key");
-  EXPECT_EQ(store->fetchTableAsDictionary(), (Rows{{"3", R"({"version":"5"})"}}));
-}
-
-TEST_F(Store, ComparesKeysByteForByte) {
-  const auto store = open();
-  const std::string keys[] = {"",          " 7",       "07",    "7", "A", "a",
-                              "e\xCC\x81", "\xC3\xA9", "a\0b"s, "%", "'"};
-  for (const std::string& key : keys) update(*store, key, {"v" + key, {}});
-  EXPECT_EQ(store->fetchTableAsDictionary().size(), 11u);
-  for (const std::string& key : keys) {
-    const auto fetched = store->fetchValue(key, kRecord);
-    ASSERT_NE(fetched, nullptr) << key;
-    EXPECT_EQ(fetched->version, "v" + key);
-  }
-  EXPECT_EQ(store->fetchValue("a\0c"s, kRecord), nullptr);
-}
-
 TEST_F(Store, ATextThatIsNotUTF8IsAFailedWriteAndLeavesTheRow) {
   const auto store = open();
   update(*store, "42", {"5", {}});
   EXPECT_ANY_THROW(update(*store, "42", {"6\xFF", {}}));
   EXPECT_ANY_THROW(update(*store, "42", {"6", "\xC3"}));
   EXPECT_ANY_THROW(update(*store, "\xFF", {"6", {}}));
-  EXPECT_EQ(store->fetchTableAsDictionary(), (Rows{{"42", R"({"version":"5"})"}}));
-}
-
-TEST_F(Store, AFailedEncodingLeavesTheRow) {
-  struct Failing {
-    explicit Failing(const AgentStore::KeyedDecoder&) {}
-    Failing() = default;
-    void encode(AgentStore::KeyedEncoder& to) const {
-      to.encode("6", "version");
-      throw std::runtime_error("no");
-    }
-  };
-  const auto store = open();
-  update(*store, "42", {"5", {}});
-  const Failing failing;
-  EXPECT_THROW(store->updateValue(&failing, "42"), std::runtime_error);
   EXPECT_EQ(store->fetchTableAsDictionary(), (Rows{{"42", R"({"version":"5"})"}}));
 }
 

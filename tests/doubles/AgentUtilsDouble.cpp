@@ -18,6 +18,11 @@ void mark(const std::string& operation, const std::string& entry) {
   Journal::shared().called(operation);
 }
 
+/// A server path is the same with and without a leading slash.
+std::string withoutSlash(const std::string& fromURL) {
+  return fromURL.starts_with('/') ? fromURL.substr(1) : fromURL;
+}
+
 std::string text(const Store::Row& row) {
   std::string joined;
   for (const auto& [key, value] : row) {
@@ -35,20 +40,19 @@ Downloads& Downloads::shared() {
 }
 
 void Downloads::serve(const std::string& fromURL, const std::string& content) {
-  replies[fromURL] = {content};
+  replies[withoutSlash(fromURL)] = {content};
 }
 
 void Downloads::serveInTurn(const std::string& fromURL,
                             std::deque<std::optional<std::string>> contents) {
-  replies[fromURL] = std::move(contents);
+  replies[withoutSlash(fromURL)] = std::move(contents);
 }
 
-void Downloads::refuse(const std::string& fromURL) { replies.erase(fromURL); }
+void Downloads::refuse(const std::string& fromURL) { replies.erase(withoutSlash(fromURL)); }
 
 void Downloads::reset() {
   replies.clear();
   made = 0;
-  makesDirectories = true;
 }
 
 Checksums& Checksums::shared() {
@@ -88,8 +92,9 @@ bool FileUtils::createDirectory(const std::string& atPath, bool withIntermediate
   doubles::mark("create", "create " + atPath +
                               (withIntermediateDirectories ? " with parents" : " without parents"));
   std::error_code error;
+  if (!withIntermediateDirectories) return std::filesystem::create_directory(atPath, error);
   std::filesystem::create_directories(atPath, error);
-  return !error;
+  return std::filesystem::is_directory(atPath, error);
 }
 
 // ---- Downloads -------------------------------------------------------------------------------
@@ -104,15 +109,11 @@ bool HttpHandlermac::downloadFileWithRootPermission(const std::string& fromURL,
                                                     const std::string& toPath) {
   doubles::mark("download", "download " + fromURL + " to " + toPath);
   auto& replies = Downloads::shared().replies;
-  const auto found = replies.find(fromURL);
+  const auto found = replies.find(doubles::withoutSlash(fromURL));
   if (found == replies.end()) return false;
   const std::optional<std::string> content = found->second.front();
   if (found->second.size() > 1) found->second.pop_front();
   if (!content) return false;
-  if (Downloads::shared().makesDirectories) {
-    std::error_code error;
-    std::filesystem::create_directories(toPath.substr(0, toPath.rfind('/')), error);
-  }
   std::ofstream file(toPath, std::ios::binary | std::ios::trunc);
   file << *content;
   return file.good();
@@ -131,7 +132,7 @@ bool VyCryptography::validateCheckSumForFile(const std::string& path, const std:
   }
   std::error_code error;
   const auto size = std::filesystem::file_size(path, error);
-  return !error && std::to_string(size) == Checksum;
+  return !error && Type == "T" && std::to_string(size) == Checksum;
 }
 
 // ---- Store -----------------------------------------------------------------------------------
@@ -165,11 +166,13 @@ class RowDecoder final : public AgentStore::KeyedDecoder {
 
 }  // namespace
 
-struct RootAccessKeyValueStorage::Table {};
+struct RootAccessKeyValueStorage::Table {
+  std::map<std::string, Store::Row>& rows;
+};
 
 RootAccessKeyValueStorage::RootAccessKeyValueStorage(const std::string& storagePath,
                                                      const std::string& container)
-    : table_(std::make_unique<Table>()) {
+    : table_(new Table{Store::shared().tables[container]}) {
   doubles::mark("open", "open " + storagePath + " table " + container);
 }
 
@@ -179,21 +182,21 @@ RootAccessKeyValueStorage::~RootAccessKeyValueStorage() {
 
 void RootAccessKeyValueStorage::deleteValue(const std::string& forKey) {
   doubles::mark("delete", "delete " + forKey);
-  Store::shared().rows.erase(forKey);
+  table_->rows.erase(forKey);
 }
 
 std::map<std::string, std::string> RootAccessKeyValueStorage::fetchTableAsDictionary() noexcept {
   doubles::Journal::shared().write("list");
   std::map<std::string, std::string> table;
-  for (const auto& [key, row] : Store::shared().rows) table[key] = doubles::text(row);
+  for (const auto& [key, row] : table_->rows) table[key] = doubles::text(row);
   return table;
 }
 
 void RootAccessKeyValueStorage::fetchRow(
     const std::string& forKey, const std::function<void(const AgentStore::KeyedDecoder&)>& decode) {
   doubles::mark("fetch", "fetch " + forKey);
-  const auto found = Store::shared().rows.find(forKey);
-  if (found != Store::shared().rows.end()) decode(RowDecoder(found->second));
+  const auto found = table_->rows.find(forKey);
+  if (found != table_->rows.end()) decode(RowDecoder(found->second));
 }
 
 void RootAccessKeyValueStorage::updateRow(
@@ -201,7 +204,7 @@ void RootAccessKeyValueStorage::updateRow(
   RowEncoder encoder;
   encode(encoder);
   doubles::mark("update", "update " + forKey + " " + doubles::text(encoder.row));
-  Store::shared().rows[forKey] = encoder.row;
+  table_->rows[forKey] = encoder.row;
 }
 
 }  // namespace AgentUtils

@@ -1,8 +1,8 @@
 // What a test tells the doubles of the agent's utilities, and asks them afterwards.
 //
 // FileUtils works on the real file system. The downloader answers from a script of replies per
-// server path and writes real files. A checksum of the fake validator is the file's length in
-// decimal. The store keeps its tables in memory, for the life of the process.
+// server path and writes real files. The fake validator knows one algorithm, "T", whose checksum is
+// the file's length in decimal. The store keeps its tables in memory, for the life of the process.
 
 #pragma once
 
@@ -28,11 +28,10 @@ struct Downloads {
   void refuse(const std::string& fromURL);
   void reset();
 
+  /// By server path, without its leading slash.
   std::map<std::string, std::deque<std::optional<std::string>>> replies;
   /// How many downloaders were made.
   std::size_t made = 0;
-  /// Whether the directory of a download's target is made first.
-  bool makesDirectories = true;
 };
 
 /// The checksum validator's script: answers in turn, then the real comparison.
@@ -48,8 +47,10 @@ struct Store {
   /// A value of a row: a text, or nothing for an element that is not a text.
   using Row = std::vector<std::pair<std::string, std::optional<std::string>>>;
 
-  /// Rows by key.
-  std::map<std::string, Row> rows;
+  /// Tables by name, each with its rows by key.
+  std::map<std::string, std::map<std::string, Row>> tables;
+  /// Those of the library's table.
+  std::map<std::string, Row>& rows = tables["ScriptToMeta"];
 
   /// The row of `key` as text, "version=5 scriptPath=/x"; "(none)" without such a row.
   std::string row(const std::string& key) const;

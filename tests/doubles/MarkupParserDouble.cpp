@@ -26,7 +26,7 @@ class Reader {
 
   std::optional<std::vector<Node>> document() {
     std::optional<std::vector<Node>> nodes = siblings();
-    if (at_ != data_.size()) return std::nullopt;
+    if (at_ != data_.size() || !nodes || nodes->empty()) return std::nullopt;
     return nodes;
   }
 

@@ -3,7 +3,9 @@
 //     script(ScriptRepo(script_id<42> script_name<clean.sh>) VyFiles(file_id<f1>))
 //
 // A name followed by "<text>" is a text, kept as it stands up to the ">"; a name followed by "(…)"
-// holds children. Anything else does not decode. Encoding writes the same notation.
+// holds children. Anything else does not decode. Encoding writes the same notation. Nothing is
+// trimmed, and there are no namespaces. Unlike a document, a text may hold several top elements, so
+// that tests see what the units make of the second one.
 
 #pragma once
 

@@ -92,6 +92,7 @@ TEST_F(MetaProcessor, StateIsReadSetAndChangedInPlace) {
 // ---- Download --------------------------------------------------------------------------------
 
 TEST_F(MetaProcessor, DownloadFetchesTheServersDocumentToItsLocalPath) {
+  doubles::makeDirectories(dataDirectory);
   downloads.serve(kServerPath, "document");
 
   EXPECT_TRUE(shared().downloadScriptRepoMeta());
@@ -110,7 +111,6 @@ TEST_F(MetaProcessor, DownloadFetchesTheServersDocumentToItsLocalPath) {
 TEST_F(MetaProcessor, PathsComeFromBasePathAndCustomer) {
   globals.vyagentBasePath = "/opt/agent";
   globals.vyCustomerID = "42";
-  downloads.makesDirectories = false;
 
   EXPECT_FALSE(shared().downloadScriptRepoMeta());
 
@@ -143,6 +143,7 @@ TEST_F(MetaProcessor, AFailedDownloadIsALineAndChangesNothing) {
 }
 
 TEST_F(MetaProcessor, EachDownloadHasADownloaderOfItsOwn) {
+  doubles::makeDirectories(dataDirectory);
   downloads.serve(kServerPath, "document");
   EXPECT_TRUE(shared().downloadScriptRepoMeta());
   EXPECT_TRUE(shared().downloadScriptRepoMeta());

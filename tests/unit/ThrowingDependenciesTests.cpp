@@ -141,6 +141,8 @@ TEST_F(ThrowingDependencies, ALogThatThrowsChangesNothing) {
 TEST_F(ThrowingDependencies, AnExistenceTestThatThrowsIsNoReasonToFail) {
   for (const Thrown what : kEveryKind) {
     startOver();
+    doubles::makeDirectories(dataDirectory);
+    doubles::makeDirectories(scriptsDirectory);
     journal.throwAlways("exists", what);
     EXPECT_EQ(process(), ProcessingResult(true, "done\n"));
     EXPECT_THAT(journal.effects(), Contains("exists <agent>/client-data/7/scripts-repository"));
