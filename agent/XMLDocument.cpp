@@ -1,5 +1,6 @@
-// Writes a record as an XML document that decodes to an equal record: UTF-8, texts as child
-// elements, two blanks of indentation between elements and none inside a text.
+// Writes a record as an XML document that decodes to an equal record, as far as one can (see
+// `XML::document`): UTF-8, texts as child elements, two blanks of indentation between elements and
+// none inside a text.
 
 #include <stdexcept>
 

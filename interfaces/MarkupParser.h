@@ -104,7 +104,11 @@ class XML {
                                       bool ignoreNamespaces);
 
   /// The document of `root`, UTF-8 with its XML declaration: each field of `root` is a top element,
-  /// texts are child elements, absent fields are left out. Decoding it gives an equal record.
+  /// texts are child elements, absent fields are left out.
+  ///
+  /// Decoding it gives an equal record, with these exceptions. A root without a top element, or
+  /// with more than one, is no document, and decodes to nothing. An optional list without elements
+  /// comes back as absent. A field that is absent comes back as what a new record has there.
   template <KeyedRecord Record>
   [[nodiscard]] static std::string document(const Record& root) {
     return encode(Record::schema(), &root);

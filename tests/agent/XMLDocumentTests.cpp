@@ -14,6 +14,10 @@ using namespace std::string_literals;
 
 Root rootWithID(const std::string& id) { return {{{{{id, {}, {}}}}}}; }
 
+std::optional<std::vector<Root>> decodedAgain(const Root& root) {
+  return XML::parse(XML::document(root), std::nullopt, false).toStruct<Root>();
+}
+
 TEST(XMLDocument, HasTextsAsElementsAndLeavesAbsentFieldsOut) {
   const Root root{{{{{"1", "n", std::vector<Part>{{"p"}, {"q"}}}, {"2", {}, {}}}}}};
   EXPECT_EQ(XML::document(root),
@@ -41,10 +45,46 @@ TEST(XMLDocument, DecodesToTheSameTexts) {
         "<![CDATA["s, "&#13;"s, "\x7F"s, "\xC2\x80\xC2\x85"s, "\xC3\xA9"s, "\xE2\x80\xA8"s,
         "\xED\x9F\xBF\xEE\x80\x80"s, "\xEF\xBF\xBD"s, "\xF0\x9F\x98\x80\xF4\x8F\xBF\xBD"s}) {
     const Root root = rootWithID(text);
-    EXPECT_EQ(XML::parse(XML::document(root), std::nullopt, false).toStruct<Root>(),
-              std::vector<Root>{root})
-        << text;
+    EXPECT_EQ(decodedAgain(root), std::vector<Root>{root}) << text;
   }
+}
+
+TEST(XMLDocument, OfNoneOrSeveralTopElementsIsNone) {
+  EXPECT_EQ(decodedAgain({}), std::nullopt);
+  EXPECT_EQ(decodedAgain({{{}}}), (std::vector<Root>{{{{}}}}));
+  EXPECT_EQ(decodedAgain({{{}, {}}}), std::nullopt);
+}
+
+TEST(XMLDocument, GivesAnEmptyOptionalListBackAsAbsent) {
+  EXPECT_EQ(decodedAgain({{{{{"1", {}, std::vector<Part>{}}}}}}),
+            (std::vector<Root>{{{{{{"1", {}, {}}}}}}}));
+}
+
+TEST(XMLDocument, GivesAnAbsentFieldBackAsANewRecordHasIt) {
+  struct WithDefault {
+    std::optional<std::string> text = "default";
+
+    static constexpr auto fields() {
+      return std::tuple{VarnScriptRepository::field("text", &WithDefault::text)};
+    }
+    static const MarkupParser::RecordSchema& schema() {
+      return VarnScriptRepository::recordSchema<WithDefault>();
+    }
+  };
+  struct Document {
+    std::vector<WithDefault> records;
+
+    static constexpr auto fields() {
+      return std::tuple{VarnScriptRepository::field("record", &Document::records)};
+    }
+    static const MarkupParser::RecordSchema& schema() {
+      return VarnScriptRepository::recordSchema<Document>();
+    }
+  };
+  const auto decoded = XML::parse(XML::document(Document{{{std::nullopt}}}), std::nullopt, false)
+                           .toStruct<Document>();
+  ASSERT_TRUE(decoded.has_value());
+  EXPECT_EQ(decoded->front().records.front().text, "default");
 }
 
 TEST(XMLDocument, RefusesWhatXMLCannotCarry) {
