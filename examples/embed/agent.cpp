@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <mutex>
 
 #include "AgentLog.h"
 #include "AgentUtils.h"
@@ -21,11 +22,11 @@ namespace fs = std::filesystem;
 static string serverDirectory;
 
 void AgentLog::logInfo(const string& message, const string&, const string&, int) {
-  std::cerr << "agent: info: " << message << '\n';
+  std::cerr << "agent: info: " + message + '\n';
 }
 
 void AgentLog::logError(const string& message, const string&, const string&, int) {
-  std::cerr << "agent: error: " << message << '\n';
+  std::cerr << "agent: error: " + message + '\n';
 }
 
 namespace AgentUtils {
@@ -41,29 +42,39 @@ struct Row : AgentStore::KeyedEncoder, AgentStore::KeyedDecoder {
   }
 };
 
-struct RootAccessKeyValueStorage::Table : std::map<string, Row> {};
+// Requests for different IDs may run on different threads, and all of them use the one table.
+struct RootAccessKeyValueStorage::Table {
+  std::mutex mutex;
+  std::map<string, Row> rows;
+};
 
 RootAccessKeyValueStorage::RootAccessKeyValueStorage(const string&, const string&)
     : table_(std::make_unique<Table>()) {}
 RootAccessKeyValueStorage::~RootAccessKeyValueStorage() = default;
-void RootAccessKeyValueStorage::deleteValue(const string& forKey) { table_->erase(forKey); }
+void RootAccessKeyValueStorage::deleteValue(const string& forKey) {
+  const std::lock_guard lock(table_->mutex);
+  table_->rows.erase(forKey);
+}
 
 std::map<string, string> RootAccessKeyValueStorage::fetchTableAsDictionary() noexcept {
+  const std::lock_guard lock(table_->mutex);
   std::map<string, string> keys;
-  for (const auto& [key, row] : *table_) keys[key];
+  for (const auto& [key, row] : table_->rows) keys[key];
   return keys;
 }
 
 void RootAccessKeyValueStorage::fetchRow(
     const string& forKey, const std::function<void(const AgentStore::KeyedDecoder&)>& decode) {
-  if (table_->contains(forKey)) decode(table_->at(forKey));
+  const std::lock_guard lock(table_->mutex);
+  if (table_->rows.contains(forKey)) decode(table_->rows.at(forKey));
 }
 
 void RootAccessKeyValueStorage::updateRow(
     const string& forKey, const std::function<void(AgentStore::KeyedEncoder&)>& encode) {
+  const std::lock_guard lock(table_->mutex);
   Row row;
   encode(row);
-  (*table_)[forKey] = row;
+  table_->rows[forKey] = row;
 }
 
 bool FileUtils::isFileExists(const string& atPath) const { return fs::exists(atPath); }
