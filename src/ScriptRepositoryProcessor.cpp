@@ -45,15 +45,19 @@ void createWhenMissing(const std::string& directory) {
 
 }  // namespace
 
-ScriptRepositoryProcessor::Request::Request(const std::string& id)
-    : scriptID(id), scriptDataFilePath(scriptRepoDataDirectory() + "/" + scriptID + ".xml") {
+ScriptRepositoryProcessor::Request::Request(
+    const std::string& id, const std::optional<std::vector<std::string>>* overrideList)
+    : scriptID(id),
+      overrideExpectedReturnCode(overrideList),
+      scriptDataFilePath(scriptRepoDataDirectory() + "/" + scriptID + ".xml") {
   createWhenMissing(scriptRepoDataDirectory());
   createWhenMissing(scriptRepoScriptsDirectory());
 }
 
 ScriptRepositoryProcessor::ScriptRepositoryProcessor(const std::string& scriptID)
-    : request(guarded(std::unique_ptr<Request>{},
-                      [&] { return std::make_unique<Request>(scriptID); })) {}
+    : request(guarded(std::unique_ptr<Request>{}, [&] {
+        return std::make_unique<Request>(scriptID, &overrideExpectedReturnCode);
+      })) {}
 
 ScriptRepositoryProcessor::~ScriptRepositoryProcessor() = default;
 
@@ -87,10 +91,7 @@ const std::string& ScriptRepositoryProcessor::scriptRepoScriptsDirectory() {
 ProcessingResult ScriptRepositoryProcessor::processScript() {
   // Without a request there was no memory to make one.
   if (!request) return {};
-  return guarded(ProcessingResult{}, [this] {
-    request->overrideExpectedReturnCode = overrideExpectedReturnCode;
-    return request->processScript();
-  });
+  return guarded(ProcessingResult{}, [this] { return request->processScript(); });
 }
 
 namespace {
@@ -336,8 +337,9 @@ ProcessingResult ScriptRepositoryProcessor::Request::executeScript(
   guarded([&, &text = *output] { log.info("Script Output: " + text + " Exit Code: " + code); });
 
   // A list set by the caller decides alone, even an empty one.
-  const bool overridden = overrideExpectedReturnCode.has_value();
-  const auto& acceptedCodes = overridden ? *overrideExpectedReturnCode : expectedCodes;
+  const auto* const overrideList = overrideExpectedReturnCode;
+  const bool overridden = overrideList != nullptr && overrideList->has_value();
+  const auto& acceptedCodes = overridden ? **overrideList : expectedCodes;
   if (contains(acceptedCodes, code)) return {true, std::move(output)};
   guarded([&] {
     // Log searches match these lines exactly; the spelling of the first one stays.

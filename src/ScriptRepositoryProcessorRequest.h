@@ -15,13 +15,16 @@ namespace VarnScriptRepository {
 /// The state of one request and its steps.
 struct [[gnu::visibility("hidden")]] ScriptRepositoryProcessor::Request {
   const std::string scriptID;
-  std::optional<std::vector<std::string>> overrideExpectedReturnCode;
+  /// The processor's own list, which the caller may set until the script is processed; null without
+  /// a processor.
+  const std::optional<std::vector<std::string>>* const overrideExpectedReturnCode;
   /// Full path of the script file; absent until a path of the request has set it.
   std::optional<std::string> scriptFilePath;
   /// Full path of this script's data document.
   const std::string scriptDataFilePath;
 
-  explicit Request(const std::string& scriptID);
+  explicit Request(const std::string& scriptID,
+                   const std::optional<std::vector<std::string>>* overrideList = nullptr);
 
   // ---- Flow
   ProcessingResult processScript();

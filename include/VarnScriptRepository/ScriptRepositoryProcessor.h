@@ -5,7 +5,8 @@
 //     const auto [accepted, output] = processor.processScript();
 //
 // The agent sets `AgentUtils::gv_globvars` before the first use. Everything runs on the caller's
-// thread. Nothing here throws; the log tells why a script was not run.
+// thread. The log tells why a script was not run. Nothing here throws, but the first use of a
+// directory's text when there is no memory for it.
 
 #pragma once
 
@@ -62,7 +63,8 @@ class [[gnu::visibility("default")]] ScriptRepositoryProcessor {
   static void removeServerRemovedScripts();
 
   /// The agent's base directory. Like the three below, taken from `gv_globvars` on first use and
-  /// fixed from then on; safe under concurrent first use.
+  /// fixed from then on; safe under concurrent first use. A first use without memory throws
+  /// `std::bad_alloc`, and the next one is the first again.
   [[nodiscard]] static const std::string& basePath();
   /// The customer's ID.
   [[nodiscard]] static const std::string& customerID();

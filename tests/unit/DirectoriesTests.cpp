@@ -157,7 +157,6 @@ TEST_F(Directories, AFreshRequestHoldsItsIDAndNothingElse) {
   const ScriptRepositoryProcessor::Request request("42");
 
   EXPECT_EQ(request.scriptID, "42");
-  EXPECT_EQ(request.overrideExpectedReturnCode, std::nullopt);
   EXPECT_EQ(request.scriptFilePath, std::nullopt);
   EXPECT_EQ(ScriptRepositoryProcessor("42").overrideExpectedReturnCode, std::nullopt);
 }

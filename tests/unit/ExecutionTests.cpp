@@ -17,13 +17,14 @@ using testing::ElementsAre;
 
 class ExecuteScript : public doubles::AgentFixture {
  protected:
-  ExecuteScript() : request("42") {
+  ExecuteScript() : request("42", &overrideList) {
     request.scriptFilePath = scriptsDirectory + "/clean.sh";
     repo.scriptName = "clean.sh";
     repo.exitCode = "0";
     journal.reset();
   }
 
+  std::optional<std::vector<std::string>> overrideList;
   ScriptRepositoryProcessor::Request request;
   ScriptRepo repo;
 };
@@ -174,7 +175,7 @@ TEST_F(ExecuteScript, ACodeThatEitherListAcceptsEndsWithTheOutputLine) {
   for (const auto& override : {std::optional<std::vector<std::string>>{}, {accepting}}) {
     journal.reset();
     repo.exitCode = override ? "0" : "1,3";
-    request.overrideExpectedReturnCode = override;
+    overrideList = override;
 
     EXPECT_EQ(request.executeScript(repo), ProcessingResult(true, "out"));
 
@@ -224,7 +225,7 @@ TEST_F(ExecuteScript, TheOverrideListAloneDecidesWhenItIsThere) {
         Row{{" 3"}, 3, false}, Row{{"3,4"}, 3, false}, Row{{}, 0, false}, Row{{""}, 0, false},
         Row{{"-1"}, -1, true}, Row{{"0"}, 0, true}, Row{{"03"}, 3, false}}) {
     SCOPED_TRACE(testing::PrintToString(row.list) + " for " + std::to_string(row.status));
-    request.overrideExpectedReturnCode = row.list;
+    overrideList = row.list;
     Runs::shared().answers = {{row.status, "out"}};
     EXPECT_EQ(request.executeScript(repo), ProcessingResult(row.accepted, "out"));
   }
@@ -239,7 +240,7 @@ TEST_F(ExecuteScript, ACodeThatIsNotAcceptedNamesTheOverrideList) {
                          Row{{"2", "1", "2"}, R"(["2", "1", "2"])"},
                          Row{{R"(a"b)", R"(c\d)"}, R"(["a\"b", "c\\d"])"}}) {
     journal.reset();
-    request.overrideExpectedReturnCode = row.list;
+    overrideList = row.list;
 
     EXPECT_EQ(request.executeScript(repo), ProcessingResult(false, "done\n"));
 
@@ -256,9 +257,9 @@ TEST_F(ExecuteScript, ACodeThatIsNotAcceptedNamesTheOverrideList) {
 }
 
 TEST_F(ExecuteScript, TheServersListDecidesAgainWhenTheOverrideIsTakenBack) {
-  request.overrideExpectedReturnCode = std::vector<std::string>{};
+  overrideList = std::vector<std::string>{};
   EXPECT_EQ(request.executeScript(repo), ProcessingResult(false, "done\n"));
-  request.overrideExpectedReturnCode = std::nullopt;
+  overrideList = std::nullopt;
   EXPECT_EQ(request.executeScript(repo), ProcessingResult(true, "done\n"));
 }
 

@@ -629,6 +629,25 @@ TEST_F(MemoryFaults, AProcessorWithoutMemoryForItsRequestProcessesNothing) {
   EXPECT_TRUE(journal.entries().empty());
 }
 
+TEST_F(MemoryFaults, ADirectorysTextThrowsOnItsFirstUseAndIsThereTheNextTime) {
+  using VarnScriptRepository::ScriptRepositoryProcessor;
+  struct Row {
+    const std::string& (*text)();
+    std::string expected;
+  };
+  const Row rows[] = {{ScriptRepositoryProcessor::basePath, directory.path() + "/agent"},
+                      {ScriptRepositoryProcessor::customerID, "7"},
+                      {ScriptRepositoryProcessor::scriptRepoDataDirectory, dataDirectory},
+                      {ScriptRepositoryProcessor::scriptRepoScriptsDirectory, scriptsDirectory}};
+  for (const Row& row : rows) {
+    {
+      const NoMemory memory;
+      EXPECT_THROW(static_cast<void>(row.text()), std::bad_alloc) << row.expected;
+    }
+    EXPECT_EQ(row.text(), row.expected);
+  }
+}
+
 TEST_F(MemoryFaults, TextsThatCannotBeComparedForWantOfMemoryAreAnError) {
   namespace text = VarnScriptRepository::text;
   const SystemCallFault fault("utf8proc_map", 0);
