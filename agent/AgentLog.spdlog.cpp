@@ -1,5 +1,5 @@
-// The bundled log: records become lines here, spdlog's sinks carry the lines to standard error or
-// to a rotating file.
+// The bundled log: records become lines here, spdlog carries the lines to a sink: standard error,
+// or a rotating file that nobody else has a say in.
 //
 // Before `configure` records go to standard error as text. A record that can't be written is lost
 // without a sign: nothing here throws into a caller, and a closed pipe does not end the process.
@@ -18,9 +18,11 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
+#include "FileDescriptor.h"
 #include "LogLine.h"
 #include "LogSettings.h"
 #include "SigpipeGuard.h"
@@ -28,61 +30,109 @@
 namespace AgentLog {
 namespace {
 
+using AgentUtils::FileDescriptor;
+
 constexpr std::size_t kFileSize = std::size_t{10} << 20;
 constexpr std::size_t kOlderFiles = 3;
 constexpr mode_t kFileMode = 0600;
 
-/// Standard error, one `write` for each line where the system takes it whole, so that the lines of
+/// Writes the record's line, by one `write` where the system takes it whole, so that the lines of
 /// several processes do not mix.
+void writeLine(int fd, std::string_view line) {
+  while (!line.empty()) {
+    const ssize_t count = write(fd, line.data(), line.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return;
+    line.remove_prefix(static_cast<std::size_t>(count));
+  }
+}
+
+std::string lineOf(const spdlog::details::log_msg& record) {
+  return std::string(record.payload.data(), record.payload.size()) + '\n';
+}
+
 class StandardErrorSink final : public spdlog::sinks::base_sink<std::mutex> {
  protected:
   void sink_it_(const spdlog::details::log_msg& record) override {
-    std::string line(record.payload.data(), record.payload.size());
-    line += '\n';
     const SigpipeGuard guard;
-    std::size_t written = 0;
-    while (written < line.size()) {
-      const ssize_t count = write(STDERR_FILENO, line.data() + written, line.size() - written);
-      if (count < 0 && errno == EINTR) continue;
-      if (count <= 0) return;
-      written += static_cast<std::size_t>(count);
-    }
+    writeLine(STDERR_FILENO, lineOf(record));
   }
 
   void flush_() override {}
 };
 
-[[noreturn]] void throwOpenError(const std::string& file, int error) {
-  throw std::runtime_error("can't open the log file " + file + ": " +
-                           std::generic_category().message(error));
-}
-
-/// Creates the file with its mode before spdlog opens it by name: its own way would give it the
-/// umask's mode and create a missing directory, and would follow a link.
-void prepareLogFile(const std::string& file) {
-  const int fd = open(
-      file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
-      kFileMode);
-  if (fd < 0) throwOpenError(file, errno);
+/// What is wrong with an open log file, made ours alone where it is ours; empty when nothing is.
+std::string problemOf(const FileDescriptor& file) {
   struct stat status {};
-  int error = 0;
-  if (fstat(fd, &status) != 0 || (S_ISREG(status.st_mode) && fchmod(fd, kFileMode) != 0))
-    error = errno;
-  if (error == 0 && !S_ISREG(status.st_mode)) error = EINVAL;
-  close(fd);
-  if (error != 0) throwOpenError(file, error);
+  if (fstat(file.get(), &status) != 0) return std::generic_category().message(errno);
+  if (!S_ISREG(status.st_mode)) return "it is no regular file";
+  if (status.st_uid != geteuid() && status.st_uid != 0) return "it belongs to another user";
+  if (status.st_nlink > 1) return "it has a second name";
+  if (fchmod(file.get(), kFileMode) != 0) return std::generic_category().message(errno);
+  return "";
 }
 
-spdlog::sink_ptr makeFileSink(const std::string& file) {
-  spdlog::file_event_handlers handlers;
-  handlers.before_open = prepareLogFile;
-  handlers.after_open = [](const std::string&, std::FILE* stream) {
-    // Scripts are not to inherit the log.
-    fcntl(fileno(stream), F_SETFD, FD_CLOEXEC);
-  };
-  return std::make_shared<spdlog::sinks::rotating_file_sink_mt>(file, kFileSize, kOlderFiles, false,
-                                                                handlers);
+/// The log file, made when it is missing. It is never opened again by its name, which others may
+/// give to something else; scripts do not inherit it.
+FileDescriptor openLogFile(const std::string& path) {
+  // Without O_NONBLOCK the opening of a FIFO would wait for a reader.
+  FileDescriptor file(open(
+      path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
+      kFileMode));
+  const std::string problem =
+      file.isOpen() ? problemOf(file) : std::generic_category().message(errno);
+  if (!problem.empty()) {
+    throw std::runtime_error("can't open the log file " + path + ": " + problem);
+  }
+  return file;
 }
+
+/// A file that gives its name to a new one before it grows too large.
+class LogFileSink final : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  explicit LogFileSink(std::string path) : path_(std::move(path)), file_(openLogFile(path_)) {}
+
+ protected:
+  void sink_it_(const spdlog::details::log_msg& record) override {
+    const std::string line = lineOf(record);
+    struct stat status {};
+    if (fstat(file_.get(), &status) == 0 && status.st_size > 0 &&
+        static_cast<std::size_t>(status.st_size) + line.size() > kFileSize) {
+      rotate();
+    }
+    writeLine(file_.get(), line);
+  }
+
+  void flush_() override {}
+
+ private:
+  /// "agent.2.log" for "agent.log" and 2.
+  [[nodiscard]] std::string olderPath(std::size_t age) const {
+    return spdlog::sinks::rotating_file_sink_mt::calc_filename(path_, age);
+  }
+
+  void rotate() {
+    // Without the name it has been rotated by another process, or replaced.
+    if (AgentUtils::hasName(file_, path_)) {
+      for (std::size_t age = kOlderFiles; age > 1; --age) {
+        std::rename(olderPath(age - 1).c_str(), olderPath(age).c_str());
+      }
+      if (std::rename(path_.c_str(), olderPath(1).c_str()) != 0) {
+        // What can't be put away is given up, so that the file stays within its size.
+        static_cast<void>(ftruncate(file_.get(), 0));
+        return;
+      }
+    }
+    try {
+      file_ = openLogFile(path_);
+    } catch (const std::runtime_error&) {
+      // Somebody else's is in its place: the records go on into the file that is ours.
+    }
+  }
+
+  std::string path_;
+  FileDescriptor file_;
+};
 
 std::unique_ptr<spdlog::logger> makeLogger(spdlog::sink_ptr sink) {
   auto logger = std::make_unique<spdlog::logger>("", std::move(sink));
@@ -129,14 +179,10 @@ void writeNothrow(Record::Level level, const std::string& message, const std::st
 
 void configure(LogSettings settings) {
   std::unique_ptr<spdlog::logger> logger;
-  try {
-    if (!settings.file.empty()) {
-      logger = makeLogger(makeFileSink(settings.file));
-    } else if (!settings.quiet) {
-      logger = makeLogger(std::make_shared<StandardErrorSink>());
-    }
-  } catch (const spdlog::spdlog_ex& error) {
-    throw std::runtime_error(error.what());
+  if (!settings.file.empty()) {
+    logger = makeLogger(std::make_shared<LogFileSink>(settings.file));
+  } else if (!settings.quiet) {
+    logger = makeLogger(std::make_shared<StandardErrorSink>());
   }
   log().settings = std::move(settings);
   log().logger = std::move(logger);

@@ -24,15 +24,6 @@ constexpr mode_t kFileMode = 0600;
   throw DownloadFailure(what + ": " + std::generic_category().message(error));
 }
 
-/// Whether the open file still has the name `path`: another process may have swept it away between
-/// its making and its locking.
-bool hasName(const FileDescriptor& file, const std::string& path) {
-  struct stat opened {};
-  struct stat named {};
-  return fstat(file.get(), &opened) == 0 && lstat(path.c_str(), &named) == 0 &&
-         opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
-}
-
 int lock(const FileDescriptor& file, int operation) {
   int result = 0;
   do {

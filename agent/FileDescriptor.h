@@ -1,9 +1,11 @@
-// One open file descriptor and its end.
+// One open file descriptor, its name and its end.
 
 #pragma once
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <string>
 #include <utility>
 
 namespace AgentUtils {
@@ -30,5 +32,13 @@ class FileDescriptor {
  private:
   int fd_ = -1;
 };
+
+/// Whether the open file still has the name `path`, which another process may have given away.
+inline bool hasName(const FileDescriptor& file, const std::string& path) {
+  struct stat opened {};
+  struct stat named {};
+  return fstat(file.get(), &opened) == 0 && lstat(path.c_str(), &named) == 0 &&
+         opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
 
 }  // namespace AgentUtils

@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <stdexcept>
 
 #include "LogSettings.h"
@@ -139,6 +141,116 @@ TEST_F(LogFile, IsNoFIFOAndNoDirectory) {
   ASSERT_EQ(unlink(path.c_str()), 0);
   ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
   EXPECT_NE(openError(), "(none)");
+}
+
+TEST_F(LogFile, WithASecondNameIsNotWritten) {
+  writeFile(directory / "elsewhere", "kept");
+  ASSERT_EQ(link((directory / "elsewhere").c_str(), path.c_str()), 0);
+  EXPECT_EQ(openError(), "can't open the log file " + path + ": it has a second name");
+  EXPECT_EQ(readFile(directory / "elsewhere"), "kept");
+}
+
+constexpr uid_t kOther = 4242;
+
+TEST_F(LogFile, OfAnotherUserIsNotWritten) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can make a file of another user's";
+  writeFile(path, "kept");
+  ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+  ASSERT_EQ(chown(path.c_str(), kOther, kOther), 0);
+  EXPECT_EQ(openError(), "can't open the log file " + path + ": it belongs to another user");
+  EXPECT_EQ(readFile(path), "kept");
+  EXPECT_EQ(modeOf(path), 0666u);
+}
+
+TEST_F(LogFile, OfAnotherUserIsNotWrittenByAUserEither) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+  ASSERT_EQ(chmod(directory.path().c_str(), 0777), 0);
+  for (const uid_t owner : {kOther + 1, kOther, uid_t{0}}) {
+    writeFile(path, "");
+    ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+    ASSERT_EQ(chown(path.c_str(), owner, owner), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+      if (setuid(kOther) != 0) _exit(100);
+      const std::string error = openError();
+      AgentLog::logInfo("one", "Unit", "operation()", 1);
+      _exit(error == "(none)" ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    // Root's own file would keep a mode that is open to all.
+    EXPECT_EQ(WEXITSTATUS(status), owner == kOther ? 0 : 1) << owner;
+    EXPECT_EQ(readFile(path).empty(), owner != kOther) << owner;
+  }
+}
+
+/// What somebody puts in the place of the open log file, and where its bytes are looked at.
+class LogFileReplaced : public LogFile {
+ protected:
+  void writeMebibytes(int count) {
+    const std::string message(1 << 20, 'x');
+    for (int line = 0; line < count; ++line) AgentLog::logInfo(message, "Unit", "operation()", 1);
+  }
+
+  /// Opens the log, lets `replace` take its place, and writes more than a file takes.
+  void replaceAndFill(const std::function<void()>& replace) {
+    open();
+    AgentLog::logInfo("first", "Unit", "operation()", 1);
+    ASSERT_EQ(rename(path.c_str(), (directory / "opened").c_str()), 0);
+    replace();
+    writeMebibytes(11);
+    AgentLog::logInfo("last", "Unit", "operation()", 1);
+  }
+
+  void expectNothingLost() {
+    EXPECT_TRUE(linesWithoutTimes(directory / "opened").ends_with("1 last\n"));
+    EXPECT_EQ(readFile(directory / "elsewhere"), "kept");
+    EXPECT_EQ(directory.names(), (std::vector<std::string>{"agent.log", "elsewhere", "opened"}));
+  }
+};
+
+TEST_F(LogFileReplaced, ByALinkIsNotFollowedAndNotRotated) {
+  writeFile(directory / "elsewhere", "kept");
+  replaceAndFill([&] { ASSERT_EQ(symlink("elsewhere", path.c_str()), 0); });
+  expectNothingLost();
+}
+
+TEST_F(LogFileReplaced, ByASecondNameIsNotWrittenAndNotRotated) {
+  writeFile(directory / "elsewhere", "kept");
+  replaceAndFill([&] { ASSERT_EQ(link((directory / "elsewhere").c_str(), path.c_str()), 0); });
+  expectNothingLost();
+}
+
+TEST_F(LogFileReplaced, ByAnotherUsersFileIsNotWrittenAndNotRotated) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can make a file of another user's";
+  writeFile(directory / "elsewhere", "kept");
+  replaceAndFill([&] {
+    writeFile(path, "");
+    ASSERT_EQ(chown(path.c_str(), kOther, kOther), 0);
+  });
+  expectNothingLost();
+  EXPECT_EQ(readFile(path), "");
+}
+
+TEST_F(LogFileReplaced, ByAnotherProcesssRotationIsWrittenOn) {
+  open();
+  writeMebibytes(9);
+  ASSERT_EQ(rename(path.c_str(), (directory / "agent.1.log").c_str()), 0);
+  writeFile(path, "T other\n");
+  writeMebibytes(2);
+  EXPECT_EQ(directory.names(), (std::vector<std::string>{"agent.1.log", "agent.log"}));
+  EXPECT_TRUE(linesWithoutTimes(path).starts_with("other\ninfo Unit operation() 1 x"));
+}
+
+TEST_F(LogFile, ThatCannotBeRotatedBeginsAnew) {
+  // A directory stands where the older file would.
+  ASSERT_EQ(mkdir((directory / "agent.1.log").c_str(), 0700), 0);
+  open();
+  const std::string message(1 << 20, 'x');
+  for (int line = 0; line < 15; ++line) AgentLog::logInfo(message, "Unit", "operation()", 1);
+  EXPECT_LE(std::filesystem::file_size(path), 10u << 20);
+  EXPECT_GT(std::filesystem::file_size(path), 1u << 20);
 }
 
 TEST_F(LogFile, ThatCannotBeWrittenLosesRecordsSilently) {

@@ -16,14 +16,15 @@ set(varn_tests_of_never-torn
   "^Download\\." "^bundled\\.(Download|Store)Contract\\." "^SharedStore\\." "^Store\\."
   "^endtoend\\.test_failures\\.RecoveryTest" "^faults/")
 set(varn_tests_of_never-down
-  "^ThrowingDependencies" "^ThrowingFromTheStart" "^Files\\.A(FailedRead|ReadOfANamedPipe)"
+  "^ThrowingDependencies" "^ThrowingFromTheStart" "^Files\\.A(FailedRead|ReadOfANamedPipe)" "^LittleMemory\\."
   "^Store\\.(IsNotWaitedFor|RefusesWhat|ARowThatIsNo|ATableThat)" "^FileServer\\.WhatIsNoFile"
   "^ShellProcess\\.Leaves(NoZombie|NoDescriptor)" "^ShellProcess\\.(OfAHost|Survives|DoesNotReap)"
   "^endtoend\\.test_failures\\." "^endtoend\\.test_signals\\." "^faults/" "^[Ff]uzz")
 set(varn_tests_of_never-wider
   "WhateverTheUmask" "ALinkAndDoesNotFollowIt" "^Download\\.(Refuses|Replaces|Reports|Sweeps)"
   "^Store\\.(IsNotOpenedThroughALink|WritableByOthers|ForItsOwner|IsNotWaitedFor)"
-  "^LogFile\\.(IsForTheOwner|IsNotWrittenThroughALink|IsNotInherited|IsNoFIFO)"
+  "^LogFile\\.(IsForTheOwner|IsNotWrittenThroughALink|IsNotInherited|IsNoFIFO|OfAnotherUser)"
+  "^LogFile\\.WithASecondName" "^LogFileReplaced\\."
   "^RequestLockTest\\.(FileAndDirectories|ASymbolicLink)"
   "^ShellProcess\\.(Sees|StartsWith|RunsWhenTheHostHasNoStandard)"
   "^endtoend\\.test_requests\\.FilesTest" "^endtoend\\.test_scripts\\.SurroundingsTest")
