@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "AgentUtils.h"
@@ -23,17 +24,23 @@ bool isDirectory(const std::string& path) {
   return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-/// Makes one directory; false with `errno` when it can't be made or exists.
-bool makeDirectory(const std::string& path) {
-  if (mkdir(path.c_str(), kDirectoryMode) != 0) return false;
-  // The umask may have taken away more than it should.
-  const FileDescriptor made(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  return made.isOpen() && fchmod(made.get(), kDirectoryMode) == 0;
+FileDescriptor openedParent(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const std::string parent = slash == path.npos ? "." : path.substr(0, slash + 1);
+  return FileDescriptor(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
-/// Makes the directory unless there is one. Somebody else may make it at the same time.
-bool ensureDirectory(const std::string& path) {
-  return isDirectory(path) || makeDirectory(path) || (errno == EEXIST && isDirectory(path));
+/// Makes one directory and opens it; not open, with `errno`, when it can't be made. One that
+/// exists, since somebody else made it at the same time, is as good where it `mayExist`. All by
+/// descriptors: whoever may write to the parent could put a link in the new directory's place.
+FileDescriptor makeDirectory(const FileDescriptor& parent, const std::string& name, bool mayExist) {
+  const bool made = mkdirat(parent.get(), name.c_str(), kDirectoryMode) == 0;
+  if (!made && !(mayExist && errno == EEXIST)) return {};
+  FileDescriptor directory(
+      openat(parent.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  // The umask may have taken away more than it should.
+  if (made && directory.isOpen() && fchmod(directory.get(), kDirectoryMode) != 0) return {};
+  return directory;
 }
 
 }  // namespace
@@ -45,13 +52,23 @@ bool FileUtils::isFileExists(const std::string& atPath) const {
 
 bool FileUtils::createDirectory(const std::string& atPath, bool withIntermediateDirectories) const {
   if (!isPath(atPath)) return false;
-  if (!withIntermediateDirectories) return makeDirectory(atPath);
-  // From the top, one parent after the other: where `atPath` has a slash, a parent ends.
-  for (std::size_t slash = atPath.find('/', 1); slash != std::string::npos;
-       slash = atPath.find('/', slash + 1)) {
-    if (!ensureDirectory(atPath.substr(0, slash))) return false;
+  FileDescriptor parent;
+  if (!withIntermediateDirectories) {
+    parent = openedParent(atPath);
+    return makeDirectory(parent, atPath.substr(atPath.rfind('/') + 1), false).isOpen();
   }
-  return ensureDirectory(atPath);
+  // From the top: where `atPath` has a slash, a parent ends.
+  for (std::size_t start = 0; start < atPath.size();) {
+    const std::size_t slash = std::min(atPath.find('/', start), atPath.size());
+    const std::string name = atPath.substr(start, slash - start);
+    const std::string directory = atPath.substr(0, slash);
+    start = slash + 1;
+    if (name.empty() || (!parent.isOpen() && isDirectory(directory))) continue;
+    if (!parent.isOpen()) parent = openedParent(directory);
+    parent = makeDirectory(parent, name, true);
+    if (!parent.isOpen()) return false;
+  }
+  return true;
 }
 
 }  // namespace AgentUtils
