@@ -102,9 +102,10 @@ class WaitingTest(CommandCase):
         """Starts a script that is signalled, tells so, and ends only when it is let go; gives the
         command's process when the script has told."""
         self.go, started, told = self.fifo("go"), self.fifo("started"), self.fifo("told")
-        self.put(text=f"trap 'echo got >{told}' TERM\necho before\n"
-                      f"sleep 100000 &\necho $$ >{started}\nwait\n"
-                      f"read line <{self.go}\necho after\nexit 3\n")
+        # Open for both, or the opening itself would wait and be interrupted.
+        self.put(text=f"trap 'echo got >{told}' TERM\nexec 3<>{self.go}\necho before\n"
+                      f"echo $$ >{started}\nuntil read line <&3; do :; done\n"
+                      "echo after\nexit 3\n")
         process = self.start("run", "42", *options)
         self.end_process_at_end(int(self.read_line_from(started)))
         process.terminate()
