@@ -24,6 +24,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "AgentSettings.h"
 #include "AgentUtils.h"
 #include "FileDescriptor.h"
 #include "RowCoding.h"
@@ -272,11 +273,14 @@ void RootAccessKeyValueStorage::updateRow(
   AgentStore::RowEncoder encoder;
   encode(encoder);
   const std::string row = encoder.row();
-  const std::lock_guard lock(table_->mutex);
-  const Use use(table_->connection, table_->upsert);
-  table_->upsert.bind(1, forKey);
-  table_->upsert.bind(2, row);
-  table_->upsert.exec();
+  {
+    const std::lock_guard lock(table_->mutex);
+    const Use use(table_->connection, table_->upsert);
+    table_->upsert.bind(1, forKey);
+    table_->upsert.bind(2, row);
+    table_->upsert.exec();
+  }
+  if (settings().afterRowWrite) settings().afterRowWrite(forKey);
 }
 
 }  // namespace AgentUtils

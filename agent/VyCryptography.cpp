@@ -34,11 +34,12 @@ bool hasChecksum(const std::string& path, const std::string& type, const std::st
 bool VyCryptography::validateCheckSumForFile(const std::string& path, const std::string& Type,
                                              const std::string& Checksum) {
   try {
-    if (hasChecksum(path, Type, Checksum)) return true;
+    const bool isValid = hasChecksum(path, Type, Checksum);
     // Were it asked for conditionally again, a damaged answer, or a server that takes its new file
     // for the old one, would keep it wrong for ever.
-    distrustFile(path);
-    return false;
+    if (!isValid) distrustFile(path);
+    if (settings().afterChecksumTest) settings().afterChecksumTest(path, isValid);
+    return isValid;
   } catch (...) {
     // Out of memory: what can't be verified is not valid.
     return false;

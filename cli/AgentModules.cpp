@@ -81,6 +81,8 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
   agent.maxDownload = settings.maxDownload;
   agent.onDownloadProgress = std::move(observers.onDownloadProgress);
   agent.beforeFileUse = std::move(observers.beforeFileUse);
+  agent.afterChecksumTest = std::move(observers.afterChecksumTest);
+  agent.afterRowWrite = std::move(observers.afterRowWrite);
   AgentUtils::configure(std::move(agent));
   return std::nullopt;
 }

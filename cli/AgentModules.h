@@ -18,6 +18,8 @@ struct ModuleObservers {
   std::function<void(const AgentLog::Record&)> onRecord;
   std::function<void(std::uint64_t received, std::uint64_t total)> onDownloadProgress;
   std::function<void(const std::string& path)> beforeFileUse;
+  std::function<void(const std::string& path, bool isValid)> afterChecksumTest;
+  std::function<void(const std::string& key)> afterRowWrite;
 };
 
 /// Configures log and utilities. The error names the setting that a module can't use.

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <system_error>
 #include <type_traits>
+#include <utility>
 
 #include "AgentModules.h"
 #include "AgentUtils.h"
@@ -73,18 +74,11 @@ std::optional<ListedScript> scriptOf(AgentUtils::RootAccessKeyValueStorage& stor
   return script;
 }
 
-// Sorted by ID, which is the order of the map's keys. Throws when the store can't be opened.
-std::vector<ListedScript> readStore(const std::string& path) {
-  AgentUtils::RootAccessKeyValueStorage storage(
-      path, ScriptRepositoryConstants::TableNames::scriptToMeta);
-  std::vector<ListedScript> scripts;
-  for (const auto& [scriptID, value] : storage.fetchTableAsDictionary()) {
-    if (auto script = scriptOf(storage, scriptID)) scripts.push_back(std::move(*script));
-  }
-  return scripts;
-}
-
-std::vector<ListedScript> readLocalState(std::optional<std::string>& error) {
+// What `read` takes from the store; nothing when there is no store, and with `error` when it can't
+// be read.
+template <class Read>
+auto fromStore(const Read& read, std::optional<std::string>& error)
+    -> decltype(read(std::declval<AgentUtils::RootAccessKeyValueStorage&>())) {
   const std::string& path = ScriptRepositoryConstants::FilePath::scriptRepository();
   std::error_code cause;
   if (!exists(path, cause)) {
@@ -92,14 +86,34 @@ std::vector<ListedScript> readLocalState(std::optional<std::string>& error) {
     return {};
   }
   try {
-    return readStore(path);
+    AgentUtils::RootAccessKeyValueStorage storage(
+        path, ScriptRepositoryConstants::TableNames::scriptToMeta);
+    return read(storage);
   } catch (const std::exception& failure) {
     error = "the store " + path + " can't be read: " + failure.what();
     return {};
   }
 }
 
+// Sorted by ID, which is the order of the map's keys.
+std::vector<ListedScript> allScripts(AgentUtils::RootAccessKeyValueStorage& storage) {
+  std::vector<ListedScript> scripts;
+  for (const auto& [scriptID, value] : storage.fetchTableAsDictionary()) {
+    if (auto script = scriptOf(storage, scriptID)) scripts.push_back(std::move(*script));
+  }
+  return scripts;
+}
+
 }  // namespace
+
+std::vector<ListedScript> listedScripts(std::optional<std::string>& error) {
+  return fromStore(allScripts, error);
+}
+
+std::optional<ListedScript> listedScript(const std::string& scriptID,
+                                         std::optional<std::string>& error) {
+  return fromStore([&](auto& storage) { return scriptOf(storage, scriptID); }, error);
+}
 
 std::string listTable(const std::vector<ListedScript>& scripts) {
   if (scripts.empty()) return "";
@@ -140,7 +154,7 @@ int list(const CommandLine& line, const Settings& settings) {
     return kExitUsage;
   }
   std::optional<std::string> error;
-  const auto scripts = readLocalState(error);
+  const auto scripts = listedScripts(error);
   if (error) {
     writeErrorLine("varn-scripts: " + *error);
     return kExitNotRun;

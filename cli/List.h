@@ -19,6 +19,14 @@ struct ListedScript {
   bool fileExists = false;  ///< whether something stands at `scriptPath`
 };
 
+/// All records, sorted by ID. Opens no store that does not exist and creates nothing. `error` is a
+/// line that tells why a store that is there can't be read.
+[[nodiscard]] std::vector<ListedScript> listedScripts(std::optional<std::string>& error);
+
+/// The record of one script, or nothing; otherwise as `listedScripts`.
+[[nodiscard]] std::optional<ListedScript> listedScript(const std::string& scriptID,
+                                                       std::optional<std::string>& error);
+
 /// The records as a table with aligned columns, "-" for what is absent. No records give an empty
 /// text. Control characters are shown as `?`.
 [[nodiscard]] std::string listTable(const std::vector<ListedScript>& scripts);
@@ -26,8 +34,8 @@ struct ListedScript {
 /// The records as one line with a JSON array.
 [[nodiscard]] std::string listJson(const std::vector<ListedScript>& scripts);
 
-/// Lists the local records by ID. Opens no store that does not exist and creates nothing. Gives the
-/// exit status: 3 when there is a store that can't be read, or the list can't be written.
+/// Lists the local records by ID. Gives the exit status: 3 when there is a store that can't be
+/// read, or the list can't be written.
 [[nodiscard]] int list(const CommandLine& line, const Settings& settings);
 
 }  // namespace VarnScripts

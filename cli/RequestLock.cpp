@@ -6,34 +6,20 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "AgentUtils.h"
+#include "platform/FileDescriptor.h"
 #include "publish/Names.h"
 
 namespace VarnScripts {
 namespace {
 
-std::error_code lastError() { return {errno, std::generic_category()}; }
+using VarnScriptRepository::platform::retryOnInterrupt;
 
-// Creates the missing directories that `path` names before its last component.
-void createParents(const std::string& path, std::error_code& error) {
-  for (auto slash = path.find('/', 1); slash != std::string::npos;
-       slash = path.find('/', slash + 1)) {
-    const std::string directory = path.substr(0, slash);
-    // The umask may take away more than it should.
-    if (::mkdir(directory.c_str(), S_IRWXU) == 0 && ::chmod(directory.c_str(), S_IRWXU) == 0) {
-      continue;
-    }
-    if (errno == EEXIST) continue;
-    // Some systems refuse the creation of what exists for another reason.
-    const std::error_code failure = lastError();
-    struct stat status {};
-    if (::stat(directory.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) continue;
-    error = failure;
-    return;
-  }
-}
+std::error_code lastError() { return {errno, std::generic_category()}; }
 
 // One spelling for all that name one file: without empty steps, `.` and `..`, each name folded,
 // since a file system may take names that differ in case, or in how a character is composed, for
@@ -69,10 +55,10 @@ std::int64_t lockOffset(std::string_view scriptID) {
   return static_cast<std::int64_t>(hash >> 2);
 }
 
-std::int64_t fileLockOffset(std::string_view filePath) {
+std::int64_t fileLockOffset(std::string_view fileName) {
   // Files are locked in the upper half of the offsets, script IDs in the lower one.
   constexpr std::int64_t upperHalf = std::int64_t{1} << 62;
-  return upperHalf + lockOffset(canonicalPath(filePath));
+  return upperHalf + lockOffset(canonicalPath(fileName));
 }
 
 RequestLock::~RequestLock() {
@@ -80,16 +66,18 @@ RequestLock::~RequestLock() {
 }
 
 void RequestLock::acquire(const std::string& basePath, const std::string& customer,
-                          std::string_view scriptID, std::error_code& error) {
+                          const std::vector<std::string>& scriptIDs, std::error_code& error) {
   error.clear();
-  path_ = basePath + "/client-data/" + customer + "/varn-scripts.lock";
-  createParents(path_, error);
-  if (error) return;
+  const std::string directory = basePath + "/client-data/" + customer;
+  path_ = directory + "/varn-scripts.lock";
+  if (!AgentUtils::FileUtils().createDirectory(directory, true)) {
+    error = lastError();
+    return;
+  }
 
-  do {
-    descriptor_ =
-        ::open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR);
-  } while (descriptor_ < 0 && errno == EINTR);
+  descriptor_ = retryOnInterrupt([this] {
+    return ::open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  });
   if (descriptor_ < 0) {
     error = lastError();
     return;
@@ -102,27 +90,36 @@ void RequestLock::acquire(const std::string& basePath, const std::string& custom
     static_cast<void>(::fchmod(descriptor_, S_IRUSR | S_IWUSR));
   }
 
-  if (lockByte(lockOffset(scriptID)) == 0) return;
-  error = lastError();
-  ::close(descriptor_);
-  descriptor_ = -1;
+  std::set<std::int64_t> offsets;
+  for (const std::string& scriptID : scriptIDs) offsets.insert(lockOffset(scriptID));
+  for (const std::int64_t offset : offsets) {
+    if (lockByte(offset, F_SETLKW) == 0) continue;
+    error = lastError();
+    ::close(descriptor_);
+    descriptor_ = -1;
+    return;
+  }
 }
 
-void RequestLock::holdFile(std::string_view filePath) {
-  if (lockByte(fileLockOffset(filePath)) != 0) throw std::system_error(lastError());
+void RequestLock::holdFile(std::string_view fileName) {
+  if (lockByte(fileLockOffset(fileName), F_SETLKW) != 0) throw std::system_error(lastError());
 }
 
-int RequestLock::lockByte(std::int64_t offset) const {
+bool RequestLock::tryHoldFile(std::string_view fileName) {
+  return lockByte(fileLockOffset(fileName), F_SETLK) == 0;
+}
+
+void RequestLock::releaseFile(std::string_view fileName) {
+  static_cast<void>(lockByte(fileLockOffset(fileName), F_SETLK, F_UNLCK));
+}
+
+int RequestLock::lockByte(std::int64_t offset, int command, short type) const {
   struct flock range {};
-  range.l_type = F_WRLCK;
+  range.l_type = type;
   range.l_whence = SEEK_SET;
   range.l_start = static_cast<off_t>(offset);
   range.l_len = 1;
-  int locked;
-  do {
-    locked = ::fcntl(descriptor_, F_SETLKW, &range);
-  } while (locked < 0 && errno == EINTR);
-  return locked;
+  return retryOnInterrupt([&] { return ::fcntl(descriptor_, command, &range); });
 }
 
 }  // namespace VarnScripts

@@ -3,10 +3,13 @@
 
 #pragma once
 
+#include <fcntl.h>
+
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <vector>
 
 namespace VarnScripts {
 
@@ -14,11 +17,13 @@ namespace VarnScripts {
 /// and far enough from the largest offset for a range of one byte.
 [[nodiscard]] std::int64_t lockOffset(std::string_view scriptID);
 
-/// Where in the lock file the script file at `filePath` is locked: the same for each way to write
-/// the path (`a.sh`, `./a.sh`), and for two names that some file system keeps in one file (`A.sh`).
-[[nodiscard]] std::int64_t fileLockOffset(std::string_view filePath);
+/// Where in the lock file the script file `fileName` is locked, which is its path from the scripts
+/// directory: the same for each way to write it (`a.sh`, `./a.sh`), and for two names that some
+/// file system keeps in one file (`A.sh`). Where the directory lies does not matter: it may be
+/// reached by several paths.
+[[nodiscard]] std::int64_t fileLockOffset(std::string_view fileName);
 
-/// Holds the advisory lock of one script ID from `acquire` until it is destroyed. The system lets
+/// Holds the advisory locks of script IDs from `acquire` until it is destroyed. The system lets
 /// go of it as well when the process ends in any way.
 class RequestLock {
  public:
@@ -27,17 +32,24 @@ class RequestLock {
   RequestLock& operator=(const RequestLock&) = delete;
   ~RequestLock();
 
-  /// Waits until no other process holds the lock of `scriptID` in the file
-  /// `basePath`/client-data/`customer`/varn-scripts.lock, and takes it. Creates the file (0600) and
+  /// Waits until no other process holds the lock of any of `scriptIDs` in the file
+  /// `basePath`/client-data/`customer`/varn-scripts.lock, and takes them, in an order that is the
+  /// same for everybody. Creates the file (0600) and
   /// missing directories (0700). After a failure `error` tells why and nothing is held.
-  void acquire(const std::string& basePath, const std::string& customer, std::string_view scriptID,
-               std::error_code& error);
+  void acquire(const std::string& basePath, const std::string& customer,
+               const std::vector<std::string>& scriptIDs, std::error_code& error);
 
-  /// After `acquire`, waits until no other process holds the script file at `filePath`, and takes
-  /// it. Between the test of its checksum and the end of its run, nobody else may replace a script.
-  /// A request takes one file, and after its ID, so that requests can't wait for each other in a
+  /// After `acquire`, waits until no other process holds the script file `fileName`, and takes it.
+  /// Between the test of its checksum and the end of its run, nobody else may replace a script. A
+  /// request takes one file, and after its ID, so that requests can't wait for each other in a
   /// circle. Throws `std::system_error` when the lock can't be had.
-  void holdFile(std::string_view filePath);
+  void holdFile(std::string_view fileName);
+
+  /// After `acquire`, takes the script file unless another process holds it; false when it does.
+  [[nodiscard]] bool tryHoldFile(std::string_view fileName);
+
+  /// Lets go of the script file.
+  void releaseFile(std::string_view fileName);
 
   /// The lock file's path; empty before `acquire`.
   [[nodiscard]] const std::string& path() const { return path_; }
@@ -46,7 +58,7 @@ class RequestLock {
   std::string path_;
   int descriptor_ = -1;
 
-  [[nodiscard]] int lockByte(std::int64_t offset) const;
+  [[nodiscard]] int lockByte(std::int64_t offset, int command, short type = F_WRLCK) const;
 };
 
 }  // namespace VarnScripts

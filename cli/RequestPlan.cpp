@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "AgentUtils.h"
+#include "DocumentMark.h"
 #include "RegularFile.h"
 #include "ScriptRepositoryMetaProcessor.h"
 #include "ScriptRepositoryProcessorRequest.h"
@@ -128,6 +129,8 @@ class PlanMaker {
       plan_.reason = "the versions differ";
     } else if (!FileUtils().isFileExists(documentPath())) {
       plan_.reason = "the data document is missing";
+    } else if (DocumentMark(plan_.scriptID).isThere()) {
+      plan_.reason = "the data document's version is not recorded";
     } else {
       plan_.step = RequestPlan::Step::upToDate;
     }

@@ -1,6 +1,7 @@
 #include "Run.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -10,6 +11,7 @@
 #include "ExitStatus.h"
 #include "JsonText.h"
 #include "Progress.h"
+#include "RequestFiles.h"
 #include "RequestLock.h"
 #include "RequestLog.h"
 #include "SignalForwarding.h"
@@ -61,16 +63,24 @@ int report(const CommandLine& line, const Outcome& outcome) {
 }
 
 Outcome request(const CommandLine& line, const Settings& settings, const RequestLog& requestLog,
-                RequestLock& lock) {
+                RequestLock& lock, RequestFiles& files) {
   std::error_code error;
-  lock.acquire(settings.basePath, settings.customer, line.scriptID, error);
+  lock.acquire(settings.basePath, settings.customer, {line.scriptID}, error);
   if (error) {
     // Without its turn a request could run what another one is just replacing.
     return {{}, "Request lock " + lock.path() + " can't be taken: " + error.message()};
   }
+  files.begin(error);
+  if (error) {
+    // The document may belong to another version than the one that is recorded.
+    return {{},
+            "Data document of script " + line.scriptID + ", whose version is not recorded, or " +
+                files.mark().path() + " can't be removed: " + error.message()};
+  }
   ScriptRepositoryProcessor processor(line.scriptID);
   if (line.acceptCodes) processor.overrideExpectedReturnCode = line.acceptCodes;
   ProcessingResult result = processor.processScript();
+  files.end();
   if (result.first) {
     AgentUtils::removeLeftDownloads(ScriptRepositoryProcessor::scriptRepoScriptsDirectory());
   }
@@ -94,21 +104,20 @@ int run(const CommandLine& line, const Settings& settings) {
   observers.onDownloadProgress = [&progress](std::uint64_t received, std::uint64_t total) {
     progress.showDownload(received, total);
   };
-  observers.beforeFileUse = [&lock](const std::string& path) {
-    // The documents are replaced whole and read once; only scripts are held.
-    const std::string& scripts = ScriptRepositoryProcessor::scriptRepoScriptsDirectory();
-    if (!path.starts_with(scripts + '/')) return;
-    lock.holdFile(path);
-    // A script that is up to date is not downloaded, and nobody else would look at its directory.
-    AgentUtils::reportOpenDirectory(scripts);
+  std::optional<RequestFiles> files;
+  observers.beforeFileUse = [&files](const std::string& path) { files->beforeFileUse(path); };
+  observers.afterChecksumTest = [&files](const std::string& path, bool isValid) {
+    files->afterChecksumTest(path, isValid);
   };
+  observers.afterRowWrite = [&files](const std::string& key) { files->afterRowWrite(key); };
   if (const auto error = configureAgentModules(settings, observers)) {
     progress.finish();
     writeErrorLine("varn-scripts: " + error->line);
     return kExitUsage;
   }
   prepareDownloads();
-  const Outcome outcome = request(line, settings, requestLog, lock);
+  files.emplace(line.scriptID, lock);
+  const Outcome outcome = request(line, settings, requestLog, lock, *files);
   progress.finish();
   const int exitStatus = report(line, outcome);
   signals.endWhenStopped();

@@ -39,6 +39,12 @@ struct AgentSettings {
   /// replacing what it has just verified. What it throws makes the download or the test fail. May
   /// be empty.
   std::function<void(const std::string& path)> beforeFileUse;
+  /// Called after the test of a file's checksum with its full path and the outcome, on the testing
+  /// thread. May be empty.
+  std::function<void(const std::string& path, bool isValid)> afterChecksumTest;
+  /// Called after a row of the store was written with its key, on the writing thread. What it
+  /// throws reaches the writer as a failed write. May be empty.
+  std::function<void(const std::string& key)> afterRowWrite;
 };
 
 /// Takes over `settings` and sets `gv_globvars` from them.

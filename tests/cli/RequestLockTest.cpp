@@ -29,12 +29,16 @@ class RequestLockTest : public testing::Test {
 
   std::error_code acquire(RequestLock& lock, const std::string& scriptID) const {
     std::error_code error;
-    lock.acquire(base_, "7", scriptID, error);
+    lock.acquire(base_, "7", {scriptID}, error);
     return error;
   }
 
   // Whether another process finds the lock of `scriptID` taken.
   bool isTakenForOthers(const std::string& scriptID) const {
+    return isTakenForOthers(lockOffset(scriptID));
+  }
+
+  bool isTakenForOthers(std::int64_t offset) const {
     const pid_t child = ::fork();
     if (child == 0) {
       const std::string path = base_ + "/client-data/7/varn-scripts.lock";
@@ -42,7 +46,7 @@ class RequestLockTest : public testing::Test {
       struct flock range {};
       range.l_type = F_WRLCK;
       range.l_whence = SEEK_SET;
-      range.l_start = static_cast<off_t>(lockOffset(scriptID));
+      range.l_start = static_cast<off_t>(offset);
       range.l_len = 1;
       ::_exit(::fcntl(descriptor, F_SETLK, &range) == 0 ? 0 : 1);
     }
@@ -98,8 +102,54 @@ TEST_F(RequestLockTest, OneIdIsTakenUntilTheLockIsDestroyed) {
   EXPECT_FALSE(isTakenForOthers("42"));
 }
 
+TEST_F(RequestLockTest, ManyIdsAreTakenTogether) {
+  RequestLock lock;
+  std::error_code error;
+  lock.acquire(base_, "7", {"42", "43", "42"}, error);
+  ASSERT_EQ(error, std::error_code());
+  EXPECT_TRUE(isTakenForOthers("42"));
+  EXPECT_TRUE(isTakenForOthers("43"));
+  EXPECT_FALSE(isTakenForOthers("44"));
+}
+
+TEST_F(RequestLockTest, AFileIsTakenUntilItIsReleased) {
+  RequestLock lock;
+  ASSERT_EQ(acquire(lock, "42"), std::error_code());
+  EXPECT_TRUE(lock.tryHoldFile("job.sh"));
+  EXPECT_TRUE(isTakenForOthers(fileLockOffset("./JOB.sh")));
+  lock.releaseFile("job.sh");
+  EXPECT_FALSE(isTakenForOthers(fileLockOffset("job.sh")));
+  EXPECT_TRUE(isTakenForOthers("42"));
+}
+
+TEST_F(RequestLockTest, AFileThatAnotherProcessHoldsIsNotTaken) {
+  RequestLock lock;
+  ASSERT_EQ(acquire(lock, "42"), std::error_code());
+  int ready[2];
+  int go[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  ASSERT_EQ(::pipe(go), 0);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::close(go[1]);
+    RequestLock other;
+    const bool held = acquire(other, "43") == std::error_code() && other.tryHoldFile("job.sh");
+    char byte = held ? 'y' : 'n';
+    ::_exit(::write(ready[1], &byte, 1) == 1 && ::read(go[0], &byte, 1) == 0 ? 0 : 1);
+  }
+  char byte = 0;
+  ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+  EXPECT_EQ(byte, 'y');
+  EXPECT_FALSE(lock.tryHoldFile("job.sh"));
+  ::close(go[1]);
+  int status = 0;
+  EXPECT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(lock.tryHoldFile("job.sh"));
+}
+
 TEST_F(RequestLockTest, FileAndDirectoriesAreForTheOwnerAloneWhateverTheUmask) {
-  for (const mode_t mask : {0000U, 0022U, 0777U}) {
+  for (const mode_t mask : {0000U, 0022U, 0277U}) {
     std::filesystem::remove_all(base_ + "/client-data");
     const mode_t before = ::umask(mask);
     RequestLock lock;

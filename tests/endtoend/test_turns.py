@@ -1,5 +1,7 @@
 """Two invocations at the same time."""
 
+import os
+
 from support.case import CommandCase
 
 
@@ -73,6 +75,47 @@ class TurnsTest(CommandCase):
         self.assertEqual(self.finish(first).status, 0)
         done = self.finish(second)
         self.assertEqual((done.status, done.output), (0, "other\n"), done.error)
+
+    def test_a_script_stays_while_it_runs_when_the_base_path_is_reached_by_a_link(self):
+        self.put_waiting("42")
+        first = self.start("run", "42")
+        script = self.wait_for_script()
+        running = self.local_script("42.sh")
+        self.put(script_id="43", file_name="42.sh", text="echo other\n")
+        os.symlink(self.base, self.path("link"))
+        self.base = self.path("link")
+        second = self.start("run", "43")
+        self.wait_until(lambda: self.waits_for_a_lock(second), "the second request's wait")
+        self.assertEqual(self.local_script("42.sh"), running)
+        self.let_go(script)
+        self.assertEqual(self.finish(first).status, 0)
+        self.assertEqual(self.finish(second).output, "other\n")
+
+    def test_a_removal_waits_for_the_scripts_that_it_removes(self):
+        self.put_waiting("42")
+        first = self.start("run", "42")
+        script = self.wait_for_script()
+        self.repository.drop("42")
+        removal = self.start("prune")
+        self.wait_until(lambda: self.waits_for_a_lock(removal), "the removal's wait")
+        self.assertTrue(os.path.exists(self.script_file("42.sh")))
+        self.let_go(script)
+        self.assertEqual(self.finish(first).status, 0)
+        self.assertEqual(self.finish(removal).status, 0)
+        self.assertFalse(os.path.exists(self.script_file("42.sh")))
+
+    def test_a_removal_waits_for_another_script_with_the_file_name(self):
+        self.put(script_id="41", file_name="42.sh")
+        self.assertEqual(self.run_command("run", "41").status, 0)
+        self.put_waiting("42")
+        first = self.start("run", "42")
+        script = self.wait_for_script()
+        self.repository.drop("41")
+        removal = self.start("prune")
+        self.wait_until(lambda: self.waits_for_a_lock(removal), "the removal's wait")
+        self.let_go(script)
+        self.assertEqual(self.finish(first).status, 0)
+        self.assertEqual(self.finish(removal).status, 0)
 
     def test_another_base_path_does_not_wait(self):
         self.put_waiting("42")

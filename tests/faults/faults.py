@@ -148,6 +148,8 @@ class Site:
 
     def reset(self):
         self.computer.restore(self.snapshot)
+        if self.scenario.rolls_back:
+            self.server.publish("2")
         if os.path.exists(self.marker):
             os.remove(self.marker)
 
@@ -207,6 +209,8 @@ class Site:
     def _problems_of_next(self):
         if os.path.exists(self.marker):
             os.remove(self.marker)
+        if self.scenario.rolls_back:
+            self.server.publish("1")
         done = self.harness.run(self.computer, self.server, self.scenario.arguments)
         problems = []
         if done.returncode != 0:
@@ -270,6 +274,8 @@ def main():
     parser.add_argument("command", help="the varn-scripts program")
     parser.add_argument("--quick", action="store_true", help="a sample of the faults")
     parser.add_argument("--transport", choices=TRANSPORTS, help="requests over this one alone")
+    parser.add_argument("--scenario", choices=[scenario.name for scenario in SCENARIOS],
+                        help="this one alone")
     parser.add_argument("--workers", type=int, default=os.cpu_count() or 1)
     options = parser.parse_args()
     if shutil.which("strace") is None:
@@ -281,6 +287,8 @@ def main():
         for transport in [options.transport] if options.transport else TRANSPORTS:
             harness = Harness(os.path.abspath(options.command), directory, transport == "http")
             for scenario in SCENARIOS:
+                if options.scenario not in (None, scenario.name):
+                    continue
                 counts = disturb_scenario(harness, scenario, stride, options.workers)
                 tried, hit, failed = (a + b for a, b in zip((tried, hit, failed), counts))
     print(f"{tried} faults tried, {hit} hit, {tried - failed} survived, {failed} failed")

@@ -9,7 +9,8 @@ import time
 
 CUSTOMER = "7"
 SCRIPT_ID = "42"
-TEMPORARY_PREFIX = ".varn-download-"
+# What a request that went well leaves none of: downloads, and marks of documents.
+TEMPORARY_PREFIXES = (".varn-download-", "varn-scripts.unrecorded-")
 
 
 def script_text(version, marker):
@@ -28,8 +29,9 @@ class Server:
     def __init__(self, directory, marker):
         self.directory = directory
         self.marker = marker
-        # Published long enough ago for a client to keep what says that nothing has changed.
-        self._published = int(time.time()) - 86400
+        # Published long enough ago for a client to keep what says that nothing has changed, and for
+        # thousands of versions a minute apart.
+        self._published = int(time.time()) - 30 * 86400
 
     def publish(self, version):
         repo = os.path.join(self.directory, "client-data", CUSTOMER, "scriptrepo")
@@ -136,7 +138,7 @@ class Computer:
     def temporary_files(self):
         found = []
         for directory, _, names in os.walk(self.base):
-            found += [os.path.join(directory, n) for n in names if n.startswith(TEMPORARY_PREFIX)]
+            found += [os.path.join(directory, n) for n in names if n.startswith(TEMPORARY_PREFIXES)]
         return found
 
     def problems(self, states):

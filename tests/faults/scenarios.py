@@ -9,14 +9,15 @@ class Scenario:
     """One request on a prepared computer.
 
     `allowed` is what the request may have run when it was disturbed; `expected` is what the next,
-    undisturbed request must run.
+    undisturbed request must run. With `rolls_back` the server has the version before again by then.
     """
 
-    def __init__(self, name, arguments, allowed, expected):
+    def __init__(self, name, arguments, allowed, expected, rolls_back=False):
         self.name = name
         self.arguments = arguments
         self.allowed = allowed
         self.expected = expected
+        self.rolls_back = rolls_back
         self.states = []
 
     def __repr__(self):
@@ -27,6 +28,7 @@ SCENARIOS = (
     Scenario("fresh", ["run", "42"], {"1"}, "1"),
     Scenario("up-to-date", ["run", "42"], {"1"}, "1"),
     Scenario("new-version", ["run", "42"], {"2"}, "2"),
+    Scenario("rollback", ["run", "42"], {"2"}, "1", rolls_back=True),
     Scenario("re-download", ["run", "42"], {"1"}, "1"),
     Scenario("removal", ["prune"], set(), None),
 )
@@ -45,7 +47,7 @@ def prepare(scenario, directory, run):
     states = [server.files()]
     if scenario.name != "fresh":
         run(computer, server, ["run", "42"])
-    if scenario.name == "new-version":
+    if scenario.name in ("new-version", "rollback"):
         server.publish("2")
         states.append(server.files())
     if scenario.name == "re-download":

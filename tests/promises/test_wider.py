@@ -121,6 +121,15 @@ class LinksTest(PromiseCase):
             f"{len(writing)} opens for writing in a request, {len(temporary)} of them of "
             "temporary names: all refuse a link")
 
+    @needs_strace
+    def test_no_mode_is_changed_through_a_name_that_may_be_a_link(self):
+        self.base = self.path("new")
+        result, lines = self.traced("mkdir,mkdirat,chmod,fchmod,fchmodat", "run", "42")
+        self.assertEqual(result.status, 0, result.error)
+        self.assertGreaterEqual(len([line for line in lines if re.search(r" mkdir(at)?\(", line)]), 6)
+        self.assertGreaterEqual(len([line for line in lines if " fchmod(" in line]), 6)
+        self.assertEqual([line for line in lines if re.search(r" (chmod|fchmodat)\(", line)], [])
+
 
 class OpenPlacesTest(PromiseCase):
     """A store or directory that others may write is reported once."""

@@ -1,0 +1,71 @@
+#include "DocumentMark.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "RegularFile.h"
+#include "StandardStreams.h"
+#include "VarnScriptRepository/ScriptRepositoryProcessor.h"
+#include "platform/FileDescriptor.h"
+#include "publish/Digest.h"
+#include "publish/SyncFiles.h"
+
+namespace VarnScripts {
+namespace {
+
+using VarnScriptRepository::ScriptRepositoryProcessor;
+using VarnScriptRepository::platform::FileDescriptor;
+using VarnScriptRepository::platform::retryOnInterrupt;
+
+std::string customerDirectory() {
+  return ScriptRepositoryProcessor::basePath() + "/client-data/" +
+         ScriptRepositoryProcessor::customerID();
+}
+
+}  // namespace
+
+void syncDirectory(const std::string& directory, std::error_code& error) {
+  publishing::syncPath(directory, error);
+  // Some file systems have no such operation; they keep their names as well as they can.
+  if (error == std::errc::invalid_argument) error.clear();
+}
+
+DocumentMark::DocumentMark(const std::string& scriptID)
+    : path_(customerDirectory() + "/varn-scripts.unrecorded-" +
+            publishing::hexDigest("sha256", scriptID)) {}
+
+bool DocumentMark::isThere() const {
+  struct stat status {};
+  return ::lstat(path_.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
+}
+
+void DocumentMark::make(const std::string& recordedPath, std::error_code& error) const {
+  error.clear();
+  const FileDescriptor file(::open(
+      path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  // The umask may have taken away more than it should.
+  if (!file || ::fchmod(file.get(), S_IRUSR | S_IWUSR) != 0) {
+    error.assign(errno, std::generic_category());
+    return;
+  }
+  writeAll(file.get(), recordedPath, error);
+  if (!error && retryOnInterrupt([&] { return ::fsync(file.get()); }) != 0) {
+    error.assign(errno, std::generic_category());
+  }
+  if (!error) syncDirectory(customerDirectory(), error);
+}
+
+std::string DocumentMark::recordedPath() const {
+  std::error_code unreadable;
+  return readRegularFile(path_, LastLink::refuse, unreadable).bytes;
+}
+
+void DocumentMark::remove(std::error_code& error) const {
+  error.clear();
+  if (::unlink(path_.c_str()) != 0 && errno != ENOENT) error.assign(errno, std::generic_category());
+}
+
+}  // namespace VarnScripts
