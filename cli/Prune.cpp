@@ -1,21 +1,36 @@
 #include "Prune.h"
 
 #include <cstdint>
+#include <exception>
+#include <map>
+#include <optional>
+#include <set>
 #include <string>
+#include <system_error>
+#include <vector>
 
 #include "AgentDirectories.h"
+#include "AgentLog.h"
 #include "AgentModules.h"
 #include "AgentUtils.h"
+#include "DocumentMark.h"
 #include "ExitStatus.h"
+#include "List.h"
 #include "Progress.h"
+#include "RequestFiles.h"
+#include "RequestLock.h"
 #include "ScriptRepositoryMetaProcessor.h"
 #include "StandardStreams.h"
+#include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
+#include "publish/Names.h"
 
 namespace VarnScripts {
 namespace {
 
+using VarnScriptRepository::ScriptLocalData;
 using VarnScriptRepository::ScriptRepoAllMetaData;
+using VarnScriptRepository::ScriptRepositoryConstants;
 using VarnScriptRepository::ScriptRepositoryMetaProcessor;
 using VarnScriptRepository::ScriptRepositoryProcessor;
 
@@ -40,6 +55,91 @@ bool fillContainer() {
   return true;
 }
 
+// The records of the scripts that the removal will take for dropped. One whose ID is written in two
+// ways is among them twice, of which the library takes one.
+std::vector<ListedScript> droppedScripts(std::optional<std::string>& error) {
+  std::set<std::string> listed;
+  for (const auto& entry : *ScriptRepositoryMetaProcessor::shared().scriptRepoMetaData()) {
+    listed.insert(publishing::canonicalText(entry.scriptID));
+  }
+  std::vector<ListedScript> scripts = listedScripts(error);
+  std::erase_if(scripts, [&listed](const ListedScript& script) {
+    return listed.contains(publishing::canonicalText(script.scriptID));
+  });
+  return scripts;
+}
+
+// Waits until no request runs for any of the scripts or uses one of their files.
+void takeTurns(const std::vector<ListedScript>& scripts, const Settings& settings,
+               RequestLock& lock) {
+  std::vector<std::string> scriptIDs;
+  std::map<std::int64_t, std::string> files;
+  for (const ListedScript& script : scripts) {
+    scriptIDs.push_back(script.scriptID);
+    const std::string name = nameBelow(ScriptRepositoryProcessor::scriptRepoScriptsDirectory(),
+                                       script.scriptPath.value_or(""));
+    if (!name.empty()) files.emplace(fileLockOffset(name), name);
+  }
+  std::error_code error;
+  lock.acquire(settings.basePath, settings.customer, scriptIDs, error);
+  if (error) throw std::system_error(error, "Request lock " + lock.path() + " can't be taken");
+  for (const auto& [offset, name] : files) lock.holdFile(name);
+}
+
+// Whether there is something at `path`, which a record leads to, and it is not below `directory`.
+// It is told of, and stays.
+bool staysElsewhere(const std::string& directory, const std::string& path,
+                    const std::string& scriptID) {
+  if (!AgentUtils::FileUtils().isFileExists(path) || !nameBelow(directory, path).empty()) {
+    return false;
+  }
+  AgentLog::logInfo(
+      "Leaving File " + path + " of Script ID " + scriptID + ", it is not below " + directory,
+      "Prune", "prune()", __LINE__);
+  return true;
+}
+
+// Takes what lies elsewhere out of the records: the library removes whatever they lead to.
+void keepWhatLiesElsewhere(const std::vector<ListedScript>& scripts) {
+  AgentUtils::RootAccessKeyValueStorage storage(
+      ScriptRepositoryConstants::FilePath::scriptRepository(),
+      ScriptRepositoryConstants::TableNames::scriptToMeta);
+  const std::string& documents = ScriptRepositoryProcessor::scriptRepoDataDirectory();
+  for (const ListedScript& script : scripts) {
+    const std::string& id = script.scriptID;
+    if (staysElsewhere(documents, documents + "/" + id + ".xml", id)) {
+      storage.deleteValue(id);
+    } else if (script.scriptPath &&
+               staysElsewhere(ScriptRepositoryProcessor::scriptRepoScriptsDirectory(),
+                              *script.scriptPath, id)) {
+      const ScriptLocalData withoutPath(script.version, std::nullopt);
+      storage.updateValue(&withoutPath, id);
+    }
+  }
+}
+
+// The removal with the turns of all that it removes. Why it can't be done, or empty.
+std::string removeDropped(const Settings& settings) {
+  RequestLock lock;
+  std::optional<std::string> unreadable;
+  // The library's own line tells of a store that can't be opened.
+  const std::vector<ListedScript> scripts = droppedScripts(unreadable);
+  try {
+    if (!scripts.empty()) {
+      takeTurns(scripts, settings, lock);
+      keepWhatLiesElsewhere(scripts);
+    }
+  } catch (const std::exception& error) {
+    return std::string("nothing is removed: ") + error.what();
+  }
+  ScriptRepositoryProcessor::removeServerRemovedScripts();
+  for (const ListedScript& script : scripts) {
+    std::error_code ignored;
+    DocumentMark(script.scriptID).remove(ignored);
+  }
+  return "";
+}
+
 }  // namespace
 
 int prune(const Settings& settings) {
@@ -56,15 +156,19 @@ int prune(const Settings& settings) {
   }
   prepareDownloads();
   createDirectories();
-  const bool filled = fillContainer();
-  // Called without the container too: the library's own line tells that nothing is removed.
-  ScriptRepositoryProcessor::removeServerRemovedScripts();
-  // The list's download has looked after the other directory.
-  if (filled) {
-    AgentUtils::removeLeftDownloads(ScriptRepositoryProcessor::scriptRepoScriptsDirectory());
+  if (!fillContainer()) {
+    // Called all the same: the library's own line tells that nothing is removed.
+    ScriptRepositoryProcessor::removeServerRemovedScripts();
+    progress.finish();
+    return kExitNotRun;
   }
+  const std::string problem = removeDropped(settings);
+  // The list's download has looked after the other directory.
+  AgentUtils::removeLeftDownloads(ScriptRepositoryProcessor::scriptRepoScriptsDirectory());
   progress.finish();
-  return filled ? kExitSuccess : kExitNotRun;
+  if (problem.empty()) return kExitSuccess;
+  writeErrorLine("varn-scripts: " + problem);
+  return kExitNotRun;
 }
 
 }  // namespace VarnScripts

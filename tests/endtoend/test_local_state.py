@@ -1,5 +1,6 @@
 """The commands `prune` and `list`."""
 
+import json
 import os
 import sqlite3
 
@@ -36,6 +37,43 @@ class PruneTest(CommandCase):
         self.assertTrue(os.path.exists(self.script_file("two.sh")))
         self.assertTrue(os.path.exists(self.document_file("2.xml")))
         self.assertEqual([row["script_id"] for row in self.listed()], ["2"])
+
+    def record(self, value, script_id="1"):
+        store = sqlite3.connect(self.store_file())
+        with store:
+            store.execute("INSERT OR REPLACE INTO ScriptToMeta VALUES (?, ?)",
+                          (script_id, json.dumps(value)))
+        store.close()
+
+    def test_a_file_elsewhere_that_a_record_names_stays_and_is_told_of(self):
+        victim = self.path("victim.sh")
+        with open(victim, "w", encoding="utf-8"):
+            pass
+        os.symlink(self.directory, self.script_file("link"))
+        self.repository.drop("1")
+        for path in (victim, self.script_file("link/victim.sh"), self.script_file("")):
+            with self.subTest(path=path):
+                self.record({"version": "1", "scriptPath": path})
+                result = self.run_json_log("prune")
+                self.assertEqual(result.status, 0)
+                directory = os.path.dirname(self.script_file("x"))
+                self.assertIn(f"Leaving File {path} of Script ID 1, it is not below {directory}",
+                              [record["message"] for record in result.records])
+                self.assertTrue(os.path.exists(victim))
+                self.assertTrue(os.path.exists(self.script_file("two.sh")))
+                self.assertEqual([row["script_id"] for row in self.listed()], ["2"])
+
+    def test_a_document_elsewhere_that_an_id_leads_to_stays_and_is_told_of(self):
+        victim = self.path("victim.xml")
+        with open(victim, "w", encoding="utf-8"):
+            pass
+        script_id = "../" * 4 + "victim"
+        self.record({"version": "1"}, script_id)
+        result = self.run_json_log("prune")
+        self.assertEqual(result.status, 0)
+        self.assertIn("Leaving File ", result.error)
+        self.assertTrue(os.path.exists(victim))
+        self.assertEqual([row["script_id"] for row in self.listed()], ["1", "2"])
 
     def test_nothing_to_remove_is_said(self):
         result = self.run_json_log("prune")
