@@ -74,6 +74,11 @@ SignalForwarding::SignalForwarding() : foreignChildren_(children()) {
   std::thread([this] { forward(); }).detach();
 }
 
+void SignalForwarding::guard(const std::function<std::function<void()>()>& make) {
+  const std::lock_guard lock(mutex_);
+  undo_ = make();
+}
+
 void SignalForwarding::see(const AgentLog::Record& record) {
   // Between these two lines, and the runner's own about a failed start, the script may be running.
   const bool isRunner = record.source == "ScriptRepositoryUtil";
@@ -99,7 +104,10 @@ void SignalForwarding::forward() {
   {
     std::unique_lock lock(mutex_);
     // While the lock is held, the line before a start is not taken, and nothing is started.
-    if (!scriptBegan_) endBy(first);
+    if (!scriptBegan_) {
+      if (undo_) undo_();
+      endBy(first);
+    }
     signal_ = first;
     passOn(first, lock);
   }

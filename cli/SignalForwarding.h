@@ -10,6 +10,7 @@
 #include <sys/types.h>
 
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -32,6 +33,11 @@ class SignalForwarding {
   SignalForwarding(const SignalForwarding&) = delete;
   SignalForwarding& operator=(const SignalForwarding&) = delete;
 
+  /// Calls `make` while no signal is taken. One that then ends the process before a script is
+  /// started first calls what `make` gave, on a thread of its own, at any time until the process
+  /// ends.
+  void guard(const std::function<std::function<void()>()>& make);
+
   /// Takes the next record of the log, on the thread that makes the request.
   void see(const AgentLog::Record& record);
 
@@ -51,6 +57,7 @@ class SignalForwarding {
 
   std::mutex mutex_;
   std::condition_variable runEnded_;
+  std::function<void()> undo_;
   int signal_ = 0;  // the one that the process ends by when the request is done; 0 before it came
   bool scriptBegan_ = false;
   bool scriptRuns_ = false;

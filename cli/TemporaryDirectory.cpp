@@ -20,9 +20,17 @@ TemporaryDirectory::TemporaryDirectory(std::error_code& error) {
   path_ = path;
 }
 
+void removeDirectory(const std::string& path) noexcept {
+  // What is made between the listing of the directory and its removal needs another try.
+  constexpr int attempts = 100;
+  std::error_code error = std::make_error_code(std::errc::directory_not_empty);
+  for (int attempt = 0; error && attempt < attempts; ++attempt) {
+    std::filesystem::remove_all(path, error);
+  }
+}
+
 TemporaryDirectory::~TemporaryDirectory() {
-  std::error_code ignored;
-  if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+  if (!path_.empty()) removeDirectory(path_);
 }
 
 std::string TemporaryDirectory::pathOf(const std::string& name) const { return path_ + "/" + name; }

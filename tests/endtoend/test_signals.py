@@ -3,8 +3,9 @@
 import json
 import os
 import signal
+import socket
 
-from support.case import CommandCase
+from support.case import DEADLINE, CommandCase
 
 
 class ForwardingTest(CommandCase):
@@ -188,6 +189,26 @@ class WaitingTest(CommandCase):
         process.terminate()
         result = self.finish(process)
         self.assertEqual((result.status, result.output), (-signal.SIGTERM, "heard\n"))
+
+
+class PlanTest(CommandCase):
+    """A signal during a plan."""
+
+    def test_its_temporary_directory_goes(self):
+        os.mkdir(self.path("tmp"))
+        with socket.create_server(("127.0.0.1", 0)) as listening:
+            self.server = f"http://127.0.0.1:{listening.getsockname()[1]}"
+            listening.settimeout(DEADLINE)
+            for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+                with self.subTest(number=number):
+                    process = self.start("plan", "42",
+                                         environment=self.environment(TMPDIR=self.path("tmp")))
+                    connection, _ = listening.accept()
+                    with connection:
+                        self.assertEqual(len(os.listdir(self.path("tmp"))), 1)
+                        process.send_signal(number)
+                        self.assertEqual(self.finish(process).status, -number)
+                        self.assertEqual(os.listdir(self.path("tmp")), [])
 
 
 class AnyMomentTest(CommandCase):
