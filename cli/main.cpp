@@ -37,6 +37,8 @@ std::optional<std::string> environmentVariable(const std::string& name) {
 void setSignalDispositions() {
   // A reader that goes away is a failed write, not the end of the process.
   ::signal(SIGPIPE, SIG_IGN);
+  // So is a file that would become larger than this process may make it.
+  ::signal(SIGXFSZ, SIG_IGN);
   // Whoever started this process may ignore it, and then no exit status of a script would be left.
   ::signal(SIGCHLD, SIG_DFL);
 }

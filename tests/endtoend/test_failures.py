@@ -2,6 +2,7 @@
 
 import json
 import os
+import resource
 
 from support.case import CommandCase
 from support.repository import LIST_PATH
@@ -125,6 +126,19 @@ class LimitTest(CommandCase):
         self.assertEqual(self.run_command("--max-download", "20000", "run", "42").status, 3)
         self.assertFalse(os.path.exists(self.script_file("job.sh")))
         self.assertEqual(self.run_command("--max-download", "30000", "run", "42").status, 0)
+
+
+class FileSizeTest(CommandCase):
+    """A limit on how large this process may make a file."""
+
+    def test_it_is_the_reason_and_not_the_end(self):
+        self.put(text="echo done\n" + "#" * 100000)
+        result = self.run_command(
+            "run", "42",
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (50000, 50000)))
+        self.assertEqual(result.status, 3)
+        self.assertIn("File too large", result.error)
+        self.assertEqual(result.error_lines[-1], "Download failure of script")
 
 
 class LockFailureTest(CommandCase):
