@@ -70,9 +70,9 @@ AgentFixture::~AgentFixture() { AgentUtils::gv_globvars = nullptr; }
 // ---- Documents -------------------------------------------------------------------------------
 
 std::string DataDocument::scriptRepo() const {
-  return "ScriptRepo(script_id<" + scriptID + "> script_name<" + scriptName + "> file_id<" +
-         fileID +
-         "> db_updated_time<1> customer_id<8> script_type<py> description<> os_platform<Windows> "
+  return "ScriptRepo(script_id<" + scriptID + "> script_name<" + scriptName +
+         "> file_id<other> db_updated_time<1> customer_id<8> script_type<py> description<> "
+         "os_platform<Windows> "
          "created_time<1> script_file<other.pl> script_args<" +
          scriptArgs + "> modified_time<4> script_mul_exit_code<" + exitCode + ">)";
 }

@@ -133,13 +133,14 @@ TEST_F(MetaProcessor, AFailedDownloadIsALineAndChangesNothing) {
   ScriptRepositoryMeta entry;
   entry.scriptID = "42";
   shared().setScriptRepoMetaData(std::vector{entry});
+  writeDocument("");
 
   EXPECT_FALSE(shared().downloadScriptRepoMeta());
 
   EXPECT_THAT(journal.log(), ElementsAre("info ScriptRepositoryMetaProcessor "
                                          "downloadScriptRepoMeta(): Script-Meta Download Failed"));
   EXPECT_THAT(shared().scriptRepoMetaData(), Optional(ElementsAre(entry)));
-  EXPECT_FALSE(doubles::exists(dataDirectory));
+  EXPECT_EQ(doubles::readFile(dataDirectory + "/scripts-meta.xml"), "scripts-meta()");
 }
 
 TEST_F(MetaProcessor, EachDownloadHasADownloaderOfItsOwn) {
@@ -207,6 +208,14 @@ TEST_F(MetaProcessor, LoadTakesTheFirstContainerAlone) {
   EXPECT_EQ(shared().getAllAvailableScriptIDs(), std::vector<std::string>{"1"});
 }
 
+TEST_F(MetaProcessor, LoadKeepsEntriesWithEmptyTexts) {
+  writeDocument(metadataEntry("", "", ""));
+
+  shared().loadScriptRepoMetaData();
+
+  EXPECT_EQ(shared().getModifiedTime(""), "");
+}
+
 TEST_F(MetaProcessor, LoadReplacesTheEntriesOfAnEarlierOne) {
   writeDocument(metadataEntry("1", "5") + metadataEntry("2", "5"));
   shared().loadScriptRepoMetaData();
@@ -237,6 +246,7 @@ TEST_F(MetaProcessor, LoadOfWhatDoesNotDecodeIsAbsentWithoutALine) {
 
     EXPECT_EQ(shared().scriptRepoMetaData(), std::nullopt);
     EXPECT_THAT(journal.entries(), IsEmpty());
+    EXPECT_EQ(doubles::readFile(dataDirectory + "/scripts-meta.xml"), row.document);
   }
 }
 

@@ -215,6 +215,15 @@ TEST_F(ProcessScript, HandsTheCallersAcceptedCodesOn) {
                  "(Optional(false), Optional(\"done\n\"))"));
 }
 
+TEST_F(ProcessScript, TakesTheAcceptedCodesAsTheyAreWhenItIsCalled) {
+  loadMetadata();
+  ScriptRepositoryProcessor processor("42");
+  processor.overrideExpectedReturnCode = {"3"};
+  EXPECT_EQ(processor.processScript(), ProcessingResult(false, "done\n"));
+  processor.overrideExpectedReturnCode = std::nullopt;
+  EXPECT_EQ(processor.processScript(), ProcessingResult(true, "done\n"));
+}
+
 TEST_F(ProcessScript, UsesTheCallersSpellingOfTheIDAndTheEntrysVersion) {
   // The angstrom sign, the letter, and the letter with its ring apart: one text to the library.
   const std::string asked = "\u212b";
@@ -480,6 +489,15 @@ TEST_F(DownloadPath, TakesTheFirstMappingAsItStands) {
   loadMetadata();
 
   expectNotRun({"download  a\\b c to <agent>/client-data/7/scripts-repository-data/42.xml",
+                downloadPath("Download failure of script data")});
+}
+
+TEST_F(DownloadPath, AsksForAnEmptyPathLikeForAnyOther) {
+  serveMetadata(
+      "ScriptRepo(script_id<42> file_id<f1> modified_time<5> ScriptPathMapping(filepath<>))");
+  loadMetadata();
+
+  expectNotRun({"download  to <agent>/client-data/7/scripts-repository-data/42.xml",
                 downloadPath("Download failure of script data")});
 }
 

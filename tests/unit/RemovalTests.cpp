@@ -242,6 +242,17 @@ TEST_F(Removal, TakesTwoSpellingsOfOneLocalIDOnce) {
   EXPECT_EQ(store.rows.size(), 1U);
 }
 
+TEST_F(Removal, TakesEveryRowWhateverItHolds) {
+  store.rows = {{"", {{"version", "5"}}},
+                {"bare", {}},
+                {"broken", {{"version", std::nullopt}}},
+                {"path", {{"scriptPath", "/no/such/file"}}}};
+  serverLists({"1"});
+
+  EXPECT_THAT(remove()[1], testing::StartsWith(overall("Script Repository Processing: Removing")));
+  EXPECT_THAT(store.rows, IsEmpty());
+}
+
 TEST_F(Removal, EscapesIDsInItsLine) {
   store.rows = {{R"(a"b\c)", {{"version", "5"}}}};
   serverLists({});

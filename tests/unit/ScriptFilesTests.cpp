@@ -173,18 +173,18 @@ TEST_F(DownloadScript, APathThatCannotBeRecordedDoesNotFailTheDownload) {
   EXPECT_THAT(journal.log(), IsEmpty());
 }
 
-TEST_F(DownloadScript, TakesFormatCharactersInAFileNameAsTheyStand) {
-  EXPECT_FALSE(request().downloadScript("a", "100%@ %d.sh"));
+TEST_F(DownloadScript, TakesTheFileNameAsItStands) {
+  for (const std::string name : {"100%@ %d.sh", "sub/clean.sh", "../clean.sh", "/bin/sh",
+                                 " clean.sh ", "a\\b.sh", ".", ""}) {
+    request();
+    journal.reset();
 
-  EXPECT_EQ(request().scriptFilePath, scriptsDirectory + "/100%@ %d.sh");
-}
+    EXPECT_FALSE(request().downloadScript("a", name));
 
-TEST_F(DownloadScript, TakesAFileNameWithASlashAsItStands) {
-  EXPECT_FALSE(request().downloadScript("a", "sub/clean.sh"));
-
-  EXPECT_EQ(request().scriptFilePath, scriptsDirectory + "/sub/clean.sh");
-  EXPECT_THAT(journal.entries(),
-              ElementsAre("download a to <agent>/client-data/7/scripts-repository/sub/clean.sh"));
+    EXPECT_EQ(request().scriptFilePath, scriptsDirectory + "/" + name);
+    EXPECT_THAT(journal.entries(),
+                ElementsAre("download a to <agent>/client-data/7/scripts-repository/" + name));
+  }
 }
 
 TEST_F(DownloadScript, RewritesTheServersLocation) {
@@ -324,6 +324,24 @@ TEST_F(IsValidChecksumForFile, WithoutAPathIsFalseWithoutALine) {
   EXPECT_FALSE(request().isValidChecksumForFile(fileWithLinks({"c1"}), {record("c1", "T", "10")}));
 
   EXPECT_THAT(journal.entries(), IsEmpty());
+}
+
+TEST_F(IsValidChecksumForFile, TakesEmptyTextsLikeAnyOther) {
+  struct Row {
+    const char* id;
+    const char* type;
+    const char* value;
+    bool valid;
+  };
+  setScript("0123456789");
+  for (const Row& row : {Row{"", "T", "10", true}, Row{"c1", "", "10", false},
+                         Row{"c1", "T", "", false}, Row{"", "", "", false}}) {
+    journal.reset();
+    EXPECT_EQ(request().isValidChecksumForFile(fileWithLinks({row.id}),
+                                               {record(row.id, row.type, row.value)}),
+              row.valid);
+    EXPECT_EQ(journal.effects().size(), 1U);
+  }
 }
 
 TEST_F(IsValidChecksumForFile, LooksForLinkAndRecordBeforeThePath) {
