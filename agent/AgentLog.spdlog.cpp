@@ -1,5 +1,5 @@
-// The bundled log: records become lines here, spdlog carries the lines to a sink: standard error,
-// or a rotating file that nobody else has a say in.
+// The bundled log: spdlog hands records to a sink, which writes them as lines to standard error, or
+// to a rotating file that nobody else has a say in. A message may be very long, and is not copied.
 //
 // Before `configure` records go to standard error as text. A record that can't be written is lost
 // without a sign: nothing here throws into a caller, and a closed pipe does not end the process.
@@ -11,8 +11,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <mutex>
@@ -25,6 +25,7 @@
 #include "FileDescriptor.h"
 #include "LogLine.h"
 #include "LogSettings.h"
+#include "Pieces.h"
 #include "SigpipeGuard.h"
 
 namespace AgentLog {
@@ -36,29 +37,57 @@ constexpr std::size_t kFileSize = std::size_t{10} << 20;
 constexpr std::size_t kOlderFiles = 3;
 constexpr mode_t kFileMode = 0600;
 
-/// Writes the record's line, by one `write` where the system takes it whole, so that the lines of
-/// several processes do not mix.
-void writeLine(int fd, std::string_view line) {
-  while (!line.empty()) {
-    const ssize_t count = write(fd, line.data(), line.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return;
-    line.remove_prefix(static_cast<std::size_t>(count));
+using Format = LogSettings::Format;
+using LogMessage = spdlog::details::log_msg;
+
+/// Hands on the line of `message` and its line end; a line of no more than a piece's size as one.
+void writeLine(const LogMessage& message, Format format, TextSink to) {
+  const auto view = [](spdlog::string_view_t text) {
+    return std::string_view(text.data(), text.size());
+  };
+  const Record record{
+      message.level == spdlog::level::err ? Record::Level::error : Record::Level::info,
+      view(message.payload), message.source.filename, message.source.funcname, message.source.line};
+  const std::string time = timeText(message.time);
+  Pieces pieces(std::move(to));
+  if (format == Format::json) {
+    addJSONLine(time, record, pieces);
+  } else {
+    addTextLine(time, record, pieces);
   }
+  pieces.add("\n");
+  pieces.end();
 }
 
-std::string lineOf(const spdlog::details::log_msg& record) {
-  return std::string(record.payload.data(), record.payload.size()) + '\n';
+/// Whether all of `piece` was written.
+bool writeAll(int fd, std::string_view piece) {
+  while (!piece.empty()) {
+    const ssize_t count = write(fd, piece.data(), piece.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return false;
+    piece.remove_prefix(static_cast<std::size_t>(count));
+  }
+  return true;
 }
 
+/// Standard error, one `write` for each line where the system takes it whole, so that the lines of
+/// several processes do not mix.
 class StandardErrorSink final : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  explicit StandardErrorSink(Format format) : format_(format) {}
+
  protected:
-  void sink_it_(const spdlog::details::log_msg& record) override {
+  void sink_it_(const LogMessage& message) override {
     const SigpipeGuard guard;
-    writeLine(STDERR_FILENO, lineOf(record));
+    bool broken = false;
+    writeLine(message, format_,
+              [&](std::string_view piece) { broken = broken || !writeAll(STDERR_FILENO, piece); });
   }
 
   void flush_() override {}
+
+ private:
+  const Format format_;
 };
 
 /// What is wrong with an open log file, made ours alone where it is ours; empty when nothing is.
@@ -87,20 +116,26 @@ FileDescriptor openLogFile(const std::string& path) {
   return file;
 }
 
-/// A file that gives its name to a new one before it grows too large.
+/// A file that gives its name to a new one before it grows too large. A line is never divided
+/// between two.
 class LogFileSink final : public spdlog::sinks::base_sink<std::mutex> {
  public:
-  explicit LogFileSink(std::string path) : path_(std::move(path)), file_(openLogFile(path_)) {}
+  LogFileSink(std::string path, Format format)
+      : path_(std::move(path)), format_(format), file_(openLogFile(path_)) {}
 
  protected:
-  void sink_it_(const spdlog::details::log_msg& record) override {
-    const std::string line = lineOf(record);
-    struct stat status {};
-    if (fstat(file_.get(), &status) == 0 && status.st_size > 0 &&
-        static_cast<std::size_t>(status.st_size) + line.size() > kFileSize) {
-      rotate();
+  void sink_it_(const LogMessage& message) override {
+    std::size_t length = 0;
+    // The length of a line that comes in pieces has to be found first.
+    if (message.payload.size() >= Pieces::kMost / 8) {
+      writeLine(message, format_, [&](std::string_view piece) { length += piece.size(); });
     }
-    writeLine(file_.get(), line);
+    bool broken = false;
+    bool begun = false;
+    writeLine(message, format_, [&](std::string_view piece) {
+      if (!std::exchange(begun, true)) makeRoomFor(std::max(length, piece.size()));
+      broken = broken || !writeAll(file_.get(), piece);
+    });
   }
 
   void flush_() override {}
@@ -109,6 +144,14 @@ class LogFileSink final : public spdlog::sinks::base_sink<std::mutex> {
   /// "agent.2.log" for "agent.log" and 2.
   [[nodiscard]] std::string olderPath(std::size_t age) const {
     return spdlog::sinks::rotating_file_sink_mt::calc_filename(path_, age);
+  }
+
+  void makeRoomFor(std::size_t length) {
+    struct stat status {};
+    if (fstat(file_.get(), &status) == 0 && status.st_size > 0 &&
+        static_cast<std::size_t>(status.st_size) + length > kFileSize) {
+      rotate();
+    }
   }
 
   void rotate() {
@@ -131,13 +174,12 @@ class LogFileSink final : public spdlog::sinks::base_sink<std::mutex> {
   }
 
   std::string path_;
+  const Format format_;
   FileDescriptor file_;
 };
 
 std::unique_ptr<spdlog::logger> makeLogger(spdlog::sink_ptr sink) {
   auto logger = std::make_unique<spdlog::logger>("", std::move(sink));
-  logger->set_pattern("%v");
-  logger->flush_on(spdlog::level::info);
   // The default handler would write to standard error, also when the host asked for quiet.
   logger->set_error_handler([](const std::string&) {});
   return logger;
@@ -151,25 +193,21 @@ struct Log {
 
 Log& log() {
   // Never destroyed: records are still written while static objects go.
-  static Log& instance = *new Log{{}, makeLogger(std::make_shared<StandardErrorSink>())};
+  static Log& instance =
+      *new Log{{}, makeLogger(std::make_shared<StandardErrorSink>(Format::text))};
   return instance;
 }
 
-void writeRecord(const Record& record) {
-  const Log& to = log();
-  if (to.logger) {
-    const std::string time = timeText(std::chrono::system_clock::now());
-    to.logger->info(spdlog::string_view_t(to.settings.format == LogSettings::Format::json
-                                              ? jsonLine(time, record)
-                                              : textLine(time, record)));
-  }
-  if (to.settings.observer) to.settings.observer(record);
-}
-
-void writeNothrow(Record::Level level, const std::string& message, const std::string& source,
-                  const std::string& operation, int line) noexcept {
+void write(Record::Level level, const std::string& message, const std::string& source,
+           const std::string& operation, int line) noexcept {
   try {
-    writeRecord({level, message, source, operation, line});
+    const Log& to = log();
+    if (to.logger) {
+      to.logger->log(spdlog::source_loc(source.c_str(), line, operation.c_str()),
+                     level == Record::Level::error ? spdlog::level::err : spdlog::level::info,
+                     spdlog::string_view_t(message));
+    }
+    if (to.settings.observer) to.settings.observer({level, message, source, operation, line});
   } catch (...) {
     // Out of memory, most likely: the record is lost, its writer goes on.
   }
@@ -180,9 +218,9 @@ void writeNothrow(Record::Level level, const std::string& message, const std::st
 void configure(LogSettings settings) {
   std::unique_ptr<spdlog::logger> logger;
   if (!settings.file.empty()) {
-    logger = makeLogger(std::make_shared<LogFileSink>(settings.file));
+    logger = makeLogger(std::make_shared<LogFileSink>(settings.file, settings.format));
   } else if (!settings.quiet) {
-    logger = makeLogger(std::make_shared<StandardErrorSink>());
+    logger = makeLogger(std::make_shared<StandardErrorSink>(settings.format));
   }
   log().settings = std::move(settings);
   log().logger = std::move(logger);
@@ -190,12 +228,12 @@ void configure(LogSettings settings) {
 
 void logInfo(const std::string& message, const std::string& source, const std::string& operation,
              int line) {
-  writeNothrow(Record::Level::info, message, source, operation, line);
+  write(Record::Level::info, message, source, operation, line);
 }
 
 void logError(const std::string& message, const std::string& source, const std::string& operation,
               int line) {
-  writeNothrow(Record::Level::error, message, source, operation, line);
+  write(Record::Level::error, message, source, operation, line);
 }
 
 }  // namespace AgentLog

@@ -3,8 +3,13 @@
 
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
+
+#include "Pieces.h"
 
 /// What becomes of bytes that are not UTF-8.
 enum class NotUTF8 {
@@ -17,6 +22,24 @@ enum class NotUTF8 {
   using Handler = nlohmann::json::error_handler_t;
   return nlohmann::json(text).dump(
       -1, ' ', false, notUTF8 == NotUTF8::replaced ? Handler::replace : Handler::strict);
+}
+
+/// Adds `text` as a JSON text to `to`, with its quotation marks, a part at a time; bytes that are
+/// not UTF-8 are replaced. The same as `jsonText` gives for the whole.
+inline void addJSONText(std::string_view text, Pieces& to) {
+  constexpr std::size_t part = 64 * 1024;
+  const auto continues = [](char byte) { return (byte & 0xC0) == 0x80; };
+  to.add("\"");
+  while (!text.empty()) {
+    std::size_t end = std::min(part, text.size());
+    // Not inside a character. More continuing bytes than a character has are characters themselves.
+    for (int back = 0; back < 3 && end < text.size() && continues(text[end]); ++back) --end;
+    if (end < text.size() && continues(text[end])) end = part;
+    const std::string quoted = jsonText(std::string(text.substr(0, end)), NotUTF8::replaced);
+    to.add(std::string_view(quoted).substr(1, quoted.size() - 2));
+    text.remove_prefix(end);
+  }
+  to.add("\"");
 }
 
 /// A JSON object, its members in the order in which they are added.

@@ -11,12 +11,12 @@ const char* levelName(Record::Level level) {
   return level == Record::Level::error ? "error" : "info";
 }
 
-void appendOnOneLine(std::string& line, std::string_view text) {
+void addOnOneLine(std::string_view text, Pieces& to) {
   while (true) {
     const std::size_t end = text.find_first_of("\n\r");
-    line += text.substr(0, end);
+    to.add(text.substr(0, end));
     if (end == std::string_view::npos) return;
-    line += text[end] == '\n' ? "\\n" : "\\r";
+    to.add(text[end] == '\n' ? "\\n" : "\\r");
     text.remove_prefix(end + 1);
   }
 }
@@ -50,29 +50,33 @@ std::string timeText(std::chrono::system_clock::time_point time) {
   return text;
 }
 
-std::string textLine(const std::string& time, const Record& record) {
-  std::string line;
-  line.reserve(time.size() + record.source.size() + record.operation.size() +
-               record.message.size() + 32);
-  line.append(time).append(" ").append(levelName(record.level)).append(" ");
-  appendOnOneLine(line, record.source);
-  line += ' ';
-  appendOnOneLine(line, record.operation);
-  line.append(" ").append(std::to_string(record.line)).append(" ");
-  appendOnOneLine(line, record.message);
-  return line;
+void addTextLine(const std::string& time, const Record& record, Pieces& to) {
+  const auto blank = [&to] { to.add(" "); };
+  to.add(time);
+  blank();
+  to.add(levelName(record.level));
+  blank();
+  addOnOneLine(record.source, to);
+  blank();
+  addOnOneLine(record.operation, to);
+  blank();
+  to.add(std::to_string(record.line));
+  blank();
+  addOnOneLine(record.message, to);
 }
 
-std::string jsonLine(const std::string& time, const Record& record) {
-  const auto text = [](const std::string& value) { return jsonText(value, NotUTF8::replaced); };
-  JsonObjectText object;
-  object.add("time", text(time));
-  object.add("level", text(levelName(record.level)));
-  object.add("source", text(record.source));
-  object.add("operation", text(record.operation));
-  object.add("line", std::to_string(record.line));
-  object.add("message", text(record.message));
-  return object.text();
+void addJSONLine(const std::string& time, const Record& record, Pieces& to) {
+  const auto member = [&to](std::string_view beginning, std::string_view text) {
+    to.add(beginning);
+    addJSONText(text, to);
+  };
+  member("{\"time\":", time);
+  member(",\"level\":", levelName(record.level));
+  member(",\"source\":", record.source);
+  member(",\"operation\":", record.operation);
+  to.add(",\"line\":" + std::to_string(record.line));
+  member(",\"message\":", record.message);
+  to.add("}");
 }
 
 }  // namespace AgentLog

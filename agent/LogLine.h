@@ -1,4 +1,4 @@
-// The two forms of a log record as one line of text. Pure functions.
+// The two forms of a log record as one line of text, which may be very long. Pure functions.
 
 #pragma once
 
@@ -6,6 +6,7 @@
 #include <string>
 
 #include "LogSettings.h"
+#include "Pieces.h"
 
 namespace AgentLog {
 
@@ -14,10 +15,10 @@ namespace AgentLog {
 
 /// "TIME LEVEL SOURCE OPERATION LINE MESSAGE", one blank between two, without a line end. A line
 /// feed or carriage return in any of them is written as `\n` or `\r`, so a record is one line.
-[[nodiscard]] std::string textLine(const std::string& time, const Record& record);
+void addTextLine(const std::string& time, const Record& record, Pieces& to);
 
 /// One JSON object with the keys `time`, `level`, `source`, `operation`, `line`, `message`, in this
 /// order, without a line end. Bytes that are not UTF-8 become U+FFFD.
-[[nodiscard]] std::string jsonLine(const std::string& time, const Record& record);
+void addJSONLine(const std::string& time, const Record& record, Pieces& to);
 
 }  // namespace AgentLog

@@ -1,20 +1,24 @@
 #include "RequestLog.h"
 
+#include <cstddef>
 #include <utility>
 
 namespace VarnScripts {
 
+namespace {
+
+constexpr std::size_t kMostKept = 64 * 1024;
+
+}  // namespace
+
 void RequestLog::add(const AgentLog::Record& record) {
-  messageBeforeLast_ = std::move(last_.message);
-  last_ = record;
+  beforeLast_ = std::exchange(last_, std::string(record.message.substr(0, kMostKept)));
+  // A script ID or a version may hold any text, but only this closing line ends so.
+  lastCarriesStatus_ = record.source == "ScriptRepositoryProcessor" &&
+                       record.operation == "processScript()" &&
+                       record.message.ends_with(" status (nil, nil)");
 }
 
-const std::string& RequestLog::reason() const {
-  // A script ID or a version may hold any text, but only this closing line ends so.
-  const bool carriesStatus = last_.source == "ScriptRepositoryProcessor" &&
-                             last_.operation == "processScript()" &&
-                             last_.message.ends_with(" status (nil, nil)");
-  return carriesStatus ? messageBeforeLast_ : last_.message;
-}
+const std::string& RequestLog::reason() const { return lastCarriesStatus_ ? beforeLast_ : last_; }
 
 }  // namespace VarnScripts

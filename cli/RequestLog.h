@@ -10,7 +10,8 @@
 
 namespace VarnScripts {
 
-/// The last lines of a request.
+/// The last lines of a request, of long ones the beginning: the reason why a script was not run is
+/// no long one, and the output of a script that was run is none.
 class RequestLog {
  public:
   /// Takes the next record of the log.
@@ -21,8 +22,9 @@ class RequestLog {
   [[nodiscard]] const std::string& reason() const;
 
  private:
-  AgentLog::Record last_{AgentLog::Record::Level::info, "", "", "", 0};
-  std::string messageBeforeLast_;
+  std::string last_;
+  std::string beforeLast_;
+  bool lastCarriesStatus_ = false;
 };
 
 }  // namespace VarnScripts

@@ -107,14 +107,13 @@ std::optional<ScriptRepositoryMeta> serverEntry(const std::string& scriptID) {
   return metaProcessor.getScriptRepoForID(scriptID);
 }
 
-std::string describe(const ProcessingResult& result) {
+/// The line that ends a request. The output stands between its quotation marks as it is, not
+/// escaped.
+std::string statusLine(std::string_view beginning, const ProcessingResult& result) {
   const auto& [accepted, output] = result;
-  std::string description = "(";
-  description += accepted ? (*accepted ? "Optional(true)" : "Optional(false)") : "nil";
-  description += ", ";
-  // The output stands between the quotation marks as it is, not escaped.
-  description += output ? "Optional(\"" + *output + "\")" : "nil";
-  return description += ")";
+  const char* const verdict = accepted ? (*accepted ? "Optional(true)" : "Optional(false)") : "nil";
+  if (!output) return text::joined({beginning, " status (", verdict, ", nil)"});
+  return text::joined({beginning, " status (", verdict, ", Optional(\"", *output, "\"))"});
 }
 
 }  // namespace
@@ -137,7 +136,7 @@ ProcessingResult ScriptRepositoryProcessor::Request::processScript() {
   const bool upToDate = localVersion && text::equal(*localVersion, server->modifiedTime) &&
                         files::exists(scriptDataFilePath);
   // A path on which memory runs out has failed, and its status line comes as ever.
-  const auto result = guarded(ProcessingResult{}, [&] {
+  auto result = guarded(ProcessingResult{}, [&] {
     if (upToDate) {
       log.info(versions + " Proceeding without Downloading Script");
       return executeScriptWithoutDownload(*server);
@@ -146,7 +145,7 @@ ProcessingResult ScriptRepositoryProcessor::Request::processScript() {
     return downloadAndExecuteScript(*server);
   });
   // A script that ran has run, whether or not there is memory for this line.
-  guarded([&] { log.info(versions + " status " + describe(result)); });
+  guarded([&] { log.info(statusLine(versions, result)); });
   return result;
 }
 
@@ -334,7 +333,9 @@ ProcessingResult ScriptRepositoryProcessor::Request::executeScript(
   }
   const std::string code = std::to_string(*status);
   // Without memory for the line, the verdict on a script that has run still stands.
-  guarded([&, &text = *output] { log.info("Script Output: " + text + " Exit Code: " + code); });
+  guarded([&, &written = *output] {
+    log.info(text::joined({"Script Output: ", written, " Exit Code: ", code}));
+  });
 
   // A list set by the caller decides alone, even an empty one.
   const auto* const overrideList = overrideExpectedReturnCode;

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include "AgentLog.h"
 
@@ -14,13 +15,13 @@
 
 namespace AgentLog {
 
-/// One record, as it is handed to an observer.
+/// One record, as it is handed to an observer: its texts are there for as long as the call lasts.
 struct Record {
   enum class Level { info, error };
   Level level;
-  std::string message;
-  std::string source;
-  std::string operation;
+  std::string_view message;
+  std::string_view source;
+  std::string_view operation;
   int line;
 };
 

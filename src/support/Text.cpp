@@ -139,6 +139,15 @@ std::string replacingAll(std::string_view text, std::string_view from, std::stri
   return replaced.append(text);
 }
 
+std::string joined(std::initializer_list<std::string_view> texts) {
+  std::size_t size = 0;
+  for (const std::string_view text : texts) size += text.size();
+  std::string all;
+  all.reserve(size);
+  for (const std::string_view text : texts) all += text;
+  return all;
+}
+
 std::string listText(const std::vector<std::string>& elements) {
   std::string list = "[";
   for (const std::string& element : elements) {

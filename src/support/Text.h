@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -51,6 +52,9 @@ class Characters {
 /// `text` with every `from` replaced by `to`, in one pass from left to right.
 [[nodiscard]] std::string replacingAll(std::string_view text, std::string_view from,
                                        std::string_view to);
+
+/// The texts one after the other, in room for just that: what is joined may be very long.
+[[nodiscard]] std::string joined(std::initializer_list<std::string_view> texts);
 
 /// A list as log lines show it: `["a", "say \"b\""]`. A double quote or a backslash of an element
 /// is preceded by a backslash; an empty list is `[]`.

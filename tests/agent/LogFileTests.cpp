@@ -99,6 +99,30 @@ TEST_F(LogFile, RotatesAtTenMebibytesAndKeepsThreeOlderOnes) {
   }
 }
 
+TEST_F(LogFile, KeepsAnyLineWholeInOneFile) {
+  open();
+  AgentLog::logInfo("before", "Unit", "operation()", 1);
+  AgentLog::logInfo(std::string(12 << 20, '\n'), "Unit", "operation()", 2);
+  AgentLog::logInfo("after", "Unit", "operation()", 3);
+  EXPECT_EQ(linesWithoutTimes(directory / "agent.2.log"), "info Unit operation() 1 before\n");
+  std::string longLine = "info Unit operation() 2 ";
+  for (int line = 0; line < 12 << 20; ++line) longLine += "\\n";
+  EXPECT_TRUE(linesWithoutTimes(directory / "agent.1.log") == longLine + "\n");
+  EXPECT_EQ(linesWithoutTimes(path), "info Unit operation() 3 after\n");
+}
+
+TEST_F(LogFile, BeginsAnewWhereItCannotBeMoved) {
+  open();
+  AgentLog::logInfo(std::string(9 << 20, 'x'), "Unit", "operation()", 1);
+  for (const char* older : {"agent.1.log", "agent.2.log", "agent.3.log"}) {
+    ASSERT_EQ(mkdir((directory / older).c_str(), 0700), 0);
+    writeFile(directory / (older + std::string("/in-the-way")), "");
+  }
+  AgentLog::logInfo(std::string(2 << 20, 'y'), "Unit", "operation()", 2);
+  EXPECT_TRUE(linesWithoutTimes(path) ==
+              "info Unit operation() 2 " + std::string(2 << 20, 'y') + "\n");
+}
+
 TEST_F(LogFile, IsNotInheritedByPrograms) {
   open();
   struct stat log {};

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "JsonText.h"
 #include "LogLine.h"
 #include "LogSettings.h"
 
@@ -20,9 +21,21 @@ namespace {
 
 using namespace std::string_literals;
 
-Record record(const std::string& message) {
+Record record(std::string_view message) {
   return {Record::Level::info, message, "ScriptRepositoryProcessor", "processScript()", 123};
 }
+
+/// The line that one of the two functions adds.
+template <class Add>
+std::string lineOf(Add add, const Record& given) {
+  std::string line;
+  Pieces pieces([&line](std::string_view piece) { line += piece; });
+  add("T", given, pieces);
+  pieces.end();
+  return line;
+}
+std::string textLine(const Record& given) { return lineOf(AgentLog::addTextLine, given); }
+std::string jsonLine(const Record& given) { return lineOf(AgentLog::addJSONLine, given); }
 
 TEST(LogTime, IsUTCWithMilliseconds) {
   using std::chrono::milliseconds;
@@ -37,12 +50,11 @@ TEST(LogTime, IsUTCWithMilliseconds) {
 }
 
 TEST(LogTextLine, HasTimeLevelSourceOperationLineAndMessage) {
-  EXPECT_EQ(AgentLog::textLine("T", record("Processing Script ID 42")),
+  EXPECT_EQ(textLine(record("Processing Script ID 42")),
             "T info ScriptRepositoryProcessor processScript() 123 Processing Script ID 42");
   Record error = record("m");
   error.level = Record::Level::error;
-  EXPECT_EQ(AgentLog::textLine("T", error),
-            "T error ScriptRepositoryProcessor processScript() 123 m");
+  EXPECT_EQ(textLine(error), "T error ScriptRepositoryProcessor processScript() 123 m");
 }
 
 TEST(LogTextLine, IsOneLineWhateverTheMessage) {
@@ -58,20 +70,20 @@ TEST(LogTextLine, IsOneLineWhateverTheMessage) {
       {"\xFF", "\xFF"},
   };
   for (const auto& row : rows) {
-    EXPECT_EQ(AgentLog::textLine("T", record(row.message)), start + row.shown);
+    EXPECT_EQ(textLine(record(row.message)), start + row.shown);
   }
 }
 
 TEST(LogJSONLine, HasExactlyItsKeysInTheirOrder) {
   EXPECT_EQ(
-      AgentLog::jsonLine("T", record("Processing Script ID 42")),
+      jsonLine(record("Processing Script ID 42")),
       R"json({"time":"T","level":"info","source":"ScriptRepositoryProcessor",)json"
       R"json("operation":"processScript()","line":123,"message":"Processing Script ID 42"})json");
 }
 
 TEST(LogJSONLine, KeepsTheExactMessageAndReplacesWhatIsNotUTF8) {
   const auto messageOf = [](const std::string& message) {
-    const std::string line = AgentLog::jsonLine("T", record(message));
+    const std::string line = jsonLine(record(message));
     const std::string key = "\"message\":";
     return line.substr(line.find(key) + key.size());
   };
@@ -80,6 +92,25 @@ TEST(LogJSONLine, KeepsTheExactMessageAndReplacesWhatIsNotUTF8) {
   EXPECT_EQ(messageOf("\xC3\xA9"), "\"\xC3\xA9\"}");
   EXPECT_EQ(messageOf("a\xFF"), "\"a\xEF\xBF\xBD\"}");
   EXPECT_EQ(messageOf("a\xC3"), "\"a\xEF\xBF\xBD\"}");
+}
+
+TEST(LogLine, OfAnyLengthIsHandedOnInPiecesThatMakeTheWhole) {
+  // Every cut of the parts inside a character, and inside of what is none.
+  for (const std::string unit : {"a", "\n", "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\x80",
+                                 "\xE2\x82", "\xF0\x9F\x98", "\xC3", "\xF0\x80\x80\x80\x80"}) {
+    for (std::size_t offset = 0; offset < 4; ++offset) {
+      std::string message(offset, 'x');
+      while (message.size() < 150'000) message += unit;
+      EXPECT_TRUE(jsonLine(record(message))
+                      .ends_with(",\"message\":" + jsonText(message, NotUTF8::replaced) + "}"))
+          << unit << " at " << offset;
+    }
+  }
+  std::vector<std::size_t> sizes;
+  Pieces pieces([&sizes](std::string_view piece) { sizes.push_back(piece.size()); });
+  AgentLog::addTextLine("T", record(std::string(3'000'000, 'x')), pieces);
+  pieces.end();
+  EXPECT_EQ(sizes, (std::vector<std::size_t>{53, 3'000'000}));
 }
 
 /// What `work` writes to standard error.
@@ -129,8 +160,9 @@ TEST(Log, QuietWritesNothingButTellsTheObserver) {
   LogSettings settings;
   settings.quiet = true;
   settings.observer = [&seen](const Record& given) {
-    seen.push_back(given.source + '|' + given.operation + '|' + std::to_string(given.line) + '|' +
-                   given.message + (given.level == Record::Level::error ? "|error" : "|info"));
+    seen.push_back(std::string(given.source) + '|' + std::string(given.operation) + '|' +
+                   std::to_string(given.line) + '|' + std::string(given.message) +
+                   (given.level == Record::Level::error ? "|error" : "|info"));
   };
   AgentLog::configure(settings);
   const std::string written = standardErrorOf([] {

@@ -3,15 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <string_view>
 
 #include "RequestLog.h"
 
 namespace VarnScripts {
 namespace {
 
-AgentLog::Record record(const std::string& message,
-                        const std::string& operation = "processScript()",
-                        const std::string& source = "ScriptRepositoryProcessor") {
+AgentLog::Record record(std::string_view message, std::string_view operation = "processScript()",
+                        std::string_view source = "ScriptRepositoryProcessor") {
   return {AgentLog::Record::Level::info, message, source, operation, 1};
 }
 
@@ -48,6 +48,14 @@ TEST(RequestLog, OnlyTheProcessorClosesARequest) {
   log.add(record("first"));
   log.add(record("x status (nil, nil)", "downloadFile", "HttpHandlermac"));
   EXPECT_EQ(log.reason(), "x status (nil, nil)");
+}
+
+TEST(RequestLog, OfALongLineTheBeginningIsKept) {
+  RequestLog log;
+  log.add(record(std::string(100'000, 'x'), "downloadFile", "HttpHandlermac"));
+  EXPECT_EQ(log.reason(), std::string(65'536, 'x'));
+  log.add(record(std::string(100'000, 'y') + " status (nil, nil)"));
+  EXPECT_EQ(log.reason(), std::string(65'536, 'x'));
 }
 
 TEST(RequestLog, WithoutLinesThereIsNoReason) { EXPECT_EQ(RequestLog().reason(), ""); }

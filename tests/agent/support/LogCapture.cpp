@@ -17,8 +17,9 @@ LogCapture::LogCapture() {
   settings.quiet = true;
   settings.observer = [](const AgentLog::Record& record) {
     const std::lock_guard lock(mutex);
-    captured.push_back((record.level == AgentLog::Record::Level::error ? "error " : "info ") +
-                       record.source + ' ' + record.operation + ": " + record.message);
+    std::string line = record.level == AgentLog::Record::Level::error ? "error " : "info ";
+    line.append(record.source).append(" ").append(record.operation).append(": ");
+    captured.push_back(line.append(record.message));
   };
   AgentLog::configure(settings);
 }
