@@ -16,7 +16,8 @@ set(varn_tests_of_never-torn
   "^Download\\." "^bundled\\.(Download|Store)Contract\\." "^SharedStore\\." "^Store\\."
   "^endtoend\\.test_failures\\.RecoveryTest" "^faults/")
 set(varn_tests_of_never-down
-  "^ThrowingDependencies" "^ThrowingFromTheStart" "^Files\\.A(FailedRead|ReadOfANamedPipe)" "^LittleMemory\\."
+  "^ThrowingDependencies" "^ThrowingFromTheStart" "^Files\\.A(FailedRead|ReadOfANamedPipe)"
+  "^Files\\.(ATreeOfAnyDepth|WithoutAFreeDescriptor)" "^LittleMemory\\."
   "^Store\\.(IsNotWaitedFor|RefusesWhat|ARowThatIsNo|ATableThat)" "^FileServer\\.WhatIsNoFile"
   "^ShellProcess\\.Leaves(NoZombie|NoDescriptor)" "^ShellProcess\\.(OfAHost|Survives|DoesNotReap)"
   "^endtoend\\.test_failures\\." "^endtoend\\.test_signals\\." "^faults/" "^[Ff]uzz")
@@ -24,6 +25,7 @@ set(varn_tests_of_never-wider
   "WhateverTheUmask" "ALinkAndDoesNotFollowIt" "^Download\\.(Refuses|Replaces|Reports|Sweeps)"
   "^Store\\.(IsNotOpenedThroughALink|WritableByOthers|ForItsOwner|IsNotWaitedFor)"
   "^LogFile\\.(IsForTheOwner|IsNotWrittenThroughALink|IsNotInherited|IsNoFIFO|OfAnotherUser)"
+  "^Files\\.(RemovalOfALink|WhatHasNoName|APathWithANUL)" "^SystemCallFaults\\.ADirectoryThat"
   "^LogFile\\.WithASecondName" "^LogFileReplaced\\."
   "^RequestLockTest\\.(FileAndDirectories|ASymbolicLink)"
   "^ShellProcess\\.(Sees|StartsWith|RunsWhenTheHostHasNoStandard)"
