@@ -81,6 +81,8 @@ Outcome fetch(const std::string& url, const std::string& fromURL, const AgentSet
   if (hasParentComponent(percentDecoded(fromURL))) {
     throw DownloadFailure("the server path leads out of the server's directory");
   }
+  const auto path = pathOfFileURL(url);
+  if (path && settings.beforeServerFileUse) settings.beforeServerFileUse(*path);
   copyFromFileServer(url, target);
   return Outcome::arrived;
 }

@@ -8,9 +8,9 @@
 namespace AgentUtils {
 
 /// Writes one log line when `path`, a file or directory, is writable by its group or by others; one
-/// line for each path in the life of the process. Nothing when it can't be looked at. `source` and
-/// `operation` go into the line. Any thread; never throws.
+/// line for each in the life of the process, by whatever path. Nothing when it can't be looked at.
+/// `source`, `operation` and `line` go into the line. Any thread; never throws.
 void reportWhenWritableByOthers(const std::string& path, const std::string& source,
-                                const std::string& operation) noexcept;
+                                const std::string& operation, int line = __builtin_LINE()) noexcept;
 
 }  // namespace AgentUtils

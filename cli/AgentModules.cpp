@@ -9,7 +9,9 @@
 #include <utility>
 #include <vector>
 
+#include "AgentDirectories.h"
 #include "AgentSettings.h"
+#include "NamedFiles.h"
 
 // The system's, which no header declares everywhere.
 extern "C" char** environ;
@@ -62,12 +64,15 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
   log.file = settings.logFile;
   log.quiet = settings.quiet;
   log.observer = std::move(observers.onRecord);
+  std::vector<std::string> writableByGroup;
+  if (auto complaint = complaintAboutNamedFiles(settings, writableByGroup)) return complaint;
   try {
     AgentLog::configure(std::move(log));
   } catch (const std::exception& error) {
     return SettingsError{"log_file (--log-file, VARN_LOG_FILE) can't be opened: " +
                          std::string(error.what())};
   }
+  for (const std::string& path : writableByGroup) AgentUtils::reportOpenDirectory(path);
 
   AgentUtils::AgentSettings agent;
   agent.basePath = settings.basePath;
@@ -83,6 +88,7 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
   agent.beforeFileUse = std::move(observers.beforeFileUse);
   agent.afterChecksumTest = std::move(observers.afterChecksumTest);
   agent.afterRowWrite = std::move(observers.afterRowWrite);
+  agent.beforeServerFileUse = std::move(observers.beforeServerFileUse);
   AgentUtils::configure(std::move(agent));
   return std::nullopt;
 }

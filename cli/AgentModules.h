@@ -20,6 +20,7 @@ struct ModuleObservers {
   std::function<void(const std::string& path)> beforeFileUse;
   std::function<void(const std::string& path, bool isValid)> afterChecksumTest;
   std::function<void(const std::string& key)> afterRowWrite;
+  std::function<void(const std::string& path)> beforeServerFileUse;
 };
 
 /// Configures log and utilities. The error names the setting that a module can't use.

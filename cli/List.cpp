@@ -14,6 +14,7 @@
 #include "AgentModules.h"
 #include "AgentUtils.h"
 #include "ExitStatus.h"
+#include "PathGuard.h"
 #include "StandardStreams.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 
@@ -152,6 +153,11 @@ int list(const CommandLine& line, const Settings& settings) {
   if (const auto error = configureAgentModules(settings, {})) {
     writeErrorLine("varn-scripts: " + error->line);
     return kExitUsage;
+  }
+  PathGuard guard(MissingDirectory::left);
+  if (!guard.allows(pathsOfStore())) {
+    writeErrorLine("varn-scripts: " + guard.refusal());
+    return kExitNotRun;
   }
   std::optional<std::string> error;
   const auto scripts = listedScripts(error);

@@ -4,9 +4,12 @@
 #include <optional>
 #include <string>
 #include <system_error>
+#include <utility>
+#include <vector>
 
 #include "AgentModules.h"
 #include "ExitStatus.h"
+#include "PathGuard.h"
 #include "PlanText.h"
 #include "Progress.h"
 #include "RequestPlan.h"
@@ -25,6 +28,8 @@ int plan(const CommandLine& line, const Settings& settings) {
   observers.onDownloadProgress = [&progress](std::uint64_t received, std::uint64_t total) {
     progress.showDownload(received, total);
   };
+  PathGuard guard(MissingDirectory::left);
+  guard.watch(observers);
   if (const auto error = configureAgentModules(settings, observers)) {
     progress.finish();
     writeErrorLine("varn-scripts: " + error->line);
@@ -42,8 +47,16 @@ int plan(const CommandLine& line, const Settings& settings) {
     writeErrorLine("varn-scripts: no temporary directory can be made: " + error.message());
     return kExitNotRun;
   }
-  const RequestPlan made = makePlan(line.scriptID, settings.customer, *temporary);
+  std::vector<UsedPath> paths = pathsOfRequests();
+  for (UsedPath& path : pathsOfScript(line.scriptID)) paths.push_back(std::move(path));
+  paths.push_back({temporary->pathOf("store"), PathEnd::ownFile});
+  RequestPlan made;
+  if (guard.allows(paths)) made = makePlan(line.scriptID, settings.customer, *temporary);
   progress.finish();
+  if (!guard.refusal().empty()) {
+    writeErrorLine("varn-scripts: " + guard.refusal());
+    return kExitNotRun;
+  }
   const bool written = writeOutput(line.json ? planJson(made) : planText(made));
   return written && made.problem.empty() ? kExitSuccess : kExitNotRun;
 }

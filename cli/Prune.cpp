@@ -16,6 +16,7 @@
 #include "DocumentMark.h"
 #include "ExitStatus.h"
 #include "List.h"
+#include "PathGuard.h"
 #include "Progress.h"
 #include "RequestFiles.h"
 #include "RequestLock.h"
@@ -140,6 +141,12 @@ std::string removeDropped(const Settings& settings) {
   return "";
 }
 
+int refused(const PathGuard& guard, Progress& progress) {
+  progress.finish();
+  writeErrorLine("varn-scripts: " + guard.refusal());
+  return kExitNotRun;
+}
+
 }  // namespace
 
 int prune(const Settings& settings) {
@@ -149,16 +156,20 @@ int prune(const Settings& settings) {
   observers.onDownloadProgress = [&progress](std::uint64_t received, std::uint64_t total) {
     progress.showDownload(received, total);
   };
+  PathGuard guard(MissingDirectory::made);
+  guard.watch(observers);
   if (const auto error = configureAgentModules(settings, observers)) {
     progress.finish();
     writeErrorLine("varn-scripts: " + error->line);
     return kExitUsage;
   }
+  if (!guard.allows(pathsOfRequests())) return refused(guard, progress);
   prepareDownloads();
   createDirectories();
   if (!fillContainer()) {
     // Called all the same: the library's own line tells that nothing is removed.
     ScriptRepositoryProcessor::removeServerRemovedScripts();
+    if (!guard.refusal().empty()) return refused(guard, progress);
     progress.finish();
     return kExitNotRun;
   }

@@ -61,6 +61,10 @@ std::int64_t fileLockOffset(std::string_view fileName) {
   return upperHalf + lockOffset(canonicalPath(fileName));
 }
 
+std::string requestLockPath(const std::string& basePath, const std::string& customer) {
+  return basePath + "/client-data/" + customer + "/varn-scripts.lock";
+}
+
 RequestLock::~RequestLock() {
   if (descriptor_ >= 0) ::close(descriptor_);
 }
@@ -68,9 +72,8 @@ RequestLock::~RequestLock() {
 void RequestLock::acquire(const std::string& basePath, const std::string& customer,
                           const std::vector<std::string>& scriptIDs, std::error_code& error) {
   error.clear();
-  const std::string directory = basePath + "/client-data/" + customer;
-  path_ = directory + "/varn-scripts.lock";
-  if (!AgentUtils::FileUtils().createDirectory(directory, true)) {
+  path_ = requestLockPath(basePath, customer);
+  if (!AgentUtils::FileUtils().createDirectory(path_.substr(0, path_.rfind('/')), true)) {
     error = lastError();
     return;
   }

@@ -23,6 +23,9 @@ namespace VarnScripts {
 /// reached by several paths.
 [[nodiscard]] std::int64_t fileLockOffset(std::string_view fileName);
 
+/// The file whose ranges requests lock.
+[[nodiscard]] std::string requestLockPath(const std::string& basePath, const std::string& customer);
+
 /// Holds the advisory locks of script IDs from `acquire` until it is destroyed. The system lets
 /// go of it as well when the process ends in any way.
 class RequestLock {
@@ -33,8 +36,8 @@ class RequestLock {
   ~RequestLock();
 
   /// Waits until no other process holds the lock of any of `scriptIDs` in the file
-  /// `basePath`/client-data/`customer`/varn-scripts.lock, and takes them, in an order that is the
-  /// same for everybody. Creates the file (0600) and
+  /// `requestLockPath(basePath, customer)`, and takes them, in an order that is the same for
+  /// everybody. Creates the file (0600) and
   /// missing directories (0700). After a failure `error` tells why and nothing is held.
   void acquire(const std::string& basePath, const std::string& customer,
                const std::vector<std::string>& scriptIDs, std::error_code& error);

@@ -5,11 +5,13 @@
 #include <string>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "AgentDirectories.h"
 #include "AgentModules.h"
 #include "ExitStatus.h"
 #include "JsonText.h"
+#include "PathGuard.h"
 #include "Progress.h"
 #include "RequestFiles.h"
 #include "RequestLock.h"
@@ -63,7 +65,10 @@ int report(const CommandLine& line, const Outcome& outcome) {
 }
 
 Outcome request(const CommandLine& line, const Settings& settings, const RequestLog& requestLog,
-                RequestLock& lock, RequestFiles& files) {
+                RequestLock& lock, RequestFiles& files, PathGuard& guard) {
+  std::vector<UsedPath> paths = pathsOfRequests();
+  for (UsedPath& path : pathsOfScript(line.scriptID)) paths.push_back(std::move(path));
+  if (!guard.allows(paths)) return {{}, guard.refusal()};
   std::error_code error;
   lock.acquire(settings.basePath, settings.customer, {line.scriptID}, error);
   if (error) {
@@ -84,7 +89,7 @@ Outcome request(const CommandLine& line, const Settings& settings, const Request
   if (result.first) {
     AgentUtils::removeLeftDownloads(ScriptRepositoryProcessor::scriptRepoScriptsDirectory());
   }
-  return {std::move(result), requestLog.reason()};
+  return {std::move(result), guard.refusal().empty() ? requestLog.reason() : guard.refusal()};
 }
 
 }  // namespace
@@ -110,6 +115,8 @@ int run(const CommandLine& line, const Settings& settings) {
     files->afterChecksumTest(path, isValid);
   };
   observers.afterRowWrite = [&files](const std::string& key) { files->afterRowWrite(key); };
+  PathGuard guard(MissingDirectory::made);
+  guard.watch(observers);
   if (const auto error = configureAgentModules(settings, observers)) {
     progress.finish();
     writeErrorLine("varn-scripts: " + error->line);
@@ -117,7 +124,7 @@ int run(const CommandLine& line, const Settings& settings) {
   }
   prepareDownloads();
   files.emplace(line.scriptID, lock);
-  const Outcome outcome = request(line, settings, requestLog, lock, *files);
+  const Outcome outcome = request(line, settings, requestLog, lock, *files, guard);
   progress.finish();
   const int exitStatus = report(line, outcome);
   signals.endWhenStopped();

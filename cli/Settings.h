@@ -78,6 +78,7 @@ struct Settings {
   LogFormat logFormat = LogFormat::text;
   std::string logFile;
   bool quiet = false;
+  std::string settingsFile;  ///< where some of them may come from
 
   bool operator==(const Settings&) const = default;
 };

@@ -14,6 +14,7 @@
 #include "CommandLine.h"
 #include "ExitStatus.h"
 #include "List.h"
+#include "NamedFiles.h"
 #include "Plan.h"
 #include "Prune.h"
 #include "Run.h"
@@ -66,6 +67,7 @@ std::variant<Settings, SettingsError> settingsFor(const CommandLine& line) {
     sources.filePath = environmentVariable("VARN_CONFIG").value_or("");
   }
   if (!sources.filePath.empty()) {
+    if (auto error = VarnScripts::complaintAboutSettingsFile(sources.filePath)) return *error;
     auto file = VarnScripts::readSettingsFile(sources.filePath);
     if (const auto* error = std::get_if<SettingsError>(&file)) return *error;
     sources.file = std::get<VarnScripts::SettingTexts>(std::move(file));
@@ -73,7 +75,9 @@ std::variant<Settings, SettingsError> settingsFor(const CommandLine& line) {
   // Without a current directory, relative paths start at the root.
   std::error_code ignored;
   sources.currentDirectory = std::filesystem::current_path(ignored).string();
-  return VarnScripts::layerSettings(sources, neededBy(line.command));
+  auto layered = VarnScripts::layerSettings(sources, neededBy(line.command));
+  if (auto* settings = std::get_if<Settings>(&layered)) settings->settingsFile = sources.filePath;
+  return layered;
 }
 
 int execute(const CommandLine& line, const Settings& settings) {

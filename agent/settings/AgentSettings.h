@@ -45,6 +45,9 @@ struct AgentSettings {
   /// Called after a row of the store was written with its key, on the writing thread. What it
   /// throws reaches the writer as a failed write. May be empty.
   std::function<void(const std::string& key)> afterRowWrite;
+  /// Called with the path of a file of a file:// server before it is read, on the downloading
+  /// thread. What it throws makes the download fail. May be empty.
+  std::function<void(const std::string& path)> beforeServerFileUse;
 };
 
 /// Takes over `settings` and sets `gv_globvars` from them.

@@ -82,7 +82,8 @@ TEST(LayerSettings, EverySettingCanBeGivenInTheEnvironment) {
                           "ca.pem",  "cert.pem",
                           "key.pem", "http://p:3128",
                           5,         Settings::LogFormat::json,
-                          "log",     true};
+                          "log",     true,
+                          ""};
   EXPECT_EQ(settingsFrom(sources), expected);
 }
 

@@ -132,21 +132,29 @@ class LinksTest(PromiseCase):
 
 
 class OpenPlacesTest(PromiseCase):
-    """A store or directory that others may write is reported once."""
+    """What its group may write is reported once, what all may write is refused."""
 
-    def test_each_is_one_line(self):
+    def places(self):
+        """A place, a mode in which its group may write, and one in which all may."""
         self.put()
         self.assertEqual(self.run_command("run", "42").status, 0)
-        places = {
-            os.path.dirname(self.script_file("job.sh")): 0o777,
-            os.path.dirname(self.document_file("42.xml")): 0o770,
-            os.path.dirname(self.store_file()): 0o702,
-            self.store_file(): 0o620,
+        return {
+            os.path.dirname(self.script_file("job.sh")): (0o770, 0o777),
+            os.path.dirname(self.document_file("42.xml")): (0o770, 0o1707),
+            os.path.dirname(self.store_file()): (0o720, 0o702),
+            self.store_file(): (0o620, 0o602),
+            self.document_file("42.xml"): (0o660, 0o602),
+            self.script_file("job.sh"): (0o620, 0o606),
+            f"{self.base}/client-data": (0o770, 0o777),
+            self.base: (0o770, 0o707),
         }
+
+    def test_each_is_one_line(self):
+        places = self.places()
         for version in ("1", "2"):
             with self.case(version=version):
                 self.put(version=version)
-                for place, mode in places.items():
+                for place, (mode, _) in places.items():
                     os.chmod(place, mode)
                 result = self.run_json_log("run", "42")
                 self.assertEqual(result.status, 0, result.error)
@@ -155,8 +163,23 @@ class OpenPlacesTest(PromiseCase):
                 self.assertEqual(sorted(said), sorted(
                     "Writable by others than its owner: " + place for place in places))
         self.figure(
-            f"{len(places)} places open to others, up to date and with a download: each is "
+            f"{len(places)} places open to their group, up to date and with a download: each is "
             "reported in one line")
+
+    def test_none_that_is_open_to_all_is_used(self):
+        places = self.places()
+        for place, (_, mode) in places.items():
+            for command in ("run", "plan"):
+                with self.case(place=place, command=command):
+                    kept = stat.S_IMODE(os.stat(place).st_mode)
+                    os.chmod(place, mode)
+                    result = self.run_command(command, "42")
+                    os.chmod(place, kept)
+                    self.assertEqual((result.status, result.output), (3, ""), result.error)
+                    self.assertIn(f"Refused: {place} may be written to by all users",
+                                  result.error_lines[-1])
+        self.figure(f"{len(places)} places open to all, in requests and plans: none is used, each "
+                    "is named")
 
     def test_places_of_the_owner_alone_are_none(self):
         self.put()

@@ -1,0 +1,54 @@
+#include "NamedFiles.h"
+
+#include <unistd.h>
+
+#include "TrustedPath.h"
+
+namespace VarnScripts {
+namespace {
+
+struct NamedFile {
+  std::string name;  ///< how a complaint begins
+  const std::string& path;
+  PathEnd end;
+};
+
+NamedFile settingsFile(const std::string& path) {
+  return {"settings file " + path + " (given by --config or VARN_CONFIG)", path,
+          PathEnd::givenFile};
+}
+
+NamedFile fileOf(const std::string& key, const std::string& path, PathEnd end) {
+  return {key + " (" + flagOf(key) + ", " + variableOf(key) + ")", path, end};
+}
+
+std::optional<SettingsError> complaintAbout(const NamedFile& file,
+                                            std::vector<std::string>& writableByGroup) {
+  if (file.path.empty()) return std::nullopt;
+  const PathVerdict verdict = examinePath(file.path, file.end, ::geteuid());
+  writableByGroup.insert(writableByGroup.end(), verdict.writableByGroup.begin(),
+                         verdict.writableByGroup.end());
+  if (verdict.refusal.empty()) return std::nullopt;
+  return SettingsError{file.name + " is refused: " + verdict.refusal};
+}
+
+}  // namespace
+
+std::optional<SettingsError> complaintAboutSettingsFile(const std::string& path) {
+  std::vector<std::string> ignored;
+  return complaintAbout(settingsFile(path), ignored);
+}
+
+std::optional<SettingsError> complaintAboutNamedFiles(const Settings& settings,
+                                                      std::vector<std::string>& writableByGroup) {
+  for (const NamedFile& file :
+       {settingsFile(settings.settingsFile), fileOf("log_file", settings.logFile, PathEnd::ownFile),
+        fileOf("ca_file", settings.caFile, PathEnd::givenFile),
+        fileOf("client_cert", settings.clientCert, PathEnd::givenFile),
+        fileOf("client_key", settings.clientKey, PathEnd::givenFile)}) {
+    if (auto complaint = complaintAbout(file, writableByGroup)) return complaint;
+  }
+  return std::nullopt;
+}
+
+}  // namespace VarnScripts

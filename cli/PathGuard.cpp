@@ -1,0 +1,78 @@
+#include "PathGuard.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
+
+#include "AgentDirectories.h"
+#include "AgentLog.h"
+#include "DocumentMark.h"
+#include "RequestLock.h"
+#include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
+#include "VarnScriptRepository/ScriptRepositoryProcessor.h"
+#include "publish/Documents.h"
+
+namespace VarnScripts {
+
+using VarnScriptRepository::ScriptRepositoryConstants;
+using VarnScriptRepository::ScriptRepositoryProcessor;
+
+std::vector<UsedPath> pathsOfStore() {
+  const std::string& store = ScriptRepositoryConstants::FilePath::scriptRepository();
+  return {{store.substr(0, store.rfind('/')), PathEnd::directory},
+          {store, PathEnd::ownFile},
+          {store + "-journal", PathEnd::ownFile},
+          {store + "-wal", PathEnd::ownFile},
+          {store + "-shm", PathEnd::ownFile}};
+}
+
+std::vector<UsedPath> pathsOfRequests() {
+  const std::string lock = requestLockPath(ScriptRepositoryProcessor::basePath(),
+                                           ScriptRepositoryProcessor::customerID());
+  const std::string& documents = ScriptRepositoryProcessor::scriptRepoDataDirectory();
+  std::vector<UsedPath> paths = pathsOfStore();
+  paths.insert(paths.end(),
+               {{lock.substr(0, lock.rfind('/')), PathEnd::directory},
+                {lock, PathEnd::ownFile},
+                {ScriptRepositoryProcessor::scriptRepoScriptsDirectory(), PathEnd::directory},
+                {documents, PathEnd::directory},
+                {documents + "/" + publishing::kListName, PathEnd::ownFile}});
+  return paths;
+}
+
+std::vector<UsedPath> pathsOfScript(const std::string& scriptID) {
+  return {{ScriptRepositoryProcessor::scriptRepoDataDirectory() + "/" + scriptID + ".xml",
+           PathEnd::ownFile},
+          {DocumentMark(scriptID).path(), PathEnd::ownFile}};
+}
+
+bool PathGuard::allows(const std::vector<UsedPath>& paths) {
+  return std::all_of(paths.begin(), paths.end(), [this](const UsedPath& used) {
+    const PathVerdict verdict = examinePath(used.path, used.end, ::geteuid(), missing_);
+    for (const std::string& path : verdict.writableByGroup) AgentUtils::reportOpenDirectory(path);
+    if (verdict.refusal.empty()) return true;
+    const std::string line = "Refused: " + verdict.refusal;
+    AgentLog::logInfo(line, "PathGuard", "allows(_:)", __LINE__);
+    if (refusal_.empty()) refusal_ = line;
+    return false;
+  });
+}
+
+void PathGuard::watch(ModuleObservers& observers) {
+  observers.beforeFileUse = [this,
+                             next = std::move(observers.beforeFileUse)](const std::string& path) {
+    require({path, PathEnd::ownFile});
+    if (next) next(path);
+  };
+  observers.beforeServerFileUse = [this](const std::string& path) {
+    require({path, PathEnd::givenFile});
+  };
+}
+
+void PathGuard::require(const UsedPath& path) {
+  if (!allows({path})) throw std::runtime_error(refusal_);
+}
+
+}  // namespace VarnScripts
