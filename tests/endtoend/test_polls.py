@@ -11,6 +11,8 @@ from support.repository import LIST_PATH
 
 # The most that a poll without a change may move, both ways together, and the entries of its list.
 MOST_BYTES = 4096
+# Newer TLS libraries offer a key in a handshake that alone takes 2.3 KB both ways together.
+MOST_SECURE_BYTES = MOST_BYTES + 2560
 MANY_ENTRIES = 100_000
 
 HOUR = 3600
@@ -196,4 +198,4 @@ class SecurePollTest(Polls, CommandCase):
         _, connections, transferred = self.moved_by("--ca-file", authority.file, "run", "42")
         print(f"a poll without a change over HTTPS moved {transferred} bytes", flush=True)
         self.assertEqual(connections, 1)
-        self.assertLess(transferred, MOST_BYTES)
+        self.assertLess(transferred, MOST_SECURE_BYTES)
