@@ -111,6 +111,12 @@ std::vector<ListedScript> listedScripts(std::optional<std::string>& error) {
   return fromStore(allScripts, error);
 }
 
+std::vector<ListedScript> listedScriptsIn(const std::string& store) {
+  AgentUtils::RootAccessKeyValueStorage storage(
+      store, ScriptRepositoryConstants::TableNames::scriptToMeta);
+  return allScripts(storage);
+}
+
 std::optional<ListedScript> listedScript(const std::string& scriptID,
                                          std::optional<std::string>& error) {
   return fromStore([&](auto& storage) { return scriptOf(storage, scriptID); }, error);

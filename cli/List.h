@@ -23,6 +23,9 @@ struct ListedScript {
 /// line that tells why a store that is there can't be read.
 [[nodiscard]] std::vector<ListedScript> listedScripts(std::optional<std::string>& error);
 
+/// All records of the store at `store`, which may be a copy. Throws when it can't be opened.
+[[nodiscard]] std::vector<ListedScript> listedScriptsIn(const std::string& store);
+
 /// The record of one script, or nothing; otherwise as `listedScripts`.
 [[nodiscard]] std::optional<ListedScript> listedScript(const std::string& scriptID,
                                                        std::optional<std::string>& error);

@@ -12,6 +12,7 @@
 #include "PathGuard.h"
 #include "PlanText.h"
 #include "Progress.h"
+#include "RecordOwner.h"
 #include "RequestPlan.h"
 #include "SignalForwarding.h"
 #include "StandardStreams.h"
@@ -52,6 +53,9 @@ int plan(const CommandLine& line, const Settings& settings) {
   paths.push_back({temporary->pathOf("store"), PathEnd::ownFile});
   RequestPlan made;
   if (guard.allows(paths)) made = makePlan(line.scriptID, settings.customer, *temporary);
+  if (guard.refusal().empty() && made.problem.empty()) {
+    made.problem = complaintAboutRecord(temporary->pathOf("store"), settings).value_or("");
+  }
   progress.finish();
   if (!guard.refusal().empty()) {
     writeErrorLine("varn-scripts: " + guard.refusal());

@@ -18,6 +18,7 @@
 #include "List.h"
 #include "PathGuard.h"
 #include "Progress.h"
+#include "RecordOwner.h"
 #include "RequestFiles.h"
 #include "RequestLock.h"
 #include "ScriptRepositoryMetaProcessor.h"
@@ -165,6 +166,12 @@ int prune(const Settings& settings) {
   }
   if (!guard.allows(pathsOfRequests())) return refused(guard, progress);
   prepareDownloads();
+  if (const auto complaint =
+          complaintAboutRecord(ScriptRepositoryConstants::FilePath::scriptRepository(), settings)) {
+    progress.finish();
+    writeErrorLine("varn-scripts: " + *complaint);
+    return kExitNotRun;
+  }
   createDirectories();
   if (!fillContainer()) {
     // Called all the same: the library's own line tells that nothing is removed.

@@ -13,17 +13,20 @@
 #include "JsonText.h"
 #include "PathGuard.h"
 #include "Progress.h"
+#include "RecordOwner.h"
 #include "RequestFiles.h"
 #include "RequestLock.h"
 #include "RequestLog.h"
 #include "SignalForwarding.h"
 #include "StandardStreams.h"
+#include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
 
 namespace VarnScripts {
 namespace {
 
 using VarnScriptRepository::ProcessingResult;
+using VarnScriptRepository::ScriptRepositoryConstants;
 using VarnScriptRepository::ScriptRepositoryProcessor;
 
 // A request's result with the reason when its script was not run.
@@ -69,6 +72,10 @@ Outcome request(const CommandLine& line, const Settings& settings, const Request
   std::vector<UsedPath> paths = pathsOfRequests();
   for (UsedPath& path : pathsOfScript(line.scriptID)) paths.push_back(std::move(path));
   if (!guard.allows(paths)) return {{}, guard.refusal()};
+  if (auto complaint =
+          complaintAboutRecord(ScriptRepositoryConstants::FilePath::scriptRepository(), settings)) {
+    return {{}, std::move(*complaint)};
+  }
   std::error_code error;
   lock.acquire(settings.basePath, settings.customer, {line.scriptID}, error);
   if (error) {

@@ -75,6 +75,16 @@ std::string below(const std::string& directory, const std::string& name) {
   return directory == "/" ? directory + name : directory + "/" + name;
 }
 
+// The data path when none is given; empty when it depends on a customer and there is none.
+std::string defaultDataPath(const SettingSources& sources, const Settings& settings) {
+  // Older installations have one record for the base path, and go on with it.
+  const std::string shared = below(settings.basePath, "data");
+  const bool isOlder =
+      sources.exists && sources.exists(shared + "/Configuration-Framework/ScriptRepository");
+  if (isOlder) return shared;
+  return settings.customer.empty() ? "" : ownDataPath(settings.basePath, settings.customer);
+}
+
 // What is wrong with a server location, or nothing. Never repeats it: it may hold a password.
 std::optional<std::string> complaintAboutServer(const std::string& url) {
   const auto schemeEnd = url.find("://");
@@ -193,6 +203,10 @@ std::string flagOf(std::string_view key) { return "--" + inAscii(key, '_', '-');
 
 std::string variableOf(std::string_view key) { return "VARN_" + upperCase(std::string(key)); }
 
+std::string ownDataPath(const std::string& basePath, const std::string& customer) {
+  return below(below(basePath, "data"), customer);
+}
+
 std::variant<Settings, SettingsError> layerSettings(const SettingSources& sources,
                                                     NeededSettings needed) {
   Settings settings;
@@ -217,10 +231,10 @@ std::variant<Settings, SettingsError> layerSettings(const SettingSources& source
   }
   if (request && settings.server.empty()) layering.complain(missing("server"));
   if (settings.dataPath.empty() && !settings.basePath.empty()) {
-    settings.dataPath = below(settings.basePath, "data");
+    settings.dataPath = defaultDataPath(sources, settings);
   }
   if (needed != NeededSettings::customer && settings.dataPath.empty()) {
-    layering.complain(missing("data_path"));
+    layering.complain(missing(settings.basePath.empty() ? "data_path" : "customer"));
   }
 
   if (layering.error()) return *layering.error();

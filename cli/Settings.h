@@ -35,7 +35,7 @@ struct SettingDefinition {
 inline constexpr std::array kSettings = {
     SettingDefinition{"base_path", SettingDefinition::Kind::text, "DIR", "Agent base directory"},
     SettingDefinition{"data_path", SettingDefinition::Kind::text, "DIR",
-                      "Agent data directory (default: the base directory followed by /data)"},
+                      "Agent data directory (default: base directory/data/customer)"},
     SettingDefinition{"customer", SettingDefinition::Kind::text, "ID", "Customer ID"},
     SettingDefinition{"server", SettingDefinition::Kind::text, "URL",
                       "Repository server: https://, http:// or file://"},
@@ -104,14 +104,19 @@ struct SettingSources {
   SettingTexts file;
   std::string filePath;          ///< for messages; empty when there is no settings file
   std::string currentDirectory;  ///< absolute; relative base and data paths start here
+  /// Whether there is something at a path; there is nothing anywhere when this is empty.
+  std::function<bool(const std::string& path)> exists;
 };
 
 /// Which settings a command can't do without.
 enum class NeededSettings {
   request,     ///< base path, customer and server
-  localState,  ///< the data path, or the base path that gives its default
+  localState,  ///< the data path, or the base path and the customer that give its default
   customer,    ///< the customer alone
 };
+
+/// The data path that `customer` has by default, which no other customer has.
+[[nodiscard]] std::string ownDataPath(const std::string& basePath, const std::string& customer);
 
 /// The settings of all places together, or the first thing that is wrong with them.
 [[nodiscard]] std::variant<Settings, SettingsError> layerSettings(const SettingSources& sources,

@@ -75,6 +75,10 @@ std::variant<Settings, SettingsError> settingsFor(const CommandLine& line) {
   // Without a current directory, relative paths start at the root.
   std::error_code ignored;
   sources.currentDirectory = std::filesystem::current_path(ignored).string();
+  sources.exists = [](const std::string& path) {
+    std::error_code none;
+    return std::filesystem::exists(path, none);
+  };
   auto layered = VarnScripts::layerSettings(sources, neededBy(line.command));
   if (auto* settings = std::get_if<Settings>(&layered)) settings->settingsFile = sources.filePath;
   return layered;

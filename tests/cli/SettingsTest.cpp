@@ -54,7 +54,7 @@ TEST(SettingNames, FlagsAndVariablesAreMadeFromTheKey) {
 TEST(LayerSettings, DefaultsStandWhereNothingIsGiven) {
   Settings expected;
   expected.basePath = "/opt/agent";
-  expected.dataPath = "/opt/agent/data";
+  expected.dataPath = "/opt/agent/data/7";
   expected.customer = "7";
   expected.server = "https://host";
   expected.maxDownload = 1073741824;
@@ -135,12 +135,34 @@ TEST(LayerSettings, LocalStateNeedsTheDataPathAlone) {
   SettingSources sources;
   sources.flags = {{"data_path", "/d"}};
   EXPECT_EQ(settingsFrom(sources, NeededSettings::localState).dataPath, "/d");
+  sources.flags = {{"base_path", "/b"}, {"customer", "7"}};
+  EXPECT_EQ(settingsFrom(sources, NeededSettings::localState).dataPath, "/b/data/7");
   sources.flags = {{"base_path", "/b"}};
-  EXPECT_EQ(settingsFrom(sources, NeededSettings::localState).dataPath, "/b/data");
+  EXPECT_EQ(errorFrom(sources, NeededSettings::localState),
+            "customer is not set: give it with --customer, with VARN_CUSTOMER in the environment, "
+            "or as customer in the settings file (--config, VARN_CONFIG)");
   sources.flags = {};
   EXPECT_EQ(errorFrom(sources, NeededSettings::localState),
             "data_path is not set: give it with --data-path, with VARN_DATA_PATH in the "
             "environment, or as data_path in the settings file (--config, VARN_CONFIG)");
+}
+
+TEST(LayerSettings, ARecordOfAnOlderInstallationIsKept) {
+  std::vector<std::string> asked;
+  auto sources = complete();
+  sources.exists = [&asked](const std::string& path) {
+    asked.push_back(path);
+    return true;
+  };
+  EXPECT_EQ(settingsFrom(sources).dataPath, "/opt/agent/data");
+  sources.flags.erase("customer");
+  EXPECT_EQ(settingsFrom(sources, NeededSettings::localState).dataPath, "/opt/agent/data");
+  EXPECT_EQ(asked, std::vector<std::string>(
+                       2, "/opt/agent/data/Configuration-Framework/ScriptRepository"));
+  // What is given is not looked for.
+  sources.flags["data_path"] = "/d";
+  EXPECT_EQ(settingsFrom(sources, NeededSettings::localState).dataPath, "/d");
+  EXPECT_EQ(asked.size(), 2U);
 }
 
 TEST(LayerSettings, PathsBecomeAbsoluteWithoutATrailingSlash) {
@@ -149,15 +171,15 @@ TEST(LayerSettings, PathsBecomeAbsoluteWithoutATrailingSlash) {
     const char* base;
     const char* data;
   } rows[] = {
-      {"agent", "/home/admin/agent", "/home/admin/agent/data"},
-      {"./agent//", "/home/admin/agent", "/home/admin/agent/data"},
-      {"../agent", "/home/agent", "/home/agent/data"},
-      {".", "/home/admin", "/home/admin/data"},
-      {"/opt/agent/", "/opt/agent", "/opt/agent/data"},
-      {"//opt/agent", "/opt/agent", "/opt/agent/data"},
-      {"/opt/./x/../agent", "/opt/agent", "/opt/agent/data"},
-      {"/", "/", "/data"},
-      {"/..", "/", "/data"},
+      {"agent", "/home/admin/agent", "/home/admin/agent/data/7"},
+      {"./agent//", "/home/admin/agent", "/home/admin/agent/data/7"},
+      {"../agent", "/home/agent", "/home/agent/data/7"},
+      {".", "/home/admin", "/home/admin/data/7"},
+      {"/opt/agent/", "/opt/agent", "/opt/agent/data/7"},
+      {"//opt/agent", "/opt/agent", "/opt/agent/data/7"},
+      {"/opt/./x/../agent", "/opt/agent", "/opt/agent/data/7"},
+      {"/", "/", "/data/7"},
+      {"/..", "/", "/data/7"},
   };
   for (const auto& row : rows) {
     auto sources = complete();

@@ -2,6 +2,7 @@
 
 import json
 import os
+import shutil
 import sqlite3
 
 from support.case import CommandCase
@@ -151,11 +152,12 @@ class ListTest(CommandCase):
     def test_the_data_path_is_enough(self):
         self.put()
         self.run_command("run", "42")
-        result = self.run_command("list", settings=["--data-path", self.base + "/data"])
+        result = self.run_command("list", settings=["--data-path", self.base + "/data/7"])
         self.assertEqual(result.status, 0, result.error)
         self.assertIn("job.sh", result.output)
         result = self.run_command("list", settings=["--base-path", self.base])
-        self.assertIn("job.sh", result.output)
+        self.assertEqual(result.status, 2)
+        self.assertIn("customer is not set", result.error)
 
     def test_a_row_that_does_not_decode_is_listed_by_its_id(self):
         self.put()
@@ -188,3 +190,76 @@ class StoreTest(CommandCase):
         store.close()
         self.assertEqual(rows, [
             ("42", f'{{"version":"5","scriptPath":"{self.script_file("job.sh")}"}}')])
+
+
+class CustomersTest(CommandCase):
+    """Two customers whose scripts have the same IDs, on one computer."""
+
+    def request(self, customer, *arguments, options=()):
+        return self.run_command(*options, *arguments, settings=[
+            "--base-path", self.base, "--customer", customer, "--server", self.servers[customer]])
+
+    def setUp(self):
+        super().setUp()
+        self.put(script_id="1", text="echo first\n")
+        self.put(script_id="2", file_name="two.sh")
+        # The other one's tree is the same but for its place, and lacks a script.
+        other = self.path("other")
+        shutil.copytree(self.repository.root + "/client-data/7", other + "/client-data/8")
+        shutil.copytree(self.repository.root + "/client-data/7", other + "/client-data/7")
+        self.repository.drop("2")
+        shutil.copyfile(self.repository.root + LIST_PATH,
+                        other + "/client-data/8/scriptrepo/scripts-meta.xml")
+        self.servers = {"7": "file://" + other, "8": "file://" + other}
+
+    def test_have_a_record_each(self):
+        for customer, script_id in (("7", "1"), ("7", "2"), ("8", "1")):
+            self.assertEqual(self.request(customer, "run", script_id).status, 0)
+        self.assertEqual(self.request("8", "prune").status, 0)
+        self.assertTrue(os.path.exists(self.script_file("two.sh")))
+        listed = {customer: [row["script_id"] for row in
+                             json.loads(self.request(customer, "list", "--json").output)]
+                  for customer in ("7", "8")}
+        self.assertEqual(listed, {"7": ["1", "2"], "8": ["1"]})
+
+    def test_keep_the_record_that_is_there_already(self):
+        options = ["--data-path", self.base + "/data"]
+        self.assertEqual(self.request("7", "run", "1", options=options).status, 0)
+        self.assertEqual(self.request("7", "run", "2").status, 0)
+        listed = json.loads(self.request("7", "list", "--json", options=options).output)
+        self.assertEqual([row["script_id"] for row in listed], ["1", "2"])
+        self.assertEqual(os.listdir(self.base + "/data"), ["Configuration-Framework"])
+        # It needs no customer to be found.
+        result = self.run_command("list", settings=["--base-path", self.base])
+        self.assertIn("two.sh", result.output)
+
+    def test_do_not_share_a_record(self):
+        options = ["--data-path", self.path("shared")]
+        self.assertEqual(self.request("7", "run", "1", options=options).status, 0)
+        before = json.loads(self.request("7", "list", "--json", options=options).output)
+        complaint = (f"data_path {self.path('shared')} holds the record of another customer's "
+                     f"script {self.script_file('job.sh')}; give each customer a data_path of its "
+                     "own")
+        result = self.request("8", "run", "1", options=options)
+        self.assertEqual((result.status, result.output, result.error_lines[-1]),
+                         (3, "", complaint))
+        result = self.request("8", "run", "1", "--json", options=options)
+        self.assertEqual(json.loads(result.output)["reason"], complaint)
+        result = self.request("8", "prune", options=options)
+        self.assertEqual((result.status, result.error_lines[-1]),
+                         (3, "varn-scripts: " + complaint))
+        result = self.request("8", "plan", "1", options=options)
+        self.assertEqual((result.status, result.output.splitlines()[-1]),
+                         (3, "not run:        " + complaint))
+        self.assertEqual(json.loads(self.request("7", "list", "--json", options=options).output),
+                         before)
+        self.assertEqual(self.request("7", "run", "2", options=options).status, 0)
+
+    def test_do_not_share_the_record_of_an_older_installation(self):
+        self.assertEqual(self.request("7", "run", "1",
+                                      options=["--data-path", self.base + "/data"]).status, 0)
+        result = self.request("8", "run", "1")
+        self.assertEqual(result.status, 3)
+        self.assertTrue(result.error_lines[-1].startswith(f"data_path {self.base}/data holds "))
+        self.assertEqual(self.request("8", "run", "1",
+                                      options=["--data-path", self.base + "/data/8"]).status, 0)

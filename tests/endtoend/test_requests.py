@@ -163,8 +163,9 @@ class FilesTest(CommandCase):
             "client-data/7/scripts-repository-data/42.xml": "0o600",
             "client-data/7/scripts-repository-data/scripts-meta.xml": "0o600",
             "data": "0o700",
-            "data/Configuration-Framework": "0o700",
-            "data/Configuration-Framework/ScriptRepository": "0o600",
+            "data/7": "0o700",
+            "data/7/Configuration-Framework": "0o700",
+            "data/7/Configuration-Framework/ScriptRepository": "0o600",
         })
 
     def test_the_data_path_can_lie_elsewhere(self):

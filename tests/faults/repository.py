@@ -117,7 +117,8 @@ class Computer:
 
     @property
     def store(self):
-        return os.path.join(self.base, "data", "Configuration-Framework", "ScriptRepository")
+        return os.path.join(self.base, "data", CUSTOMER, "Configuration-Framework",
+                            "ScriptRepository")
 
     def path(self, name):
         customer = os.path.join(self.base, "client-data", CUSTOMER)

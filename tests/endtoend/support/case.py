@@ -64,7 +64,7 @@ class CommandCase(unittest.TestCase):
         return f"{self.base}/client-data/{CUSTOMER}/scripts-repository-data/{name}"
 
     def store_file(self):
-        return f"{self.base}/data/Configuration-Framework/ScriptRepository"
+        return f"{self.base}/data/{CUSTOMER}/Configuration-Framework/ScriptRepository"
 
     # The server.
 
