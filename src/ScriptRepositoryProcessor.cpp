@@ -426,12 +426,13 @@ std::vector<std::string> droppedIDs(const std::vector<std::string>& localIDs,
   return dropped;
 }
 
-void removeWithLog(const std::string& path, const UnitLog& log) {
+/// The lines that are logged carry the caller's number: it tells which file was to go.
+void removeWithLog(const std::string& path, const UnitLog& log, int line = __builtin_LINE()) {
   if (!files::exists(path)) return;
-  log.info("Removing File " + path);
+  log.info("Removing File " + path, line);
   std::error_code error;
   files::removeItem(path, error);
-  if (error) log.info("Removing File Error " + files::description(error));
+  if (error) log.info("Removing File Error " + files::description(error), line);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -130,6 +131,17 @@ TEST_F(Removal, RemovesAScriptThatTheServerNoLongerLists) {
   EXPECT_TRUE(doubles::exists(dataDirectory + "/8.xml"));
   EXPECT_THAT(ScriptRepositoryLocalMetaProcessor::shared().getAllScriptIDs(), ElementsAre("8"));
   EXPECT_THAT(remove(), ElementsAre("list", kNothing));
+}
+
+TEST_F(Removal, OfTheScriptAndOfTheDocumentAreLoggedWithLineNumbersOfTheirOwn) {
+  leaveScript("9");
+  serverLists({});
+  remove();
+  std::set<int> lines;
+  for (const doubles::LogRecord& record : journal.records()) {
+    if (record.message.starts_with("Removing File ")) lines.insert(record.line);
+  }
+  EXPECT_EQ(lines.size(), 2U);
 }
 
 TEST_F(Removal, RemovesEveryScriptWhenTheServerListsNone) {
