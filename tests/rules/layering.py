@@ -4,10 +4,13 @@
     layering.py names ROOT       no library behind the agent's modules is named outside them
     layering.py installed ROOT   installed headers include nothing but each other and the standard
     layering.py selftest ROOT    each check finds a breach that is put before it
+    layering.py links ROOT COMPILER OBJECTS -- ARGUMENTS
+                                 each unit's object links with those below it alone
 """
 
 import pathlib
 import re
+import subprocess
 import sys
 import tempfile
 
@@ -130,6 +133,33 @@ def check_installed(root):
     return breaches
 
 
+def check_links(root, compiler, *more):
+    """Links each object with a program that is empty and those that it may stand on."""
+    objects = {}
+    for name in more[: more.index("--")]:
+        place = name.split("VarnScriptRepositoryUnits.dir/")[1].removesuffix(".o")
+        objects[root / "src" / place] = name
+    breaches = []
+    with tempfile.TemporaryDirectory() as directory:
+        main = pathlib.Path(directory, "main.cpp")
+        main.write_text("int main() {}\n")
+        for source, name in objects.items():
+            own = level(source, root)
+            beside = own in (SUPPORT, PLATFORM)
+            below = [
+                other for path, other in objects.items()
+                if level(path, root) < own
+                or (beside and level(path, root) == own and path != source)
+            ]
+            linked = subprocess.run(
+                [compiler, "-s", "-o", pathlib.Path(directory, "program"), main, name, *below,
+                 *more[more.index("--") + 1 :]],
+                stderr=subprocess.PIPE, text=True, check=False)
+            if linked.returncode != 0:
+                breaches.append(f"{source}: needs more than what is below it\n{linked.stderr}")
+    return breaches
+
+
 CHECKS = {"includes": check_includes, "names": check_names, "installed": check_installed}
 
 
@@ -171,7 +201,7 @@ def selftest(_):
 
 def main():
     check, root = sys.argv[1], pathlib.Path(sys.argv[2]).resolve()
-    breaches = {**CHECKS, "selftest": selftest}[check](root)
+    breaches = {**CHECKS, "links": check_links, "selftest": selftest}[check](root, *sys.argv[3:])
     if check != "selftest" and not list(files(root, "src", "include", "interfaces")):
         breaches.append(f"{root}: holds no sources")
     for breach in breaches:
