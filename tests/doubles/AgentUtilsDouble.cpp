@@ -52,6 +52,7 @@ void Downloads::refuse(const std::string& fromURL) { replies.erase(withoutSlash(
 
 void Downloads::reset() {
   replies.clear();
+  meanwhile = nullptr;
   made = 0;
 }
 
@@ -108,6 +109,7 @@ HttpHandlermac HttpHandlermac::initWithServerInfo() {
 bool HttpHandlermac::downloadFileWithRootPermission(const std::string& fromURL,
                                                     const std::string& toPath) {
   doubles::mark("download", "download " + fromURL + " to " + toPath);
+  if (const auto meanwhile = Downloads::shared().meanwhile) meanwhile(fromURL);
   auto& replies = Downloads::shared().replies;
   const auto found = replies.find(doubles::withoutSlash(fromURL));
   if (found == replies.end()) return false;

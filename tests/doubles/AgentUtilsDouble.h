@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -30,6 +31,8 @@ struct Downloads {
 
   /// By server path, without its leading slash.
   std::map<std::string, std::deque<std::optional<std::string>>> replies;
+  /// Called within each download, before it is answered, with what it asks for.
+  std::function<void(const std::string& fromURL)> meanwhile;
   /// How many downloaders were made.
   std::size_t made = 0;
 };

@@ -17,6 +17,7 @@ void Journal::reset() {
   entries_.clear();
   records_.clear();
   listener_ = nullptr;
+  threads_.clear();
   calls_ = 0;
   throwingCall_ = 0;
   throwingOperations_.clear();
@@ -29,6 +30,7 @@ void Journal::abbreviate(const std::string& path, const std::string& name) {
 
 void Journal::write(const std::string& entry) {
   const std::lock_guard lock(mutex_);
+  threads_.insert(std::this_thread::get_id());
   entries_.push_back({false, entry});
 }
 
@@ -36,6 +38,7 @@ void Journal::writeLog(const LogRecord& record) {
   std::function<void(const LogRecord&)> listener;
   {
     const std::lock_guard lock(mutex_);
+    threads_.insert(std::this_thread::get_id());
     entries_.push_back({true, record.level + " " + record.source + " " + record.operation + ": " +
                                   record.message});
     records_.push_back(record);
@@ -70,6 +73,11 @@ std::vector<LogRecord> Journal::records() const {
   return records_;
 }
 
+std::set<std::thread::id> Journal::threads() const {
+  const std::lock_guard lock(mutex_);
+  return threads_;
+}
+
 void Journal::onLog(std::function<void(const LogRecord&)> listener) {
   const std::lock_guard lock(mutex_);
   listener_ = std::move(listener);
@@ -77,6 +85,7 @@ void Journal::onLog(std::function<void(const LogRecord&)> listener) {
 
 void Journal::called(const std::string& operation) {
   const std::lock_guard lock(mutex_);
+  threads_.insert(std::this_thread::get_id());
   ++calls_;
   const bool throws =
       calls_ == throwingCall_ || std::find(throwingOperations_.begin(), throwingOperations_.end(),

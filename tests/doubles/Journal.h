@@ -11,7 +11,9 @@
 #include <cstddef>
 #include <functional>
 #include <mutex>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace doubles {
@@ -59,6 +61,9 @@ class Journal {
   /// The log records alone, in order.
   std::vector<LogRecord> records() const;
 
+  /// The threads on which anything was written or marked.
+  std::set<std::thread::id> threads() const;
+
   /// Calls `listener` with each log record, after it was written.
   void onLog(std::function<void(const LogRecord&)> listener);
 
@@ -88,6 +93,7 @@ class Journal {
   std::vector<LogRecord> records_;
   std::vector<std::pair<std::string, std::string>> abbreviations_;
   std::function<void(const LogRecord&)> listener_;
+  std::set<std::thread::id> threads_;
   std::size_t calls_ = 0;
   std::size_t throwingCall_ = 0;
   std::vector<std::string> throwingOperations_;

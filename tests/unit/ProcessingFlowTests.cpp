@@ -2,8 +2,12 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
+#include <cstdlib>
+#include <future>
 #include <map>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -22,6 +26,7 @@ using doubles::metadataEntry;
 using doubles::Runs;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::IsSupersetOf;
 
 using Entries = std::vector<std::string>;
 
@@ -801,6 +806,89 @@ TEST_F(ProcessScript, ShowsTheResultInItsClosingLine) {
                                          "5 status " +
                                          std::string(row.status)));
   }
+}
+
+// ---- Threads and instances -------------------------------------------------------------------
+
+TEST_F(ProcessScript, CallsEveryModuleOnTheCallersThread) {
+  std::thread::id caller;
+  std::thread([&] {
+    caller = std::this_thread::get_id();
+    for (int request = 0; request < 2; ++request) {
+      static_cast<void>(ScriptRepositoryProcessor("42").processScript());
+    }
+    ScriptRepositoryMetaProcessor::shared().setScriptRepoAllMetaData(ScriptRepoAllMetaData{});
+    ScriptRepositoryProcessor::removeServerRemovedScripts();
+  }).join();
+
+  EXPECT_THAT(journal.threads(), ElementsAre(caller));
+  // Each module was called, and none of them is left out above.
+  EXPECT_THAT(journal.effects(), IsSupersetOf(Entries{"fetch 42", kFetchScript, kTestChecksum, kRun,
+                                                      "list", "delete 42"}));
+  EXPECT_FALSE(parser.calls.empty());
+}
+
+TEST_F(ProcessScript, OfAnIDMayBeStartedWithinADownloadForTheSameID) {
+  loadMetadata();
+  Runs::shared().answers = {{3, "inner\n"}, {0, "outer\n"}};
+  ProcessingResult inner;
+  downloads.meanwhile = [&](const std::string& fromURL) {
+    if (fromURL != kScript) return;
+    downloads.meanwhile = nullptr;
+    ScriptRepositoryProcessor second("42");
+    second.overrideExpectedReturnCode = {"3"};
+    inner = second.processScript();
+  };
+
+  EXPECT_EQ(process(), ProcessingResult(true, "outer\n"));
+
+  EXPECT_EQ(inner, ProcessingResult(true, "inner\n"));
+  EXPECT_EQ(journal.effects(),
+            (Entries{"fetch 42", kFetchDocument, kFetchScript,
+                     // The whole second request.
+                     "exists <agent>/client-data/7/scripts-repository-data",
+                     "exists <agent>/client-data/7/scripts-repository", "fetch 42", kFetchDocument,
+                     kFetchScript, "fetch 42", "update 42 " + kRecordedPath, kTestChecksum,
+                     "fetch 42", "update 42 version=5 " + kRecordedPath, kRun,
+                     // The rest of the first one, as if nothing had been.
+                     "fetch 42", "update 42 version=5 " + kRecordedPath, kTestChecksum, "fetch 42",
+                     "update 42 version=5 " + kRecordedPath, kRun}));
+}
+
+/// Ends the process while another thread makes requests; with status 0 when those don't notice.
+class ProcessEnd : public ProcessScript {
+ protected:
+  [[noreturn]] void endAmidRequests() {
+    static ProcessEnd* test;
+    test = this;
+    // What is made from here on and destroyed at the end is gone when this is called.
+    std::atexit([] {
+      test->ending_.set_value();
+      auto unharmed = test->unharmed_.get_future();
+      const bool told = unharmed.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+      std::_Exit(told && unharmed.get() ? 0 : 1);
+    });
+    std::thread([this] {
+      process();
+      const ProcessingResult result = process();
+      const Entries entries = journal.entries();
+      begun_.set_value();
+      ending_.get_future().wait();
+      const Entries ended = journal.entries();
+      unharmed_.set_value(ended == entries && process() == result && journal.entries() == entries);
+    }).detach();
+    begun_.get_future().wait();
+    std::exit(2);
+  }
+
+ private:
+  std::promise<void> begun_;
+  std::promise<void> ending_;
+  std::promise<bool> unharmed_;
+};
+
+TEST_F(ProcessEnd, LeavesRequestsOfOtherThreadsUnharmed) {
+  EXPECT_EXIT(endAmidRequests(), testing::ExitedWithCode(0), "");
 }
 
 // ---- Line numbers ----------------------------------------------------------------------------

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "AgentFixture.h"
@@ -52,6 +53,7 @@ TEST_F(RequestOnRealRunner, WritesTheWholeLogInOrder) {
           "info ScriptRepositoryProcessor processScript(): Processing Script ID 42 Server Version "
           "5 Local Version -- status (Optional(true), Optional(\"-a|two words|\"))",
       }));
+  EXPECT_THAT(journal.threads(), testing::ElementsAre(std::this_thread::get_id()));
 }
 
 TEST_F(RequestOnRealRunner, RunsInTheScriptsDirectory) {

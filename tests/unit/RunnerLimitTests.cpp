@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <limits>
 #include <string>
+#include <thread>
 
 #include "RunnerFixture.h"
 
@@ -78,6 +79,7 @@ TEST_F(ShellLimit, EndsTheChildWithSIGTERM) {
   EXPECT_EQ(runCommand("exec sleep 1000", 1), Result(SIGTERM, ""));
 
   EXPECT_THAT(journal.log(), ElementsAre(entryLine("exec sleep 1000", 1), kKilling));
+  EXPECT_THAT(journal.threads(), ElementsAre(std::this_thread::get_id()));
 }
 
 TEST_F(ShellLimit, KeepsWhatWasWrittenBefore) {

@@ -401,6 +401,35 @@ TEST_F(SystemCallFaults, OutputThatIsReadAfterTheLimitIsJudgedAsEver) {
   }
 }
 
+class LimitOfARequest : public doubles::AgentFixture {};
+
+TEST_F(LimitOfARequest, EndsTheScriptWhoseResultIsJudgedAsEver) {
+  const std::string script = "echo before; exec sleep 1000";
+  doubles::DataDocument document;
+  document.checksumVal = std::to_string(script.size());
+  downloads.serve("/client-data/7/scriptrepo/scripts-meta.xml",
+                  doubles::metadataDocument(doubles::metadataEntry("42", "5")));
+  downloads.serve("/client-data/7/scriptrepo/42.xml", document.text());
+  downloads.serve("scripts/42/clean.sh", script);
+  for (const bool accepted : {true, false}) {
+    VarnScriptRepository::ScriptRepositoryProcessor processor("42");
+    if (accepted) processor.overrideExpectedReturnCode = {std::to_string(SIGTERM)};
+    std::optional<ClockAhead> clock;
+    journal.reset();
+    journal.onLog([&](const doubles::LogRecord& record) {
+      if (record.message == "availableOutput") clock.emplace(std::chrono::seconds(600));
+    });
+
+    EXPECT_EQ(processor.processScript(),
+              VarnScriptRepository::ProcessingResult(accepted, "before\n"));
+
+    EXPECT_THAT(journal.log(), Contains(line("shell: Killing process due to 600s time-out")));
+    EXPECT_THAT(journal.log(),
+                Contains("info ScriptRepositoryProcessor executeScript(scriptData:): "
+                         "Script Output: before\n Exit Code: 15"));
+  }
+}
+
 // ---- Pipes -----------------------------------------------------------------------------------
 
 TEST_F(SystemCallFaults, APipeThatHoldsMoreThanWantedIsLeftAlone) {
