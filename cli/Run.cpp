@@ -1,8 +1,10 @@
 #include "Run.h"
 
 #include <cstdint>
+#include <exception>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -12,6 +14,7 @@
 #include "ExitStatus.h"
 #include "JsonText.h"
 #include "PathGuard.h"
+#include "Pieces.h"
 #include "Progress.h"
 #include "RecordOwner.h"
 #include "RequestFiles.h"
@@ -45,24 +48,44 @@ int exitStatusOf(const ProcessingResult& result) {
   return *result.first ? kExitSuccess : kExitRejected;
 }
 
-std::string jsonOf(const std::string& scriptID, const Outcome& outcome) {
-  // Everything in it is made readable, whatever bytes the ID on the command line had.
-  const auto text = [](const std::string& value) { return jsonText(value, NotUTF8::replaced); };
-  JsonObjectText object;
-  object.add("script_id", text(scriptID));
-  object.add("status", text(statusOf(outcome.result)));
-  object.add("output", outcome.result.second ? text(*outcome.result.second) : "null");
-  if (!outcome.result.first) object.add("reason", text(outcome.reason));
-  return object.text() + "\n";
+// Everything in it is made readable, whatever bytes the ID on the command line had.
+void addJSON(const std::string& scriptID, const Outcome& outcome, Pieces& to) {
+  to.add("{\"script_id\":");
+  addJSONText(scriptID, to);
+  to.add(",\"status\":");
+  addJSONText(statusOf(outcome.result), to);
+  to.add(",\"output\":");
+  if (outcome.result.second) {
+    addJSONText(*outcome.result.second, to);
+  } else {
+    to.add("null");
+  }
+  if (!outcome.result.first) {
+    to.add(",\"reason\":");
+    addJSONText(outcome.reason, to);
+  }
+  to.add("}\n");
 }
 
-int report(const CommandLine& line, const Outcome& outcome) {
+void write(const CommandLine& line, const Outcome& outcome) {
   if (line.json) {
-    writeOutput(jsonOf(line.scriptID, outcome));
+    bool written = true;
+    Pieces pieces([&](std::string_view piece) { written = written && writeOutput(piece); });
+    addJSON(line.scriptID, outcome, pieces);
+    pieces.end();
   } else if (!outcome.result.first) {
     writeErrorLine(outcome.reason);
   } else if (outcome.result.second) {
     writeOutput(*outcome.result.second);
+  }
+}
+
+int report(const CommandLine& line, const Outcome& outcome) {
+  try {
+    write(line, outcome);
+  } catch (const std::exception&) {
+    // Only for want of memory, and a script that has run has run.
+    writeOutOfMemory();
   }
   return exitStatusOf(outcome.result);
 }
@@ -93,10 +116,15 @@ Outcome request(const CommandLine& line, const Settings& settings, const Request
   if (line.acceptCodes) processor.overrideExpectedReturnCode = line.acceptCodes;
   ProcessingResult result = processor.processScript();
   files.end();
-  if (result.first) {
-    AgentUtils::removeLeftDownloads(ScriptRepositoryProcessor::scriptRepoScriptsDirectory());
+  if (!result.first) {
+    return {{}, guard.refusal().empty() ? requestLog.reason() : guard.refusal()};
   }
-  return {std::move(result), guard.refusal().empty() ? requestLog.reason() : guard.refusal()};
+  try {
+    AgentUtils::removeLeftDownloads(ScriptRepositoryProcessor::scriptRepoScriptsDirectory());
+  } catch (const std::exception&) {
+    // Without memory for it they are left to the next request, and what has run has run.
+  }
+  return {std::move(result), ""};
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 """How much memory a run takes beside its script's output."""
 
 import os
+import resource
 import subprocess
 import unittest
 
@@ -35,3 +36,18 @@ class PeakTest(CommandCase):
 
     def test_without_a_log(self):
         self.assert_peak(2.1, "--quiet", "run", "42")
+
+    def test_of_a_result_in_json(self):
+        self.assert_peak(2.1, "--quiet", "run", "42", "--json")
+
+    def test_a_script_that_has_run_is_never_not_run(self):
+        # Enough for the output and a copy of it.
+        self.put(file_name="less.sh", text="head -c 100M /dev/zero | tr '\\0' x; exit 4\n")
+        most = 420 << 20
+        for arguments in [("run", "42"), ("run", "42", "--json")]:
+            # Not into this process: what it has had at most counts as its children's.
+            with open(self.path("output"), "wb") as output:
+                result = self.finish(self.start("--quiet", *arguments, stdout=output, preexec_fn=lambda: (
+                    resource.setrlimit(resource.RLIMIT_AS, (most, most)))))
+            self.assertEqual(result.status, 1, result.error)
+            self.assertGreaterEqual(os.path.getsize(self.path("output")), 100 << 20)

@@ -15,7 +15,7 @@ import tempfile
 
 from faults import RUN_LIMIT, TRANSPORTS, Harness
 from faults import Site as FaultSite
-from scenarios import SCENARIOS
+from scenarios import SCENARIOS, runs_in
 
 # Fewer allocations than this in a request mean that the counting is broken.
 FEWEST_ALLOCATIONS = 300
@@ -60,6 +60,8 @@ class Site(FaultSite):
         if done.returncode not in (0, 1, 2, 3):
             problems.append(f"ended with {done.returncode}: {done.stderr[-300:]!r}")
         problems += self._problems_of_run(self.scenario.allowed, complete=True)
+        if done.returncode == 3 and runs_in(self.marker)[0]:
+            problems.append("a script has run and the status says that none has")
         problems += self.computer.problems(self.states)
         return problems + self._problems_of_next()
 
