@@ -167,14 +167,15 @@ class Services(unittest.TestCase):
         service = (SERVICE_DIRECTORY / "varn-scripts@.service").read_text(encoding="utf-8")
         line = re.search(r"^ExecStart=varn-scripts (.*)$", service, re.MULTILINE).group(1)
         words = [word for word in line.split() if not word.startswith(("/", "%"))]
-        self.assertEqual(["--config", "run"], words)
+        self.assertEqual(["--config", "run", "--"], words)
 
     def test_the_property_list_is_well_formed_and_runs_the_command(self):
         import plistlib
         path = next((ROOT / "examples/launchd").glob("*.plist"))
         job = plistlib.loads(path.read_bytes())
         self.assertEqual(path.name, job["Label"] + ".plist")
-        self.assertEqual(["run", job["Label"].rsplit(".", 1)[1]], job["ProgramArguments"][-2:])
+        self.assertEqual(["run", "--", job["Label"].rsplit(".", 1)[1]],
+                         job["ProgramArguments"][-3:])
 
 
 if __name__ == "__main__":
