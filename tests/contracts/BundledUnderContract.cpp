@@ -26,8 +26,8 @@ class Bundled final : public contracts::Agent {
     log.observer = [this](const AgentLog::Record& record) {
       const std::lock_guard lock(mutex_);
       log_.push_back((record.level == AgentLog::Record::Level::error ? "error " : "info ") +
-                     record.source + " " + record.operation + " " + std::to_string(record.line) +
-                     " " + record.message);
+                     std::string(record.source) + " " + std::string(record.operation) + " " +
+                     std::to_string(record.line) + " " + std::string(record.message));
     };
     AgentLog::configure(log);
   }
