@@ -198,16 +198,35 @@ Log& log() {
   return instance;
 }
 
+/// `message` as far as the settings let it be written. A cut one is in `room`.
+std::string_view shown(const std::string& message, std::string& room) {
+  // What the library says before a script's output, and behind it.
+  constexpr std::size_t wordsBefore = 256;
+  constexpr std::size_t wordsBehind = 32;
+  constexpr std::size_t words = wordsBefore + wordsBehind;
+  const auto most = log().settings.maxMessage;
+  if (!most || message.size() <= words || message.size() - words <= *most) return message;
+  const std::string_view head = beginningOf(message, *most + wordsBefore);
+  const std::string_view all = message;
+  const std::string_view tail = all.substr(beginningOf(all, all.size() - wordsBehind).size());
+  const std::size_t leftOut = all.size() - head.size() - tail.size();
+  room.reserve(head.size() + tail.size() + 64);
+  room.append(head).append(" [").append(std::to_string(leftOut)).append(" bytes left out] ");
+  return room.append(tail);
+}
+
 void write(Record::Level level, const std::string& message, const std::string& source,
            const std::string& operation, int line) noexcept {
   try {
     const Log& to = log();
+    std::string room;
+    const std::string_view text = shown(message, room);
     if (to.logger) {
       to.logger->log(spdlog::source_loc(source.c_str(), line, operation.c_str()),
                      level == Record::Level::error ? spdlog::level::err : spdlog::level::info,
-                     spdlog::string_view_t(message));
+                     spdlog::string_view_t(text.data(), text.size()));
     }
-    if (to.settings.observer) to.settings.observer({level, message, source, operation, line});
+    if (to.settings.observer) to.settings.observer({level, text, source, operation, line});
   } catch (...) {
     // Out of memory, most likely: the record is lost, its writer goes on.
   }

@@ -3,10 +3,19 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
 #include <utility>
+
+/// The beginning of a text in UTF-8, at most `most` bytes of it and not inside of a character.
+inline std::string_view beginningOf(std::string_view text, std::uint64_t most) {
+  if (text.size() <= most) return text;
+  auto end = static_cast<std::size_t>(most);
+  while (end > 0 && (text[end] & 0xC0) == 0x80) --end;
+  return text.substr(0, end);
+}
 
 /// Takes the next piece of a text.
 using TextSink = std::function<void(std::string_view)>;

@@ -63,6 +63,7 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
                    : AgentLog::LogSettings::Format::text;
   log.file = settings.logFile;
   log.quiet = settings.quiet;
+  log.maxMessage = settings.maxOutput;
   log.observer = std::move(observers.onRecord);
   std::vector<std::string> writableByGroup;
   if (auto complaint = complaintAboutNamedFiles(settings, writableByGroup)) return complaint;

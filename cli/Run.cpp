@@ -1,5 +1,6 @@
 #include "Run.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <optional>
@@ -38,6 +39,18 @@ struct Outcome {
   std::string reason;
 };
 
+// The output as far as the settings let it be written.
+struct ShownOutput {
+  ShownOutput(std::string_view output, const Settings& settings)
+      : text(settings.maxOutput ? beginningOf(output, *settings.maxOutput) : output),
+        bytes(output.size()),
+        leftOut(bytes - text.size()) {}
+
+  std::string_view text;
+  std::size_t bytes;  // of the whole
+  std::size_t leftOut;
+};
+
 const char* statusOf(const ProcessingResult& result) {
   if (!result.first) return "not_run";
   return *result.first ? "accepted" : "rejected";
@@ -49,16 +62,21 @@ int exitStatusOf(const ProcessingResult& result) {
 }
 
 // Everything in it is made readable, whatever bytes the ID on the command line had.
-void addJSON(const std::string& scriptID, const Outcome& outcome, Pieces& to) {
+void addJSON(const std::string& scriptID, const Outcome& outcome,
+             const std::optional<ShownOutput>& output, Pieces& to) {
   to.add("{\"script_id\":");
   addJSONText(scriptID, to);
   to.add(",\"status\":");
   addJSONText(statusOf(outcome.result), to);
   to.add(",\"output\":");
-  if (outcome.result.second) {
-    addJSONText(*outcome.result.second, to);
+  if (output) {
+    addJSONText(output->text, to);
   } else {
     to.add("null");
+  }
+  if (output && output->leftOut > 0) {
+    to.add(",\"output_bytes\":" + std::to_string(output->bytes));
+    to.add(",\"dropped_bytes\":" + std::to_string(output->leftOut));
   }
   if (!outcome.result.first) {
     to.add(",\"reason\":");
@@ -67,22 +85,28 @@ void addJSON(const std::string& scriptID, const Outcome& outcome, Pieces& to) {
   to.add("}\n");
 }
 
-void write(const CommandLine& line, const Outcome& outcome) {
+void write(const CommandLine& line, const Settings& settings, const Outcome& outcome) {
+  std::optional<ShownOutput> output;
+  if (outcome.result.second) output.emplace(*outcome.result.second, settings);
   if (line.json) {
     bool written = true;
     Pieces pieces([&](std::string_view piece) { written = written && writeOutput(piece); });
-    addJSON(line.scriptID, outcome, pieces);
+    addJSON(line.scriptID, outcome, output, pieces);
     pieces.end();
   } else if (!outcome.result.first) {
     writeErrorLine(outcome.reason);
-  } else if (outcome.result.second) {
-    writeOutput(*outcome.result.second);
+  } else if (output) {
+    writeOutput(output->text);
+    if (output->leftOut > 0) {
+      writeErrorLine("varn-scripts: " + std::to_string(output->leftOut) + " of " +
+                     std::to_string(output->bytes) + " bytes of output are left out (max_output)");
+    }
   }
 }
 
-int report(const CommandLine& line, const Outcome& outcome) {
+int report(const CommandLine& line, const Settings& settings, const Outcome& outcome) {
   try {
-    write(line, outcome);
+    write(line, settings, outcome);
   } catch (const std::exception&) {
     // Only for want of memory, and a script that has run has run.
     writeOutOfMemory();
@@ -161,7 +185,7 @@ int run(const CommandLine& line, const Settings& settings) {
   files.emplace(line.scriptID, lock);
   const Outcome outcome = request(line, settings, requestLog, lock, *files, guard);
   progress.finish();
-  const int exitStatus = report(line, outcome);
+  const int exitStatus = report(line, settings, outcome);
   signals.endWhenStopped();
   return exitStatus;
 }

@@ -156,13 +156,15 @@ class Layering {
     to = Settings::LogFormat::json;
   }
 
-  void takeMaxDownload(std::uint64_t& to) {
-    const auto value = take("max_download");
+  /// `to` is a number of bytes, or one that need not be given.
+  template <class Number>
+  void takeBytes(const std::string& key, Number& to) {
+    const auto value = take(key);
     if (!value) return;
     const auto bytes = bytesFrom(value->text);
     if (!bytes) {
-      return complain(wrong("max_download", *value,
-                            "must be a number of bytes above zero, not \"" + value->text + "\""));
+      return complain(
+          wrong(key, *value, "must be a number of bytes above zero, not \"" + value->text + "\""));
     }
     to = *bytes;
   }
@@ -219,7 +221,8 @@ std::variant<Settings, SettingsError> layerSettings(const SettingSources& source
   layering.takeText("client_cert", settings.clientCert);
   layering.takeText("client_key", settings.clientKey);
   layering.takeText("proxy", settings.proxy);
-  layering.takeMaxDownload(settings.maxDownload);
+  layering.takeBytes("max_download", settings.maxDownload);
+  layering.takeBytes("max_output", settings.maxOutput);
   layering.takeLogFormat(settings.logFormat);
   layering.takeText("log_file", settings.logFile);
   layering.takeQuiet(settings.quiet);

@@ -49,6 +49,8 @@ inline constexpr std::array kSettings = {
                       "Proxy (default: the environment's)"},
     SettingDefinition{"max_download", SettingDefinition::Kind::number, "BYTES",
                       "Most bytes that one download may receive or write (default: 1073741824)"},
+    SettingDefinition{"max_output", SettingDefinition::Kind::number, "BYTES",
+                      "Most bytes of a script's output that are written and logged (default: all)"},
     SettingDefinition{"log_format", SettingDefinition::Kind::text, "text|json",
                       "Form of the log (default: text)"},
     SettingDefinition{"log_file", SettingDefinition::Kind::text, "FILE",
@@ -75,6 +77,7 @@ struct Settings {
   std::string clientKey;
   std::string proxy;
   std::uint64_t maxDownload = std::uint64_t{1} << 30;
+  std::optional<std::uint64_t> maxOutput;
   LogFormat logFormat = LogFormat::text;
   std::string logFile;
   bool quiet = false;

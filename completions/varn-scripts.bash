@@ -10,9 +10,9 @@ _varn_scripts() {
   fi
 
   local settings="--config --base-path --data-path --customer --server --ca-file --client-cert
-    --client-key --proxy --max-download --log-format --log-file --quiet --help"
+    --client-key --proxy --max-download --max-output --log-format --log-file --quiet --help"
   local with_value=" --config --base-path --data-path --customer --server --ca-file --client-cert
-    --client-key --proxy --max-download --log-format --log-file --accept-codes --keep --digest "
+    --client-key --proxy --max-download --max-output --log-format --log-file --accept-codes --keep --digest "
 
   compopt +o default 2>/dev/null
   case $previous in
@@ -39,7 +39,7 @@ _varn_scripts() {
       compopt -o nospace 2>/dev/null
       return
       ;;
-    --customer | --proxy | --max-download | --accept-codes | --keep)
+    --customer | --proxy | --max-download | --max-output | --accept-codes | --keep)
       COMPREPLY=()
       return
       ;;

@@ -22,6 +22,7 @@ _varn_scripts() {
     '--client-key[key of the client certificate]:file:_files'
     '--proxy[proxy]:location:'
     '--max-download[most bytes of one download]:bytes:'
+    '--max-output[most bytes of the output that are written and logged]:bytes:'
     '--log-format[form of the log]:form:(text json)'
     '--log-file[log to a rotating file]:file:_files'
     '--quiet[no log on standard error]'

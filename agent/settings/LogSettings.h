@@ -3,7 +3,9 @@
 
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -36,6 +38,9 @@ struct LogSettings {
   std::string file;
   /// Writes nothing to standard error.
   bool quiet = false;
+  /// A message that is longer by more than a few words is cut: so much of it is kept, the words at
+  /// its end, and how much was left out. Without a value messages are whole.
+  std::optional<std::uint64_t> maxMessage;
   /// Sees every record after it was written, also with `quiet`, on the writing thread. May be
   /// empty; must not throw.
   std::function<void(const Record&)> observer;

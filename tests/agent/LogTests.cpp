@@ -174,6 +174,33 @@ TEST(Log, QuietWritesNothingButTellsTheObserver) {
                                             "Unit|operation()|2|c|error"}));
 }
 
+TEST(Log, CutsMessagesThatAreLongerThanTheSettingsAllow) {
+  std::vector<std::string> seen;
+  LogSettings settings;
+  settings.maxMessage = 1000;
+  settings.observer = [&seen](const Record& given) { seen.emplace_back(given.message); };
+  AgentLog::configure(settings);
+  const std::string whole = "Script Output: " + std::string(1273, 'x');
+  const std::string euros = [] {
+    std::string text;
+    while (text.size() < 3000) text += "\u20ac";
+    return text;
+  }();
+  const std::string written = standardErrorOf([&] {
+    AgentLog::logInfo(whole, "Unit", "operation()", 1);
+    AgentLog::logInfo(whole + "x Exit Code: 0", "Unit", "operation()", 2);
+    AgentLog::logInfo("x" + euros + "z Exit Code: 0", "Unit", "operation()", 3);
+  });
+  ASSERT_EQ(seen.size(), 3U);
+  EXPECT_EQ(seen[0], whole);
+  EXPECT_EQ(seen[1], whole.substr(0, 1256) + " [14 bytes left out] " + std::string(19, 'x') +
+                         " Exit Code: 0");
+  // Not inside of a character.
+  EXPECT_EQ(seen[2], "x" + euros.substr(0, 1254) + " [1728 bytes left out] " + euros.substr(0, 18) +
+                         "z Exit Code: 0");
+  for (const std::string& message : seen) EXPECT_NE(written.find(message), written.npos);
+}
+
 TEST(Log, SurvivesAnObserverThatThrows) {
   LogSettings settings;
   settings.quiet = true;

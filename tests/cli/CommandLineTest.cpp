@@ -50,15 +50,16 @@ TEST(ParseCommandLine, GlobalOptionsStandBeforeAndAfterTheCommand) {
 }
 
 TEST(ParseCommandLine, EverySettingIsAFlag) {
-  const CommandLine line =
-      lineFrom({"--config", "f",   "--base-path",    "a", "--data-path",   "b", "--customer",   "c",
-                "--server", "d",   "--ca-file",      "e", "--client-cert", "g", "--client-key", "h",
-                "--proxy",  "i",   "--max-download", "j", "--log-format",  "k", "--log-file",   "l",
-                "--quiet",  "list"});
-  const SettingTexts expected = {{"base_path", "a"},  {"data_path", "b"}, {"customer", "c"},
-                                 {"server", "d"},     {"ca_file", "e"},   {"client_cert", "g"},
-                                 {"client_key", "h"}, {"proxy", "i"},     {"max_download", "j"},
-                                 {"log_format", "k"}, {"log_file", "l"},  {"quiet", "true"}};
+  const CommandLine line = lineFrom(
+      {"--config",   "f", "--base-path",    "a",   "--data-path",   "b", "--customer",   "c",
+       "--server",   "d", "--ca-file",      "e",   "--client-cert", "g", "--client-key", "h",
+       "--proxy",    "i", "--max-download", "j",   "--max-output",  "m", "--log-format", "k",
+       "--log-file", "l", "--quiet",        "list"});
+  const SettingTexts expected = {{"base_path", "a"},  {"data_path", "b"},  {"customer", "c"},
+                                 {"server", "d"},     {"ca_file", "e"},    {"client_cert", "g"},
+                                 {"client_key", "h"}, {"proxy", "i"},      {"max_download", "j"},
+                                 {"max_output", "m"}, {"log_format", "k"}, {"log_file", "l"},
+                                 {"quiet", "true"}};
   EXPECT_EQ(line.flags, expected);
   EXPECT_EQ(line.configFile, "f");
 }
@@ -158,9 +159,10 @@ TEST(ParseCommandLine, AnEmptyOperandOrValueIsNamed) {
     EXPECT_EQ(firstLine(arguments), "varn-scripts: " + std::string(name) + " must not be empty")
         << testing::PrintToString(arguments);
   }
-  for (const std::string option : {"--config", "--base-path", "--data-path", "--customer",
-                                   "--server", "--ca-file", "--client-cert", "--client-key",
-                                   "--proxy", "--max-download", "--log-format", "--log-file"}) {
+  for (const std::string option :
+       {"--config", "--base-path", "--data-path", "--customer", "--server", "--ca-file",
+        "--client-cert", "--client-key", "--proxy", "--max-download", "--max-output",
+        "--log-format", "--log-file"}) {
     for (const Arguments& arguments :
          {Arguments{option, "", "list"}, Arguments{option + "=", "run", "42"},
           Arguments{"publish", "in", "out", option, ""}}) {

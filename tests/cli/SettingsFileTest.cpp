@@ -52,11 +52,19 @@ class ReadSettingsFile : public testing::Test {
 };
 
 TEST(ParseSettingsFile, EveryKeyIsTakenInItsOwnType) {
-  const SettingTexts expected = {
-      {"base_path", "/opt/agent"}, {"data_path", "/var/agent"}, {"customer", "7"},
-      {"server", "https://host"},  {"ca_file", "ca.pem"},       {"client_cert", "cert.pem"},
-      {"client_key", "key.pem"},   {"proxy", "http://proxy"},   {"max_download", "1000"},
-      {"log_format", "json"},      {"log_file", "/var/log"},    {"quiet", "true"}};
+  const SettingTexts expected = {{"base_path", "/opt/agent"},
+                                 {"data_path", "/var/agent"},
+                                 {"customer", "7"},
+                                 {"server", "https://host"},
+                                 {"ca_file", "ca.pem"},
+                                 {"client_cert", "cert.pem"},
+                                 {"client_key", "key.pem"},
+                                 {"proxy", "http://proxy"},
+                                 {"max_download", "1000"},
+                                 {"max_output", "2000"},
+                                 {"log_format", "json"},
+                                 {"log_file", "/var/log"},
+                                 {"quiet", "true"}};
   EXPECT_EQ(textsFrom("base_path = \"/opt/agent\"\n"
                       "data_path = '/var/agent'\n"
                       "customer = \"7\"\n"
@@ -66,6 +74,7 @@ TEST(ParseSettingsFile, EveryKeyIsTakenInItsOwnType) {
                       "client_key = \"key.pem\"\n"
                       "proxy = \"http://proxy\"\n"
                       "max_download = 1_000\n"
+                      "max_output = 2_000\n"
                       "log_format = \"json\"\n"
                       "log_file = \"/var/log\"\n"
                       "quiet = true\n"),

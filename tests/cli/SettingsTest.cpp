@@ -74,15 +74,23 @@ TEST(LayerSettings, EverySettingCanBeGivenInTheEnvironment) {
                                        {"VARN_CLIENT_KEY", "key.pem"},
                                        {"VARN_PROXY", "http://p:3128"},
                                        {"VARN_MAX_DOWNLOAD", "5"},
+                                       {"VARN_MAX_OUTPUT", "6"},
                                        {"VARN_LOG_FORMAT", "json"},
                                        {"VARN_LOG_FILE", "log"},
                                        {"VARN_QUIET", "true"}});
-  const Settings expected{"/b",      "/d",
-                          "c",       "http://s",
-                          "ca.pem",  "cert.pem",
-                          "key.pem", "http://p:3128",
-                          5,         Settings::LogFormat::json,
-                          "log",     true,
+  const Settings expected{"/b",
+                          "/d",
+                          "c",
+                          "http://s",
+                          "ca.pem",
+                          "cert.pem",
+                          "key.pem",
+                          "http://p:3128",
+                          5,
+                          6,
+                          Settings::LogFormat::json,
+                          "log",
+                          true,
                           ""};
   EXPECT_EQ(settingsFrom(sources), expected);
 }
@@ -237,16 +245,19 @@ TEST(LayerSettings, AWrongLogFormatIsNamedWithTheSettingsFile) {
             "log_format (given by settings file /etc/varn.toml) must be text or json, not \"xml\"");
 }
 
-TEST(LayerSettings, MaxDownloadIsAWholeNumberAboveZero) {
-  auto sources = complete();
-  sources.flags["max_download"] = "18446744073709551615";
-  EXPECT_EQ(settingsFrom(sources).maxDownload, 18446744073709551615U);
-  for (const std::string bad : {"0", "-1", "1k", "1.5", " 1", "18446744073709551616"}) {
-    sources.flags["max_download"] = bad;
-    EXPECT_EQ(
-        errorFrom(sources),
-        "max_download (given by --max-download) must be a number of bytes above zero, not \"" +
-            bad + "\"");
+TEST(LayerSettings, NumbersOfBytesAreWholeAndAboveZero) {
+  for (const std::string key : {"max_download", "max_output"}) {
+    auto sources = complete();
+    sources.flags[key] = "18446744073709551615";
+    const Settings settings = settingsFrom(sources);
+    EXPECT_EQ(key == "max_output" ? settings.maxOutput.value_or(0) : settings.maxDownload,
+              18446744073709551615U);
+    for (const std::string bad : {"0", "-1", "1k", "1.5", " 1", "18446744073709551616"}) {
+      sources.flags[key] = bad;
+      EXPECT_EQ(errorFrom(sources), key + " (given by " + flagOf(key) +
+                                        ") must be a number of bytes above zero, not \"" + bad +
+                                        "\"");
+    }
   }
 }
 

@@ -1,11 +1,42 @@
 """Standard output that fails, and a terminal as standard error."""
 
+import json
 import os
 import pty
 import select
 import time
 
 from support.case import DEADLINE, CommandCase
+
+
+class OutputLimitTest(CommandCase):
+    """No more of the output is written and logged than `max_output` allows."""
+
+    def setUp(self):
+        super().setUp()
+        # 3000 bytes, three a character.
+        self.put(file_name="much.py", text="print('€' * 1000, end='')\nexit(4)\n", codes="4")
+
+    def test_the_surplus_is_left_out_and_told(self):
+        result = self.run_command("--max-output", "1000", "run", "42")
+        self.assertEqual((result.status, result.output), (0, "€" * 333))
+        self.assertEqual(result.error_lines[-1],
+                         "varn-scripts: 2001 of 3000 bytes of output are left out (max_output)")
+        self.assertLess(result.error.count("€"), 1000)
+        self.assertIn(" bytes left out] €", result.error)
+        self.assertIn("€ Exit Code: 4\n", result.error)
+
+    def test_the_surplus_is_told_in_json(self):
+        result = self.run_command("--quiet", "--max-output", "1000", "run", "42", "--json")
+        self.assertEqual((result.status, result.error), (0, ""))
+        self.assertEqual(json.loads(result.output), {
+            "script_id": "42", "status": "accepted", "output": "€" * 333,
+            "output_bytes": 3000, "dropped_bytes": 2001})
+
+    def test_what_fits_is_whole(self):
+        for options in (["--max-output", "3000"], []):
+            result = self.run_command("--quiet", *options, "run", "42")
+            self.assertEqual((result.status, result.output, result.error), (0, "€" * 1000, ""))
 
 
 class OutputFailureTest(CommandCase):

@@ -280,7 +280,7 @@ class Settings(InDirectory):
         self.assertEqual(
             sorted(keys),
             ["base_path", "ca_file", "client_cert", "client_key", "customer", "data_path"]
-            + ["log_file", "log_format", "max_download", "proxy", "quiet", "server"],
+            + ["log_file", "log_format", "max_download", "max_output", "proxy", "quiet", "server"],
         )
 
 
