@@ -18,7 +18,7 @@ struct DigestKind {
 [[nodiscard]] std::optional<DigestKind> digestKind(std::string_view name);
 
 /// The digest of `bytes` in lower-case hexadecimal. `kind` is the name of a `DigestKind`. Throws
-/// `std::runtime_error` when the cryptography library has no such digest.
+/// `std::invalid_argument` for another one. Without memory it throws and nothing worse.
 [[nodiscard]] std::string hexDigest(std::string_view kind, std::string_view bytes);
 
 }  // namespace VarnScripts::publishing

@@ -1,16 +1,33 @@
 #include "publish/Digest.h"
 
-#include <openssl/evp.h>
-
-#include <array>
+#include <algorithm>
+#include <iterator>
 #include <stdexcept>
+
+#include "DigestAlgorithms.openssl.h"
 
 namespace VarnScripts::publishing {
 namespace {
 
-constexpr DigestKind kKinds[] = {
-    {"md5", true},     {"sha1", true},    {"sha224", false},
-    {"sha256", false}, {"sha384", false}, {"sha512", false},
+template <class Algorithm>
+std::string digestWith(std::string_view bytes) {
+  Algorithm algorithm;
+  algorithm.update(bytes.data(), bytes.size());
+  return algorithm.value();
+}
+
+struct Known {
+  DigestKind kind;
+  std::string (*digest)(std::string_view bytes);
+};
+
+constexpr Known kKnown[] = {
+    {{"md5", true}, digestWith<AgentUtils::Md5>},
+    {{"sha1", true}, digestWith<AgentUtils::Sha1>},
+    {{"sha224", false}, digestWith<AgentUtils::Sha224>},
+    {{"sha256", false}, digestWith<AgentUtils::Sha256>},
+    {{"sha384", false}, digestWith<AgentUtils::Sha384>},
+    {{"sha512", false}, digestWith<AgentUtils::Sha512>},
 };
 
 }  // namespace
@@ -22,25 +39,23 @@ std::optional<DigestKind> digestKind(std::string_view name) {
     plain += c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
   }
   if (plain == "sha") plain = "sha1";
-  for (const DigestKind& kind : kKinds) {
-    if (plain == kind.name) return kind;
+  for (const Known& known : kKnown) {
+    if (plain == known.kind.name) return known.kind;
   }
   return std::nullopt;
 }
 
 std::string hexDigest(std::string_view kind, std::string_view bytes) {
-  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-  unsigned int length = 0;
-  const EVP_MD* const algorithm = EVP_get_digestbyname(std::string(kind).c_str());
-  if (algorithm == nullptr ||
-      EVP_Digest(bytes.data(), bytes.size(), digest.data(), &length, algorithm, nullptr) != 1) {
-    throw std::runtime_error("the digest " + std::string(kind) + " is not available here");
-  }
+  const auto* const known =
+      std::find_if(std::begin(kKnown), std::end(kKnown),
+                   [kind](const Known& each) { return each.kind.name == kind; });
+  if (known == std::end(kKnown)) throw std::invalid_argument("no digest " + std::string(kind));
   constexpr std::string_view digits = "0123456789abcdef";
   std::string hex;
-  for (unsigned int i = 0; i < length; ++i) {
-    hex += digits[digest[i] >> 4];
-    hex += digits[digest[i] & 0xf];
+  for (const char c : known->digest(bytes)) {
+    const auto byte = static_cast<unsigned char>(c);
+    hex += digits[byte >> 4];
+    hex += digits[byte & 0xf];
   }
   return hex;
 }
