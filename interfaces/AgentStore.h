@@ -49,8 +49,8 @@ concept SQLiteValue = requires(const Record& record, KeyedEncoder& to, const Key
 ///
 /// The operations throw (any exception) on a storage failure, unless said otherwise. They may be
 /// called from several threads at once: requests for different keys may run together, and all of
-/// them use the one table. Two calls for the same key come together only when the host lets requests
-/// for the same ID, or a removal of it, run together.
+/// them use the one table. Two calls for the same key come together only when the host lets
+/// requests for the same ID, or a removal of it, run together.
 class KeyValueStorage {
  public:
   KeyValueStorage() = default;
