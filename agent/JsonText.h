@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "Pieces.h"
+#include "PrintableText.h"
 
 /// What becomes of bytes that are not UTF-8.
 enum class NotUTF8 {
@@ -25,7 +26,7 @@ enum class NotUTF8 {
 }
 
 /// Adds `text` as a JSON text to `to`, with its quotation marks, a part at a time; bytes that are
-/// not UTF-8 are replaced. The same as `jsonText` gives for the whole.
+/// not UTF-8 are replaced. As `jsonText` gives the whole, and printable.
 inline void addJSONText(std::string_view text, Pieces& to) {
   constexpr std::size_t part = 64 * 1024;
   const auto continues = [](char byte) { return (byte & 0xC0) == 0x80; };
@@ -36,7 +37,7 @@ inline void addJSONText(std::string_view text, Pieces& to) {
     for (int back = 0; back < 3 && end < text.size() && continues(text[end]); ++back) --end;
     if (end < text.size() && continues(text[end])) end = part;
     const std::string quoted = jsonText(std::string(text.substr(0, end)), NotUTF8::replaced);
-    to.add(std::string_view(quoted).substr(1, quoted.size() - 2));
+    addPrintableJSON(std::string_view(quoted).substr(1, quoted.size() - 2), to);
     text.remove_prefix(end);
   }
   to.add("\"");

@@ -3,22 +3,13 @@
 #include <string_view>
 
 #include "JsonText.h"
+#include "PrintableText.h"
 
 namespace AgentLog {
 namespace {
 
 const char* levelName(Record::Level level) {
   return level == Record::Level::error ? "error" : "info";
-}
-
-void addOnOneLine(std::string_view text, Pieces& to) {
-  while (true) {
-    const std::size_t end = text.find_first_of("\n\r");
-    to.add(text.substr(0, end));
-    if (end == std::string_view::npos) return;
-    to.add(text[end] == '\n' ? "\\n" : "\\r");
-    text.remove_prefix(end + 1);
-  }
 }
 
 /// Appends `number`, with zeros before it up to `width` digits, and `end`.
@@ -56,13 +47,13 @@ void addTextLine(const std::string& time, const Record& record, Pieces& to) {
   blank();
   to.add(levelName(record.level));
   blank();
-  addOnOneLine(record.source, to);
+  addPrintable(record.source, to);
   blank();
-  addOnOneLine(record.operation, to);
+  addPrintable(record.operation, to);
   blank();
   to.add(std::to_string(record.line));
   blank();
-  addOnOneLine(record.message, to);
+  addPrintable(record.message, to);
 }
 
 void addJSONLine(const std::string& time, const Record& record, Pieces& to) {

@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 
+#include "PrintableText.h"
+
 namespace VarnScripts {
 namespace {
 
@@ -198,7 +200,7 @@ class Parser {
 
   static Reply usageError(const std::string& what) {
     return {kUsageError, "",
-            "varn-scripts: " + what + "\nvarn-scripts --help tells how it is used.\n"};
+            "varn-scripts: " + printable(what) + "\nvarn-scripts --help tells how it is used.\n"};
   }
 
   CLI::App app_{"Runs an organisation's scripts from a verified local copy."};

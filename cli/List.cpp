@@ -15,6 +15,7 @@
 #include "AgentUtils.h"
 #include "ExitStatus.h"
 #include "PathGuard.h"
+#include "PrintableText.h"
 #include "StandardStreams.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 
@@ -33,15 +34,6 @@ bool exists(const std::string& path, std::error_code& error) {
   if (::stat(path.c_str(), &status) == 0) return true;
   if (errno != ENOENT && errno != ENOTDIR) error.assign(errno, std::generic_category());
   return false;
-}
-
-std::string printable(const std::string& text) {
-  std::string result = text;
-  for (char& c : result) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) c = '?';
-  }
-  return result;
 }
 
 // In characters: bytes that continue a UTF-8 sequence take no column.
@@ -152,7 +144,8 @@ std::string listJson(const std::vector<ListedScript>& scripts) {
     if (script.scriptPath) object["script_path"] = *script.scriptPath;
     array.push_back(std::move(object));
   }
-  return array.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+  const auto replaced = nlohmann::ordered_json::error_handler_t::replace;
+  return printableJSON(array.dump(-1, ' ', false, replaced)) + "\n";
 }
 
 int list(const CommandLine& line, const Settings& settings) {

@@ -5,6 +5,8 @@
 #include <tuple>
 #include <type_traits>
 
+#include "PrintableText.h"
+
 namespace VarnScripts {
 namespace {
 
@@ -40,27 +42,18 @@ ordered_json entryJson(const ScriptRepositoryMeta& entry) {
 }
 
 std::string dumped(const ordered_json& json) {
-  return json.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+  return printableJSON(json.dump(-1, ' ', false, ordered_json::error_handler_t::replace));
 }
 
 const char* stepName(RequestPlan::Step step) {
   return step == RequestPlan::Step::upToDate ? "up_to_date" : "download";
 }
 
-std::string oneLine(const std::string& text) {
-  std::string result = text;
-  for (char& c : result) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) c = '?';
-  }
-  return result;
-}
-
 void addLine(std::string& text, const char* label, const std::string& value) {
   constexpr std::size_t kLabelWidth = 16;
   std::string column = std::string(label) + ":";
   column.resize(std::max(kLabelWidth, column.size() + 1), ' ');
-  text += column + oneLine(value) + "\n";
+  text += column + printable(value) + "\n";
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <string>
 
+#include "PrintableText.h"
+
 namespace VarnScripts {
 namespace {
 
@@ -61,17 +63,8 @@ bool writeOutput(std::string_view text) {
 }
 
 void writeErrorLine(std::string_view line) {
-  std::string text;
-  for (const char c : line) {
-    if (c == '\n') {
-      text += "\\n";
-    } else {
-      text += c;
-    }
-  }
-  text += '\n';
   std::error_code ignored;
-  writeAll(STDERR_FILENO, text, ignored);
+  writeAll(STDERR_FILENO, printable(line) + '\n', ignored);
 }
 
 void writeOutOfMemory() noexcept {

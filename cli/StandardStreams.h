@@ -20,8 +20,8 @@ void writeAll(int descriptor, std::string_view text, std::error_code& error);
 /// was written.
 bool writeOutput(std::string_view text);
 
-/// Writes `line` and a line break to standard error. A line break inside it is written as `\n`. A
-/// failure is of no consequence.
+/// Writes `line`, made printable, and a line break to standard error. A failure is of no
+/// consequence.
 void writeErrorLine(std::string_view line);
 
 /// Tells on standard error that there is no memory, and needs none for it.

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "PrintableText.h"
+
 namespace VarnScripts::publishing {
 
 std::string textOf(const Finding& finding) {
@@ -12,21 +14,7 @@ std::string textOf(const Finding& finding) {
   return text + finding.what + "; " + finding.remedy;
 }
 
-std::string quoted(std::string_view text) {
-  constexpr std::string_view digits = "0123456789abcdef";
-  std::string result = "\"";
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) {
-      result += "\\x";
-      result += digits[byte >> 4];
-      result += digits[byte & 0xf];
-    } else {
-      result += c;
-    }
-  }
-  return result += '"';
-}
+std::string quoted(std::string_view text) { return '"' + printable(text) + '"'; }
 
 void Findings::refuse(Place place, std::string what, std::string remedy) {
   all_.push_back({Finding::Kind::refusal, std::move(place), std::move(what), std::move(remedy)});

@@ -31,8 +31,8 @@ struct Finding {
 /// The finding as people read it: "scripts/scripts.toml:12: warning: WHAT; REMEDY".
 [[nodiscard]] std::string textOf(const Finding& finding);
 
-/// `text` between quotation marks, with control characters as `\x1b`, so that a message is one line
-/// whatever the text holds.
+/// `text` between quotation marks, made printable, so that a message is one line whatever the text
+/// holds.
 [[nodiscard]] std::string quoted(std::string_view text);
 
 /// Findings in the order in which they were made.

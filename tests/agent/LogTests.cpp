@@ -67,7 +67,8 @@ TEST(LogTextLine, IsOneLineWhateverTheMessage) {
       {"a\r\nb\n", "a\\r\\nb\\n"},
       {"a\\nb", "a\\nb"},
       {"\xC3\xA9 \"quoted\"", "\xC3\xA9 \"quoted\""},
-      {"\xFF", "\xFF"},
+      {"\x1b]0;title\x07\t\u202e", "?]0;title?\\t?"},
+      {"\xFF", "?"},
   };
   for (const auto& row : rows) {
     EXPECT_EQ(textLine(record(row.message)), start + row.shown);
@@ -90,6 +91,7 @@ TEST(LogJSONLine, KeepsTheExactMessageAndReplacesWhatIsNotUTF8) {
   EXPECT_EQ(messageOf("a\nb\r\"\\"), R"("a\nb\r\"\\"})");
   EXPECT_EQ(messageOf("nul\0!"s), R"("nul\u0000!"})");
   EXPECT_EQ(messageOf("\xC3\xA9"), "\"\xC3\xA9\"}");
+  EXPECT_EQ(messageOf("\x1b\x7f\u009b\u202e"), R"("\u001b\u007f\u009b\u202e"})");
   EXPECT_EQ(messageOf("a\xFF"), "\"a\xEF\xBF\xBD\"}");
   EXPECT_EQ(messageOf("a\xC3"), "\"a\xEF\xBF\xBD\"}");
 }

@@ -19,10 +19,10 @@ TEST(ListTable, ColumnsAreAligned) {
 
 TEST(ListTable, WidthCountsCharactersAndControlCharactersAreHidden) {
   EXPECT_EQ(listTable({{"gr\u00fc\u00df", "1", std::nullopt, false},
-                       {"a\x1b[2J\nb", "1", std::nullopt, false}}),
+                       {"a\x1b[2J\nb\u202e", "1", std::nullopt, false}}),
             "SCRIPT ID  VERSION  FILE  PATH\n"
             "gr\u00fc\u00df       1        -     -\n"
-            "a?[2J?b    1        -     -\n");
+            "a?[2J\\nb?  1        -     -\n");
 }
 
 TEST(ListTable, NoRecordsGiveNothing) { EXPECT_EQ(listTable({}), ""); }

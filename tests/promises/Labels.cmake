@@ -2,7 +2,8 @@
 # tests that it knows, and by CTest for those that a test program lists (see varn_add_test).
 
 set(varn_promises
-  never-unverified never-torn never-down never-wider never-fooled xml-is-data runner-word)
+  never-unverified never-torn never-down never-wider never-fooled never-steered xml-is-data
+  runner-word)
 
 # Two lists of names for each: CTest reads this file as well, which knows no functions of ours.
 set(varn_tests_of_never-unverified
@@ -34,6 +35,8 @@ set(varn_tests_of_never-fooled
   "^HttpFailure\\." "^HttpDownload\\." "^HttpConditional\\." "^AnswerValidators\\."
   "^EntityTag\\." "^HTTPDate\\." "^Condition\\." "^GzipDecoder\\." "^ServerURL\\." "^FileServer\\."
   "^endtoend\\.test_https\\." "^endtoend\\.test_failures\\.LimitTest")
+set(varn_tests_of_never-steered
+  "^LogTextLine\\." "^Printable(Text|JSON)\\." "^ListTable\\.WidthCounts")
 set(varn_tests_of_xml-is-data
   "^XMLHostile\\." "^XMLDecode\\." "^bundled\\.ParserContract\\." "^[Ff]uzz.*document")
 set(varn_tests_of_runner-word

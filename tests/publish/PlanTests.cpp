@@ -65,7 +65,7 @@ TEST(Plan, OfNoRunSaysWhy) {
   plan.scriptID = "4\n2";
   plan.problem = "the server's list can't be fetched";
   EXPECT_EQ(planText(plan),
-            "script:         4?2\n"
+            "script:         4\\n2\n"
             "not run:        the server's list can't be fetched\n");
   EXPECT_EQ(planJson(plan),
             "{\"script_id\":\"4\\n2\",\"entry\":null,\"local_version\":null,\"step\":null,"

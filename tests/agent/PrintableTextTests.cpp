@@ -1,0 +1,101 @@
+// What people are shown of texts that others have written.
+
+#include <gtest/gtest.h>
+#include <utf8proc.h>
+
+#include <array>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "PrintableText.h"
+
+namespace {
+
+using namespace std::string_literals;
+
+std::string utf8(utf8proc_int32_t character) {
+  std::array<utf8proc_uint8_t, 4> bytes{};
+  const auto length = utf8proc_encode_char(character, bytes.data());
+  return {bytes.begin(), bytes.begin() + length};
+}
+
+/// Every character that Unicode has.
+template <class Visit>
+void forEachCharacter(const Visit& visit) {
+  for (utf8proc_int32_t character = 0; character <= 0x10ffff; ++character) {
+    if (character < 0xd800 || character > 0xdfff) visit(character, utf8(character));
+  }
+}
+
+// The characters of Unicode's property Bidi_Control.
+constexpr std::u32string_view kControlsOfDirection =
+    U"\u061c\u200e\u200f\u202a\u202b\u202c\u202d\u202e\u2066\u2067\u2068\u2069";
+
+bool mustNotBeShown(utf8proc_int32_t character) {
+  const auto category = utf8proc_category(character);
+  return category == UTF8PROC_CATEGORY_CC || category == UTF8PROC_CATEGORY_ZL ||
+         category == UTF8PROC_CATEGORY_ZP ||
+         kControlsOfDirection.find(static_cast<char32_t>(character)) != std::u32string_view::npos;
+}
+
+TEST(PrintableText, HasNoCharacterThatSteersATerminalAndEveryOther) {
+  forEachCharacter([](utf8proc_int32_t character, const std::string& text) {
+    const std::string shown = !mustNotBeShown(character) ? text
+                              : character == '\n'        ? "\\n"
+                              : character == '\r'        ? "\\r"
+                              : character == '\t'        ? "\\t"
+                                                         : "?";
+    ASSERT_EQ(printable("a" + text + "b"), "a" + shown + "b") << "U+" << std::hex << character;
+  });
+}
+
+TEST(PrintableText, HasAMarkForEachByteThatIsNotUTF8) {
+  const struct {
+    std::string text, shown;
+  } rows[] = {
+      {"", ""},
+      {"\x9b[2J", "?[2J"},  // a control of a terminal with 8-bit characters
+      {"\xff\xfe", "??"},
+      {"\xc3", "?"},
+      {"\xc3\n", "?\\n"},
+      {"\xe2\x80", "??"},
+      {"\xe2\x80z", "??z"},
+      {"\xed\xa0\x80", "???"},  // a surrogate
+      {"\xc0\x9b", "??"},       // ESC, overlong
+      {"\xf4\x90\x80\x80", "????"},
+      {"\xf0\x9f\x98\x80\x80", "\xf0\x9f\x98\x80?"},
+      {"nul\0!"s, "nul?!"},
+      {"caf\xc3\xa9 \\x1b", "caf\xc3\xa9 \\x1b"},
+  };
+  for (const auto& [text, shown] : rows) EXPECT_EQ(printable(text), shown);
+}
+
+TEST(PrintableText, OfWhatIsPrintableIsItself) {
+  const std::string once = printable("\x1b[31m\u202ecod.sh\n\xff");
+  EXPECT_EQ(once, "?[31m?cod.sh\\n?");
+  EXPECT_EQ(printable(once), once);
+}
+
+TEST(PrintableText, IsAddedInPiecesThatMakeTheWhole) {
+  std::string text;
+  std::string shown;
+  for (int i = 0; i < 400'000; ++i) {
+    text += "\xe2\x82\xac\n\x1b";
+    shown += "\xe2\x82\xac\\n?";
+  }
+  EXPECT_EQ(printable(text), shown);
+}
+
+TEST(PrintableJSON, HasTheSameValueWithoutACharacterThatSteersATerminal) {
+  forEachCharacter([](utf8proc_int32_t character, const std::string& text) {
+    const std::string json = nlohmann::json("a" + text + "b").dump();
+    const std::string shown = printableJSON(json);
+    ASSERT_EQ(nlohmann::json::parse(shown), "a" + text + "b") << "U+" << std::hex << character;
+    ASSERT_EQ(printable(shown), shown) << "U+" << std::hex << character;
+    if (!mustNotBeShown(character)) {
+      ASSERT_EQ(shown, json);
+    }
+  });
+}
+
+}  // namespace
