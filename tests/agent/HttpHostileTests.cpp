@@ -42,16 +42,19 @@ TEST_F(HttpFailure, ATruncatedBodyIsOne) {
 }
 
 TEST_F(HttpFailure, AnAnswerCutShortAtAnyByteIsOne) {
-  const std::string answers[] = {
-      httpAnswer("200 OK", "abc", "X-Filler: x\r\nETag: \"v1\"\r\n"),
-      "HTTP/1.1 100 Continue\r\n\r\n" + httpAnswer("200 OK", "abc"),
-      // What is missing then is a line feed behind the end of the body.
-      "HTTP/1.1 200 OK\nTransfer-Encoding: chunked\n\n3\r\nabc\r\n0\r\n\r",
-      httpAnswer("200 OK", gzipped("abc"), "Content-Encoding: gzip\r\n"),
-      "HTTP/1.1 200 OK\r\n\r\n",
+  const struct {
+    std::string answer;
+    std::size_t mayMiss = 0;
+  } rows[] = {
+      {httpAnswer("200 OK", "abc", "X-Filler: x\r\nETag: \"v1\"\r\n")},
+      {"HTTP/1.1 100 Continue\r\n\r\n" + httpAnswer("200 OK", "abc")},
+      // Older HTTP libraries do without the line feed behind the end of the body.
+      {"HTTP/1.1 200 OK\nTransfer-Encoding: chunked\n\n3\r\nabc\r\n0\r\n\r\n", 1},
+      {httpAnswer("200 OK", gzipped("abc"), "Content-Encoding: gzip\r\n")},
+      {"HTTP/1.1 200 OK\r\n\r\n"},
   };
-  for (const std::string& answer : answers) {
-    for (std::size_t length = 0; length < answer.size(); ++length) {
+  for (const auto& [answer, mayMiss] : rows) {
+    for (std::size_t length = 0; length < answer.size() - mayMiss; ++length) {
       SCOPED_TRACE(answer.substr(0, length));
       server.answer("/a", answer.substr(0, length));
       expectFailureWith("a", "");

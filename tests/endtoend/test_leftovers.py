@@ -8,7 +8,7 @@ from support.case import CommandCase
 from support.repository import CUSTOMER
 
 
-class LeftoversTest(CommandCase):
+class LeftoversCase(CommandCase):
 
     def assert_scripts(self, *names):
         self.assertEqual(sorted(os.listdir(os.path.dirname(self.script_file("x")))), sorted(names))
@@ -22,7 +22,7 @@ class LeftoversTest(CommandCase):
         store.close()
 
 
-class RefusedTest(LeftoversTest):
+class RefusedTest(LeftoversCase):
     """A file whose checksum was not accepted."""
 
     def test_a_fetched_file_with_another_checksum_goes(self):
@@ -57,7 +57,7 @@ class RefusedTest(LeftoversTest):
         self.assertTrue(os.path.exists(self.path("victim")))
 
 
-class OutgrownTest(LeftoversTest):
+class OutgrownTest(LeftoversCase):
     """The file of a script that is published under another name by now."""
 
     def publish_and_run(self, file_name, version, **values):

@@ -136,6 +136,8 @@ def check_installed(root):
 def check_links(root, compiler, *more):
     """Links each object with a program that is empty and those that it may stand on."""
     objects = {}
+    # An empty list is an empty argument to some versions of CMake.
+    arguments = [argument for argument in more[more.index("--") + 1 :] if argument]
     for name in more[: more.index("--")]:
         place = name.split("VarnScriptRepositoryUnits.dir/")[1].removesuffix(".o")
         objects[root / "src" / place] = name
@@ -153,7 +155,7 @@ def check_links(root, compiler, *more):
             ]
             linked = subprocess.run(
                 [compiler, "-s", "-o", pathlib.Path(directory, "program"), main, name, *below,
-                 *more[more.index("--") + 1 :]],
+                 *arguments],
                 stderr=subprocess.PIPE, text=True, check=False)
             if linked.returncode != 0:
                 breaches.append(f"{source}: needs more than what is below it\n{linked.stderr}")
