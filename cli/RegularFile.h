@@ -21,7 +21,8 @@ struct RegularFile {
 
 /// The regular file at `path`; `link` says what becomes of a symbolic link there. Something else
 /// than a regular file is the error `std::errc::invalid_argument`, and is not waited for; one of
-/// more than `mostBytes` is `std::errc::file_too_large`, and is not read.
+/// more than `mostBytes` is `std::errc::file_too_large`, one that no memory can hold
+/// `std::errc::not_enough_memory`, and neither is read.
 [[nodiscard]] RegularFile readRegularFile(
     const std::string& path, LastLink link, std::error_code& error,
     std::uint64_t mostBytes = std::numeric_limits<std::uint64_t>::max());

@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "platform/FileDescriptor.h"
+#include "platform/Memory.h"
 
 namespace VarnScripts {
 namespace {
@@ -36,9 +37,12 @@ RegularFile readRegularFile(const std::string& path, LastLink link, std::error_c
     return static_cast<std::uint64_t>(size) > mostBytes;
   };
   if (isTooMuch(status.st_size)) return fail(EFBIG);
+  const auto size = static_cast<std::size_t>(status.st_size);
+  if (!VarnScriptRepository::platform::canHold(size)) return fail(ENOMEM);
 
   RegularFile result;
   result.permissions = status.st_mode & kPermissionBits;
+  result.bytes.reserve(size);
   std::array<char, 65536> part{};
   while (true) {
     const ssize_t count =

@@ -5,13 +5,13 @@
 
 #include "AgentUtils.h"
 #include "DocumentMark.h"
-#include "RegularFile.h"
 #include "ScriptRepositoryMetaProcessor.h"
 #include "ScriptRepositoryProcessorRequest.h"
 #include "StoreCopy.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 #include "publish/Documents.h"
 #include "publish/Names.h"
+#include "support/Files.h"
 
 namespace VarnScripts {
 namespace {
@@ -34,9 +34,9 @@ using VarnScriptRepository::VyFile;
 template <class Root>
 std::optional<Root> decodedFile(const std::string& path) {
   std::error_code error;
-  const auto file = readRegularFile(path, LastLink::follow, error);
+  std::string document = VarnScriptRepository::files::readWhole(path, error);
   if (error) return std::nullopt;
-  auto roots = XML::parse(file.bytes, std::nullopt, false).toStruct<Root>();
+  auto roots = XML::parse(std::move(document), std::nullopt, false).toStruct<Root>();
   if (!roots) return std::nullopt;
   return std::move(roots->front());
 }

@@ -158,6 +158,13 @@ class Plan(PublishCase):
         with open(path, "w", encoding="utf-8") as file:
             file.write(text.replace(old, new))
 
+    def test_with_a_data_document_that_no_memory_holds_says_so(self):
+        self.run_script()
+        os.truncate(self.document_file("42.xml"), 8 << 40)
+        result = self.run_command("plan", "--json", "42")
+        self.assertEqual((result.status, json.loads(result.output)["problem"]),
+                         (3, "the data document can't be read"))
+
     def test_of_what_no_run_would_come_to_says_why(self):
         changes = (
             ("<script_name>job.sh<", "<script_name>job.rb<",

@@ -359,6 +359,23 @@ class Refused(PublishCase):
         self.must_publish("--allow-removal")
         self.assertEqual(self.entries(), {})
 
+    def test_a_manifest_that_no_memory_holds_is_told(self):
+        self.write_script()
+        manifest = f"{self.source}/scripts.toml"
+        os.truncate(manifest, 8 << 40)
+        result = self.publish()
+        self.assertEqual(result.status, 2)
+        self.assertTrue(result.error_lines[0].startswith(f"{manifest}: "), result.error)
+        self.assertIn("Cannot allocate memory", result.error_lines[0])
+
+    def test_the_environment_does_not_set_up_its_digests(self):
+        settings = self.path("openssl.cnf")
+        with open(settings, "w", encoding="utf-8") as file:
+            file.write("openssl_conf = a\n[a]\nproviders = b\n[b]\nnull = c\n[c]\nactivate = 1\n")
+        self.write_script()
+        result = self.publish(environment=self.environment(OPENSSL_CONF=settings))
+        self.assertEqual((result.status, result.error), (0, ""))
+
     def test_warnings_do_not_keep_it_from_publishing(self):
         self.write_script(text="echo a\r\n")
         result = self.publish()
