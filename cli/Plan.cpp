@@ -25,7 +25,7 @@ int plan(const CommandLine& line, const Settings& settings) {
   auto& signals = *new SignalForwarding;
   Progress progress(Progress::isPossible() && !settings.quiet);
   ModuleObservers observers;
-  observers.onRecord = [&progress](const AgentLog::Record& record) { progress.see(record); };
+  observers.onRecord = [&progress](const AgentLog::Record&) { progress.makeWay(); };
   observers.onDownloadProgress = [&progress](std::uint64_t received, std::uint64_t total) {
     progress.showDownload(received, total);
   };

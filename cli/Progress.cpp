@@ -11,8 +11,6 @@
 namespace VarnScripts {
 namespace {
 
-// The limit that the library gives every script.
-constexpr std::chrono::seconds kRunLimit{600};
 constexpr std::chrono::milliseconds kRedrawDownload{100};
 
 std::string sizeText(std::uint64_t bytes) {
@@ -39,9 +37,9 @@ std::string downloadText(std::uint64_t received, std::uint64_t total) {
          std::to_string(percent) + " %)";
 }
 
-std::string runText(std::chrono::seconds elapsed) {
+std::string runText(std::chrono::seconds elapsed, std::chrono::seconds limit) {
   return "Script is running: " + std::to_string(elapsed.count()) + " s of at most " +
-         std::to_string(kRunLimit.count()) + " s";
+         std::to_string(limit.count()) + " s";
 }
 
 bool Progress::isPossible() { return ::isatty(STDERR_FILENO) == 1; }
@@ -72,15 +70,22 @@ void Progress::showDownload(std::uint64_t received, std::uint64_t total) {
   draw(downloadText(received, total));
 }
 
-void Progress::see(const AgentLog::Record& record) {
+void Progress::showRun(std::chrono::seconds limit) {
+  const std::lock_guard lock(mutex_);
+  limit_ = limit;
+  runningSince_ = Clock::now();
+  changed_.notify_all();
+}
+
+void Progress::endRun() {
+  const std::lock_guard lock(mutex_);
+  runningSince_.reset();
+  if (!done_) clear();
+}
+
+void Progress::makeWay() {
   const std::lock_guard lock(mutex_);
   if (done_) return;
-  if (record.source == "ScriptRepositoryUtil" && record.message.starts_with("Execute ")) {
-    runningSince_ = Clock::now();
-    changed_.notify_all();
-  } else if (record.source != "ScriptRepositoryUtil") {
-    runningSince_.reset();
-  }
   downloadDrawn_.reset();
   clear();
 }
@@ -94,7 +99,7 @@ void Progress::tick() {
     }
     const auto elapsed =
         std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - *runningSince_);
-    draw(runText(elapsed));
+    draw(runText(elapsed, limit_));
     changed_.wait_until(lock, *runningSince_ + elapsed + std::chrono::seconds(1));
   }
 }

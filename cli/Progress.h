@@ -15,8 +15,6 @@
 #include <string>
 #include <thread>
 
-#include "LogSettings.h"
-
 namespace VarnScripts {
 
 /// The text for a download of `total` bytes (0 when unknown): "Downloading 1.5 MiB of 3.0 MiB
@@ -24,7 +22,7 @@ namespace VarnScripts {
 [[nodiscard]] std::string downloadText(std::uint64_t received, std::uint64_t total);
 
 /// The text for a run: "Script is running: 12 s of at most 600 s".
-[[nodiscard]] std::string runText(std::chrono::seconds elapsed);
+[[nodiscard]] std::string runText(std::chrono::seconds elapsed, std::chrono::seconds limit);
 
 /// The line on standard error. Constructed after `SignalForwarding`, whose signals its thread must
 /// not take.
@@ -42,9 +40,12 @@ class Progress {
   /// Shows the state of a download, a few times a second at most.
   void showDownload(std::uint64_t received, std::uint64_t total);
 
-  /// Takes the next record of the log: the runner's lines begin and end the display of a run, any
-  /// line ends that of a download.
-  void see(const AgentLog::Record& record);
+  /// Shows how long a script is running, every second from now on until `endRun`.
+  void showRun(std::chrono::seconds limit);
+  void endRun();
+
+  /// A line of the log has come, which ends the display of a download.
+  void makeWay();
 
   /// Clears the line and shows nothing from then on.
   void finish();
@@ -60,6 +61,7 @@ class Progress {
   std::condition_variable changed_;
   bool done_;
   bool drawn_ = false;
+  std::chrono::seconds limit_{};
   std::optional<Clock::time_point> runningSince_;
   std::optional<Clock::time_point> downloadDrawn_;
   std::thread ticker_;

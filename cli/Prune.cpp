@@ -153,7 +153,7 @@ int refused(const PathGuard& guard, Progress& progress) {
 int prune(const Settings& settings) {
   Progress progress(Progress::isPossible() && !settings.quiet);
   ModuleObservers observers;
-  observers.onRecord = [&progress](const AgentLog::Record& record) { progress.see(record); };
+  observers.onRecord = [&progress](const AgentLog::Record&) { progress.makeWay(); };
   observers.onDownloadProgress = [&progress](std::uint64_t received, std::uint64_t total) {
     progress.showDownload(received, total);
   };

@@ -25,6 +25,7 @@
 #include "StandardStreams.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
+#include "VarnScriptRepository/ScriptRunObserver.h"
 
 namespace VarnScripts {
 namespace {
@@ -49,6 +50,31 @@ struct ShownOutput {
   std::string_view text;
   std::size_t bytes;  // of the whole
   std::size_t leftOut;
+};
+
+// Has the request's script watched for as long as this lives.
+class RunWatch final : VarnScriptRepository::ScriptRunObserver {
+ public:
+  RunWatch(SignalForwarding& signals, Progress& progress) : signals_(signals), progress_(progress) {
+    VarnScriptRepository::setScriptRunObserver(this);
+  }
+  ~RunWatch() override { VarnScriptRepository::setScriptRunObserver(nullptr); }
+
+ private:
+  void scriptStarts(const VarnScriptRepository::ScriptStart& start) override {
+    signals_.scriptStarts();
+    progress_.showRun(start.limit);
+  }
+  void scriptStarted(int processID) override { signals_.scriptStarted(processID); }
+  void processEnded() override { signals_.scriptIsGone(); }
+  void scriptEnded(const VarnScriptRepository::ScriptEnd& /*end*/) override {
+    // Also the end of one that could not be started.
+    signals_.scriptIsGone();
+    progress_.endRun();
+  }
+
+  SignalForwarding& signals_;
+  Progress& progress_;
 };
 
 const char* statusOf(const ProcessingResult& result) {
@@ -159,11 +185,11 @@ int run(const CommandLine& line, const Settings& settings) {
   RequestLog requestLog;
   RequestLock lock;
   Progress progress(Progress::isPossible() && !settings.quiet);
+  const RunWatch watch(signals, progress);
   ModuleObservers observers;
   observers.onRecord = [&](const AgentLog::Record& record) {
     requestLog.add(record);
-    progress.see(record);
-    signals.see(record);
+    progress.makeWay();
   };
   observers.onDownloadProgress = [&progress](std::uint64_t received, std::uint64_t total) {
     progress.showDownload(received, total);

@@ -2,18 +2,10 @@
 
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <chrono>
 #include <thread>
-
-#include "Children.h"
 
 namespace VarnScripts {
 namespace {
-
-// How long a script that is just being launched is given to show as a child, each time.
-constexpr std::chrono::milliseconds kLookAgain{2};
 
 constexpr int kForwarded[] = {SIGINT, SIGTERM, SIGHUP};
 
@@ -48,20 +40,18 @@ int take(const sigset_t& signals) {
   ::_exit(128 + signal);
 }
 
-// To the script's group, and to the script itself where it has left it or is yet to make it; false
-// when it was just changing over. One that is stopped hears nothing until it goes on.
-bool signalChild(pid_t child, int signal) {
-  const auto send = [signal](pid_t to) { return ::kill(to, signal) == 0 || errno != ESRCH; };
-  const bool groupHasIt = send(-child);
-  const bool itselfHasIt = ::getpgid(child) != child && send(child);
-  ::kill(-child, SIGCONT);
-  ::kill(child, SIGCONT);
-  return groupHasIt || itselfHasIt;
+// To the script's group, and to the script itself where it has left it. One that is stopped hears
+// nothing until it goes on.
+void sendTo(pid_t script, int signal) {
+  for (const int each : {signal, SIGCONT}) {
+    ::kill(-script, each);
+    if (::getpgid(script) != script) ::kill(script, each);
+  }
 }
 
 }  // namespace
 
-SignalForwarding::SignalForwarding() : foreignChildren_(children()) {
+SignalForwarding::SignalForwarding() {
   sigemptyset(&signals_);
   bool any = false;
   for (const int signal : kForwarded) {
@@ -79,19 +69,22 @@ void SignalForwarding::guard(const std::function<std::function<void()>()>& make)
   undo_ = make();
 }
 
-void SignalForwarding::see(const AgentLog::Record& record) {
-  // Between these two lines, and the runner's own about a failed start, the script may be running.
-  const bool isRunner = record.source == "ScriptRepositoryUtil";
-  const bool begins = isRunner && record.message.starts_with("Execute ");
-  const bool ends = record.source == "ScriptRepositoryProcessor" ||
-                    record.message.starts_with("Launch path not available: ") ||
-                    record.message.starts_with("Launch failed: ");
+void SignalForwarding::scriptStarts() {
   const std::lock_guard lock(mutex_);
-  if (begins) scriptBegan_ = scriptRuns_ = true;
-  if (ends) {
-    scriptRuns_ = false;
-    runEnded_.notify_all();
-  }
+  script_ = Script::starts;
+}
+
+void SignalForwarding::scriptStarted(int processID) {
+  const std::lock_guard lock(mutex_);
+  script_ = Script::runs;
+  processID_ = processID;
+  changed_.notify_all();
+}
+
+void SignalForwarding::scriptIsGone() {
+  const std::lock_guard lock(mutex_);
+  script_ = Script::ended;
+  changed_.notify_all();
 }
 
 void SignalForwarding::endWhenStopped() {
@@ -103,8 +96,8 @@ void SignalForwarding::forward() {
   const int first = take(signals_);
   {
     std::unique_lock lock(mutex_);
-    // While the lock is held, the line before a start is not taken, and nothing is started.
-    if (!scriptBegan_) {
+    // While the lock is held, nothing is started.
+    if (script_ == Script::none) {
       if (undo_) undo_();
       endBy(first);
     }
@@ -113,32 +106,21 @@ void SignalForwarding::forward() {
   }
   const int second = take(signals_);
   const std::lock_guard lock(mutex_);
-  if (scriptRuns_) signalScript(second);
+  signalScript(second);
   endBy(second);
 }
 
 void SignalForwarding::passOn(int signal, std::unique_lock<std::mutex>& lock) {
-  while (scriptRuns_ && !signalScript(signal)) {
-    if (std::any_of(std::begin(kForwarded), std::end(kForwarded),
-                    [this](int other) { return isPending(other); })) {
-      return;
-    }
-    runEnded_.wait_for(lock, kLookAgain);
-  }
-}
-
-bool SignalForwarding::signalScript(int signal) const {
-  auto script = children();
-  std::erase_if(script, [this](pid_t child) {
-    return std::find(foreignChildren_.begin(), foreignChildren_.end(), child) !=
-           foreignChildren_.end();
-  });
+  // The start of a program takes no time to speak of.
+  changed_.wait(lock, [this] { return script_ != Script::starts; });
   // One wish may come as two signals in one breath: timeout(1) sends one to its child and one to
   // the group of both. What comes after the script was told is another wish.
-  if (!script.empty() && isPending(signal)) take(setOf(signal));
-  bool told = false;
-  for (const pid_t child : script) told = signalChild(child, signal) || told;
-  return told;
+  if (isPending(signal)) take(setOf(signal));
+  signalScript(signal);
+}
+
+void SignalForwarding::signalScript(int signal) const {
+  if (script_ == Script::runs) sendTo(processID_, signal);
 }
 
 bool SignalForwarding::isPending(int signal) const {

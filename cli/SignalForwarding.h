@@ -1,8 +1,5 @@
 // Passes the signals that stop this process on to the running script, and ends the process by the
 // first of them when the request is done.
-//
-// The library tells no process ID and keeps no process-wide state, so the script is found as the
-// child of this process, between the log lines that begin and end its run.
 
 #pragma once
 
@@ -12,9 +9,6 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
-#include <vector>
-
-#include "LogSettings.h"
 
 namespace VarnScripts {
 
@@ -38,8 +32,11 @@ class SignalForwarding {
   /// ends.
   void guard(const std::function<std::function<void()>()>& make);
 
-  /// Takes the next record of the log, on the thread that makes the request.
-  void see(const AgentLog::Record& record);
+  /// The events of the request's script, on the thread that makes the request. When the last one
+  /// has returned, nothing is sent to the process any more.
+  void scriptStarts();
+  void scriptStarted(int processID);
+  void scriptIsGone();
 
   /// Ends the process by the signal that has arrived; returns when none has. Called when the
   /// request's result has been written.
@@ -48,19 +45,17 @@ class SignalForwarding {
  private:
   [[noreturn]] void forward();
   void passOn(int signal, std::unique_lock<std::mutex>& lock);
-  bool signalScript(int signal) const;
+  void signalScript(int signal) const;
   [[nodiscard]] bool isPending(int signal) const;
 
   sigset_t signals_{};
-  // The children that this process was given by the program that it was before.
-  std::vector<pid_t> foreignChildren_;
 
   std::mutex mutex_;
-  std::condition_variable runEnded_;
+  std::condition_variable changed_;
   std::function<void()> undo_;
   int signal_ = 0;  // the one that the process ends by when the request is done; 0 before it came
-  bool scriptBegan_ = false;
-  bool scriptRuns_ = false;
+  enum class Script { none, starts, runs, ended } script_ = Script::none;
+  pid_t processID_ = 0;  // while it runs
 };
 
 }  // namespace VarnScripts

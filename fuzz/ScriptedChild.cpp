@@ -194,9 +194,9 @@ Child::~Child() { FUZZ_REQUIRE(processID_ == 0); }
 bool Child::hasEnded() const noexcept { return ScriptedChild::current().hasEnded(); }
 void Child::terminateGroup() const noexcept { ScriptedChild::current().terminate(); }
 
-std::int32_t Child::reap() noexcept {
+EndStatus Child::reap() noexcept {
   FUZZ_REQUIRE(std::exchange(processID_, 0) != 0 && hasEnded());
-  return ScriptedChild::current().status();
+  return {ScriptedChild::current().status()};
 }
 
 }  // namespace VarnScriptRepository::platform

@@ -8,6 +8,7 @@
 #include "support/Download.h"
 #include "support/Files.h"
 #include "support/Guard.h"
+#include "support/RunEvents.h"
 #include "support/Settings.h"
 #include "support/Text.h"
 #include "support/UnitLog.h"
@@ -126,12 +127,15 @@ void ScriptRepositoryMetaProcessor::loadScriptRepoMetaData() {
     std::error_code error;
     std::string bytes = files::readWhole(scriptsRepoMetaFilePath_, error);
     if (error) {
-      log.info("Error while getting data " + files::description(error));
+      const std::string cause = files::description(error);
+      log.info("Error while getting data " + cause);
+      tellFailure(RequestStep::listRead, scriptsRepoMetaFilePath_, cause);
       return;
     }
     // Only the list is filled. Removal reads `scriptRepoAllMetaData`, which stays absent here.
     setScriptRepoMetaData(guarded(std::optional<std::vector<ScriptRepositoryMeta>>{},
                                   [&] { return decodeEntries(std::move(bytes)); }));
+    if (!scriptRepoMetaData()) tellFailure(RequestStep::listDecode, scriptsRepoMetaFilePath_);
   });
 }
 
@@ -141,6 +145,7 @@ bool ScriptRepositoryMetaProcessor::downloadScriptRepoMeta() {
   guarded([&] {
     log.info(downloaded ? "Script-Meta Download Success" : "Script-Meta Download Failed");
   });
+  if (!downloaded) tellFailure(RequestStep::listDownload, scriptRepoMetaDownloadURL_);
   return downloaded;
 }
 

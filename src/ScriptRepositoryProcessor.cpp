@@ -18,6 +18,7 @@
 #include "support/Download.h"
 #include "support/Files.h"
 #include "support/Guard.h"
+#include "support/RunEvents.h"
 #include "support/Settings.h"
 #include "support/Text.h"
 #include "support/UnitLog.h"
@@ -104,7 +105,9 @@ std::optional<ScriptRepositoryMeta> serverEntry(const std::string& scriptID) {
     if (!metaProcessor.downloadScriptRepoMeta()) return std::nullopt;
     metaProcessor.loadScriptRepoMetaData();
   }
-  return metaProcessor.getScriptRepoForID(scriptID);
+  auto entry = metaProcessor.getScriptRepoForID(scriptID);
+  if (!entry && metaProcessor.scriptRepoMetaData()) tellFailure(RequestStep::listLookUp, scriptID);
+  return entry;
 }
 
 /// The line that ends a request. The output stands between its quotation marks as it is, not
@@ -157,10 +160,12 @@ ProcessingResult ScriptRepositoryProcessor::Request::downloadAndExecuteScript(
   const auto& mapping = serverScriptRepoMeta.scriptPathMapping;
   if (!mapping || mapping->empty()) {
     log.info("Not able to get download URL of script data");
+    tellFailure(RequestStep::documentLookUp, scriptID);
     return {};
   }
   if (!download(mapping->front().filepath, scriptDataFilePath)) {
     log.info("Download failure of script data");
+    tellFailure(RequestStep::documentDownload, mapping->front().filepath);
     return {};
   }
   const auto item = getScriptItemData();
@@ -171,6 +176,7 @@ ProcessingResult ScriptRepositoryProcessor::Request::downloadAndExecuteScript(
   const auto file = item->getFileData(serverScriptRepoMeta.fileID);
   if (!file) {
     log.info("Unable to get file data from script items data");
+    tellFailure(RequestStep::fileLookUp, serverScriptRepoMeta.fileID);
     return {};
   }
   if (!downloadScript(file->fileSystemLocation, file->fileName)) {
@@ -189,6 +195,7 @@ ProcessingResult ScriptRepositoryProcessor::Request::downloadAndExecuteScript(
   if (!repo) {
     // Log searches match this line exactly; its wording stays.
     log.info("Not able get script repo data");
+    tellFailure(RequestStep::definitionLookUp, scriptID);
     return {};
   }
   return executeScript(*repo);
@@ -202,6 +209,7 @@ ProcessingResult ScriptRepositoryProcessor::Request::executeScriptWithoutDownloa
   const auto file = item->getFileData(serverScriptRepoMeta.fileID);
   if (!file) {
     log.info("Unable to get script data");
+    tellFailure(RequestStep::fileLookUp, serverScriptRepoMeta.fileID);
     return {};
   }
   scriptFilePath = scriptRepoScriptsDirectory() + "/" + file->fileName;
@@ -216,6 +224,7 @@ ProcessingResult ScriptRepositoryProcessor::Request::executeScriptWithoutDownloa
   const auto repo = item->getScriptRepo(scriptID);
   if (!repo) {
     log.info("Not able to get script data");
+    tellFailure(RequestStep::definitionLookUp, scriptID);
     return {};
   }
   return executeScript(*repo);
@@ -228,7 +237,9 @@ std::optional<ScriptItem> ScriptRepositoryProcessor::Request::getScriptItemData(
   std::error_code error;
   std::string bytes = files::readWhole(scriptDataFilePath, error);
   if (error) {
-    log.info("Error while reading file " + scriptDataFilePath + " " + files::description(error));
+    const std::string cause = files::description(error);
+    log.info("Error while reading file " + scriptDataFilePath + " " + cause);
+    tellFailure(RequestStep::documentRead, scriptDataFilePath, cause);
     return std::nullopt;
   }
   auto roots = guarded(std::optional<std::vector<ScriptRoot>>{}, [&] {
@@ -236,12 +247,14 @@ std::optional<ScriptItem> ScriptRepositoryProcessor::Request::getScriptItemData(
   });
   if (!roots || roots->empty()) {
     log.info("Unable to get file data");
+    tellFailure(RequestStep::documentDecode, scriptDataFilePath);
     return std::nullopt;
   }
   auto& items = roots->front().script;
   if (items.empty()) {
     // The same words as above, on purpose: the document holds nothing to work with.
     log.info("Unable to get file data");
+    tellFailure(RequestStep::documentDecode, scriptDataFilePath);
     return std::nullopt;
   }
   return std::move(items.front());
@@ -263,7 +276,11 @@ bool ScriptRepositoryProcessor::Request::downloadScript(const std::string& fileS
   const std::string localPath = scriptRepoScriptsDirectory() + "/" + fileName;
   // Set whatever becomes of the download: a partial or stale file fails the checksum test.
   scriptFilePath = localPath;
-  if (!download(serverPath(fileSystemLocation), localPath)) return false;
+  const std::string location = serverPath(fileSystemLocation);
+  if (!download(location, localPath)) {
+    tellFailure(RequestStep::fileDownload, location);
+    return false;
+  }
   ScriptRepositoryLocalMetaProcessor::shared().setScriptPath(scriptID, localPath);
   return true;
 }
@@ -273,6 +290,7 @@ bool ScriptRepositoryProcessor::Request::isValidChecksumForFile(
   const UnitLog log{kUnit, "isValidChecksumForFile(withFileData:allChecksumData:)"};
   if (withFileData.csToVyFiles.empty()) {
     log.info("Unable to get checksum ID");
+    tellFailure(RequestStep::checksumLookUp, scriptFilePath.value_or(""));
     return false;
   }
   const std::string& checksumID = withFileData.csToVyFiles.front().checksumID;
@@ -282,6 +300,7 @@ bool ScriptRepositoryProcessor::Request::isValidChecksumForFile(
   }
   if (checksum == nullptr) {
     log.info("Unable to get checksum data");
+    tellFailure(RequestStep::checksumLookUp, scriptFilePath.value_or(""));
     return false;
   }
   if (!scriptFilePath) return false;
@@ -292,6 +311,7 @@ bool ScriptRepositoryProcessor::Request::isValidChecksumForFile(
   if (!matches) {
     log.info("Checksum mismatch ID " + checksum->checksumID + " Server Checksum " +
              checksum->checksumVal + " Server Checksum Type " + checksum->checksumType);
+    tellFailure(RequestStep::checksumTest, *scriptFilePath);
   }
   return matches;
 }
@@ -319,6 +339,7 @@ ProcessingResult ScriptRepositoryProcessor::Request::executeScript(
   const auto launchPath = getLaunchPath(scriptData.scriptName);
   if (!launchPath) {
     log.info("Unable to get launch path for " + scriptData.scriptName);
+    tellFailure(RequestStep::interpreterLookUp, scriptData.scriptName);
     return {};
   }
   const std::vector<std::string> arguments = splitWithQuotes(scriptData.scriptArgs);

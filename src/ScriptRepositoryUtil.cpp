@@ -21,6 +21,7 @@
 #include "support/Files.h"
 #include "support/Guard.h"
 #include "support/LongText.h"
+#include "support/RunEvents.h"
 #include "support/Text.h"
 #include "support/UnitLog.h"
 
@@ -76,6 +77,14 @@ class Collector {
 
   [[nodiscard]] std::string takeOutput() { return output_.take(); }
 
+  /// Adds what is known here of the run to `end`.
+  void describe(ScriptEnd& end) const {
+    end.limitReached = limitReached_;
+    end.outputBytes = outputBytes_;
+    end.droppedBytes = droppedBytes_;
+    end.lostBytes = lostBytes_;
+  }
+
  private:
   /// The rest of a character that begins with a chunk's last byte. The most that follows a chunk.
   static constexpr std::size_t kLongestRest = 3;
@@ -124,10 +133,14 @@ class Collector {
 
   /// Each chunk is decoded on its own; one that is not UTF-8 is dropped without a line.
   void deliver(std::string_view chunk) {
-    if (!text::isUTF8(chunk)) return;
+    if (!text::isUTF8(chunk)) {
+      droppedBytes_ += chunk.size();
+      return;
+    }
     guarded([] { kLog.info("availableOutput"); });
     // Without memory the chunk is dropped, and the run goes on.
-    static_cast<void>(output_.append(chunk));
+    (output_.append(chunk) ? outputBytes_ : lostBytes_) += chunk.size();
+    tell(&ScriptRunObserver::outputTaken, chunk);
   }
 
   /// A child that has filled the pipe once has much to tell: it gets a larger one. Without memory
@@ -154,6 +167,7 @@ class Collector {
       kLog.info("shell: Killing process due to " + std::to_string(timeoutIn_) + "s time-out");
     });
     child.terminateGroup();
+    limitReached_ = true;
     // Asked once; from here on the child is only waited for.
     limit_ = Clock::time_point::max();
   }
@@ -164,6 +178,10 @@ class Collector {
   std::uint64_t left_ = UINT64_MAX;  // how many bytes may still be read: all, while the child runs
   bool expectsMore_ = false;
   LongText output_;
+  std::uint64_t outputBytes_ = 0;
+  std::uint64_t droppedBytes_ = 0;  // as they were not UTF-8
+  std::uint64_t lostBytes_ = 0;     // as there was no memory for them
+  bool limitReached_ = false;
   Clock::time_point limit_;
   const std::int64_t timeoutIn_;
 };
@@ -179,8 +197,19 @@ std::string entryLine(const std::string& launchPath, const std::string& commandP
 }
 
 std::pair<Status, Output> launchFailed(const std::error_code& error) noexcept {
-  guarded([&] { kLog.info("Launch failed: " + files::description(error)); });
+  ScriptEnd end{ScriptEnd::How::launchFailed};
+  std::string cause;
+  guarded([&] {
+    end.cause = cause = files::description(error);
+    kLog.info("Launch failed: " + cause);
+  });
+  tell(&ScriptRunObserver::scriptEnded, end);
   return {};
+}
+
+ScriptEnd::How howOf(const platform::EndStatus& status) {
+  if (status == platform::Child::kStatusLost) return ScriptEnd::How::statusLost;
+  return status.isSignal ? ScriptEnd::How::signalled : ScriptEnd::How::exited;
 }
 
 std::pair<Status, Output> run(const std::string& launchPath,
@@ -200,14 +229,22 @@ std::pair<Status, Output> run(const std::string& launchPath,
   }
 
   Collector collector(std::move(pipe.readingEnd), limit, timeoutIn);
+  const Clock::time_point began = Clock::now();
   platform::Child child = platform::Child::launch(
       {launchPath, arguments, executeInDirectory, pipe.writingEnd.get()}, error);
   if (error) return launchFailed(error);
   pipe.writingEnd.reset();
+  tell(&ScriptRunObserver::scriptStarted, child.processID());
 
   collector.untilEndOf(child);
-  const std::int32_t status = child.reap();
-  return {status, collector.takeOutput()};
+  tell(&ScriptRunObserver::processEnded);
+  const platform::EndStatus status = child.reap();
+  ScriptEnd end{howOf(status)};
+  if (end.how != ScriptEnd::How::statusLost) end.code = status.code;
+  end.duration = Clock::now() - began;
+  collector.describe(end);
+  tell(&ScriptRunObserver::scriptEnded, end);
+  return {status.code, collector.takeOutput()};
 }
 
 }  // namespace
@@ -220,8 +257,11 @@ std::pair<std::optional<std::int32_t>, std::optional<std::string>> shell(
     guarded([&] {
       kLog.info(entryLine(launchPath, commandPath, arguments, executeInDirectory, timeoutIn));
     });
+    tell(&ScriptRunObserver::scriptStarts,
+         ScriptStart{launchPath, commandPath, executeInDirectory, std::chrono::seconds(timeoutIn)});
     if (!files::exists(launchPath)) {
       guarded([&] { kLog.info("Launch path not available: " + launchPath); });
+      tell(&ScriptRunObserver::scriptEnded, ScriptEnd{ScriptEnd::How::launchPathMissing});
       return {};
     }
     std::vector<std::string> childArguments{commandPath};

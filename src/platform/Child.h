@@ -44,13 +44,21 @@ struct Program {
   int output;                                 ///< descriptor for standard output and standard error
 };
 
+/// How a process has ended.
+struct EndStatus {
+  std::int32_t code;  ///< the exit code, or the number of the signal that ended it
+  bool isSignal = false;
+
+  bool operator==(const EndStatus&) const = default;
+};
+
 /// A started process, the leader of a process group of its own. It has the environment and the
 /// standard input of this process, `Program::output` as its other two descriptors, no further
 /// descriptor, an empty signal mask and default signal dispositions.
 class Child {
  public:
   /// The status of a child whose own was taken by somebody else in this process.
-  static constexpr std::int32_t kStatusLost = -1;
+  static constexpr EndStatus kStatusLost{-1};
 
   /// Starts `program`. When that fails, `error` says why and the result is no child.
   [[nodiscard]] static Child launch(const Program& program, std::error_code& error);
@@ -59,6 +67,8 @@ class Child {
   Child& operator=(Child&&) = delete;
   /// Waits for a child that has not been reaped.
   ~Child();
+
+  [[nodiscard]] int processID() const { return processID_; }
 
   /// A descriptor that becomes readable when the child has ended, or -1 where the system gives
   /// none; then `hasEnded` must be asked now and then.
@@ -71,9 +81,8 @@ class Child {
   /// another one; then SIGCONT to the same, so that what is stopped hears it.
   void terminateGroup() const noexcept;
 
-  /// Waits until the child has ended and gives its exit status, or the number of the signal that
-  /// ended it. Called once.
-  [[nodiscard]] std::int32_t reap() noexcept;
+  /// Waits until the child has ended and tells how. Called once; the process ID is free afterwards.
+  [[nodiscard]] EndStatus reap() noexcept;
 
  private:
   Child(int processID, FileDescriptor endDescriptor)

@@ -173,7 +173,7 @@ struct PidfdInfo {
 constexpr std::uint64_t kPidfdInfoExit = 1U << 3;
 constexpr unsigned long kPidfdGetInfo = _IOWR(0xFF, 11, PidfdInfo);
 
-std::optional<std::int32_t> statusFromPidfd(int pidfd) noexcept {
+std::optional<EndStatus> statusFromPidfd(int pidfd) noexcept {
   PidfdInfo info{};
   info.mask = kPidfdInfoExit;
   if (pidfd < 0 || ::ioctl(pidfd, kPidfdGetInfo, &info) != 0) return std::nullopt;
@@ -182,7 +182,7 @@ std::optional<std::int32_t> statusFromPidfd(int pidfd) noexcept {
 }
 
 /// Waits for the process; nothing when its status can't be had.
-std::optional<std::int32_t> waitForStatus(int processID) noexcept {
+std::optional<EndStatus> waitForStatus(int processID) noexcept {
   int status = 0;
   const auto waited = retryOnInterrupt([&] { return ::waitpid(processID, &status, 0); });
   if (waited != processID) return std::nullopt;
@@ -252,7 +252,7 @@ Child Child::launch(const Program& program, std::error_code& error) {
   return child;
 }
 
-std::int32_t Child::reap() noexcept {
+EndStatus Child::reap() noexcept {
   const int processID = std::exchange(processID_, 0);
   if (const auto status = waitForStatus(processID)) return *status;
   return statusFromPidfd(endDescriptor_.get()).value_or(kStatusLost);

@@ -101,7 +101,7 @@ FileDescriptor watchEnd(int processID) noexcept {
 }
 
 /// The status that the watch has seen, for a host that ignores SIGCHLD.
-std::optional<std::int32_t> statusFromWatch(int queue) noexcept {
+std::optional<EndStatus> statusFromWatch(int queue) noexcept {
   if (queue < 0) return std::nullopt;
   struct kevent event {};
   const timespec now{};
@@ -171,7 +171,7 @@ Child Child::launch(const Program& program, std::error_code& error) {
   return child;
 }
 
-std::int32_t Child::reap() noexcept {
+EndStatus Child::reap() noexcept {
   const int processID = std::exchange(processID_, 0);
   // Where the host ignores SIGCHLD, the watch alone keeps the status, and a wait that blocks may
   // last until the host's last child has ended. The watch tells the end before the process can be

@@ -48,8 +48,9 @@ std::vector<char*> argumentPointers(const Program& program) {
   return pointers;
 }
 
-std::int32_t statusFromWait(int status) noexcept {
-  return WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
+EndStatus statusFromWait(int status) noexcept {
+  if (WIFSIGNALED(status)) return {WTERMSIG(status), true};
+  return {WEXITSTATUS(status)};
 }
 
 Child::Child(Child&& other) noexcept

@@ -23,7 +23,7 @@ namespace VarnScriptRepository::platform {
 /// `argv` of the program, ended by a null pointer. Points into `program`.
 [[nodiscard]] std::vector<char*> argumentPointers(const Program& program);
 
-/// The exit status or the signal's number in a status as `waitpid` gives it.
-[[nodiscard]] std::int32_t statusFromWait(int status) noexcept;
+/// What a status says as `waitpid` gives it.
+[[nodiscard]] EndStatus statusFromWait(int status) noexcept;
 
 }  // namespace VarnScriptRepository::platform

@@ -148,9 +148,10 @@ class WaitingTest(CommandCase):
         self.assertEqual((result.status, result.output), (-signal.SIGINT, ""))
 
     def test_a_script_that_ignores_every_signal_is_left_by_the_second(self):
-        started, told = self.fifo("started"), self.fifo("told")
-        self.put(text=f"(trap 'echo got >{told}' TERM; sleep 100000 & echo $$ >{started}; wait) &\n"
-                      "trap '' INT TERM HUP\nwhile :; do sleep 1000; done\n")
+        ready, started, told = self.fifo("ready"), self.fifo("started"), self.fifo("told")
+        self.put(text=f"(trap 'echo got >{told}' TERM; sleep 100000 & echo >{ready}; wait) &\n"
+                      f"read line <{ready}\ntrap '' INT TERM HUP\necho $$ >{started}\n"
+                      "while :; do sleep 1000; done\n")
         process = self.start("run", "42")
         script = int(self.read_line_from(started))
         self.end_process_at_end(script)

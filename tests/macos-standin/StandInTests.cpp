@@ -44,7 +44,7 @@ TEST_F(MacOSChild, ThatHasStoppedHasNotEnded) {
 
   ASSERT_EQ(::kill(info.si_pid, SIGCONT), 0);
   EXPECT_TRUE(eventually([&] { return child.hasEnded(); }));
-  EXPECT_EQ(child.reap(), 4);
+  EXPECT_EQ(child.reap(), VarnScriptRepository::platform::EndStatus{4});
 }
 
 TEST_F(MacOSChild, WhoseWatchNeverTellsIsAskedFor) {
@@ -53,7 +53,7 @@ TEST_F(MacOSChild, WhoseWatchNeverTellsIsAskedFor) {
     platform::Child child = launch("exit 4");
     // A wait on that descriptor would be one for ever.
     ASSERT_EQ(child.endDescriptor(), -1);
-    EXPECT_EQ(child.reap(), 4);
+    EXPECT_EQ(child.reap(), VarnScriptRepository::platform::EndStatus{4});
   }
   EXPECT_EQ(runCommand("echo text; exit 4"), Result(4, "text\n"));
 }

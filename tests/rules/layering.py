@@ -26,6 +26,7 @@ LEVELS = [
     ("ScriptRepositoryUtil", 40),
     ("ScriptRepositoryRecords", 40),
     ("ObjectRuntimeRegistration", 40),
+    ("ScriptRunObserver", 15),
 ]
 SUPPORT, PLATFORM, INTERFACES = 20, 10, 0
 

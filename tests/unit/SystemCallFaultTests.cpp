@@ -318,7 +318,7 @@ TEST_F(SystemCallFaults, AChildIsWaitedForByWhoeverHasItLast) {
     first.reset();
     EXPECT_EQ(wait.met(), 0);
   }
-  EXPECT_EQ(last.reap(), 0);
+  EXPECT_EQ(last.reap(), platform::EndStatus{0});
 }
 
 TEST_F(SystemCallFaults, APipeThatDoesNotTellHasTheUsualCapacity) {
