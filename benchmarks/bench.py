@@ -27,7 +27,7 @@ import rows
 from contestants import Failure
 
 HERE = pathlib.Path(__file__).resolve().parent
-DOCUMENT = HERE.parent / "docs" / "performance.md"
+DOCUMENT = HERE.parent / "docs" / "maintaining" / "performance.md"
 BEGIN, END = "<!-- The bench writes from here on. -->", "<!-- To here. -->"
 
 PEER_PACKAGES = {
@@ -157,7 +157,8 @@ def arguments():
     parser.add_argument("--quick", action="store_true", help="fewer rounds and less work")
     names = [group.__name__ for group in rows.GROUPS + rows.GROWTH]
     parser.add_argument("--only", help=f"some of: {', '.join(names)}")
-    parser.add_argument("--write-docs", action="store_true", help=f"into docs/{DOCUMENT.name}")
+    document = DOCUMENT.relative_to(HERE.parent)
+    parser.add_argument("--write-docs", action="store_true", help=f"into {document}")
     options = parser.parse_args()
     options.build = options.build.resolve()
     options.names = options.only.split(",") if options.only else names

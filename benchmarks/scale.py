@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Measures what one static server carries: publishes repositories of several sizes, serves them
 with nginx on 127.0.0.1, polls them with the command and loads them with wrk, and prints the tables
-of docs/scale.md.
+of docs/maintaining/scale.md.
 
     benchmarks/scale.py --command build/release/bin/varn-scripts [--counts 100,10000,100000]
 

@@ -13,8 +13,8 @@
 namespace VarnScripts {
 namespace {
 
-/// The parser throws for want of memory from inside functions that may not throw, which terminates
-/// the process. For as long as this lives, that is an ordered end.
+/// Out of memory, the parser throws from inside functions that may not throw, which terminates the
+/// process. For as long as this lives, that is an ordered end.
 class OrderlyEnd {
  public:
   OrderlyEnd() : before_(std::set_terminate(&end)) {}

@@ -89,7 +89,7 @@ void takeTurns(const std::vector<ListedScript>& scripts, const Settings& setting
 }
 
 // Whether there is something at `path`, which a record leads to, and it is not below `directory`.
-// It is told of, and stays.
+// It is reported, and stays.
 bool staysElsewhere(const std::string& directory, const std::string& path,
                     const std::string& scriptID) {
   if (!AgentUtils::FileUtils().isFileExists(path) || !nameBelow(directory, path).empty()) {

@@ -134,7 +134,7 @@ int report(const CommandLine& line, const Settings& settings, const Outcome& out
   try {
     write(line, settings, outcome);
   } catch (const std::exception&) {
-    // Only for want of memory, and a script that has run has run.
+    // Only when out of memory, and a script that has run has run.
     writeOutOfMemory();
   }
   return exitStatusOf(outcome.result);

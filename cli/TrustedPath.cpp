@@ -60,7 +60,7 @@ class PathWalk {
  private:
   struct Step {
     std::string name;
-    std::string shown;  ///< how it is told
+    std::string shown;  ///< how it is reported
   };
 
   // The components of `path`, which begins at `directory`, come next.

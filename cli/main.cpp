@@ -125,7 +125,7 @@ int main(int argc, char** argv) {
     setSignalDispositions();
     return host({argv + (argc > 0 ? 1 : 0), argv + argc});
   } catch (const std::exception&) {
-    // Only a want of memory comes this far, so there may be none for a text either.
+    // Only being out of memory comes this far, so there may be none for a text either.
     VarnScripts::writeOutOfMemory();
     return VarnScripts::kExitNotRun;
   }

@@ -6,6 +6,6 @@ extern "C" [[gnu::visibility("default")]] const char* __lsan_default_suppression
 }
 
 extern "C" [[gnu::visibility("default")]] const char* __lsan_default_options() {
-  // What was passed over is otherwise told on standard error, which programs' tests compare.
+  // What was passed over is otherwise reported on standard error, which programs' tests compare.
   return "print_suppressions=0";
 }

@@ -1,5 +1,5 @@
-# What `cmake --install` puts where. Two components: "runtime" is the command with its library and
-# papers, "development" is what another project builds against.
+# What `cmake --install` puts where. Two components: "runtime" is the command with its library, manual
+# pages and examples, "development" is what another project builds against.
 
 include(CMakePackageConfigHelpers)
 
@@ -73,7 +73,7 @@ configure_file(${CMAKE_CURRENT_LIST_DIR}/VarnScriptRepository.pc.in
 install(FILES ${PROJECT_BINARY_DIR}/VarnScriptRepository.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
-# ---- The command and its papers -------------------------------------------------------------------
+# ---- The command, its manual pages and examples ---------------------------------------------------
 
 install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md
   DESTINATION ${documents} COMPONENT runtime)

@@ -58,14 +58,14 @@ class Publisher {
   }
 
  private:
-  // Reads and checks the source. False when it is refused, which has been told then.
+  // Reads and checks the source. False when it is refused, which has been reported then.
   bool look(Source& source) {
     Findings findings;
     source = readSource(
         {options_.sourceDirectory, options_.digest, options_.allowRemoval, largestScript_},
         findings);
     const bool refused = findings.refusals() > 0 || (options_.strict && findings.warnings() > 0);
-    // What was told at the first look is not told again.
+    // What was reported at the first look is not reported again.
     if (refused || !told_) tell(findings);
     told_ = true;
     warnings_ = findings.warnings();

@@ -45,8 +45,8 @@ Ready waitForOutputOrEnd(const FileDescriptor& readingEnd, const Child& child,
     if (!hasOutput && !child.hasEnded()) std::this_thread::sleep_for(kAskInterval);
     return {hasOutput, child.hasEnded()};
   }
-  // An interrupted wait is just over. A poll that fails for want of memory must not become a busy
-  // loop; reading and asking do without it.
+  // An interrupted wait is just over. A poll that fails out of memory must not become a busy loop;
+  // reading and asking do without it.
   if (errno != EINTR) std::this_thread::sleep_for(kAskInterval);
   return {true, child.hasEnded()};
 }

@@ -105,8 +105,8 @@ class Page(unittest.TestCase):
 
 
 def page_suite(page):
-    """A test case of the page: "how-to-use.md" is HowToUse."""
-    name = "".join(word.capitalize() for word in page.removesuffix(".md").split("-"))
+    """A test case of the page: "users/how-to-use.md" is UsersHowToUse."""
+    name = "".join(word.capitalize() for word in re.split("[/-]", page.removesuffix(".md")))
     return type(name, (Page,), {"page": page, "test": lambda self: self.follow()})
 
 
@@ -126,7 +126,7 @@ class Links(unittest.TestCase):
                     continue
                 path, _, anchor = target.partition("#")
                 with self.subTest(page=page, target=target):
-                    linked = pages.DOCS / path if path else pages.DOCS / page
+                    linked = (pages.DOCS / page).parent / path if path else pages.DOCS / page
                     self.assertTrue(linked.exists())
                     if anchor:
                         self.assertIn(anchor, self.anchors(linked))
@@ -147,9 +147,10 @@ class Index(unittest.TestCase):
                 self.assertIn(f"]({page})", index)
 
     def test_picture(self):
-        root = xml.etree.ElementTree.parse(pages.DOCS / "road-of-a-request.svg").getroot()
+        directory = pages.DOCS / "maintaining"
+        root = xml.etree.ElementTree.parse(directory / "road-of-a-request.svg").getroot()
         self.assertEqual(root.tag, "{http://www.w3.org/2000/svg}svg")
-        self.assertIn("(road-of-a-request.svg)", (pages.DOCS / "how-it-works.md").read_text())
+        self.assertIn("(road-of-a-request.svg)", (directory / "how-it-works.md").read_text())
 
 
 class Options(unittest.TestCase):

@@ -33,7 +33,8 @@ class Block:
 
 
 def pages():
-    return sorted(path.name for path in DOCS.glob("*.md"))
+    """The pages' paths below docs/."""
+    return sorted(str(path.relative_to(DOCS)) for path in DOCS.rglob("*.md"))
 
 
 def blocks(page):

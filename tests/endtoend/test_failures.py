@@ -18,7 +18,7 @@ class NotRunTest(CommandCase):
         self.web = self.serve()
 
     def assert_not_run(self, reason):
-        """The request for 42 is not run for this reason, told three ways."""
+        """The request for 42 is not run for this reason, reported three ways."""
         result = self.run_command("run", "42", "--json")
         self.assertEqual(result.status, 3)
         self.assertEqual(json.loads(result.output), {"script_id": "42", "status": "not_run",

@@ -179,7 +179,7 @@ class DocumentsTest(PromiseCase):
                                  f"{self.document_file('42.xml')} Cannot allocate memory")
                 self.assertRegex(messages[-1],
                                  "^Processing Script ID 42 .* status \\(nil, nil\\)$")
-        self.figure(f"{len(sizes)} documents larger than memory: each is told in every line")
+        self.figure(f"{len(sizes)} documents larger than memory: each is reported in every line")
 
 
 class StoreTest(PromiseCase):

@@ -41,7 +41,7 @@ class ClientCase(PublishCase):
                         raise AssertionError("the client does not run any more")
                     if self.failure:
                         return
-        except BaseException as failure:  # Told by the test's own thread.
+        except BaseException as failure:  # Reported by the test's own thread.
             self.failure = failure
 
     def run_once(self):

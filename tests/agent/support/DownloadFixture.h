@@ -29,7 +29,7 @@ class DownloadFixture : public testing::Test {
   }
 
   /// Downloads to a target that holds "old", and expects the failure to leave everything as it was
-  /// and to be told in one line with this cause.
+  /// and to be reported in one line with this cause.
   void expectFailure(const std::string& fromURL, const std::string& cause) {
     const std::string target = base / "target";
     writeFile(target, "old");
