@@ -22,7 +22,8 @@ TEST(DownloadText, AWrongTotalIsLeftOut) {
 }
 
 TEST(RunText, TellsSecondsAgainstTheLimit) {
-  EXPECT_EQ(runText(std::chrono::seconds(12), std::chrono::seconds(600)), "Script is running: 12 s of at most 600 s");
+  EXPECT_EQ(runText(std::chrono::seconds(12), std::chrono::seconds(600)),
+            "Script is running: 12 s of at most 600 s");
 }
 
 }  // namespace
