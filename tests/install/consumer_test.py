@@ -19,7 +19,7 @@ EMBED = ROOT / "examples/embed"
 CONSUMERS = pathlib.Path(__file__).resolve().parent / "consumers"
 HEADERS = ["AgentDirectories.h", "AgentLog.h", "AgentSettings.h", "AgentStore.h", "AgentUtils.h",
            "LogSettings.h", "MarkupParser.h", "ScriptRepositoryLocalMeta.h",
-           "ScriptRepositoryProcessor.h"]
+           "ScriptRepositoryProcessor.h", "ScriptRunObserver.h"]
 
 
 def execute(arguments, expected=0, **more):

@@ -38,6 +38,7 @@ DEVELOPMENT = [
     "usr/include/VarnScriptRepository/MarkupParser.h",
     "usr/include/VarnScriptRepository/ScriptRepositoryLocalMeta.h",
     "usr/include/VarnScriptRepository/ScriptRepositoryProcessor.h",
+    "usr/include/VarnScriptRepository/ScriptRunObserver.h",
     "usr/{lib}/cmake/VarnScriptRepository/FindObjectRuntime.cmake",
     "usr/{lib}/cmake/VarnScriptRepository/VarnScriptRepositoryConfig.cmake",
     "usr/{lib}/cmake/VarnScriptRepository/VarnScriptRepositoryConfigVersion.cmake",
