@@ -12,6 +12,7 @@
 
 #include "AgentSettings.h"
 #include "Contestant.h"
+#include "Directories.h"
 #include "ScriptRepositoryLocalMetaProcessor.h"
 #include "ScriptRepositoryMetaProcessor.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
@@ -72,15 +73,15 @@ class Scripts {
   }
 
   [[nodiscard]] static std::string scriptPath(const std::string& id) {
-    return ScriptRepositoryProcessor::scriptRepoScriptsDirectory() + "/" + id + ".sh";
+    return VarnScriptRepository::scriptRepoScriptsDirectory() + "/" + id + ".sh";
   }
   [[nodiscard]] static std::string documentPath(const std::string& id) {
-    return ScriptRepositoryProcessor::scriptRepoDataDirectory() + "/" + id + ".xml";
+    return VarnScriptRepository::scriptRepoDataDirectory() + "/" + id + ".xml";
   }
 
   void make(Database& database) const {
-    std::filesystem::create_directories(ScriptRepositoryProcessor::scriptRepoScriptsDirectory());
-    std::filesystem::create_directories(ScriptRepositoryProcessor::scriptRepoDataDirectory());
+    std::filesystem::create_directories(VarnScriptRepository::scriptRepoScriptsDirectory());
+    std::filesystem::create_directories(VarnScriptRepository::scriptRepoDataDirectory());
     database.execute("BEGIN");
     sqlite3_stmt* const insert =
         database.prepare("INSERT OR REPLACE INTO ScriptToMeta (key, value) VALUES (?, ?)");

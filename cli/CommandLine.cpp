@@ -4,22 +4,17 @@
 #include <algorithm>
 
 #include "PrintableText.h"
+#include "ScriptRules.h"
 
 namespace VarnScripts {
 namespace {
 
 constexpr int kUsageError = 2;
 
-// Splits at every comma; the pieces stay as they stand.
+// An empty list accepts nothing, while the server's empty list accepts the empty code.
 std::vector<std::string> splitCodes(const std::string& list) {
-  std::vector<std::string> codes;
-  if (list.empty()) return codes;
-  std::size_t start = 0;
-  for (std::size_t comma; (comma = list.find(',', start)) != std::string::npos; start = comma + 1) {
-    codes.push_back(list.substr(start, comma - start));
-  }
-  codes.push_back(list.substr(start));
-  return codes;
+  if (list.empty()) return {};
+  return VarnScriptRepository::codesIn(list);
 }
 
 // The parser takes "--name=" for a name whose value is the next argument, so an empty value is

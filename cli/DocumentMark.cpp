@@ -6,9 +6,9 @@
 
 #include <cerrno>
 
+#include "Directories.h"
 #include "RegularFile.h"
 #include "StandardStreams.h"
-#include "VarnScriptRepository/ScriptRepositoryProcessor.h"
 #include "platform/FileDescriptor.h"
 #include "publish/Digest.h"
 #include "publish/SyncFiles.h"
@@ -16,13 +16,12 @@
 namespace VarnScripts {
 namespace {
 
-using VarnScriptRepository::ScriptRepositoryProcessor;
 using VarnScriptRepository::platform::FileDescriptor;
 using VarnScriptRepository::platform::retryOnInterrupt;
 
 std::string customerDirectory() {
-  return ScriptRepositoryProcessor::basePath() + "/client-data/" +
-         ScriptRepositoryProcessor::customerID();
+  return VarnScriptRepository::customerDirectory(VarnScriptRepository::basePath(),
+                                                 VarnScriptRepository::customerID());
 }
 
 }  // namespace

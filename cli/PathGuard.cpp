@@ -8,6 +8,7 @@
 
 #include "AgentDirectories.h"
 #include "AgentLog.h"
+#include "Directories.h"
 #include "DocumentMark.h"
 #include "RequestLock.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
@@ -29,22 +30,21 @@ std::vector<UsedPath> pathsOfStore() {
 }
 
 std::vector<UsedPath> pathsOfRequests() {
-  const std::string lock = requestLockPath(ScriptRepositoryProcessor::basePath(),
-                                           ScriptRepositoryProcessor::customerID());
-  const std::string& documents = ScriptRepositoryProcessor::scriptRepoDataDirectory();
+  const std::string lock =
+      requestLockPath(VarnScriptRepository::basePath(), VarnScriptRepository::customerID());
+  const std::string& documents = VarnScriptRepository::scriptRepoDataDirectory();
   std::vector<UsedPath> paths = pathsOfStore();
   paths.insert(paths.end(),
                {{lock.substr(0, lock.rfind('/')), PathEnd::directory},
                 {lock, PathEnd::ownFile},
-                {ScriptRepositoryProcessor::scriptRepoScriptsDirectory(), PathEnd::directory},
+                {VarnScriptRepository::scriptRepoScriptsDirectory(), PathEnd::directory},
                 {documents, PathEnd::directory},
-                {documents + "/" + publishing::kListName, PathEnd::ownFile}});
+                {documents + "/" + VarnScriptRepository::kListName, PathEnd::ownFile}});
   return paths;
 }
 
 std::vector<UsedPath> pathsOfScript(const std::string& scriptID) {
-  return {{ScriptRepositoryProcessor::scriptRepoDataDirectory() + "/" + scriptID + ".xml",
-           PathEnd::ownFile},
+  return {{VarnScriptRepository::dataDocumentPath(scriptID), PathEnd::ownFile},
           {DocumentMark(scriptID).path(), PathEnd::ownFile}};
 }
 

@@ -13,6 +13,7 @@
 #include "AgentLog.h"
 #include "AgentModules.h"
 #include "AgentUtils.h"
+#include "Directories.h"
 #include "DocumentMark.h"
 #include "ExitStatus.h"
 #include "List.h"
@@ -39,8 +40,8 @@ using VarnScriptRepository::ScriptRepositoryProcessor;
 // As a request does; a failure shows in the download.
 void createDirectories() {
   const AgentUtils::FileUtils files;
-  for (const std::string& directory : {ScriptRepositoryProcessor::scriptRepoDataDirectory(),
-                                       ScriptRepositoryProcessor::scriptRepoScriptsDirectory()}) {
+  for (const std::string& directory : {VarnScriptRepository::scriptRepoDataDirectory(),
+                                       VarnScriptRepository::scriptRepoScriptsDirectory()}) {
     if (!files.isFileExists(directory)) files.createDirectory(directory, true);
   }
 }
@@ -78,7 +79,7 @@ void takeTurns(const std::vector<ListedScript>& scripts, const Settings& setting
   std::map<std::int64_t, std::string> files;
   for (const ListedScript& script : scripts) {
     scriptIDs.push_back(script.scriptID);
-    const std::string name = nameBelow(ScriptRepositoryProcessor::scriptRepoScriptsDirectory(),
+    const std::string name = nameBelow(VarnScriptRepository::scriptRepoScriptsDirectory(),
                                        script.scriptPath.value_or(""));
     if (!name.empty()) files.emplace(fileLockOffset(name), name);
   }
@@ -106,13 +107,13 @@ void keepWhatLiesElsewhere(const std::vector<ListedScript>& scripts) {
   AgentUtils::RootAccessKeyValueStorage storage(
       ScriptRepositoryConstants::FilePath::scriptRepository(),
       ScriptRepositoryConstants::TableNames::scriptToMeta);
-  const std::string& documents = ScriptRepositoryProcessor::scriptRepoDataDirectory();
+  const std::string& documents = VarnScriptRepository::scriptRepoDataDirectory();
   for (const ListedScript& script : scripts) {
     const std::string& id = script.scriptID;
     if (staysElsewhere(documents, documents + "/" + id + ".xml", id)) {
       storage.deleteValue(id);
     } else if (script.scriptPath &&
-               staysElsewhere(ScriptRepositoryProcessor::scriptRepoScriptsDirectory(),
+               staysElsewhere(VarnScriptRepository::scriptRepoScriptsDirectory(),
                               *script.scriptPath, id)) {
       const ScriptLocalData withoutPath(script.version, std::nullopt);
       storage.updateValue(&withoutPath, id);
@@ -182,7 +183,7 @@ int prune(const Settings& settings) {
   }
   const std::string problem = removeDropped(settings);
   // The list's download has looked after the other directory.
-  AgentUtils::removeLeftDownloads(ScriptRepositoryProcessor::scriptRepoScriptsDirectory());
+  AgentUtils::removeLeftDownloads(VarnScriptRepository::scriptRepoScriptsDirectory());
   progress.finish();
   if (problem.empty()) return kExitSuccess;
   writeErrorLine("varn-scripts: " + problem);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "AgentUtils.h"
+#include "Directories.h"
 #include "List.h"
 
 namespace VarnScripts {
@@ -13,11 +14,11 @@ namespace {
 // By the directory's last names: the base path may have been written in another way, or been
 // another one, when the row was made.
 bool isOfAnother(const std::string& scriptPath, const std::string& customer) {
-  const auto end = scriptPath.rfind("/scripts-repository/");
+  const auto end = scriptPath.rfind(VarnScriptRepository::scriptsDirectoryIn("") + "/");
   if (end == std::string::npos) return false;
   const std::string directory = scriptPath.substr(0, end);
-  return directory.find("/client-data/") != std::string::npos &&
-         !directory.ends_with("/client-data/" + customer);
+  return directory.find(VarnScriptRepository::customerDirectory("", "")) != std::string::npos &&
+         !directory.ends_with(VarnScriptRepository::customerDirectory("", customer));
 }
 
 }  // namespace

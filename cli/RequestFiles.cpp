@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "AgentDirectories.h"
+#include "Directories.h"
 #include "List.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
 
@@ -18,9 +19,7 @@ namespace {
 
 using VarnScriptRepository::ScriptRepositoryProcessor;
 
-const std::string& scriptsDirectory() {
-  return ScriptRepositoryProcessor::scriptRepoScriptsDirectory();
-}
+const std::string& scriptsDirectory() { return VarnScriptRepository::scriptRepoScriptsDirectory(); }
 
 // The directory with its links resolved and a slash; empty when there is none.
 std::string resolvedDirectory(const std::string& path) {
@@ -48,7 +47,7 @@ std::string nameBelow(const std::string& directory, const std::string& path) {
 
 RequestFiles::RequestFiles(const std::string& scriptID, RequestLock& lock)
     : scriptID_(scriptID),
-      documentPath_(ScriptRepositoryProcessor::scriptRepoDataDirectory() + "/" + scriptID + ".xml"),
+      documentPath_(VarnScriptRepository::dataDocumentPath(scriptID)),
       mark_(scriptID),
       lock_(lock) {}
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "AgentUtils.h"
+#include "Directories.h"
 #include "platform/FileDescriptor.h"
 #include "publish/Names.h"
 
@@ -62,7 +63,7 @@ std::int64_t fileLockOffset(std::string_view fileName) {
 }
 
 std::string requestLockPath(const std::string& basePath, const std::string& customer) {
-  return basePath + "/client-data/" + customer + "/varn-scripts.lock";
+  return VarnScriptRepository::customerDirectory(basePath, customer) + "/varn-scripts.lock";
 }
 
 RequestLock::~RequestLock() {

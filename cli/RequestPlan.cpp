@@ -4,13 +4,12 @@
 #include <utility>
 
 #include "AgentUtils.h"
+#include "Directories.h"
 #include "DocumentMark.h"
 #include "ScriptRepositoryMetaProcessor.h"
-#include "ScriptRepositoryProcessorRequest.h"
+#include "ScriptRules.h"
 #include "StoreCopy.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
-#include "publish/Documents.h"
-#include "publish/Names.h"
 #include "support/Files.h"
 
 namespace VarnScripts {
@@ -19,14 +18,11 @@ namespace {
 using AgentUtils::FileUtils;
 using AgentUtils::HttpHandlermac;
 using MarkupParser::XML;
-using publishing::canonicalText;
-using VarnScriptRepository::ChecksumValue;
 using VarnScriptRepository::ScriptItem;
 using VarnScriptRepository::ScriptLocalData;
 using VarnScriptRepository::ScriptRepo;
 using VarnScriptRepository::ScriptRepositoryConstants;
 using VarnScriptRepository::ScriptRepositoryMetaProcessor;
-using VarnScriptRepository::ScriptRepositoryProcessor;
 using VarnScriptRepository::ScriptRoot;
 using VarnScriptRepository::ScriptsRepoMetaRoot;
 using VarnScriptRepository::VyFile;
@@ -39,25 +35,6 @@ std::optional<Root> decodedFile(const std::string& path) {
   auto roots = XML::parse(std::move(document), std::nullopt, false).toStruct<Root>();
   if (!roots) return std::nullopt;
   return std::move(roots->front());
-}
-
-std::vector<std::string> piecesOf(const std::string& list) {
-  std::vector<std::string> pieces;
-  std::size_t start = 0;
-  for (std::size_t comma; (comma = list.find(',', start)) != list.npos; start = comma + 1) {
-    pieces.push_back(list.substr(start, comma - start));
-  }
-  pieces.push_back(list.substr(start));
-  return pieces;
-}
-
-const ChecksumValue* checksumOf(const VyFile& file, const ScriptItem& item) {
-  if (file.csToVyFiles.empty()) return nullptr;
-  const std::string id = canonicalText(file.csToVyFiles.front().checksumID);
-  for (const ChecksumValue& value : item.checksumValues) {
-    if (canonicalText(value.checksumID) == id) return &value;
-  }
-  return nullptr;
 }
 
 // Each step says true when the next one is to follow.
@@ -88,7 +65,7 @@ class PlanMaker {
 
   bool findEntry() {
     const std::string path =
-        "/" + publishing::repositoryDirectory(customer_) + "/" + publishing::kListName;
+        VarnScriptRepository::serverDirectory(customer_) + "/" + VarnScriptRepository::kListName;
     const std::string copy = temporary_.pathOf("list.xml");
     if (!HttpHandlermac::initWithServerInfo().downloadFileWithRootPermission(path, copy)) {
       return stop("the server's list can't be fetched");
@@ -117,17 +94,14 @@ class PlanMaker {
     return true;
   }
 
-  [[nodiscard]] std::string documentPath() const {
-    return ScriptRepositoryProcessor::scriptRepoDataDirectory() + "/" + plan_.scriptID + ".xml";
-  }
-
   void decideStep() {
     plan_.step = RequestPlan::Step::download;
     if (!plan_.localVersion) {
       plan_.reason = "no version is recorded";
-    } else if (canonicalText(*plan_.localVersion) != canonicalText(plan_.entry->modifiedTime)) {
+    } else if (!VarnScriptRepository::isSameVersion(plan_.localVersion,
+                                                    plan_.entry->modifiedTime)) {
       plan_.reason = "the versions differ";
-    } else if (!FileUtils().isFileExists(documentPath())) {
+    } else if (!FileUtils().isFileExists(VarnScriptRepository::dataDocumentPath(plan_.scriptID))) {
       plan_.reason = "the data document is missing";
     } else if (DocumentMark(plan_.scriptID).isThere()) {
       plan_.reason = "the data document's version is not recorded";
@@ -137,7 +111,7 @@ class PlanMaker {
   }
 
   bool takeDocument(ScriptItem& item) {
-    std::string path = documentPath();
+    std::string path = VarnScriptRepository::dataDocumentPath(plan_.scriptID);
     if (!upToDate()) {
       const auto& mapping = plan_.entry->scriptPathMapping;
       if (!mapping || mapping->empty()) return stop("the entry names no data document");
@@ -160,8 +134,7 @@ class PlanMaker {
       stop("the data document has no file of the entry's file ID");
       return;
     }
-    plan_.scriptFile =
-        ScriptRepositoryProcessor::scriptRepoScriptsDirectory() + "/" + file->fileName;
+    plan_.scriptFile = VarnScriptRepository::scriptFilePath(file->fileName);
     if (!checkScriptFile(item, *file)) return;
     if (const auto repo = item.getScriptRepo(plan_.scriptID)) {
       describeRun(*repo);
@@ -172,7 +145,7 @@ class PlanMaker {
 
   // Whether the script's file is there as it must be, or would be fetched.
   bool checkScriptFile(const ScriptItem& item, const VyFile& file) {
-    const ChecksumValue* const checksum = checksumOf(file, item);
+    const auto* const checksum = VarnScriptRepository::checksumOf(file, item.checksumValues);
     const bool verified = upToDate() && checksum != nullptr &&
                           AgentUtils::VyCryptography::validateCheckSumForFile(
                               *plan_.scriptFile, checksum->checksumType, checksum->checksumVal);
@@ -181,14 +154,14 @@ class PlanMaker {
       plan_.reason = FileUtils().isFileExists(*plan_.scriptFile) ? "the script file is not verified"
                                                                  : "the script file is missing";
     }
-    plan_.downloads.push_back(publishing::serverPathOf(file.fileSystemLocation));
+    plan_.downloads.push_back(VarnScriptRepository::serverPath(file.fileSystemLocation));
     return checksum != nullptr ? true : stop("the data document has no checksum for the file");
   }
 
   void describeRun(const ScriptRepo& repo) {
-    plan_.arguments = ScriptRepositoryProcessor::Request::splitWithQuotes(repo.scriptArgs);
-    plan_.acceptedCodes = piecesOf(repo.exitCode);
-    plan_.interpreter = ScriptRepositoryProcessor::Request::getLaunchPath(repo.scriptName);
+    plan_.arguments = VarnScriptRepository::splitWithQuotes(repo.scriptArgs);
+    plan_.acceptedCodes = VarnScriptRepository::codesIn(repo.exitCode);
+    plan_.interpreter = VarnScriptRepository::getLaunchPath(repo.scriptName);
     if (!plan_.interpreter) {
       stop("the extension of " + repo.scriptName + " has no interpreter");
     } else if (!FileUtils().isFileExists(*plan_.interpreter)) {

@@ -12,6 +12,7 @@
 
 #include "AgentDirectories.h"
 #include "AgentModules.h"
+#include "Directories.h"
 #include "ExitStatus.h"
 #include "JsonText.h"
 #include "PathGuard.h"
@@ -170,7 +171,7 @@ Outcome request(const CommandLine& line, const Settings& settings, const Request
     return {{}, guard.refusal().empty() ? requestLog.reason() : guard.refusal()};
   }
   try {
-    AgentUtils::removeLeftDownloads(ScriptRepositoryProcessor::scriptRepoScriptsDirectory());
+    AgentUtils::removeLeftDownloads(VarnScriptRepository::scriptRepoScriptsDirectory());
   } catch (const std::exception&) {
     // Without memory for it they are left to the next request, and what has run has run.
   }

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "Input.h"
-#include "ScriptRepositoryProcessorRequest.h"
+#include "ScriptRules.h"
 #include "support/Text.h"
 
 namespace {
@@ -54,6 +54,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   fuzz::Input input(data, size);
   const std::string text = input.remaining();
   FUZZ_REQUIRE(joined(charactersOf(text), 0, charactersOf(text).size()) == text);
-  FUZZ_REQUIRE(ScriptRepositoryProcessor::Request::splitWithQuotes(text) == plainSplit(text));
+  FUZZ_REQUIRE(splitWithQuotes(text) == plainSplit(text));
   return 0;
 }

@@ -5,7 +5,7 @@
 
 #include "InMemoryAgent.h"
 #include "Input.h"
-#include "ScriptRepositoryProcessorRequest.h"
+#include "ScriptRequest.h"
 
 namespace {
 
@@ -32,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   auto& agent = fuzz::InMemoryAgent::shared();
   agent.reset();
   agent.downloads = {"content"};
-  VarnScriptRepository::ScriptRepositoryProcessor::Request request("1");
+  VarnScriptRepository::ScriptRequest request("1");
   FUZZ_REQUIRE(request.downloadScript(location, "a.sh"));
   FUZZ_REQUIRE(agent.lastServerPath == plainServerPath(location));
   return 0;

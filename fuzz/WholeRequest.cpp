@@ -7,7 +7,7 @@
 #include "InMemoryAgent.h"
 #include "Input.h"
 #include "ScriptRepositoryMetaProcessor.h"
-#include "ScriptRepositoryProcessorRequest.h"
+#include "ScriptRequest.h"
 
 namespace {
 

@@ -7,10 +7,6 @@
 
 #include <string>
 
-// What is declared here is exported. A pragma, because clang does not carry the visibility of a
-// namespace over to a function that is defined in another file.
-#pragma GCC visibility push(default)
-
 namespace AgentLog {
 
 /// Writes one record at information level.
@@ -27,5 +23,3 @@ void logError(const std::string& message, const std::string& source, const std::
               int line);
 
 }  // namespace AgentLog
-
-#pragma GCC visibility pop

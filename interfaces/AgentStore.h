@@ -12,10 +12,6 @@
 #include <string>
 #include <type_traits>
 
-// What is declared here is exported. A pragma, because clang does not carry the visibility of a
-// namespace over to a function that is defined in another file.
-#pragma GCC visibility push(default)
-
 namespace AgentStore {
 
 /// Takes a record's fields, one call for each present field, in the record's own order.
@@ -98,5 +94,3 @@ class KeyValueStorage {
 };
 
 }  // namespace AgentStore
-
-#pragma GCC visibility pop

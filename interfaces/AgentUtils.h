@@ -11,10 +11,6 @@
 
 #include "AgentStore.h"
 
-// What is declared here is exported. A pragma, because clang does not carry the visibility of a
-// namespace over to a function that is defined in another file.
-#pragma GCC visibility push(default)
-
 namespace AgentUtils {
 
 /// The agent's global settings. All texts are UTF-8 and are used as they stand.
@@ -91,5 +87,3 @@ class RootAccessKeyValueStorage final : public AgentStore::KeyValueStorage {
 };
 
 }  // namespace AgentUtils
-
-#pragma GCC visibility pop

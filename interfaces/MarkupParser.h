@@ -13,10 +13,6 @@
 #include <string_view>
 #include <vector>
 
-// What is declared here is exported. A pragma, because clang does not carry the visibility of a
-// namespace over to a function that is defined in another file.
-#pragma GCC visibility push(default)
-
 namespace MarkupParser {
 
 struct RecordSchema;
@@ -119,5 +115,3 @@ class XML {
 };
 
 }  // namespace MarkupParser
-
-#pragma GCC visibility pop

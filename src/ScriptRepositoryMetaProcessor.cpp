@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "AgentUtils.h"
+#include "Directories.h"
 #include "MarkupParser.h"
 #include "support/Download.h"
 #include "support/Files.h"
@@ -38,11 +39,10 @@ ScriptRepositoryMetaProcessor& ScriptRepositoryMetaProcessor::shared() {
 }
 
 ScriptRepositoryMetaProcessor::ScriptRepositoryMetaProcessor()
-    : scriptsRepoMetaFilePath_(globalSettings().vyagentBasePath + "/client-data/" +
-                               globalSettings().vyCustomerID +
-                               "/scripts-repository-data/scripts-meta.xml"),
-      scriptRepoMetaDownloadURL_("/client-data/" + globalSettings().vyCustomerID +
-                                 "/scriptrepo/scripts-meta.xml"),
+    : scriptsRepoMetaFilePath_(dataDirectoryIn(customerDirectory(globalSettings().vyagentBasePath,
+                                                                 globalSettings().vyCustomerID)) +
+                               "/" + kListName),
+      scriptRepoMetaDownloadURL_(serverDirectory(globalSettings().vyCustomerID) + "/" + kListName),
       basePath_(globalSettings().vyagentBasePath),
       customerID_(globalSettings().vyCustomerID) {}
 

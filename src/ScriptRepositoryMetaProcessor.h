@@ -15,7 +15,7 @@
 namespace VarnScriptRepository {
 
 /// The server's list: where it lies, how it is fetched and loaded, and its entries.
-class [[gnu::visibility("default")]] ScriptRepositoryMetaProcessor {
+class ScriptRepositoryMetaProcessor {
   // The order of the virtual functions is part of the class's contract.
  public:
   /// The instance of this process, made on first use. Aborts the process when

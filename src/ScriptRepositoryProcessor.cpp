@@ -9,17 +9,18 @@
 #include <utility>
 
 #include "AgentUtils.h"
+#include "Directories.h"
 #include "MarkupParser.h"
 #include "ObjectRuntimeRegistration.h"
 #include "ScriptRepositoryLocalMetaProcessor.h"
 #include "ScriptRepositoryMetaProcessor.h"
-#include "ScriptRepositoryProcessorRequest.h"
 #include "ScriptRepositoryUtil.h"
+#include "ScriptRequest.h"
+#include "ScriptRules.h"
 #include "support/Download.h"
 #include "support/Files.h"
 #include "support/Guard.h"
 #include "support/RunEvents.h"
-#include "support/Settings.h"
 #include "support/Text.h"
 #include "support/UnitLog.h"
 
@@ -46,46 +47,21 @@ void createWhenMissing(const std::string& directory) {
 
 }  // namespace
 
-ScriptRepositoryProcessor::Request::Request(
-    const std::string& id, const std::optional<std::vector<std::string>>* overrideList)
+ScriptRequest::ScriptRequest(const std::string& id,
+                             const std::optional<std::vector<std::string>>* overrideList)
     : scriptID(id),
       overrideExpectedReturnCode(overrideList),
-      scriptDataFilePath(scriptRepoDataDirectory() + "/" + scriptID + ".xml") {
+      scriptDataFilePath(dataDocumentPath(scriptID)) {
   createWhenMissing(scriptRepoDataDirectory());
   createWhenMissing(scriptRepoScriptsDirectory());
 }
 
 ScriptRepositoryProcessor::ScriptRepositoryProcessor(const std::string& scriptID)
-    : request(guarded(std::unique_ptr<Request>{}, [&] {
-        return std::make_unique<Request>(scriptID, &overrideExpectedReturnCode);
+    : request(guarded(std::unique_ptr<ScriptRequest>{}, [&] {
+        return std::make_unique<ScriptRequest>(scriptID, &overrideExpectedReturnCode);
       })) {}
 
 ScriptRepositoryProcessor::~ScriptRepositoryProcessor() = default;
-
-// The directory texts are never destroyed: other threads may use them while the process ends. They
-// are plain concatenations; a base path that ends in a slash shows as a double slash.
-
-const std::string& ScriptRepositoryProcessor::basePath() {
-  static const std::string& path = *new std::string(globalSettings().vyagentBasePath);
-  return path;
-}
-
-const std::string& ScriptRepositoryProcessor::customerID() {
-  static const std::string& id = *new std::string(globalSettings().vyCustomerID);
-  return id;
-}
-
-const std::string& ScriptRepositoryProcessor::scriptRepoDataDirectory() {
-  static const std::string& path =
-      *new std::string(basePath() + "/client-data/" + customerID() + "/scripts-repository-data");
-  return path;
-}
-
-const std::string& ScriptRepositoryProcessor::scriptRepoScriptsDirectory() {
-  static const std::string& path =
-      *new std::string(basePath() + "/client-data/" + customerID() + "/scripts-repository");
-  return path;
-}
 
 // ---- Flow ------------------------------------------------------------------------------------
 
@@ -121,7 +97,7 @@ std::string statusLine(std::string_view beginning, const ProcessingResult& resul
 
 }  // namespace
 
-ProcessingResult ScriptRepositoryProcessor::Request::processScript() {
+ProcessingResult ScriptRequest::processScript() {
   const UnitLog log{kUnit, "processScript()"};
   const auto server = serverEntry(scriptID);
   if (!server) {
@@ -136,8 +112,8 @@ ProcessingResult ScriptRepositoryProcessor::Request::processScript() {
                                server->modifiedTime + " Local Version " +
                                localVersion.value_or("--");
   // The script file itself is not looked at here: the checksum test does that.
-  const bool upToDate = localVersion && text::equal(*localVersion, server->modifiedTime) &&
-                        files::exists(scriptDataFilePath);
+  const bool upToDate =
+      isSameVersion(localVersion, server->modifiedTime) && files::exists(scriptDataFilePath);
   // A path on which memory runs out has failed, and its status line comes as ever.
   auto result = guarded(ProcessingResult{}, [&] {
     if (upToDate) {
@@ -154,7 +130,7 @@ ProcessingResult ScriptRepositoryProcessor::Request::processScript() {
 
 // ---- Two paths -------------------------------------------------------------------------------
 
-ProcessingResult ScriptRepositoryProcessor::Request::downloadAndExecuteScript(
+ProcessingResult ScriptRequest::downloadAndExecuteScript(
     const ScriptRepositoryMeta& serverScriptRepoMeta) {
   const UnitLog log{kUnit, "downloadAndExecuteScript(serverScriptRepoMeta:)"};
   const auto& mapping = serverScriptRepoMeta.scriptPathMapping;
@@ -201,7 +177,7 @@ ProcessingResult ScriptRepositoryProcessor::Request::downloadAndExecuteScript(
   return executeScript(*repo);
 }
 
-ProcessingResult ScriptRepositoryProcessor::Request::executeScriptWithoutDownload(
+ProcessingResult ScriptRequest::executeScriptWithoutDownload(
     const ScriptRepositoryMeta& serverScriptRepoMeta) {
   const UnitLog log{kUnit, "executeScriptWithoutDownload(serverScriptRepoMeta:)"};
   const auto item = getScriptItemData();
@@ -212,7 +188,7 @@ ProcessingResult ScriptRepositoryProcessor::Request::executeScriptWithoutDownloa
     tellFailure(RequestStep::fileLookUp, serverScriptRepoMeta.fileID);
     return {};
   }
-  scriptFilePath = scriptRepoScriptsDirectory() + "/" + file->fileName;
+  scriptFilePath = VarnScriptRepository::scriptFilePath(file->fileName);
   if (!isValidChecksumForFile(*file, item->checksumValues)) {
     log.info("Not able to compute checksum processing, redownloading script");
     if (!downloadScript(file->fileSystemLocation, file->fileName)) return {};
@@ -232,7 +208,7 @@ ProcessingResult ScriptRepositoryProcessor::Request::executeScriptWithoutDownloa
 
 // ---- Files of one script ---------------------------------------------------------------------
 
-std::optional<ScriptItem> ScriptRepositoryProcessor::Request::getScriptItemData() const {
+std::optional<ScriptItem> ScriptRequest::getScriptItemData() const {
   const UnitLog log{kUnit, "getScriptItemData()"};
   std::error_code error;
   std::string bytes = files::readWhole(scriptDataFilePath, error);
@@ -260,20 +236,9 @@ std::optional<ScriptItem> ScriptRepositoryProcessor::Request::getScriptItemData(
   return std::move(items.front());
 }
 
-namespace {
-
-/// The server path of a file, from the server's own notation of its location.
-std::string serverPath(const std::string& fileSystemLocation) {
-  const std::string relative =
-      text::replacingAll(fileSystemLocation, "..\\webapps\\Quillandermoor\\", "");
-  return text::replacingAll(relative, "\\", "/");
-}
-
-}  // namespace
-
-bool ScriptRepositoryProcessor::Request::downloadScript(const std::string& fileSystemLocation,
-                                                        const std::string& fileName) {
-  const std::string localPath = scriptRepoScriptsDirectory() + "/" + fileName;
+bool ScriptRequest::downloadScript(const std::string& fileSystemLocation,
+                                   const std::string& fileName) {
+  const std::string localPath = VarnScriptRepository::scriptFilePath(fileName);
   // Set whatever becomes of the download: a partial or stale file fails the checksum test.
   scriptFilePath = localPath;
   const std::string location = serverPath(fileSystemLocation);
@@ -285,7 +250,7 @@ bool ScriptRepositoryProcessor::Request::downloadScript(const std::string& fileS
   return true;
 }
 
-bool ScriptRepositoryProcessor::Request::isValidChecksumForFile(
+bool ScriptRequest::isValidChecksumForFile(
     const VyFile& withFileData, const std::vector<ChecksumValue>& allChecksumData) const {
   const UnitLog log{kUnit, "isValidChecksumForFile(withFileData:allChecksumData:)"};
   if (withFileData.csToVyFiles.empty()) {
@@ -293,11 +258,7 @@ bool ScriptRepositoryProcessor::Request::isValidChecksumForFile(
     tellFailure(RequestStep::checksumLookUp, scriptFilePath.value_or(""));
     return false;
   }
-  const std::string& checksumID = withFileData.csToVyFiles.front().checksumID;
-  const ChecksumValue* checksum = nullptr;
-  for (const ChecksumValue& candidate : allChecksumData) {
-    if (checksum == nullptr && text::equal(candidate.checksumID, checksumID)) checksum = &candidate;
-  }
+  const ChecksumValue* const checksum = checksumOf(withFileData, allChecksumData);
   if (checksum == nullptr) {
     log.info("Unable to get checksum data");
     tellFailure(RequestStep::checksumLookUp, scriptFilePath.value_or(""));
@@ -329,8 +290,7 @@ bool contains(const std::vector<std::string>& codes, const std::string& code) {
 
 }  // namespace
 
-ProcessingResult ScriptRepositoryProcessor::Request::executeScript(
-    const ScriptRepo& scriptData) const {
+ProcessingResult ScriptRequest::executeScript(const ScriptRepo& scriptData) const {
   const UnitLog log{kUnit, "executeScript(scriptData:)"};
   if (!scriptFilePath) {
     log.info("Unable to get script file path");
@@ -343,7 +303,7 @@ ProcessingResult ScriptRepositoryProcessor::Request::executeScript(
     return {};
   }
   const std::vector<std::string> arguments = splitWithQuotes(scriptData.scriptArgs);
-  const std::vector<std::string> expectedCodes = text::pieces(scriptData.exitCode, ',');
+  const std::vector<std::string> expectedCodes = codesIn(scriptData.exitCode);
   log.info("Script Name: " + scriptData.scriptName + " Args: " + scriptData.scriptArgs +
            " Expected Exit Code: " + scriptData.exitCode);
   auto [status, output] =
@@ -361,73 +321,15 @@ ProcessingResult ScriptRepositoryProcessor::Request::executeScript(
   // A list set by the caller decides alone, even an empty one.
   const auto* const overrideList = overrideExpectedReturnCode;
   const bool overridden = overrideList != nullptr && overrideList->has_value();
-  const auto& acceptedCodes = overridden ? **overrideList : expectedCodes;
-  if (contains(acceptedCodes, code)) return {true, std::move(output)};
+  const auto& codes = overridden ? **overrideList : expectedCodes;
+  if (contains(codes, code)) return {true, std::move(output)};
   guarded([&] {
     // Log searches match these lines exactly; the spelling of the first one stays.
     log.info((overridden ? "Script Return Code did not match expected overriden exit code: "
                          : "Script Return Code did not match expected exit code: ") +
-             text::listText(acceptedCodes));
+             text::listText(codes));
   });
   return {false, std::move(output)};
-}
-
-std::optional<std::string> ScriptRepositoryProcessor::Request::getLaunchPath(
-    const std::string& fileName) {
-  struct Interpreter {
-    std::string_view extension;
-    const char* launchPath;
-  };
-  static constexpr Interpreter interpreters[] = {
-      {"py", "/usr/bin/python3"},
-      {"sh", "/bin/sh"},
-      {"pl", "/usr/bin/perl"},
-      {"scpt", "/usr/bin/osascript"},
-  };
-  const std::string_view extension = text::trimmed(text::pathExtension(fileName));
-  for (const Interpreter& interpreter : interpreters) {
-    if (extension == interpreter.extension) return interpreter.launchPath;
-  }
-  return std::nullopt;
-}
-
-std::vector<std::string> ScriptRepositoryProcessor::Request::splitWithQuotes(
-    const std::string& text) {
-  enum class State { betweenTokens, plainToken, quotedToken };
-  State state = State::betweenTokens;
-  std::vector<std::string> tokens;
-  std::string token;
-  const auto endToken = [&] {
-    tokens.push_back(std::exchange(token, {}));
-    state = State::betweenTokens;
-  };
-  text::Characters characters(text);
-  while (const auto character = characters.next()) {
-    const bool quote = *character == "\"";
-    switch (state) {
-      case State::betweenTokens:
-        if (text::isWhitespace(*character)) break;
-        state = quote ? State::quotedToken : State::plainToken;
-        if (!quote) token = *character;
-        break;
-      case State::plainToken:
-        // A quote inside a plain token is a character like any other.
-        if (text::isWhitespace(*character))
-          endToken();
-        else
-          token += *character;
-        break;
-      case State::quotedToken:
-        if (quote)
-          endToken();
-        else
-          token += *character;
-        break;
-    }
-  }
-  // A quote that is never closed gives what follows it, even when nothing does.
-  if (state != State::betweenTokens) endToken();
-  return tokens;
 }
 
 // ---- Removal ---------------------------------------------------------------------------------
@@ -478,12 +380,12 @@ void ScriptRepositoryProcessor::removeServerRemovedScripts() {
     log.info("Script Repository Processing: Removing " + text::listText(dropped) + " Scripts");
     for (const std::string& id : dropped) {
       // What happens to one script stops none of the others.
-      guarded([&] { Request(id).removeScriptData(); });
+      guarded([&] { ScriptRequest(id).removeScriptData(); });
     }
   });
 }
 
-void ScriptRepositoryProcessor::Request::removeScriptData() const {
+void ScriptRequest::removeScriptData() const {
   const UnitLog log{kUnit, "removeScriptData()"};
   auto& localMeta = ScriptRepositoryLocalMetaProcessor::shared();
   guarded([&] {

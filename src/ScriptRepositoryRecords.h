@@ -87,7 +87,7 @@ struct ScriptsRepoMetaRoot {
   static constexpr auto fields() {
     return std::tuple{field("scripts-meta", &ScriptsRepoMetaRoot::scriptsMeta)};
   }
-  [[gnu::visibility("default")]] static const MarkupParser::RecordSchema& schema();
+  static const MarkupParser::RecordSchema& schema();
   bool operator==(const ScriptsRepoMetaRoot&) const = default;
 };
 
@@ -203,12 +203,10 @@ struct ScriptItem {
   static const MarkupParser::RecordSchema& schema();
 
   /// The first file whose ID equals `fileID` as text, or nothing.
-  [[nodiscard, gnu::visibility("default")]] std::optional<VyFile> getFileData(
-      const std::string& fileID) const;
+  [[nodiscard]] std::optional<VyFile> getFileData(const std::string& fileID) const;
 
   /// The first definition whose script ID equals `scriptID` as text, or nothing.
-  [[nodiscard, gnu::visibility("default")]] std::optional<ScriptRepo> getScriptRepo(
-      const std::string& scriptID) const;
+  [[nodiscard]] std::optional<ScriptRepo> getScriptRepo(const std::string& scriptID) const;
 
   bool operator==(const ScriptItem&) const = default;
 };
@@ -218,7 +216,7 @@ struct ScriptRoot {
   std::vector<ScriptItem> script;  ///< the top element
 
   static constexpr auto fields() { return std::tuple{field("script", &ScriptRoot::script)}; }
-  [[gnu::visibility("default")]] static const MarkupParser::RecordSchema& schema();
+  static const MarkupParser::RecordSchema& schema();
   bool operator==(const ScriptRoot&) const = default;
 };
 

@@ -9,10 +9,7 @@
 #include <string>
 
 #include "AgentUtils.h"
-
-// What is declared here is exported. A pragma, because clang does not carry the visibility of a
-// namespace over to a function that is defined in another file.
-#pragma GCC visibility push(default)
+#include "VarnExport.h"
 
 namespace AgentUtils {
 
@@ -51,17 +48,15 @@ struct AgentSettings {
 };
 
 /// Takes over `settings` and sets `gv_globvars` from them.
-void configure(AgentSettings settings);
+VARN_EXPORT void configure(AgentSettings settings);
 
 /// The settings taken over last; all empty before.
-[[nodiscard]] const AgentSettings& settings();
+[[nodiscard]] VARN_EXPORT const AgentSettings& settings();
 
 /// Starts the libraries behind downloads over HTTP and HTTPS, which otherwise start with the first
 /// one: what they take from the environment (OPENSSL_CONF, SSLKEYLOGFILE) they take here. Writes a
 /// warning to the log when the server is a plain http:// one on another computer. Called once,
 /// after `configure`, by a host that cares about either.
-void prepareDownloads();
+VARN_EXPORT void prepareDownloads();
 
 }  // namespace AgentUtils
-
-#pragma GCC visibility pop

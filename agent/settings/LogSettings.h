@@ -10,10 +10,7 @@
 #include <string_view>
 
 #include "AgentLog.h"
-
-// What is declared here is exported. A pragma, because clang does not carry the visibility of a
-// namespace over to a function that is defined in another file.
-#pragma GCC visibility push(default)
+#include "VarnExport.h"
 
 namespace AgentLog {
 
@@ -47,8 +44,6 @@ struct LogSettings {
 };
 
 /// Takes over `settings`. Throws `std::runtime_error` when the log file can't be opened.
-void configure(LogSettings settings);
+VARN_EXPORT void configure(LogSettings settings);
 
 }  // namespace AgentLog
-
-#pragma GCC visibility pop

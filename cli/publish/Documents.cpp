@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "Directories.h"
+#include "ScriptRules.h"
 #include "publish/Digest.h"
 
 namespace VarnScripts::publishing {
@@ -9,15 +11,16 @@ namespace {
 
 using VarnScriptRepository::ChecksumValue;
 using VarnScriptRepository::CSToVyFile;
+using VarnScriptRepository::fileSystemLocation;
+using VarnScriptRepository::interpreterFor;
+using VarnScriptRepository::interpreters;
 using VarnScriptRepository::ScriptItem;
 using VarnScriptRepository::ScriptRepo;
 using VarnScriptRepository::ScriptRepoPath;
 using VarnScriptRepository::ScriptRepositoryMeta;
 using VarnScriptRepository::ScriptRoot;
+using VarnScriptRepository::serverPath;
 using VarnScriptRepository::VyFile;
-
-// The server's own notation; clients take this beginning off.
-constexpr std::string_view kLocationPrefix = "..\\webapps\\Quillandermoor\\";
 
 // A required time of which nothing is known. A real one would change with every publishing.
 constexpr const char* kNoTime = "0";
@@ -30,21 +33,8 @@ constexpr std::size_t kStampLength = 32;
 
 bool isHexDigit(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); }
 
-std::string inSlashes(std::string_view location, char from, char to) {
-  std::string result(location);
-  std::replace(result.begin(), result.end(), from, to);
-  return result;
-}
-
 // A text with its length before it, so that no two lists of texts look the same when joined.
 std::string framed(const std::string& text) { return std::to_string(text.size()) + ":" + text; }
-
-std::string contentType(const std::string& extension) {
-  if (extension == "py") return "text/x-python";
-  if (extension == "pl") return "text/x-perl";
-  if (extension == "scpt") return "application/x-applescript";
-  return "text/x-shellscript";
-}
 
 ScriptRepo definitionOf(const SourceScript& script, const std::string& customer) {
   ScriptRepo repo;
@@ -66,12 +56,12 @@ ScriptRepo definitionOf(const SourceScript& script, const std::string& customer)
 
 VyFile fileOf(const SourceScript& script, const std::string& customer, const std::string& path) {
   VyFile file;
-  file.contentType = contentType(script.extension);
+  file.contentType = interpreterFor("." + script.extension)->mediaType;
   file.fileID = script.entry.id.value;
   file.moduleName = "script-repository";
   file.customerID = customer;
   file.contentLength = std::to_string(script.size);
-  file.fileSystemLocation = std::string(kLocationPrefix) + inSlashes(path, '/', '\\');
+  file.fileSystemLocation = fileSystemLocation(path);
   file.fileName = script.entry.file.value;
   file.expiryTime = kNoTime;
   file.fileStatus = "available";
@@ -82,7 +72,7 @@ VyFile fileOf(const SourceScript& script, const std::string& customer, const std
 }  // namespace
 
 std::string repositoryDirectory(const std::string& customer) {
-  return "client-data/" + customer + "/scriptrepo";
+  return VarnScriptRepository::serverDirectory(customer).substr(1);
 }
 
 bool isContentName(std::string_view name) {
@@ -94,7 +84,9 @@ bool isContentName(std::string_view name) {
   if (!std::all_of(digest.begin(), digest.end(), isHexDigit)) return false;
   const std::string_view rest = name.substr(kDigestLength);
   if (document) return rest == ".xml";
-  return rest == ".py" || rest == ".sh" || rest == ".pl" || rest == ".scpt";
+  return std::ranges::any_of(interpreters(), [rest](const auto& interpreter) {
+    return rest.starts_with('.') && rest.substr(1) == interpreter.extension;
+  });
 }
 
 std::string scriptFileName(const SourceScript& script) {
@@ -105,18 +97,8 @@ std::string documentName(std::string_view document) {
   return "data/" + hexDigest("sha256", document) + ".xml";
 }
 
-std::string serverPathOf(std::string_view location) {
-  // Wherever the beginning stands, and however often.
-  std::string path(location);
-  std::size_t found = 0;
-  while ((found = path.find(kLocationPrefix, found)) != path.npos) {
-    path.erase(found, kLocationPrefix.size());
-  }
-  return inSlashes(path, '\\', '/');
-}
-
 std::optional<std::string> contentNameIn(std::string_view location, std::string_view directory) {
-  std::string path = serverPathOf(location);
+  std::string path = serverPath(std::string(location));
   if (path.starts_with('/')) path.erase(0, 1);
   const std::string beginning = std::string(directory) + "/";
   if (!path.starts_with(beginning)) return std::nullopt;

@@ -16,9 +16,6 @@
 
 namespace VarnScripts::publishing {
 
-/// The list's name in the repository's directory.
-inline constexpr const char* kListName = "scripts-meta.xml";
-
 /// The repository's directory below the server's root: "client-data/7/scriptrepo".
 [[nodiscard]] std::string repositoryDirectory(const std::string& customer);
 
@@ -30,9 +27,6 @@ inline constexpr const char* kListName = "scripts-meta.xml";
 
 /// The name of a data document: "data/DIGEST.xml".
 [[nodiscard]] std::string documentName(std::string_view document);
-
-/// The server path that a file's location stands for, as clients rewrite it.
-[[nodiscard]] std::string serverPathOf(std::string_view location);
 
 /// The content name in a server path or a location of a repository in `directory`, or nothing when
 /// it lies elsewhere.

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "Directories.h"
 #include "ExitStatus.h"
 #include "ScriptRepositoryRecords.h"
 #include "StandardStreams.h"
@@ -106,14 +107,14 @@ class Publisher {
 
   int write(const Source& source) {
     std::error_code error;
-    const std::string oldList = files_.read(kListName, error);
+    const std::string oldList = files_.read(VarnScriptRepository::kListName, error);
     if (error) return reportFailure(error);
     PublishedState current;
     const auto trouble = addContent(source, current);
     if (trouble) return *trouble;
 
     const std::string document = XML::document(current.list);
-    if (!decodesTo(document, current.list)) return reportRoundTrip(kListName);
+    if (!decodesTo(document, current.list)) return reportRoundTrip(VarnScriptRepository::kListName);
     const History history = historyAfter(oldList, current);
     const std::string newList = document + historyComment(history);
 
@@ -132,11 +133,11 @@ class Publisher {
   }
 
   void replaceList(const std::string& document, std::error_code& error) {
-    files_.add(kListName, document, error);
+    files_.add(VarnScriptRepository::kListName, document, error);
     if (error || files_.pending() == 0) return;
     // Servers send a compressed copy that lies beside a file without comparing the two. It goes
     // first: an interruption must not leave the old list's copy beside the new list.
-    files_.removeCompressedCopies(kListName, error);
+    files_.removeCompressedCopies(VarnScriptRepository::kListName, error);
     if (!error) files_.commit(error);
   }
 

@@ -5,16 +5,16 @@
 #include <vector>
 
 #include "AgentDirectories.h"
-#include "ScriptRepositoryProcessorRequest.h"
+#include "ScriptRules.h"
 #include "publish/ModuleNames.h"
 #include "publish/Names.h"
 
 namespace VarnScripts::publishing {
 namespace {
 
-using Request = VarnScriptRepository::ScriptRepositoryProcessor::Request;
-
-constexpr std::string_view kExtensions[] = {"py", "sh", "pl", "scpt"};
+using VarnScriptRepository::codesIn;
+using VarnScriptRepository::interpreterFor;
+using VarnScriptRepository::splitWithQuotes;
 
 constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
 // What a compiled AppleScript begins with; it is no text.
@@ -47,15 +47,6 @@ std::optional<std::string> complaintAboutCode(std::string_view code) {
   return std::nullopt;
 }
 
-std::vector<std::string_view> piecesOf(std::string_view list) {
-  std::vector<std::string_view> pieces;
-  for (std::size_t comma; (comma = list.find(',')) != list.npos; list.remove_prefix(comma + 1)) {
-    pieces.push_back(list.substr(0, comma));
-  }
-  pieces.push_back(list);
-  return pieces;
-}
-
 // Refuses what computers take for a file that is still arriving, or was left by a download that was
 // killed, and then remove.
 bool refuseAsDownload(const std::string& what, const ManifestText& name,
@@ -72,14 +63,9 @@ bool refuseAsDownload(const std::string& what, const ManifestText& name,
 }  // namespace
 
 std::optional<std::string> interpreterExtension(const std::string& fileName) {
-  const auto interpreter = Request::getLaunchPath(fileName);
-  if (!interpreter) return std::nullopt;
-  for (const std::string_view extension : kExtensions) {
-    if (Request::getLaunchPath("script." + std::string(extension)) == interpreter) {
-      return std::string(extension);
-    }
-  }
-  return std::nullopt;
+  const auto* const interpreter = interpreterFor(fileName);
+  if (interpreter == nullptr) return std::nullopt;
+  return std::string(interpreter->extension);
 }
 
 bool checkID(const ManifestText& id, const std::string& manifest, Findings& findings) {
@@ -159,7 +145,7 @@ void checkTexts(const ManifestScript& script, const std::string& manifest, Findi
 
 void checkAcceptedCodes(const ManifestText& codes, const std::string& manifest,
                         Findings& findings) {
-  for (const std::string_view code : piecesOf(codes.value)) {
+  for (const std::string& code : codesIn(codes.value)) {
     const auto complaint = complaintAboutCode(code);
     if (!complaint) continue;
     findings.warn({manifest, codes.line},
@@ -171,8 +157,8 @@ void checkAcceptedCodes(const ManifestText& codes, const std::string& manifest,
 void checkArguments(const ManifestText& arguments, const std::string& manifest,
                     Findings& findings) {
   // After a line break one more word is one more argument, but not inside quotation marks.
-  const bool open = Request::splitWithQuotes(arguments.value + "\nword").size() ==
-                    Request::splitWithQuotes(arguments.value).size();
+  const bool open =
+      splitWithQuotes(arguments.value + "\nword").size() == splitWithQuotes(arguments.value).size();
   if (!open) return;
   findings.warn({manifest, arguments.line},
                 "the arguments open a quotation mark that is never closed",

@@ -9,15 +9,16 @@
 #include <string>
 
 #include "AgentStore.h"
+#include "VarnExport.h"
 
 namespace VarnScriptRepository {
 
 /// Constants that locate the table. A namespace; it has no instances.
-struct [[gnu::visibility("default")]] ScriptRepositoryConstants {
+struct VARN_EXPORT ScriptRepositoryConstants {
   ScriptRepositoryConstants() = delete;
 
   /// Where the store lies. A namespace, too.
-  struct [[gnu::visibility("default")]] FilePath {
+  struct VARN_EXPORT FilePath {
     FilePath() = delete;
     /// The store's path: the agent's data directory followed by
     /// "/Configuration-Framework/ScriptRepository". Computed on first use, then fixed for the life
@@ -38,7 +39,7 @@ struct [[gnu::visibility("default")]] ScriptRepositoryConstants {
 /// so that a fetched record is changed in place and written back.
 ///
 /// Conforms to `AgentStore::SQLiteValue`.
-class [[gnu::visibility("default")]] ScriptLocalData {
+class VARN_EXPORT ScriptLocalData {
   // The order of the virtual functions is part of the class's contract with its subclasses.
  public:
   /// The version stamp of the script on disk, as the server gave it; absent when no verified
@@ -55,7 +56,7 @@ class [[gnu::visibility("default")]] ScriptLocalData {
   ScriptLocalData(std::optional<std::string> version, std::optional<std::string> scriptPath);
 
   /// Writes the present fields under "version" and "scriptPath", in this order.
-  virtual void encode(AgentStore::KeyedEncoder & to) const;
+  virtual void encode(AgentStore::KeyedEncoder& to) const;
 
   /// Reads the fields that are present and leaves the others absent. Throws what `from` throws for
   /// an element that is not a text.

@@ -5,8 +5,7 @@
 //     const auto [accepted, output] = processor.processScript();
 //
 // The agent sets `AgentUtils::gv_globvars` before the first use. Everything runs on the caller's
-// thread. The log tells why a script was not run. Nothing here throws, but the first use of a
-// directory's text when there is no memory for it.
+// thread. The log tells why a script was not run. Nothing here throws.
 
 #pragma once
 
@@ -15,6 +14,8 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "VarnExport.h"
 
 namespace VarnScriptRepository {
 
@@ -25,13 +26,15 @@ namespace VarnScriptRepository {
 /// output and standard error together, UTF-8.
 using ProcessingResult = std::pair<std::optional<bool>, std::optional<std::string>>;
 
+struct ScriptRequest;
+
 /// One request for one script ID: construct, perhaps set `overrideExpectedReturnCode`, call
 /// `processScript()` once, read the result, drop.
 ///
 /// One instance is used from one thread. Instances for different IDs may run at the same time once
 /// the first request of the process has loaded the repository metadata; requests for the same ID
 /// are not coordinated.
-class [[gnu::visibility("default")]] ScriptRepositoryProcessor {
+class VARN_EXPORT ScriptRepositoryProcessor {
  public:
   /// Makes a request for the script `scriptID` ("42") and creates the data and scripts directories
   /// when they are missing. A failure to create them shows when the request is processed.
@@ -62,24 +65,8 @@ class [[gnu::visibility("default")]] ScriptRepositoryProcessor {
   /// "removeServerRemovedScripts".
   static void removeServerRemovedScripts();
 
-  /// The agent's base directory. Like the three below, taken from `gv_globvars` on first use and
-  /// fixed from then on; safe under concurrent first use. A first use without memory throws
-  /// `std::bad_alloc`, and the next one is the first again.
-  [[nodiscard]] static const std::string& basePath();
-  /// The customer's ID.
-  [[nodiscard]] static const std::string& customerID();
-  /// Where the server's list and the data documents lie: `basePath()` + "/client-data/" +
-  /// `customerID()` + "/scripts-repository-data".
-  [[nodiscard]] static const std::string& scriptRepoDataDirectory();
-  /// Where the script files lie and run: `basePath()` + "/client-data/" + `customerID()` +
-  /// "/scripts-repository".
-  [[nodiscard]] static const std::string& scriptRepoScriptsDirectory();
-
-  /// The state and the steps of the request, which only the library's own sources see.
-  struct Request;
-
  private:
-  std::unique_ptr<Request> request;
+  std::unique_ptr<ScriptRequest> request;
 };
 
 }  // namespace VarnScriptRepository

@@ -17,6 +17,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "VarnExport.h"
+
 namespace VarnScriptRepository {
 
 /// The steps of a request before a script is started, each with what `FailedStep::subject` is then.
@@ -82,7 +84,7 @@ struct ScriptEnd {
 };
 
 /// What is told. Each operation does nothing unless it is overridden.
-class [[gnu::visibility("default")]] ScriptRunObserver {
+class VARN_EXPORT ScriptRunObserver {
  public:
   ScriptRunObserver() = default;
   ScriptRunObserver(const ScriptRunObserver&) = delete;
@@ -107,6 +109,6 @@ class [[gnu::visibility("default")]] ScriptRunObserver {
 
 /// Has all requests of this process watched by `observer`, or by nobody when it is null. Called
 /// before the first request; the observer lives as long as the process makes requests.
-[[gnu::visibility("default")]] void setScriptRunObserver(ScriptRunObserver* observer) noexcept;
+VARN_EXPORT void setScriptRunObserver(ScriptRunObserver* observer) noexcept;
 
 }  // namespace VarnScriptRepository

@@ -17,9 +17,9 @@ import unittest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 EMBED = ROOT / "examples/embed"
 CONSUMERS = pathlib.Path(__file__).resolve().parent / "consumers"
-HEADERS = ["AgentDirectories.h", "AgentLog.h", "AgentSettings.h", "AgentStore.h", "AgentUtils.h",
+HEADERS = ["AgentLog.h", "AgentSettings.h", "AgentStore.h", "AgentUtils.h",
            "LogSettings.h", "MarkupParser.h", "ScriptRepositoryLocalMeta.h",
-           "ScriptRepositoryProcessor.h", "ScriptRunObserver.h"]
+           "ScriptRepositoryProcessor.h", "ScriptRunObserver.h", "VarnExport.h"]
 
 
 def execute(arguments, expected=0, **more):
@@ -104,8 +104,7 @@ class Installed(InDirectory):
         for script, verdict in (("105", "accepted"), ("106", "rejected"), ("999", "not run")):
             done = execute([program, base, f"file://{server}", script],
                            env={**os.environ, "LD_LIBRARY_PATH": str(library)})
-            self.assertEqual(f"{base}/client-data/acme/scripts-repository\n"
-                             f"{base}/data/Configuration-Framework/ScriptRepository\n"
+            self.assertEqual(f"{base}/data/Configuration-Framework/ScriptRepository\n"
                              f"{verdict}\n", done.stdout)
             self.assertEqual("", done.stderr)
 

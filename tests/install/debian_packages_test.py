@@ -29,7 +29,6 @@ RUNTIME = [
     "usr/share/zsh/{zsh}/_varn-scripts",
 ]
 DEVELOPMENT = [
-    "usr/include/VarnScriptRepository/AgentDirectories.h",
     "usr/include/VarnScriptRepository/AgentLog.h",
     "usr/include/VarnScriptRepository/AgentSettings.h",
     "usr/include/VarnScriptRepository/AgentStore.h",
@@ -39,6 +38,7 @@ DEVELOPMENT = [
     "usr/include/VarnScriptRepository/ScriptRepositoryLocalMeta.h",
     "usr/include/VarnScriptRepository/ScriptRepositoryProcessor.h",
     "usr/include/VarnScriptRepository/ScriptRunObserver.h",
+    "usr/include/VarnScriptRepository/VarnExport.h",
     "usr/{lib}/cmake/VarnScriptRepository/FindObjectRuntime.cmake",
     "usr/{lib}/cmake/VarnScriptRepository/VarnScriptRepositoryConfig.cmake",
     "usr/{lib}/cmake/VarnScriptRepository/VarnScriptRepositoryConfigVersion.cmake",

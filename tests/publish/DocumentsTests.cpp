@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ScriptRules.h"
 #include "publish/Documents.h"
 
 namespace VarnScripts::publishing {
@@ -190,10 +191,10 @@ TEST(ContentName, IsFoundInServerPathsAndLocations) {
 }
 
 TEST(Location, BecomesAServerPathAsClientsRewriteIt) {
-  EXPECT_EQ(serverPathOf("..\\webapps\\Quillandermoor\\a\\b.sh"), "a/b.sh");
-  EXPECT_EQ(serverPathOf("a/b.sh"), "a/b.sh");
-  EXPECT_EQ(serverPathOf("x..\\webapps\\Quillandermoor\\..\\webapps\\Quillandermoor\\y"), "xy");
-  EXPECT_EQ(serverPathOf("..\\webapps\\quillandermoor\\a"), "../webapps/quillandermoor/a");
+  EXPECT_EQ(serverPath("..\\webapps\\Quillandermoor\\a\\b.sh"), "a/b.sh");
+  EXPECT_EQ(serverPath("a/b.sh"), "a/b.sh");
+  EXPECT_EQ(serverPath("x..\\webapps\\Quillandermoor\\..\\webapps\\Quillandermoor\\y"), "xy");
+  EXPECT_EQ(serverPath("..\\webapps\\quillandermoor\\a"), "../webapps/quillandermoor/a");
 }
 
 }  // namespace

@@ -26,6 +26,9 @@ LEVELS = [
     ("ScriptRepositoryUtil", 40),
     ("ScriptRepositoryRecords", 40),
     ("ObjectRuntimeRegistration", 40),
+    ("ScriptRequest", 55),
+    ("ScriptRules", 45),
+    ("Directories", 30),
     ("ScriptRunObserver", 15),
 ]
 SUPPORT, PLATFORM, INTERFACES = 20, 10, 0

@@ -9,7 +9,8 @@
 #include <vector>
 
 #include "AgentFixture.h"
-#include "ScriptRepositoryProcessorRequest.h"
+#include "Directories.h"
+#include "ScriptRequest.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
 
 namespace {
@@ -69,18 +70,18 @@ TEST_F(Directories, AreConcatenatedFromBasePathAndCustomer) {
   globals.vyagentBasePath = "/opt/agent";
   globals.vyCustomerID = "7";
 
-  EXPECT_EQ(ScriptRepositoryProcessor::basePath(), "/opt/agent");
-  EXPECT_EQ(ScriptRepositoryProcessor::customerID(), "7");
-  EXPECT_EQ(ScriptRepositoryProcessor::scriptRepoDataDirectory(),
+  EXPECT_EQ(VarnScriptRepository::basePath(), "/opt/agent");
+  EXPECT_EQ(VarnScriptRepository::customerID(), "7");
+  EXPECT_EQ(VarnScriptRepository::scriptRepoDataDirectory(),
             "/opt/agent/client-data/7/scripts-repository-data");
-  EXPECT_EQ(ScriptRepositoryProcessor::scriptRepoScriptsDirectory(),
+  EXPECT_EQ(VarnScriptRepository::scriptRepoScriptsDirectory(),
             "/opt/agent/client-data/7/scripts-repository");
 }
 
 TEST_F(Directories, ATrailingSlashInTheBasePathStays) {
   globals.vyagentBasePath += "/";
 
-  const ScriptRepositoryProcessor::Request request("42");
+  const ScriptRequest request("42");
 
   EXPECT_THAT(journal.entries(),
               ElementsAre("exists <agent>//client-data/7/scripts-repository-data",
@@ -95,17 +96,17 @@ TEST_F(Directories, AnEmptyCustomerLeavesADoubleSlash) {
   globals.vyagentBasePath = "/opt/agent";
   globals.vyCustomerID = "";
 
-  EXPECT_EQ(ScriptRepositoryProcessor::scriptRepoDataDirectory(),
+  EXPECT_EQ(VarnScriptRepository::scriptRepoDataDirectory(),
             "/opt/agent/client-data//scripts-repository-data");
 }
 
 TEST_F(Directories, AreFixedByTheirFirstUse) {
-  const std::string before = ScriptRepositoryProcessor::scriptRepoDataDirectory();
+  const std::string before = VarnScriptRepository::scriptRepoDataDirectory();
   globals.vyagentBasePath = "/elsewhere";
   globals.vyCustomerID = "8";
 
-  EXPECT_EQ(ScriptRepositoryProcessor::scriptRepoDataDirectory(), before);
-  EXPECT_EQ(ScriptRepositoryProcessor::basePath(), directory.path() + "/agent");
+  EXPECT_EQ(VarnScriptRepository::scriptRepoDataDirectory(), before);
+  EXPECT_EQ(VarnScriptRepository::basePath(), directory.path() + "/agent");
 }
 
 TEST_F(Directories, AreMadeOnceUnderConcurrentFirstUse) {
@@ -118,10 +119,9 @@ TEST_F(Directories, AreMadeOnceUnderConcurrentFirstUse) {
     for (std::size_t index = 0; index < kThreads; ++index) {
       threads.emplace_back([&seen, &start, index] {
         start.arrive_and_wait();
-        seen[index] = {&ScriptRepositoryProcessor::scriptRepoDataDirectory(),
-                       &ScriptRepositoryProcessor::scriptRepoScriptsDirectory(),
-                       &ScriptRepositoryProcessor::basePath(),
-                       &ScriptRepositoryProcessor::customerID()};
+        seen[index] = {&VarnScriptRepository::scriptRepoDataDirectory(),
+                       &VarnScriptRepository::scriptRepoScriptsDirectory(),
+                       &VarnScriptRepository::basePath(), &VarnScriptRepository::customerID()};
       });
     }
   }
@@ -141,8 +141,7 @@ TEST_F(Directories, DataDocumentIsNamedAfterTheScriptID) {
   for (const Row& row : {Row{"42", "/42.xml"}, Row{"a/b", "/a/b.xml"}, Row{"", "/.xml"},
                          Row{"100%@d", "/100%@d.xml"}, Row{" 7 ", "/ 7 .xml"}}) {
     SCOPED_TRACE(row.scriptID);
-    EXPECT_EQ(ScriptRepositoryProcessor::Request(row.scriptID).scriptDataFilePath,
-              dataDirectory + row.fileName);
+    EXPECT_EQ(ScriptRequest(row.scriptID).scriptDataFilePath, dataDirectory + row.fileName);
   }
 }
 
@@ -154,7 +153,7 @@ TEST_F(Directories, ASlashInTheScriptIDCreatesNoSubdirectory) {
 }
 
 TEST_F(Directories, AFreshRequestHoldsItsIDAndNothingElse) {
-  const ScriptRepositoryProcessor::Request request("42");
+  const ScriptRequest request("42");
 
   EXPECT_EQ(request.scriptID, "42");
   EXPECT_EQ(request.scriptFilePath, std::nullopt);

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "AgentFixture.h"
-#include "ScriptRepositoryProcessorRequest.h"
+#include "ScriptRequest.h"
 #include "ShellDouble.h"
 
 namespace {
@@ -25,7 +25,7 @@ class ExecuteScript : public doubles::AgentFixture {
   }
 
   std::optional<std::vector<std::string>> overrideList;
-  ScriptRepositoryProcessor::Request request;
+  ScriptRequest request;
   ScriptRepo repo;
 };
 

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "ScriptRepositoryProcessorRequest.h"
+#include "ScriptRules.h"
 
 namespace {
 
@@ -17,8 +17,7 @@ struct Row {
 void expectRows(std::initializer_list<Row> rows) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.fileName);
-    EXPECT_EQ(VarnScriptRepository::ScriptRepositoryProcessor::Request::getLaunchPath(row.fileName),
-              row.launchPath);
+    EXPECT_EQ(VarnScriptRepository::getLaunchPath(row.fileName), row.launchPath);
   }
 }
 

@@ -14,7 +14,7 @@
 #include "AgentFixture.h"
 #include "MarkupParser.h"
 #include "NarrowRegisters.h"
-#include "ScriptRepositoryProcessorRequest.h"
+#include "ScriptRules.h"
 #include "ShellDouble.h"
 #include "support/Encoding.h"
 #include "support/Text.h"
@@ -22,7 +22,6 @@
 namespace {
 
 using namespace VarnScriptRepository;
-using Request = ScriptRepositoryProcessor::Request;
 using Texts = std::vector<std::string>;
 
 // ---- Texts -----------------------------------------------------------------------------------
@@ -92,7 +91,7 @@ Texts referenceSplit(const std::string& text) {
 RC_GTEST_PROP(SplitWithQuotesProperty, AgreesWithAPlainVersion, ()) {
   const std::string text = *textOf({"a", "b", "-", "\\", "'", "\"", "\"", " ", "\t", "\n", "\r\n",
                                     "\u00a0", "\u3000", "\u00e9", kMark});
-  RC_ASSERT(Request::splitWithQuotes(text) == referenceSplit(text));
+  RC_ASSERT(splitWithQuotes(text) == referenceSplit(text));
 }
 
 RC_GTEST_PROP(SplitWithQuotesProperty, GivesQuotedTokensBack, (std::vector<std::uint8_t> seeds)) {
@@ -102,12 +101,12 @@ RC_GTEST_PROP(SplitWithQuotesProperty, GivesQuotedTokensBack, (std::vector<std::
     tokens.push_back(std::string(seed % 5, 'x') + std::string(seed % 3, ' '));
     text += "\"" + tokens.back() + "\" ";
   }
-  RC_ASSERT(Request::splitWithQuotes(text) == tokens);
+  RC_ASSERT(splitWithQuotes(text) == tokens);
 }
 
 RC_GTEST_PROP(SplitWithQuotesProperty, SurvivesAnyBytes, (const std::string& text)) {
   std::size_t length = 0;
-  for (const std::string& token : Request::splitWithQuotes(text)) length += token.size();
+  for (const std::string& token : splitWithQuotes(text)) length += token.size();
   RC_ASSERT(length <= text.size());
 }
 
@@ -149,7 +148,7 @@ RC_GTEST_PROP(LaunchPathProperty, GoesByTheTrimmedExtensionAlone, ()) {
   for (const auto& [key, path] : known) {
     if (key == extension) expected = path;
   }
-  RC_ASSERT(Request::getLaunchPath(name) == expected);
+  RC_ASSERT(getLaunchPath(name) == expected);
 }
 
 // ---- Verdict ---------------------------------------------------------------------------------

@@ -13,7 +13,7 @@
 #include "Sanitizers.h"
 #include "ScriptRepositoryLocalMetaProcessor.h"
 #include "ScriptRepositoryMetaProcessor.h"
-#include "ScriptRepositoryProcessorRequest.h"
+#include "ScriptRequest.h"
 
 namespace {
 
@@ -278,7 +278,7 @@ TEST_F(Removal, EscapesIDsInItsLine) {
 class RemoveScriptData : public Removal {
  protected:
   Entries removeOne(const std::string& id) {
-    const ScriptRepositoryProcessor::Request request(id);
+    const ScriptRequest request(id);
     journal.reset();
     request.removeScriptData();
     return journal.entries();
@@ -301,7 +301,7 @@ TEST_F(RemoveScriptData, TakesThePathFromTheRowWhereverItPoints) {
   doubles::writeFile(directory.path() + "/agent/elsewhere.sh", "echo\n");
   leaveScript("9");
   store.rows["9"] = {{"scriptPath", directory.path() + "/agent/elsewhere.sh"}};
-  ScriptRepositoryProcessor::Request request("9");
+  ScriptRequest request("9");
   request.scriptFilePath = scriptsDirectory + "/9.sh";
   journal.reset();
 

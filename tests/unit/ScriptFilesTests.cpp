@@ -8,7 +8,7 @@
 
 #include "AgentFixture.h"
 #include "ScriptRepositoryLocalMetaProcessor.h"
-#include "ScriptRepositoryProcessorRequest.h"
+#include "ScriptRequest.h"
 
 namespace {
 
@@ -22,7 +22,7 @@ class ScriptFiles : public doubles::AgentFixture {
   ScriptFiles() { ScriptRepositoryLocalMetaProcessor::shared(); }
 
   /// A request for script 42 whose construction is not in the journal.
-  ScriptRepositoryProcessor::Request& request() {
+  ScriptRequest& request() {
     if (!request_) {
       request_.emplace("42");
       journal.reset();
@@ -33,7 +33,7 @@ class ScriptFiles : public doubles::AgentFixture {
   std::string documentPath() const { return dataDirectory + "/42.xml"; }
 
  private:
-  std::optional<ScriptRepositoryProcessor::Request> request_;
+  std::optional<ScriptRequest> request_;
 };
 
 // ---- getScriptItemData -----------------------------------------------------------------------

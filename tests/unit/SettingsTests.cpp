@@ -9,6 +9,7 @@
 #include <string>
 
 #include "AgentFixture.h"
+#include "Directories.h"
 #include "ScriptRepositoryLocalMetaProcessor.h"
 #include "ScriptRepositoryMetaProcessor.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
@@ -53,11 +54,11 @@ TEST_F(MissingSettings, StopAConstruction) {
 }
 
 TEST_F(MissingSettings, StopTheFirstUseOfABasePath) {
-  expectFatal([] { static_cast<void>(ScriptRepositoryProcessor::basePath()); });
+  expectFatal([] { static_cast<void>(basePath()); });
 }
 
 TEST_F(MissingSettings, StopTheFirstUseOfACustomerID) {
-  expectFatal([] { static_cast<void>(ScriptRepositoryProcessor::customerID()); });
+  expectFatal([] { static_cast<void>(customerID()); });
 }
 
 TEST_F(MissingSettings, StopTheFirstUseOfTheMetadata) {

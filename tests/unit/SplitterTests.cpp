@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "ScriptRepositoryProcessorRequest.h"
+#include "ScriptRules.h"
 
 namespace {
 
@@ -19,8 +19,7 @@ struct Row {
 void expectRows(std::initializer_list<Row> rows) {
   for (const Row& row : rows) {
     SCOPED_TRACE("<" + row.text + ">");
-    EXPECT_EQ(VarnScriptRepository::ScriptRepositoryProcessor::Request::splitWithQuotes(row.text),
-              row.arguments);
+    EXPECT_EQ(VarnScriptRepository::splitWithQuotes(row.text), row.arguments);
   }
 }
 

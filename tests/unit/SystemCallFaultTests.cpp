@@ -21,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "Directories.h"
 #include "RunnerFixture.h"
 #include "SystemCalls.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
@@ -648,8 +649,8 @@ TEST_F(MemoryFaults, AProcessorWithoutMemoryForItsRequestProcessesNothing) {
   std::optional<VarnScriptRepository::ScriptRepositoryProcessor> processor;
   const std::string id = "42";
   // The directories' texts are there from now on; the request alone has no memory.
-  static_cast<void>(VarnScriptRepository::ScriptRepositoryProcessor::scriptRepoDataDirectory());
-  static_cast<void>(VarnScriptRepository::ScriptRepositoryProcessor::scriptRepoScriptsDirectory());
+  static_cast<void>(VarnScriptRepository::scriptRepoDataDirectory());
+  static_cast<void>(VarnScriptRepository::scriptRepoScriptsDirectory());
   {
     const NoMemory memory;
     processor.emplace(id);
@@ -664,10 +665,10 @@ TEST_F(MemoryFaults, ADirectorysTextThrowsOnItsFirstUseAndIsThereTheNextTime) {
     const std::string& (*text)();
     std::string expected;
   };
-  const Row rows[] = {{ScriptRepositoryProcessor::basePath, directory.path() + "/agent"},
-                      {ScriptRepositoryProcessor::customerID, "7"},
-                      {ScriptRepositoryProcessor::scriptRepoDataDirectory, dataDirectory},
-                      {ScriptRepositoryProcessor::scriptRepoScriptsDirectory, scriptsDirectory}};
+  const Row rows[] = {{VarnScriptRepository::basePath, directory.path() + "/agent"},
+                      {VarnScriptRepository::customerID, "7"},
+                      {VarnScriptRepository::scriptRepoDataDirectory, dataDirectory},
+                      {VarnScriptRepository::scriptRepoScriptsDirectory, scriptsDirectory}};
   for (const Row& row : rows) {
     {
       const NoMemory memory;

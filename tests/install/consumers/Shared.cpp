@@ -1,5 +1,5 @@
 // Uses the shared library with its bundled agent modules and their settings: the base directory,
-// the server and the script's ID. Prints where scripts lie, and what became of the request.
+// the server and the script's ID. Prints where the store lies, and what became of the request.
 
 #include <cstdio>
 
@@ -25,7 +25,6 @@ int main(int, char** argv) {
   AgentLog::LogSettings log;
   log.quiet = true;
   AgentLog::configure(log);
-  std::puts(ScriptRepositoryProcessor::scriptRepoScriptsDirectory().c_str());
   std::puts(ScriptRepositoryConstants::FilePath::scriptRepository().c_str());
   ScriptRepositoryProcessor processor(argv[3]);
   const auto [accepted, output] = processor.processScript();

@@ -6,8 +6,6 @@
 #include <string>
 #include <string_view>
 
-#pragma GCC visibility push(default)
-
 namespace AgentUtils {
 
 /// How the name of a file begins that a download is still writing.
@@ -22,5 +20,3 @@ void reportOpenDirectory(const std::string& directory) noexcept;
 void removeLeftDownloads(const std::string& directory) noexcept;
 
 }  // namespace AgentUtils
-
-#pragma GCC visibility pop

@@ -13,7 +13,7 @@
 namespace VarnScriptRepository {
 
 /// The state of one request and its steps.
-struct [[gnu::visibility("hidden")]] ScriptRepositoryProcessor::Request {
+struct ScriptRequest {
   const std::string scriptID;
   /// The processor's own list, which the caller may set until the script is processed; null without
   /// a processor.
@@ -23,8 +23,8 @@ struct [[gnu::visibility("hidden")]] ScriptRepositoryProcessor::Request {
   /// Full path of this script's data document.
   const std::string scriptDataFilePath;
 
-  explicit Request(const std::string& scriptID,
-                   const std::optional<std::vector<std::string>>* overrideList = nullptr);
+  explicit ScriptRequest(const std::string& scriptID,
+                         const std::optional<std::vector<std::string>>* overrideList = nullptr);
 
   // ---- Flow
   ProcessingResult processScript();
@@ -44,13 +44,6 @@ struct [[gnu::visibility("hidden")]] ScriptRepositoryProcessor::Request {
 
   // ---- Execution
   ProcessingResult executeScript(const ScriptRepo& scriptData) const;
-  // These two are exported for the command, which tells what a request would run.
-  /// The interpreter for a file name, or nothing for an unknown extension.
-  [[gnu::visibility("default")]] static std::optional<std::string> getLaunchPath(
-      const std::string& fileName);
-  /// The arguments in an argument text: separated by white space, or between double quotes.
-  [[gnu::visibility("default")]] static std::vector<std::string> splitWithQuotes(
-      const std::string& text);
 
   // ---- Removal
   /// Removes the script file, the data document and the local record of this script.
