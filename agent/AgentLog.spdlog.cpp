@@ -22,7 +22,7 @@
 #include <system_error>
 #include <utility>
 
-#include "FileDescriptor.h"
+#include "Calls.h"
 #include "LogLine.h"
 #include "LogSettings.h"
 #include "Pieces.h"
@@ -31,7 +31,7 @@
 namespace AgentLog {
 namespace {
 
-using AgentUtils::FileDescriptor;
+using posix::FileDescriptor;
 
 constexpr std::size_t kFileSize = std::size_t{10} << 20;
 constexpr std::size_t kOlderFiles = 3;
@@ -60,14 +60,10 @@ void writeLine(const LogMessage& message, Format format, TextSink to) {
 }
 
 /// Whether all of `piece` was written.
-bool writeAll(int fd, std::string_view piece) {
-  while (!piece.empty()) {
-    const ssize_t count = write(fd, piece.data(), piece.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return false;
-    piece.remove_prefix(static_cast<std::size_t>(count));
-  }
-  return true;
+bool isWritten(int fd, std::string_view piece) {
+  std::error_code error;
+  posix::writeAll(fd, piece, error);
+  return !error;
 }
 
 /// Standard error, one `write` for each line where the system takes it whole, so that the lines of
@@ -81,7 +77,7 @@ class StandardErrorSink final : public spdlog::sinks::base_sink<std::mutex> {
     const SigpipeGuard guard;
     bool broken = false;
     writeLine(message, format_,
-              [&](std::string_view piece) { broken = broken || !writeAll(STDERR_FILENO, piece); });
+              [&](std::string_view piece) { broken = broken || !isWritten(STDERR_FILENO, piece); });
   }
 
   void flush_() override {}
@@ -108,8 +104,7 @@ FileDescriptor openLogFile(const std::string& path) {
   FileDescriptor file(open(
       path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
       kFileMode));
-  const std::string problem =
-      file.isOpen() ? problemOf(file) : std::generic_category().message(errno);
+  const std::string problem = file ? problemOf(file) : std::generic_category().message(errno);
   if (!problem.empty()) {
     throw std::runtime_error("can't open the log file " + path + ": " + problem);
   }
@@ -134,7 +129,7 @@ class LogFileSink final : public spdlog::sinks::base_sink<std::mutex> {
     bool begun = false;
     writeLine(message, format_, [&](std::string_view piece) {
       if (!std::exchange(begun, true)) makeRoomFor(std::max(length, piece.size()));
-      broken = broken || !writeAll(file_.get(), piece);
+      broken = broken || !isWritten(file_.get(), piece);
     });
   }
 
@@ -156,7 +151,7 @@ class LogFileSink final : public spdlog::sinks::base_sink<std::mutex> {
 
   void rotate() {
     // Without the name it has been rotated by another process, or replaced.
-    if (AgentUtils::hasName(file_, path_)) {
+    if (posix::hasName(file_, path_)) {
       for (std::size_t age = kOlderFiles; age > 1; --age) {
         std::rename(olderPath(age - 1).c_str(), olderPath(age).c_str());
       }

@@ -14,9 +14,13 @@
 #include <utility>
 
 #include "AgentDirectories.h"
+#include "Calls.h"
 
 namespace AgentUtils {
 namespace {
+
+using posix::hasName;
+using posix::retryOnInterrupt;
 
 constexpr mode_t kFileMode = 0600;
 
@@ -25,11 +29,7 @@ constexpr mode_t kFileMode = 0600;
 }
 
 int lock(const FileDescriptor& file, int operation) {
-  int result = 0;
-  do {
-    result = flock(file.get(), operation);
-  } while (result != 0 && errno == EINTR);
-  return result;
+  return retryOnInterrupt([&] { return flock(file.get(), operation); });
 }
 
 void requireReplaceable(const std::string& path) {
@@ -46,28 +46,22 @@ void syncDirectory(const std::string& directory) {
   const FileDescriptor opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   // The file is in place; a directory that can't be synced (some file systems refuse it) at worst
   // brings back the old file after a loss of power.
-  if (opened.isOpen()) static_cast<void>(fsync(opened.get()));
+  if (opened) static_cast<void>(fsync(opened.get()));
 }
 
 void removeUnlessLive(const std::string& path) {
   // Opened without following links or waiting: anybody may have put anything under that name.
   const FileDescriptor file(open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat status {};
-  if (!file.isOpen() || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return;
+  if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return;
   if (lock(file, LOCK_EX | LOCK_NB) != 0 || !hasName(file, path)) return;
   unlink(path.c_str());
 }
 
 }  // namespace
 
-std::string directoryOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  if (slash == path.npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
-
 DownloadTarget::DownloadTarget(std::string path, std::uint64_t mostBytes)
-    : path_(std::move(path)), directory_(directoryOf(path_)), mostBytes_(mostBytes) {
+    : path_(std::move(path)), directory_(posix::directoryOf(path_)), mostBytes_(mostBytes) {
   requireReplaceable(path_);
 }
 
@@ -86,7 +80,7 @@ void DownloadTarget::makeTemporaryFile() {
   for (int attempt = 0; attempt < attempts; ++attempt) {
     std::string name = directory_ + '/' + std::string(kDownloadPrefix) + "XXXXXX";
     FileDescriptor file(mkostemp(name.data(), O_CLOEXEC));
-    if (!file.isOpen()) fail("can't create a file in " + directory_, errno);
+    if (!file) fail("can't create a file in " + directory_, errno);
     // From here on the destructor removes it.
     temporaryPath_ = std::move(name);
     file_ = std::move(file);
@@ -110,22 +104,16 @@ void DownloadTarget::receive(std::size_t count) { this->count(received_, count);
 void DownloadTarget::write(const char* bytes, std::size_t count) {
   this->count(size_, count);
   const FileDescriptor& file = temporaryFile();
-  while (count > 0) {
-    const ssize_t written = ::write(file.get(), bytes, count);
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) fail("can't write to " + temporaryPath_, errno);
-    bytes += written;
-    count -= static_cast<std::size_t>(written);
-  }
+  std::error_code error;
+  posix::writeAll(file.get(), {bytes, count}, error);
+  if (error) fail("can't write to " + temporaryPath_, error.value());
 }
 
 void DownloadTarget::commit() {
   const FileDescriptor& file = temporaryFile();
-  int synced = 0;
-  do {
-    synced = fsync(file.get());
-  } while (synced != 0 && errno == EINTR);
-  if (synced != 0) fail("can't sync " + temporaryPath_, errno);
+  if (retryOnInterrupt([&] { return fsync(file.get()); }) != 0) {
+    fail("can't sync " + temporaryPath_, errno);
+  }
   // Once more: what stands there may have changed during the download.
   requireReplaceable(path_);
   if (std::rename(temporaryPath_.c_str(), path_.c_str()) != 0) {

@@ -12,6 +12,8 @@
 
 namespace AgentUtils {
 
+using posix::FileDescriptor;
+
 /// Why a download failed, in words for the log.
 class DownloadFailure : public std::runtime_error {
  public:
@@ -67,8 +69,5 @@ class DownloadTarget {
 /// Removes the temporary files of killed processes from the directory; those of downloads that are
 /// still under way stay. Never throws.
 void sweepTemporaryFiles(const std::string& directory) noexcept;
-
-/// The directory that the file at `path` is in.
-[[nodiscard]] std::string directoryOf(const std::string& path);
 
 }  // namespace AgentUtils

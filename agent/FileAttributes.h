@@ -14,6 +14,8 @@
 
 namespace AgentUtils {
 
+using posix::FileDescriptor;
+
 /// When the file or anything that is known about it was changed last, in nanoseconds since 1970.
 /// Unlike the time of its content's change, nobody can set it.
 [[nodiscard]] std::int64_t changeTime(const struct stat& status);

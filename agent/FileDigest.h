@@ -11,6 +11,8 @@
 
 namespace AgentUtils {
 
+using posix::FileDescriptor;
+
 /// The digest, in bytes, of the whole open file, wherever its descriptor stands. It is read in
 /// pieces, so its size costs no memory; `size` is about how large it is. Nothing when it can't be
 /// read.

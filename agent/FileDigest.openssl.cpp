@@ -1,9 +1,9 @@
 #include "FileDigest.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <memory>
 
+#include "Calls.h"
 #include "DigestAlgorithms.openssl.h"
 
 namespace AgentUtils {
@@ -17,11 +17,7 @@ constexpr std::size_t kSmallestPiece = std::size_t{4} << 10;
 /// The bytes of the file from `offset` on: their number, 0 at its end, or a negative number on an
 /// error.
 ssize_t readPiece(const FileDescriptor& file, off_t offset, unsigned char* to, std::size_t size) {
-  ssize_t count = 0;
-  do {
-    count = pread(file.get(), to, size, offset);
-  } while (count < 0 && errno == EINTR);
-  return count;
+  return posix::retryOnInterrupt([&] { return pread(file.get(), to, size, offset); });
 }
 
 /// The digest of `file`, which has about `size` bytes; nothing on an error.

@@ -8,11 +8,13 @@
 #include <memory>
 #include <system_error>
 
-#include "FileDescriptor.h"
+#include "Calls.h"
 #include "ServerURL.h"
 
 namespace AgentUtils {
 namespace {
+
+using posix::FileDescriptor;
 
 constexpr std::size_t kPieceSize = std::size_t{64} << 10;
 
@@ -23,8 +25,8 @@ constexpr std::size_t kPieceSize = std::size_t{64} << 10;
 void copyAll(const FileDescriptor& file, const std::string& path, DownloadTarget& target) {
   const auto piece = std::make_unique_for_overwrite<char[]>(kPieceSize);
   while (true) {
-    const ssize_t count = read(file.get(), piece.get(), kPieceSize);
-    if (count < 0 && errno == EINTR) continue;
+    const ssize_t count =
+        posix::retryOnInterrupt([&] { return read(file.get(), piece.get(), kPieceSize); });
     if (count < 0) fail(path, errno);
     if (count == 0) return;
     target.write(piece.get(), static_cast<std::size_t>(count));
@@ -39,7 +41,7 @@ void copyFromFileServer(const std::string& url, DownloadTarget& target) {
   // Not blocking, or a FIFO would be waited for.
   const FileDescriptor file(open(path->c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   struct stat status {};
-  if (!file.isOpen() || fstat(file.get(), &status) != 0) fail(*path, errno);
+  if (!file || fstat(file.get(), &status) != 0) fail(*path, errno);
   if (!S_ISREG(status.st_mode)) throw DownloadFailure(*path + " is not a file");
   copyAll(file, *path, target);
   // Somebody may be writing it.

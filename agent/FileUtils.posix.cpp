@@ -12,6 +12,8 @@
 namespace AgentUtils {
 namespace {
 
+using posix::FileDescriptor;
+
 constexpr mode_t kDirectoryMode = 0700;
 
 /// Whether the system would take the whole text for the path, and not what stands before a NUL.
@@ -39,7 +41,7 @@ FileDescriptor makeDirectory(const FileDescriptor& parent, const std::string& na
   FileDescriptor directory(
       openat(parent.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   // The umask may have taken away more than it should.
-  if (made && directory.isOpen() && fchmod(directory.get(), kDirectoryMode) != 0) return {};
+  if (made && directory && fchmod(directory.get(), kDirectoryMode) != 0) return {};
   return directory;
 }
 
@@ -55,7 +57,7 @@ bool FileUtils::createDirectory(const std::string& atPath, bool withIntermediate
   FileDescriptor parent;
   if (!withIntermediateDirectories) {
     parent = openedParent(atPath);
-    return makeDirectory(parent, atPath.substr(atPath.rfind('/') + 1), false).isOpen();
+    return static_cast<bool>(makeDirectory(parent, atPath.substr(atPath.rfind('/') + 1), false));
   }
   // From the top: where `atPath` has a slash, a parent ends.
   for (std::size_t start = 0; start < atPath.size();) {
@@ -63,10 +65,10 @@ bool FileUtils::createDirectory(const std::string& atPath, bool withIntermediate
     const std::string name = atPath.substr(start, slash - start);
     const std::string directory = atPath.substr(0, slash);
     start = slash + 1;
-    if (name.empty() || (!parent.isOpen() && isDirectory(directory))) continue;
-    if (!parent.isOpen()) parent = openedParent(directory);
+    if (name.empty() || (!parent && isDirectory(directory))) continue;
+    if (!parent) parent = openedParent(directory);
     parent = makeDirectory(parent, name, true);
-    if (!parent.isOpen()) return false;
+    if (!parent) return false;
   }
   return true;
 }

@@ -10,6 +10,7 @@
 #include "AgentLog.h"
 #include "AgentSettings.h"
 #include "AgentUtils.h"
+#include "Calls.h"
 #include "DownloadTarget.h"
 #include "FileServer.h"
 #include "HttpTransfer.h"
@@ -90,7 +91,7 @@ Outcome fetch(const std::string& url, const std::string& fromURL, const AgentSet
 void download(const std::string& fromURL, const std::string& toPath) {
   const AgentSettings& current = settings();
   requireInside(toPath, current.basePath);
-  const std::string directory = directoryOf(toPath);
+  const std::string directory = posix::directoryOf(toPath);
   reportWhenWritableByOthers(directory, kSource, kOperation);
   DownloadTarget target(toPath, current.maxDownload);
   const std::string url = urlOfServerPath(current.serverURL, fromURL);

@@ -84,7 +84,7 @@ FileDescriptor openedForReading(const std::string& path) {
 /// Takes the validators from the file on disk, so that no process asks with them any more.
 void forgetValidators(const std::string& path) noexcept {
   const FileDescriptor file = openedForReading(path);
-  if (!file.isOpen() || !removeFileAttribute(file, kAttribute)) return;
+  if (!file || !removeFileAttribute(file, kAttribute)) return;
   // A loss of power must not bring them back.
   static_cast<void>(fsync(file.get()));
 }
@@ -125,7 +125,7 @@ std::optional<Kept> keptIn(std::string_view text) {
 std::optional<KeptCopy> KeptCopy::find(const std::string& path, const std::string& url,
                                        std::uint64_t mostBytes) {
   FileDescriptor file = openedForReading(path);
-  if (!file.isOpen()) return std::nullopt;
+  if (!file) return std::nullopt;
   KeptCopy copy(std::move(file), path);
   struct stat& status = copy.status_;
   if (fstat(copy.file_.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;

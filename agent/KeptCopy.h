@@ -16,6 +16,8 @@
 
 namespace AgentUtils {
 
+using posix::FileDescriptor;
+
 /// A file that is, byte for byte, the one that the server's answer was about.
 class KeptCopy {
  public:

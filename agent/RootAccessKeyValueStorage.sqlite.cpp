@@ -33,6 +33,8 @@
 namespace AgentUtils {
 namespace {
 
+using posix::FileDescriptor;
+
 constexpr char kUnit[] = "RootAccessKeyValueStorage";
 constexpr char kOpening[] = "init(storagePath:container:)";
 constexpr int kBusyTimeoutMilliseconds = 5000;
@@ -85,7 +87,7 @@ void ensureRegularFile(const std::string& path) {
   }
   const FileDescriptor file(
       open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode));
-  if (!file.isOpen()) {
+  if (!file) {
     // Another process was faster; SQLite itself refuses a link.
     if (errno == EEXIST) return;
     throwError(errno, "can't create " + path);

@@ -14,6 +14,8 @@
 namespace AgentUtils {
 namespace {
 
+using posix::FileDescriptor;
+
 bool hasChecksum(const std::string& path, const std::string& type, const std::string& checksum) {
   // A name with a NUL would open the file that its beginning names.
   if (path.find('\0') != std::string::npos) return false;
@@ -25,7 +27,7 @@ bool hasChecksum(const std::string& path, const std::string& type, const std::st
   // Not blocking, or a FIFO at that path would be waited for.
   const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   struct stat status {};
-  if (!file.isOpen() || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
   return digestOfFile(*digest, file, static_cast<std::size_t>(status.st_size)) == expected;
 }
 

@@ -6,18 +6,14 @@
 
 #include <cerrno>
 
+#include "Calls.h"
 #include "Directories.h"
 #include "RegularFile.h"
-#include "StandardStreams.h"
-#include "platform/FileDescriptor.h"
 #include "publish/Digest.h"
 #include "publish/SyncFiles.h"
 
 namespace VarnScripts {
 namespace {
-
-using VarnScriptRepository::platform::FileDescriptor;
-using VarnScriptRepository::platform::retryOnInterrupt;
 
 std::string customerDirectory() {
   return VarnScriptRepository::customerDirectory(VarnScriptRepository::basePath(),
@@ -43,16 +39,16 @@ bool DocumentMark::isThere() const {
 
 void DocumentMark::make(const std::string& recordedPath, std::error_code& error) const {
   error.clear();
-  const FileDescriptor file(::open(
+  const posix::FileDescriptor file(::open(
       path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
   // The umask may have taken away more than it should.
   if (!file || ::fchmod(file.get(), S_IRUSR | S_IWUSR) != 0) {
-    error.assign(errno, std::generic_category());
+    error = posix::lastError();
     return;
   }
-  writeAll(file.get(), recordedPath, error);
-  if (!error && retryOnInterrupt([&] { return ::fsync(file.get()); }) != 0) {
-    error.assign(errno, std::generic_category());
+  posix::writeAll(file.get(), recordedPath, error);
+  if (!error && posix::retryOnInterrupt([&] { return ::fsync(file.get()); }) != 0) {
+    error = posix::lastError();
   }
   if (!error) syncDirectory(customerDirectory(), error);
 }

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <system_error>
 
-#include "StandardStreams.h"
+#include "Calls.h"
 
 namespace VarnScripts {
 namespace {
@@ -106,14 +106,14 @@ void Progress::tick() {
 
 void Progress::draw(const std::string& text) {
   std::error_code ignored;
-  writeAll(STDERR_FILENO, "\r" + text + "\x1b[K\r", ignored);
+  posix::writeAll(STDERR_FILENO, "\r" + text + "\x1b[K\r", ignored);
   drawn_ = true;
 }
 
 void Progress::clear() {
   if (!drawn_) return;
   std::error_code ignored;
-  writeAll(STDERR_FILENO, "\r\x1b[K", ignored);
+  posix::writeAll(STDERR_FILENO, "\r\x1b[K", ignored);
   drawn_ = false;
 }
 

@@ -7,14 +7,14 @@
 #include <array>
 #include <cerrno>
 
-#include "platform/FileDescriptor.h"
+#include "Calls.h"
 #include "platform/Memory.h"
 
 namespace VarnScripts {
 namespace {
 
-using VarnScriptRepository::platform::FileDescriptor;
-using VarnScriptRepository::platform::retryOnInterrupt;
+using posix::FileDescriptor;
+using posix::retryOnInterrupt;
 
 constexpr mode_t kPermissionBits = 07777;
 

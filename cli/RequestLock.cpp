@@ -11,16 +11,15 @@
 #include <vector>
 
 #include "AgentUtils.h"
+#include "Calls.h"
 #include "Directories.h"
-#include "platform/FileDescriptor.h"
 #include "publish/Names.h"
 
 namespace VarnScripts {
 namespace {
 
-using VarnScriptRepository::platform::retryOnInterrupt;
-
-std::error_code lastError() { return {errno, std::generic_category()}; }
+using posix::lastError;
+using posix::retryOnInterrupt;
 
 // One spelling for all that name one file: without empty steps, `.` and `..`, each name folded,
 // since a file system may take names that differ in case, or in how a character is composed, for
@@ -74,7 +73,7 @@ void RequestLock::acquire(const std::string& basePath, const std::string& custom
                           const std::vector<std::string>& scriptIDs, std::error_code& error) {
   error.clear();
   path_ = requestLockPath(basePath, customer);
-  if (!AgentUtils::FileUtils().createDirectory(path_.substr(0, path_.rfind('/')), true)) {
+  if (!AgentUtils::FileUtils().createDirectory(posix::directoryOf(path_), true)) {
     error = lastError();
     return;
   }

@@ -1,12 +1,12 @@
 #include "StandardStreams.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <string>
 
+#include "Calls.h"
 #include "PrintableText.h"
 
 namespace VarnScripts {
@@ -35,28 +35,9 @@ void openStandardStreams() {
   }
 }
 
-void writeAll(int descriptor, std::string_view text, std::error_code& error) {
-  error.clear();
-  while (!text.empty()) {
-    const ssize_t written = ::write(descriptor, text.data(), text.size());
-    if (written >= 0) {
-      text.remove_prefix(static_cast<std::size_t>(written));
-      continue;
-    }
-    if (errno == EINTR) continue;
-    if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      // The other end left the stream non-blocking.
-      pollfd writable{descriptor, POLLOUT, 0};
-      if (::poll(&writable, 1, -1) >= 0 || errno == EINTR) continue;
-    }
-    error.assign(errno, std::generic_category());
-    return;
-  }
-}
-
 bool writeOutput(std::string_view text) {
   std::error_code error;
-  writeAll(STDOUT_FILENO, text, error);
+  posix::writeAll(STDOUT_FILENO, text, error);
   if (!error) return true;
   writeErrorLine("varn-scripts: standard output can't be written: " + error.message());
   return false;
@@ -64,7 +45,7 @@ bool writeOutput(std::string_view text) {
 
 void writeErrorLine(std::string_view line) {
   std::error_code ignored;
-  writeAll(STDERR_FILENO, printable(line) + '\n', ignored);
+  posix::writeAll(STDERR_FILENO, printable(line) + '\n', ignored);
 }
 
 void writeOutOfMemory() noexcept {

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <string_view>
-#include <system_error>
 
 namespace VarnScripts {
 
@@ -11,10 +10,6 @@ namespace VarnScripts {
 /// closed standard output or standard error the null device too, so that no file that is opened
 /// later gets its number. Called before anything else is opened.
 void openStandardStreams();
-
-/// Writes all of `text` to `descriptor`. After an error, `error` tells why, and a beginning of the
-/// text may have been written.
-void writeAll(int descriptor, std::string_view text, std::error_code& error);
 
 /// Writes `text` to standard output; a failure is one line on standard error. True when all of it
 /// was written.

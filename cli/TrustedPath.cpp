@@ -18,7 +18,7 @@
 namespace VarnScripts {
 namespace {
 
-using AgentUtils::FileDescriptor;
+using posix::FileDescriptor;
 
 // A directory needs to be searched, not read.
 #if defined(O_PATH)
@@ -119,7 +119,7 @@ class PathWalk {
     FileDescriptor made(::openat(directory_.get(), step.name.c_str(),
                                  O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     // The umask may have taken away more than it should.
-    if (made.isOpen()) static_cast<void>(::fchmod(made.get(), S_IRWXU));
+    if (made) static_cast<void>(::fchmod(made.get(), S_IRWXU));
     return enter(std::move(made), step);
   }
 
@@ -144,7 +144,7 @@ class PathWalk {
 
   bool enter(FileDescriptor directory, const Step& step) {
     struct stat status {};
-    if (!directory.isOpen() || ::fstat(directory.get(), &status) != 0) return refuseUnseen(step);
+    if (!directory || ::fstat(directory.get(), &status) != 0) return refuseUnseen(step);
     directory_ = std::move(directory);
     judgeDirectory(step, status);
     return true;

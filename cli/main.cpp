@@ -11,6 +11,7 @@
 #include <variant>
 #include <vector>
 
+#include "Calls.h"
 #include "CommandLine.h"
 #include "ExitStatus.h"
 #include "List.h"
@@ -105,7 +106,7 @@ int host(const std::vector<std::string>& arguments) {
   if (const auto* reply = std::get_if<VarnScripts::Reply>(&parsed)) {
     if (!reply->output.empty()) VarnScripts::writeOutput(reply->output);
     std::error_code ignored;
-    VarnScripts::writeAll(2, reply->error, ignored);
+    posix::writeAll(2, reply->error, ignored);
     return reply->exitStatus;
   }
   const auto& line = std::get<CommandLine>(parsed);

@@ -57,7 +57,7 @@ Clock::time_point deadlineIn(std::int64_t seconds) {
 /// all the memory that the wait itself needs is there when a child has to be waited for.
 class Collector {
  public:
-  Collector(platform::FileDescriptor readingEnd, Clock::time_point limit, std::int64_t timeoutIn)
+  Collector(posix::FileDescriptor readingEnd, Clock::time_point limit, std::int64_t timeoutIn)
       : readingEnd_(std::move(readingEnd)),
         capacity_(platform::pipeCapacity(readingEnd_.get())),
         chunk_(std::make_unique_for_overwrite<char[]>(capacity_ + kLongestRest)),
@@ -172,7 +172,7 @@ class Collector {
     limit_ = Clock::time_point::max();
   }
 
-  platform::FileDescriptor readingEnd_;
+  posix::FileDescriptor readingEnd_;
   std::size_t capacity_;  // what a chunk has at most: what the pipe can hold
   std::unique_ptr<char[]> chunk_;
   std::uint64_t left_ = UINT64_MAX;  // how many bytes may still be read: all, while the child runs

@@ -9,9 +9,9 @@
 #include <memory>
 #include <utility>
 
+#include "Calls.h"
 #include "RegularFile.h"
 #include "StandardStreams.h"
-#include "platform/FileDescriptor.h"
 #include "publish/Documents.h"
 #include "publish/SyncFiles.h"
 
@@ -30,10 +30,10 @@ constexpr mode_t kLockMode = S_IRUSR | S_IWUSR;
 
 constexpr const char* kContentParts[] = {"data", "files"};
 
-using VarnScriptRepository::platform::FileDescriptor;
-using VarnScriptRepository::platform::retryOnInterrupt;
-
-std::error_code lastError() { return {errno, std::generic_category()}; }
+using posix::directoryOf;
+using posix::FileDescriptor;
+using posix::lastError;
+using posix::retryOnInterrupt;
 
 // The names in a directory; empty with `error` set when it can't be read.
 std::vector<std::string> namesIn(const std::string& path, std::error_code& error) {
@@ -47,12 +47,6 @@ std::vector<std::string> namesIn(const std::string& path, std::error_code& error
   while (const dirent* const item = ::readdir(directory.get())) names.emplace_back(item->d_name);
   if (errno != 0) error = lastError();
   return names;
-}
-
-std::string parentOf(const std::string& path) {
-  const auto slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 // Makes a directory of that mode whatever the process's mask is; false with `errno`. By its
@@ -108,7 +102,7 @@ void ServerFiles::createDirectories(const std::string& path, std::error_code& er
       // Another publishing may have created it by now.
       const bool created = makeDirectory(directory);
       if (!created && errno != EEXIST) return fail(directory, error);
-      if (created) syncDirectory(parentOf(directory), error);
+      if (created) syncDirectory(directoryOf(directory), error);
       if (error) return;
     }
     if (slash == std::string::npos) return;
@@ -166,7 +160,7 @@ void ServerFiles::add(const std::string& name, std::string_view bytes, std::erro
   const RegularFile old = readRegularFile(path, LastLink::refuse, unreadable);
   if (!unreadable && old.permissions == kFileMode && old.bytes == bytes) return;
   const std::string temporary =
-      parentOf(path) + "/" + std::string(kTemporaryName) + std::to_string(serial_++);
+      directoryOf(path) + "/" + std::string(kTemporaryName) + std::to_string(serial_++);
   pending_.push_back({temporary, name});
   writeTemporary(temporary, bytes, error);
 }
@@ -177,7 +171,7 @@ void ServerFiles::writeTemporary(const std::string& path, std::string_view bytes
   const FileDescriptor file(
       ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode));
   if (!file || ::fchmod(file.get(), kFileMode) != 0) return fail(path, error);
-  writeAll(file.get(), bytes, error);
+  posix::writeAll(file.get(), bytes, error);
   if (error) failedPath_ = path;
 }
 
@@ -191,7 +185,7 @@ void ServerFiles::commit(std::error_code& error) {
   for (const Pending& pending : pending_) {
     const std::string path = pathOf(pending.name);
     if (::rename(pending.temporary.c_str(), path.c_str()) != 0) return fail(path, error);
-    directories.insert(parentOf(path));
+    directories.insert(directoryOf(path));
   }
   written_ += pending_.size();
   pending_.clear();
@@ -230,7 +224,7 @@ void ServerFiles::removeContentBut(const ContentNames& named, std::error_code& e
 // Removes what is unneeded among the files of `part`, which is empty or ends in a slash.
 void ServerFiles::removeIn(const std::string& part, const ContentNames& named,
                            std::error_code& error) {
-  const std::string directory = part.empty() ? directory_ : parentOf(pathOf(part));
+  const std::string directory = part.empty() ? directory_ : directoryOf(pathOf(part));
   const auto names = namesIn(directory, error);
   if (error) {
     failedPath_ = directory;

@@ -6,6 +6,7 @@
 #include <memory>
 #include <utility>
 
+#include "Calls.h"
 #include "RegularFile.h"
 #include "publish/Names.h"
 #include "publish/ScriptChecks.h"
@@ -13,14 +14,12 @@
 namespace VarnScripts::publishing {
 namespace {
 
-std::error_code lastError() { return {errno, std::generic_category()}; }
-
 // The path with every symbolic link followed.
 std::string resolved(const std::string& path, std::error_code& error) {
   const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr),
                                                          &std::free);
   if (real) return real.get();
-  error = lastError();
+  error = posix::lastError();
   return {};
 }
 

@@ -13,9 +13,11 @@
 #include <system_error>
 #include <vector>
 
-#include "platform/FileDescriptor.h"
+#include "FileDescriptor.h"
 
 namespace VarnScriptRepository::platform {
+
+using posix::FileDescriptor;
 
 /// A pipe: both ends close on exec, the reading end never blocks, neither is descriptor 0, 1 or 2.
 struct Pipe {

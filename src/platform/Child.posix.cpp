@@ -14,8 +14,6 @@
 
 namespace VarnScriptRepository::platform {
 
-std::error_code lastError() noexcept { return {errno, std::generic_category()}; }
-
 FileDescriptor beyondStandardDescriptors(FileDescriptor fd) noexcept {
   if (fd.get() > STDERR_FILENO) return fd;
   return FileDescriptor(::fcntl(fd.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));

@@ -7,12 +7,13 @@
 #include <system_error>
 #include <vector>
 
+#include "Calls.h"
 #include "platform/Child.h"
 
 namespace VarnScriptRepository::platform {
 
-/// The current `errno` as an error code.
-[[nodiscard]] std::error_code lastError() noexcept;
+using posix::lastError;
+using posix::retryOnInterrupt;
 
 /// `fd`, or a duplicate beyond the standard descriptors that closes on exec. Empty on failure.
 [[nodiscard]] FileDescriptor beyondStandardDescriptors(FileDescriptor fd) noexcept;

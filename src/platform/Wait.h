@@ -5,9 +5,9 @@
 
 #include <cstddef>
 
+#include "FileDescriptor.h"
 #include "platform/Child.h"
 #include "platform/Clock.h"
-#include "platform/FileDescriptor.h"
 
 namespace VarnScriptRepository::platform {
 

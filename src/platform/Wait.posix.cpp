@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <thread>
 
+#include "Calls.h"
+
 namespace VarnScriptRepository::platform {
 namespace {
 
@@ -52,7 +54,8 @@ Ready waitForOutputOrEnd(const FileDescriptor& readingEnd, const Child& child,
 }
 
 std::size_t readHeld(FileDescriptor& readingEnd, char* bytes, std::size_t most) noexcept {
-  const ssize_t got = retryOnInterrupt([&] { return ::read(readingEnd.get(), bytes, most); });
+  const ssize_t got =
+      posix::retryOnInterrupt([&] { return ::read(readingEnd.get(), bytes, most); });
   if (got > 0) return static_cast<std::size_t>(got);
   const bool nothingNow = got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
   if (!nothingNow) readingEnd.reset();

@@ -16,13 +16,14 @@
 #include <utility>
 #include <vector>
 
-#include "platform/FileDescriptor.h"
+#include "Calls.h"
 #include "platform/Memory.h"
 
 namespace VarnScriptRepository::files {
 namespace {
 
-std::error_code lastError() { return {errno, std::generic_category()}; }
+using posix::lastError;
+using posix::retryOnInterrupt;
 
 /// Whether `path` is a path at all: the system would take what stands before a NUL for the whole.
 bool isPath(const std::string& path) { return path.find('\0') == std::string::npos; }
@@ -45,8 +46,7 @@ std::string readFrom(int fd, std::size_t size, std::error_code& error) {
   platform::useLargePages(bytes.data(), bytes.capacity());
   std::array<char, 16 * 1024> piece;
   while (true) {
-    const ssize_t got =
-        platform::retryOnInterrupt([&] { return ::read(fd, piece.data(), piece.size()); });
+    const ssize_t got = retryOnInterrupt([&] { return ::read(fd, piece.data(), piece.size()); });
     if (got < 0) error = lastError();
     if (got <= 0) return bytes;
     bytes.append(piece.data(), static_cast<std::size_t>(got));
@@ -78,7 +78,7 @@ struct Directory {
 
 /// The directory `name` in the directory `at`, never by way of a link.
 Directory openDirectory(int at, const char* name, std::error_code& error) {
-  const int fd = platform::retryOnInterrupt(
+  const int fd = retryOnInterrupt(
       [&] { return ::openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); });
   struct stat status {};
   DIR* const stream = fd < 0 || ::fstat(fd, &status) != 0 ? nullptr : ::fdopendir(fd);
@@ -169,8 +169,8 @@ std::string readWhole(const std::string& path, std::error_code& error) {
     return {};
   }
   // Without O_NONBLOCK the opening of a named pipe would wait for a writer.
-  const platform::FileDescriptor fd(platform::retryOnInterrupt(
-      [&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK); }));
+  const posix::FileDescriptor fd(
+      retryOnInterrupt([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK); }));
   if (!fd) {
     error = lastError();
     return {};

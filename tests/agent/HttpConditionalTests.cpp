@@ -28,12 +28,12 @@ const std::string kDates =
     "Date: Sun, 06 Nov 1994 08:49:37 GMT\r\nLast-Modified: Sun, 06 Nov 1994 07:00:00 GMT\r\n";
 
 std::string attributeOf(const std::string& path) {
-  const AgentUtils::FileDescriptor file(open(path.c_str(), O_RDONLY));
+  const posix::FileDescriptor file(open(path.c_str(), O_RDONLY));
   return AgentUtils::fileAttribute(file, kAttribute, kMuch);
 }
 
 void setAttribute(const std::string& path, const std::string& value) {
-  const AgentUtils::FileDescriptor file(open(path.c_str(), O_RDWR));
+  const posix::FileDescriptor file(open(path.c_str(), O_RDWR));
   AgentUtils::setFileAttribute(file, kAttribute, value);
 }
 
@@ -304,7 +304,7 @@ TEST_F(HttpConditional, AsksForTheWholeFileWhenTheTargetIsNotTheOneThatCame) {
       {"another byte, same size and time",
        [&] {
          const struct stat status = statusOf(target);
-         const AgentUtils::FileDescriptor file(open(target.c_str(), O_WRONLY));
+         const posix::FileDescriptor file(open(target.c_str(), O_WRONLY));
          EXPECT_EQ(pwrite(file.get(), "F", 1, 0), 1);
          const timespec times[] = {status.st_atim, status.st_mtim};
          EXPECT_EQ(futimens(file.get(), times), 0);

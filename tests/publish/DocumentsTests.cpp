@@ -12,6 +12,7 @@ using MarkupParser::XML;
 using VarnScriptRepository::ScriptRepoAllMetaData;
 using VarnScriptRepository::ScriptRoot;
 using VarnScriptRepository::ScriptsRepoMetaRoot;
+using VarnScriptRepository::serverPath;
 
 constexpr const char* kDigest = "914cefaded94d45f313fa21b0af05991c33df3566f4ca6814c3652f4b92b7c8c";
 

@@ -61,7 +61,7 @@ def unit(path):
 
 def level(path, root):
     place = path.relative_to(root).parts
-    if place[0] == "interfaces":
+    if place[0] in ("interfaces", "posix"):
         return INTERFACES
     if place[:2] == ("src", "support"):
         return SUPPORT
@@ -73,6 +73,7 @@ def level(path, root):
 def resolve(name, including, root):
     """The file of the project that an include names, or nothing."""
     for directory in (including.parent, root / "src", root / "include", root / "interfaces",
+                      root / "posix",
                       root / "agent" / "settings", root / "agent", root / "cli", root / "tests"):
         candidate = directory / name
         if candidate.is_file():
@@ -82,7 +83,7 @@ def resolve(name, including, root):
 
 def check_includes(root):
     breaches = []
-    for path in files(root, "src", "include", "interfaces"):
+    for path in files(root, "src", "include", "interfaces", "posix"):
         own = level(path, root)
         if own is None:
             breaches.append(f"{path}: no level is known for this unit")

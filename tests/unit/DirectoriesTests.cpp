@@ -81,7 +81,7 @@ TEST_F(Directories, AreConcatenatedFromBasePathAndCustomer) {
 TEST_F(Directories, ATrailingSlashInTheBasePathStays) {
   globals.vyagentBasePath += "/";
 
-  const ScriptRequest request("42");
+  const VarnScriptRepository::ScriptRequest request("42");
 
   EXPECT_THAT(journal.entries(),
               ElementsAre("exists <agent>//client-data/7/scripts-repository-data",
@@ -141,7 +141,8 @@ TEST_F(Directories, DataDocumentIsNamedAfterTheScriptID) {
   for (const Row& row : {Row{"42", "/42.xml"}, Row{"a/b", "/a/b.xml"}, Row{"", "/.xml"},
                          Row{"100%@d", "/100%@d.xml"}, Row{" 7 ", "/ 7 .xml"}}) {
     SCOPED_TRACE(row.scriptID);
-    EXPECT_EQ(ScriptRequest(row.scriptID).scriptDataFilePath, dataDirectory + row.fileName);
+    EXPECT_EQ(VarnScriptRepository::ScriptRequest(row.scriptID).scriptDataFilePath,
+              dataDirectory + row.fileName);
   }
 }
 
@@ -153,7 +154,7 @@ TEST_F(Directories, ASlashInTheScriptIDCreatesNoSubdirectory) {
 }
 
 TEST_F(Directories, AFreshRequestHoldsItsIDAndNothingElse) {
-  const ScriptRequest request("42");
+  const VarnScriptRepository::ScriptRequest request("42");
 
   EXPECT_EQ(request.scriptID, "42");
   EXPECT_EQ(request.scriptFilePath, std::nullopt);

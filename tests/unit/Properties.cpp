@@ -14,6 +14,7 @@
 #include "AgentFixture.h"
 #include "MarkupParser.h"
 #include "NarrowRegisters.h"
+#include "ScriptRequest.h"
 #include "ScriptRules.h"
 #include "ShellDouble.h"
 #include "support/Encoding.h"
@@ -169,7 +170,7 @@ TEST_F(VerdictProperty, AgreesWithAPlainVersion) {
     repo.scriptName = "a.sh";
     repo.exitCode = *textOf({"0", "1", "-", ",", ",", " ", own, "," + own + ","});
     std::optional<Texts> overrideList;
-    Request request("42", &overrideList);
+    ScriptRequest request("42", &overrideList);
     request.scriptFilePath = "/a.sh";
     doubles::Runs::shared().answers = {{status, "out"}};
 
@@ -242,7 +243,7 @@ TEST_F(LocationProperty, AgreesWithAPlainVersion) {
     const std::string location =
         *textOf({"..\\webapps\\Quillandermoor\\", "..\\webapps\\Quilla", "ndermoor\\", "a", "\\",
                  "/", ".", "..\\webapps\\quillandermoor\\"});
-    Request request("42");
+    ScriptRequest request("42");
     journal.reset();
 
     RC_ASSERT(!request.downloadScript(location, "b.sh"));

@@ -1,13 +1,12 @@
-// A file descriptor with an owner, and the retry of interrupted calls.
+// A file descriptor with an owner.
 
 #pragma once
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <utility>
 
-namespace VarnScriptRepository::platform {
+namespace posix {
 
 /// Owns one file descriptor and closes it. Empty when it holds -1.
 class FileDescriptor {
@@ -15,12 +14,18 @@ class FileDescriptor {
   FileDescriptor() = default;
   explicit FileDescriptor(int fd) : fd_(fd) {}
   FileDescriptor(FileDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+    // What was held is closed with `other`.
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
   ~FileDescriptor() { reset(); }
 
   explicit operator bool() const { return fd_ >= 0; }
   [[nodiscard]] int get() const { return fd_; }
+
+  /// Gives the descriptor away.
+  [[nodiscard]] int release() { return std::exchange(fd_, -1); }
 
   void reset() {
     // Not retried on EINTR: the descriptor is gone either way.
@@ -31,13 +36,4 @@ class FileDescriptor {
   int fd_ = -1;
 };
 
-/// Repeats a system call as long as a signal interrupts it.
-template <class Call>
-auto retryOnInterrupt(Call&& call) {
-  while (true) {
-    const auto result = call();
-    if (result >= 0 || errno != EINTR) return result;
-  }
-}
-
-}  // namespace VarnScriptRepository::platform
+}  // namespace posix

@@ -1,0 +1,69 @@
+// What all callers of the operating system need beside its calls: interrupted ones are repeated,
+// errors have words, whole texts are written, files are told from their names. Any thread.
+
+#pragma once
+
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include "FileDescriptor.h"
+
+namespace posix {
+
+/// The current `errno` as an error code.
+[[nodiscard]] inline std::error_code lastError() noexcept {
+  return {errno, std::generic_category()};
+}
+
+/// Repeats a system call as long as a signal interrupts it.
+template <class Call>
+auto retryOnInterrupt(Call&& call) {
+  while (true) {
+    const auto result = call();
+    if (result >= 0 || errno != EINTR) return result;
+  }
+}
+
+/// Writes all of `bytes`, also to a descriptor that somebody has left non-blocking. After an error,
+/// `error` says why, and a beginning of the bytes may have been written.
+inline void writeAll(int fd, std::string_view bytes, std::error_code& error) {
+  error.clear();
+  while (!bytes.empty()) {
+    const ssize_t written =
+        retryOnInterrupt([&] { return ::write(fd, bytes.data(), bytes.size()); });
+    if (written > 0) {
+      bytes.remove_prefix(static_cast<std::size_t>(written));
+      continue;
+    }
+    if (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      pollfd writable{fd, POLLOUT, 0};
+      if (retryOnInterrupt([&] { return ::poll(&writable, 1, -1); }) >= 0) continue;
+    }
+    error = written == 0 ? std::make_error_code(std::errc::io_error) : lastError();
+    return;
+  }
+}
+
+/// The path of the directory that `path` names something in: "/a" of "/a/b", "." of "b".
+[[nodiscard]] inline std::string directoryOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+/// Whether the open file still has the name `path`, which another process may have given away.
+[[nodiscard]] inline bool hasName(const FileDescriptor& file, const std::string& path) {
+  struct stat opened {};
+  struct stat named {};
+  return ::fstat(file.get(), &opened) == 0 && ::lstat(path.c_str(), &named) == 0 &&
+         opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
+
+}  // namespace posix
