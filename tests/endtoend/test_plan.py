@@ -4,11 +4,11 @@ import json
 import os
 import sqlite3
 
-from publish_case import PublishCase
+from support.publish_case import PublishCase
 from support.repository import CUSTOMER, DIRECTORY
 
 
-class Plan(PublishCase):
+class PlanTest(PublishCase):
     def setUp(self):
         super().setUp()
         self.temporary = self.path("tmp")
