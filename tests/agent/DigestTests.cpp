@@ -9,6 +9,7 @@
 
 #include "AgentUtils.h"
 #include "DigestName.h"
+#include "support/Files.h"
 #include "support/TemporaryDirectory.h"
 
 using AgentUtils::Digest;

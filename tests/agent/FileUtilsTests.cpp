@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "AgentUtils.h"
+#include "support/Files.h"
 #include "support/TemporaryDirectory.h"
 
 using AgentUtils::FileUtils;

@@ -13,6 +13,7 @@
 #include <stdexcept>
 
 #include "LogSettings.h"
+#include "support/Files.h"
 #include "support/TemporaryDirectory.h"
 
 using AgentLog::LogSettings;

@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "AgentUtils.h"
+#include "support/Files.h"
 #include "support/LogCapture.h"
 #include "support/StoredRecord.h"
 #include "support/TemporaryDirectory.h"

@@ -8,6 +8,7 @@
 #include "AgentSettings.h"
 #include "Contract.h"
 #include "LogSettings.h"
+#include "support/Files.h"
 #include "support/TemporaryDirectory.h"
 
 namespace {

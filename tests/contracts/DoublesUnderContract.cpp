@@ -43,7 +43,7 @@ class Doubles final : public contracts::Agent {
   }
 
  private:
-  doubles::TemporaryDirectory directory_;
+  TemporaryDirectory directory_;
 };
 
 }  // namespace

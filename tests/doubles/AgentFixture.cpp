@@ -1,6 +1,5 @@
 #include "AgentFixture.h"
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -10,14 +9,6 @@
 namespace doubles {
 
 // ---- Files -----------------------------------------------------------------------------------
-
-TemporaryDirectory::TemporaryDirectory() {
-  std::string pattern = std::filesystem::temp_directory_path().string() + "/varn-test-XXXXXX";
-  if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
-  path_ = pattern;
-}
-
-TemporaryDirectory::~TemporaryDirectory() { removeTree(path_); }
 
 void writeFile(const std::string& path, const std::string& content) {
   makeDirectories(path.substr(0, path.rfind('/')));

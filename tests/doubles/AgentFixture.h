@@ -14,22 +14,9 @@
 #include "AgentUtilsDouble.h"
 #include "Journal.h"
 #include "MarkupParserDouble.h"
+#include "support/TemporaryDirectory.h"
 
 namespace doubles {
-
-/// A directory that goes away with the object.
-class TemporaryDirectory {
- public:
-  TemporaryDirectory();
-  TemporaryDirectory(const TemporaryDirectory&) = delete;
-  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-  ~TemporaryDirectory();
-
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 void writeFile(const std::string& path, const std::string& content);
 /// The content of the file, or nothing when it can't be read.

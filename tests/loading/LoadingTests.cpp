@@ -7,12 +7,12 @@
 #include <objc/runtime.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string>
 
 #include "AgentUtils.h"
+#include "support/TemporaryDirectory.h"
 
 namespace {
 
@@ -23,15 +23,7 @@ void* load(const char* image = VARN_LIBRARY) { return ::dlopen(image, RTLD_NOW |
 
 class Loading : public testing::Test {
  protected:
-  Loading() {
-    std::string pattern = std::filesystem::temp_directory_path().string() + "/varn-loading-XXXXXX";
-    directory = ::mkdtemp(pattern.data());
-    globals = {directory + "/agent", "7", directory + "/data"};
-  }
-  ~Loading() override {
-    std::error_code error;
-    std::filesystem::remove_all(directory, error);
-  }
+  Loading() { globals = {directory + "/agent", "7", directory + "/data"}; }
 
   /// Points the loaded library's own settings object to `globals`.
   void giveSettings(void* library) {
@@ -54,7 +46,8 @@ class Loading : public testing::Test {
     return testing::internal::GetCapturedStderr();
   }
 
-  std::string directory;
+  const TemporaryDirectory temporary;
+  const std::string& directory = temporary.path();
   AgentUtils::GlobalVariables globals;
 };
 

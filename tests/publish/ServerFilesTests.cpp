@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #ifdef __linux__
 #include <sys/syscall.h>
@@ -17,6 +16,7 @@
 #include <utility>
 
 #include "publish/ServerFiles.h"
+#include "support/TemporaryDirectory.h"
 
 namespace VarnScripts::publishing {
 namespace {
@@ -31,14 +31,6 @@ const std::string kOtherScript = "files/" + std::string(64, 'b') + ".sh";
 
 class ServerFilesTest : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string name = testing::TempDir() + "server-XXXXXX";
-    ASSERT_NE(::mkdtemp(name.data()), nullptr);
-    output_ = name;
-    root_ = output_ + "/client-data/7/scriptrepo";
-  }
-  void TearDown() override { fs::remove_all(output_); }
-
   void open(ServerFiles& files) const {
     std::error_code error;
     files.open(output_, "client-data/7/scriptrepo", error);
@@ -71,8 +63,9 @@ class ServerFilesTest : public testing::Test {
     return found;
   }
 
-  std::string output_;
-  std::string root_;
+  const TemporaryDirectory directory_;
+  const std::string& output_ = directory_.path();
+  const std::string root_ = output_ + "/client-data/7/scriptrepo";
 };
 
 TEST_F(ServerFilesTest, AreReadableForAWebServerWhateverTheMask) {

@@ -1,21 +1,11 @@
 #include "SourceFixture.h"
 
-#include <stdlib.h>
-
 #include <filesystem>
 #include <fstream>
 
 namespace VarnScripts::publishing {
 
-void SourceTest::SetUp() {
-  std::string name = testing::TempDir() + "publish-XXXXXX";
-  ASSERT_NE(::mkdtemp(name.data()), nullptr);
-  parent_ = std::filesystem::canonical(name).string();
-  directory_ = parent_ + "/source";
-  ASSERT_TRUE(std::filesystem::create_directory(directory_));
-}
-
-void SourceTest::TearDown() { std::filesystem::remove_all(parent_); }
+void SourceTest::SetUp() { ASSERT_TRUE(std::filesystem::create_directory(directory_)); }
 
 void SourceTest::write(const std::string& name, std::string_view bytes) const {
   std::ofstream file(path(name), std::ios::binary);

@@ -10,13 +10,13 @@
 #include <vector>
 
 #include "publish/Source.h"
+#include "support/TemporaryDirectory.h"
 
 namespace VarnScripts::publishing {
 
 class SourceTest : public testing::Test {
  protected:
   void SetUp() override;
-  void TearDown() override;
 
   /// Puts `bytes` into the file `name` of the source directory.
   void write(const std::string& name, std::string_view bytes) const;
@@ -33,8 +33,8 @@ class SourceTest : public testing::Test {
 
   [[nodiscard]] std::string path(const std::string& name) const { return directory_ + "/" + name; }
 
-  std::string parent_;
-  std::string directory_;
+  const TemporaryDirectory parent_;
+  const std::string directory_ = parent_ / "source";
   Source source_;  ///< of the last reading
 };
 

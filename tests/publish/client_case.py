@@ -3,7 +3,7 @@
 import shutil
 import threading
 
-from publish_case import PublishCase
+from support.publish_case import PublishCase
 from support.case import DEADLINE
 
 PUBLISHINGS = 200

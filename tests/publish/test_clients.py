@@ -1,7 +1,7 @@
 """Clients of what `publish` makes: they run it, and go on running beside it."""
 
 from client_case import PUBLISHINGS, ClientCase
-from publish_case import PublishCase
+from support.publish_case import PublishCase
 
 
 class Client(PublishCase):

@@ -9,7 +9,7 @@ import stat
 import subprocess
 import sys
 
-from publish_case import LOCK_NAME, PublishCase
+from support.publish_case import LOCK_NAME, PublishCase
 from support.repository import CUSTOMER, DIRECTORY
 
 

@@ -3,7 +3,6 @@
     layering.py includes ROOT    includes point downward only
     layering.py names ROOT       no library behind the agent's modules is named outside them
     layering.py installed ROOT   installed headers include nothing but each other and the standard
-    layering.py selftest ROOT    each check finds a breach that is put before it
     layering.py links ROOT COMPILER OBJECTS -- ARGUMENTS
                                  each unit's object links with those below it alone
 """
@@ -167,49 +166,14 @@ def check_links(root, compiler, *more):
     return breaches
 
 
-CHECKS = {"includes": check_includes, "names": check_names, "installed": check_installed}
-
-
-def selftest(_):
-    """Puts one breach of each kind before the checks, on a tree of its own."""
-    cases = [
-        ("includes", "src/support/Text.h", '#include "ScriptRepositoryUtil.h"\n'),
-        ("includes", "src/ScriptRepositoryUtil.cpp", '#include "ScriptRepositoryMetaProcessor.h"\n'),
-        ("includes", "src/platform/Child.h", '#include "support/Text.h"\n'),
-        ("includes", "interfaces/AgentLog.h", '#include "support/Text.h"\n'),
-        ("includes", "src/ScriptRepositoryUtil.cpp", '#include "AgentSettings.h"\n'),
-        ("includes", "src/Unheard.h", "\n"),
-        ("includes", "agent/Some.cpp", '#include "support/Text.h"\n'),
-        ("names", "interfaces/AgentStore.h", "#include <sqlite3.h>\n"),
-        ("names", "src/ScriptRepositoryUtil.cpp", "CURL* handle;\n"),
-        ("names", "src/support/Text.h", "using Json = nlohmann::json;\n"),
-        ("installed", "include/VarnScriptRepository/ScriptRepositoryProcessor.h",
-         '#include "ScriptRepositoryRecords.h"\n'),
-        ("installed", "interfaces/AgentLog.h", "#include <expat.h>\n"),
-        ("installed", "agent/settings/LogSettings.h", '#include "LogLine.h"\n'),
-    ]
-    breaches = []
-    for check, place, content in cases:
-        with tempfile.TemporaryDirectory() as directory:
-            root = pathlib.Path(directory).resolve()
-            for name in ("src/support/Text.h", "src/platform/Child.h", "src/ScriptRepositoryUtil.h",
-                         "src/ScriptRepositoryMetaProcessor.h", "agent/settings/AgentSettings.h",
-                         "interfaces/AgentLog.h"):
-                (root / name).parent.mkdir(parents=True, exist_ok=True)
-                (root / name).write_text("// SQLiteValue, and sqlite in a comment.\n")
-            if CHECKS[check](root):
-                breaches.append(f"{check}: finds a breach in a clean tree")
-            (root / place).parent.mkdir(parents=True, exist_ok=True)
-            (root / place).write_text(content)
-            if len(CHECKS[check](root)) != 1:
-                breaches.append(f"{check}: does not find the breach in {place}")
-    return breaches
+CHECKS = {"includes": check_includes, "names": check_names, "installed": check_installed,
+          "links": check_links}
 
 
 def main():
     check, root = sys.argv[1], pathlib.Path(sys.argv[2]).resolve()
-    breaches = {**CHECKS, "links": check_links, "selftest": selftest}[check](root, *sys.argv[3:])
-    if check != "selftest" and not list(files(root, "src", "include", "interfaces")):
+    breaches = CHECKS[check](root, *sys.argv[3:])
+    if not list(files(root, "src", "include", "interfaces")):
         breaches.append(f"{root}: holds no sources")
     for breach in breaches:
         print(breach)

@@ -21,7 +21,7 @@ class Files : public testing::Test {
  protected:
   std::string path(const std::string& name) const { return directory.path() + "/" + name; }
 
-  doubles::TemporaryDirectory directory;
+  TemporaryDirectory directory;
 };
 
 TEST_F(Files, AWholeFileIsRead) {

@@ -51,7 +51,7 @@ class RunnerFixture : public testing::Test {
   std::string path(const std::string& name) const { return directory.path() + "/" + name; }
 
   doubles::Journal& journal = doubles::Journal::shared();
-  doubles::TemporaryDirectory directory;
+  TemporaryDirectory directory;
 };
 
 }  // namespace runnertests

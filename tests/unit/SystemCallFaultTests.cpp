@@ -635,7 +635,7 @@ TEST(LargePages, AreAskedForByALongTextAndByALargeFile) {
   LongText text;
   EXPECT_TRUE(text.append(std::string(2 * kMiB, 'x')));
   EXPECT_EQ(fault.met(), 1);
-  const doubles::TemporaryDirectory directory;
+  const TemporaryDirectory directory;
   doubles::writeFile(directory.path() + "/large", text.take());
   std::error_code error;
   EXPECT_EQ(VarnScriptRepository::files::readWhole(directory.path() + "/large", error).size(),

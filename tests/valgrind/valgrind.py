@@ -70,7 +70,7 @@ def run_class(name, wrapper):
     """Runs one class of tests; its name, how many tests there were, and the output of a failure."""
     done = subprocess.run(
         [sys.executable, "-B", "-m", "unittest", name], cwd=TESTS, capture_output=True, text=True,
-        env={**os.environ, "VARN_SCRIPTS_COMMAND": str(wrapper)}, check=False)
+        env={**os.environ, "VARN_TESTED_COMMAND": str(wrapper)}, check=False)
     tests = int(re.search(r"Ran (\d+) test", done.stderr)[1])
     return name, tests, "" if done.returncode == 0 else done.stderr
 

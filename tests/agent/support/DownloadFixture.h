@@ -9,8 +9,9 @@
 
 #include "AgentSettings.h"
 #include "AgentUtils.h"
+#include "Files.h"
 #include "LogCapture.h"
-#include "TemporaryDirectory.h"
+#include "support/TemporaryDirectory.h"
 
 class DownloadFixture : public testing::Test {
  protected:

@@ -45,7 +45,7 @@ class CommandCase(unittest.TestCase):
     maxDiff = None
 
     def setUp(self):
-        self.command = os.environ["VARN_SCRIPTS_COMMAND"]
+        self.command = os.environ["VARN_TESTED_COMMAND"]
         self.directory = os.path.realpath(tempfile.mkdtemp(prefix="varn-endtoend-"))
         self.addCleanup(shutil.rmtree, self.directory)
         self.repository = Repository(self.path("repository"))

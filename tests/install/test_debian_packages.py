@@ -8,7 +8,6 @@ import os
 import pathlib
 import re
 import subprocess
-import sys
 import tempfile
 import unittest
 
@@ -63,7 +62,7 @@ def execute(*arguments, **more):
                           timeout=240, **more).stdout
 
 
-class Packages(unittest.TestCase):
+class DebianPackages(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         directory = tempfile.TemporaryDirectory(prefix="varn-packages-")
@@ -147,7 +146,3 @@ class Packages(unittest.TestCase):
                 self.assertTrue(os.access(control / script, os.X_OK), script)
             self.assertIn("rm -rf /var/lib/varn-scripts\n",
                           (control / "postrm").read_text(encoding="utf-8"))
-
-
-if __name__ == "__main__":
-    unittest.main(argv=[sys.argv[0], "--verbose", *sys.argv[1:]])

@@ -9,7 +9,6 @@ import os
 import pathlib
 import shutil
 import subprocess
-import sys
 import tempfile
 import time
 import tomllib
@@ -54,7 +53,7 @@ def tested_command():
     return pathlib.Path(os.environ["VARN_TESTED_COMMAND"])
 
 
-class InDirectory(unittest.TestCase):
+class DirectoryCase(unittest.TestCase):
     def setUp(self):
         directory = tempfile.TemporaryDirectory(prefix="varn examples ")
         self.addCleanup(directory.cleanup)
@@ -67,7 +66,7 @@ class InDirectory(unittest.TestCase):
         return path
 
 
-class Manifest(InDirectory):
+class Manifest(DirectoryCase):
     def test_it_is_published_without_a_warning(self):
         result = execute([tested_command(), "--customer", "acme", "publish", "--check", "--strict",
                           SCRIPTS, self.directory / "server"])
@@ -88,7 +87,7 @@ class Manifest(InDirectory):
         self.assertEqual([(*row[:2], *row[3:]) for row in rows], DOCUMENTED)
 
 
-class Scripts(InDirectory):
+class Scripts(DirectoryCase):
     def run_script(self, script_id, *arguments, **added):
         script = SCRIPTS / next(name for known, name, _, _ in DOCUMENTED if known == script_id)
         return execute([INTERPRETERS[script.suffix], script, *arguments], **added)
@@ -225,7 +224,7 @@ class Scripts(InDirectory):
         self.assertIn("No asset tag: ", missing.stderr)
 
 
-class Verdicts(InDirectory):
+class Verdicts(DirectoryCase):
     def setUp(self):
         super().setUp()
         self.server = self.directory / "server"
@@ -259,7 +258,7 @@ class Verdicts(InDirectory):
         self.assertIn("Checksum mismatch ID ", result.stderr)
 
 
-class Settings(InDirectory):
+class Settings(DirectoryCase):
     def list_with(self, config):
         return execute(
             [tested_command(), "--config", config, "--data-path", self.directory, "list", "--json"]
@@ -284,7 +283,7 @@ class Settings(InDirectory):
         )
 
 
-class Demo(InDirectory):
+class Demo(DirectoryCase):
     def demo(self, command, directory):
         return execute([EXAMPLES / "demo", command, directory])
 
@@ -306,12 +305,3 @@ class Demo(InDirectory):
         result = self.demo(tested_command(), precious.parent)
         self.assertEqual(result.returncode, 2)
         self.assertEqual(precious.read_text(), "mine")
-
-
-if __name__ == "__main__":
-    if len(sys.argv) != 2:
-        sys.exit("usage: examples_test.py SUITE")
-    suite = unittest.defaultTestLoader.loadTestsFromTestCase(globals()[sys.argv[1]])
-    if suite.countTestCases() == 0:
-        sys.exit("no tests in " + sys.argv[1])
-    sys.exit(0 if unittest.TextTestRunner(verbosity=2).run(suite).wasSuccessful() else 1)

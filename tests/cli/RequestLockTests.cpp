@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,19 +13,13 @@
 #include <system_error>
 
 #include "RequestLock.h"
+#include "support/TemporaryDirectory.h"
 
 namespace VarnScripts {
 namespace {
 
 class RequestLockTest : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string name = testing::TempDir() + "lock-XXXXXX";
-    ASSERT_NE(::mkdtemp(name.data()), nullptr);
-    base_ = name;
-  }
-  void TearDown() override { std::filesystem::remove_all(base_); }
-
   std::error_code acquire(RequestLock& lock, const std::string& scriptID) const {
     std::error_code error;
     lock.acquire(base_, "7", {scriptID}, error);
@@ -61,7 +54,8 @@ class RequestLockTest : public testing::Test {
     return status.st_mode & 07777;
   }
 
-  std::string base_;
+  const TemporaryDirectory directory_;
+  const std::string& base_ = directory_.path();
 };
 
 TEST(LockOffset, IsTheSameInEveryBuild) {

@@ -8,7 +8,6 @@ import pathlib
 import re
 import shutil
 import subprocess
-import sys
 import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -176,7 +175,3 @@ class Services(unittest.TestCase):
         self.assertEqual(path.name, job["Label"] + ".plist")
         self.assertEqual(["run", "--", job["Label"].rsplit(".", 1)[1]],
                          job["ProgramArguments"][-3:])
-
-
-if __name__ == "__main__":
-    unittest.main(argv=[sys.argv[0], "--verbose", *sys.argv[1:]])

@@ -1,7 +1,6 @@
 // What a settings file may hold, and what is said about one that is wrong.
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +9,7 @@
 #include <variant>
 
 #include "SettingsFile.h"
+#include "support/TemporaryDirectory.h"
 
 namespace VarnScripts {
 namespace {
@@ -34,21 +34,13 @@ std::string errorIn(const std::string& toml) {
 
 class ReadSettingsFile : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string name = testing::TempDir() + "settings-XXXXXX";
-    ASSERT_NE(::mkdtemp(name.data()), nullptr);
-    directory_ = name;
-  }
-  void TearDown() override {
-    ::unlink((directory_ + "/varn.toml").c_str());
-    ::rmdir(directory_.c_str());
-  }
   std::string write(const std::string& text) const {
     const std::string path = directory_ + "/varn.toml";
     std::ofstream(path, std::ios::binary) << text;
     return path;
   }
-  std::string directory_;
+  const TemporaryDirectory temporary_;
+  const std::string& directory_ = temporary_.path();
 };
 
 TEST(ParseSettingsFile, EveryKeyIsTakenInItsOwnType) {

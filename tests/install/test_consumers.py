@@ -10,7 +10,6 @@ import json
 import os
 import pathlib
 import subprocess
-import sys
 import tempfile
 import unittest
 
@@ -32,7 +31,7 @@ def execute(arguments, expected=0, **more):
     return done
 
 
-class InDirectory(unittest.TestCase):
+class DirectoryCase(unittest.TestCase):
     def setUp(self):
         directory = tempfile.TemporaryDirectory(prefix="varn-consumer-")
         self.addCleanup(directory.cleanup)
@@ -87,7 +86,7 @@ class InDirectory(unittest.TestCase):
         self.assertIn("Checksum mismatch", tampered.stderr)
 
 
-class Installed(InDirectory):
+class Installed(DirectoryCase):
     def setUp(self):
         super().setUp()
         self.prefix = self.install()
@@ -158,7 +157,7 @@ class Installed(InDirectory):
         self.assertEqual("varn-scripts 0.1.0\n", done.stdout)
 
 
-class FromSources(InDirectory):
+class FromSources(DirectoryCase):
     def test_the_example_agent_builds_with_them_and_nothing_leaks_into_it(self):
         build = self.directory / "build"
         self.configure(EMBED, build, f"-DVARN_SOURCES={ROOT}")
@@ -177,7 +176,3 @@ class FromSources(InDirectory):
         execute([os.environ["VARN_CMAKE"], "--install", build,
                  "--prefix", self.directory / "parent"])
         self.assertFalse((self.directory / "parent").exists())
-
-
-if __name__ == "__main__":
-    unittest.main(argv=[sys.argv[0], "--verbose", *sys.argv[1:]])

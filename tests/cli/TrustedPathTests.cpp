@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "TrustedPath.h"
+#include "support/TemporaryDirectory.h"
 
 namespace VarnScripts {
 namespace {
@@ -22,15 +23,11 @@ constexpr uid_t kOther = 4242;
 class TrustedPath : public testing::Test {
  protected:
   void SetUp() override {
-    std::string name = testing::TempDir() + "trusted-XXXXXX";
-    ASSERT_NE(::mkdtemp(name.data()), nullptr);
-    top_ = std::filesystem::canonical(name);
     std::filesystem::create_directories(top_ + "/a/b");
     std::ofstream(top_ + "/a/b/file") << "text";
     for (const char* const path : {"", "/a", "/a/b"}) mode(path, 0755);
     mode("/a/b/file", 0644);
   }
-  void TearDown() override { std::filesystem::remove_all(top_); }
 
   void mode(const std::string& path, mode_t mode) const {
     ASSERT_EQ(::chmod((top_ + path).c_str(), mode), 0) << path;
@@ -48,7 +45,8 @@ class TrustedPath : public testing::Test {
     return text.starts_with(top_) ? text.substr(top_.size()) : text;
   }
 
-  std::string top_;
+  const TemporaryDirectory directory_;
+  const std::string& top_ = directory_.path();
 };
 
 TEST_F(TrustedPath, OfThisUserAloneIsNotRefused) {
