@@ -2,6 +2,11 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <system_error>
 
 #include "PrintableText.h"
 #include "ScriptRules.h"
@@ -15,6 +20,26 @@ constexpr int kUsageError = 2;
 std::vector<std::string> splitCodes(const std::string& list) {
   if (list.empty()) return {};
   return VarnScriptRepository::codesIn(list);
+}
+
+// Takes "7d" for 604800 seconds.
+CLI::Validator durationInSeconds() {
+  constexpr std::uint64_t kMost = 100 * 366 * 86400ULL;
+  const std::map<std::string, std::uint64_t> units = {
+      {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
+  return CLI::Validator(
+      [units](std::string& text) -> std::string {
+        const std::string what = "must be a time such as 7d, 12h, 30m or 45s: " + text;
+        std::uint64_t number = 0;
+        const char* const end = text.data() + text.size();
+        const auto [rest, failure] = std::from_chars(text.data(), end, number);
+        const auto unit = units.find(std::string(rest, end));
+        if (failure != std::errc() || unit == units.end()) return what;
+        if (number > kMost / unit->second) return what + " (it is too long)";
+        text = std::to_string(number * unit->second);
+        return "";
+      },
+      "");
 }
 
 // The parser takes "--name=" for a name whose value is the next argument, so an empty value is
@@ -140,10 +165,15 @@ class Parser {
         ->required()
         ->type_name("");
     publish_
-        ->add_option("--keep", options.keep,
-                     "How many of the last lists' content stays (default: 2)")
-        ->check(CLI::Range(std::size_t{1}, std::size_t{1000000}).description(""))
-        ->type_name("N");
+        ->add_option_function<std::uint64_t>(
+            "--keep-for",
+            [&options](const std::uint64_t& seconds) {
+              options.keepFor = std::chrono::seconds(seconds);
+            },
+            "How long content stays that the list no longer names: 7d, 12h, 30m or 45s (default: "
+            "until the list is replaced once more)")
+        ->transform(durationInSeconds())
+        ->type_name("TIME");
     publish_->add_flag("--strict", options.strict, "Refuse what is a warning otherwise");
     publish_->add_flag("--check", options.check, "Check everything and write nothing");
     publish_->add_flag("--allow-removal", options.allowRemoval,

@@ -12,7 +12,7 @@ _varn_scripts() {
   local settings="--config --base-path --data-path --customer --server --ca-file --client-cert
     --client-key --proxy --max-download --max-output --log-format --log-file --quiet --help"
   local with_value=" --config --base-path --data-path --customer --server --ca-file --client-cert
-    --client-key --proxy --max-download --max-output --log-format --log-file --accept-codes --keep --digest "
+    --client-key --proxy --max-download --max-output --log-format --log-file --accept-codes --keep-for --digest "
 
   compopt +o default 2>/dev/null
   case $previous in
@@ -39,7 +39,7 @@ _varn_scripts() {
       compopt -o nospace 2>/dev/null
       return
       ;;
-    --customer | --proxy | --max-download | --max-output | --accept-codes | --keep)
+    --customer | --proxy | --max-download | --max-output | --accept-codes | --keep-for)
       COMPREPLY=()
       return
       ;;
@@ -67,7 +67,7 @@ _varn_scripts() {
     run) options="$settings --accept-codes --json" ;;
     plan | list) options="$settings --json" ;;
     prune) options=$settings ;;
-    publish) options="$settings --keep --digest --strict --check --allow-removal" ;;
+    publish) options="$settings --keep-for --digest --strict --check --allow-removal" ;;
     *) options= ;;
   esac
   if [[ $current == -* ]]; then

@@ -58,7 +58,7 @@ _varn_scripts() {
         prune) _arguments $settings ;;
         publish)
           _arguments $settings \
-            '--keep[lists whose files stay]:number:' \
+            '--keep-for[how long files stay that the list no longer names]:time:' \
             '--digest[digest of the checksums]:digest:(md5 sha1 sha224 sha256 sha384 sha512)' \
             '--strict[refuse what is a warning otherwise]' \
             '--check[check only, write nothing]' \

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,6 +19,9 @@ namespace VarnScripts::publishing {
 
 /// The repository's directory below the server's root: "client-data/7/scriptrepo".
 [[nodiscard]] std::string repositoryDirectory(const std::string& customer);
+
+/// Content names: "data/DIGEST.xml", "files/DIGEST.sh".
+using ContentNames = std::set<std::string>;
 
 /// Whether `name` is one that content is published under: "data/DIGEST.xml".
 [[nodiscard]] bool isContentName(std::string_view name);

@@ -12,7 +12,6 @@
 #include "ScriptRepositoryRecords.h"
 #include "StandardStreams.h"
 #include "publish/Documents.h"
-#include "publish/History.h"
 #include "publish/ServerFiles.h"
 #include "publish/Source.h"
 
@@ -115,30 +114,35 @@ class Publisher {
 
     const std::string document = XML::document(current.list);
     if (!decodesTo(document, current.list)) return reportRoundTrip(VarnScriptRepository::kListName);
-    const History history = historyAfter(oldList, current);
-    const std::string newList = document + historyComment(history);
-
     files_.commit(error);
     if (error) return reportFailure(error);
     const std::size_t content = files_.written();
-    // Last: what the list names is all there.
-    replaceList(newList, error);
+    const ContentNames dropped = droppedContent(oldList, current);
+    files_.add(VarnScriptRepository::kListName, document, error);
     if (error) return reportFailure(error);
-
-    ContentNames named = std::move(current.content);
-    for (const ContentNames& earlier : history) named.insert(earlier.begin(), earlier.end());
-    files_.removeContentBut(named, error);
+    const bool replaces = files_.pending() > 0;
+    if (replaces) replaceList(dropped, error);
+    if (!error) removeContent(replaces, dropped, std::move(current.content), error);
     if (error) return reportFailure(error);
-    return report(source, content, files_.written() > content);
+    return report(source, content, replaces);
   }
 
-  void replaceList(const std::string& document, std::error_code& error) {
-    files_.add(VarnScriptRepository::kListName, document, error);
-    if (error || files_.pending() == 0) return;
+  // Last: what the list names is all there.
+  void replaceList(const ContentNames& dropped, std::error_code& error) {
+    // Before they have dropped out: an interruption must not shorten their grace.
+    files_.noteDropped(dropped, error);
     // Servers send a compressed copy that lies beside a file without comparing the two. It goes
     // first: an interruption must not leave the old list's copy beside the new list.
-    files_.removeCompressedCopies(VarnScriptRepository::kListName, error);
+    if (!error) files_.removeCompressedCopies(VarnScriptRepository::kListName, error);
     if (!error) files_.commit(error);
+  }
+
+  // A computer that has fetched the list that was replaced just now fetches what that one names.
+  void removeContent(bool replaced, const ContentNames& dropped, ContentNames named,
+                     std::error_code& error) {
+    if (!replaced && !options_.keepFor) return files_.removeLeftovers(error);
+    if (replaced) named.insert(dropped.begin(), dropped.end());
+    files_.removeContentBut(named, options_.keepFor.value_or(std::chrono::seconds(0)), error);
   }
 
   // Adds every script's file and data document; an exit status when that went wrong.
@@ -181,20 +185,16 @@ class Publisher {
     return kExitNotRun;
   }
 
-  // The history that goes with the new list. A list that says the same is no further list.
-  History historyAfter(const std::string& oldList, const PublishedState& current) {
-    History history = historyIn(oldList);
+  // What the list so far names and the new one does not.
+  [[nodiscard]] ContentNames droppedContent(const std::string& oldList,
+                                            const PublishedState& current) {
     const auto decoded = XML::parse(oldList, std::nullopt, false).toStruct<ScriptsRepoMetaRoot>();
-    const bool replaced = decoded && !(decoded->front() == current.list);
-    if (replaced) {
-      history = advanced(std::move(history), contentOf(decoded->front(), current.content),
-                         current.content);
-    }
-    return limited(std::move(history), options_.keep - 1, current.content);
+    if (!decoded) return {};
+    return contentOf(decoded->front(), current.content);
   }
 
-  // What an earlier list named and `current` does not: its data documents, and the script files
-  // that these name in turn.
+  // What a list names and `current` does not: its data documents, and the script files that these
+  // name in turn.
   [[nodiscard]] ContentNames contentOf(const ScriptsRepoMetaRoot& list,
                                        const ContentNames& current) {
     ContentNames content;

@@ -1,12 +1,12 @@
 // The command `publish`: turns a directory of scripts into the tree that a server serves.
 //
 // The list of scripts is the one file that changes. Everything else has a name made of its bytes,
-// is in its place before a list names it, and stays until the last lists that named it are past; so
-// a client that reads while this runs gets the old state or the new one.
+// is in its place before a list names it, and stays at least until that list has been replaced
+// twice; so a client that reads while this runs gets the old state or the new one.
 
 #pragma once
 
-#include <cstddef>
+#include <chrono>
 #include <optional>
 #include <string>
 
@@ -18,7 +18,8 @@ namespace VarnScripts {
 struct PublishOptions {
   std::string sourceDirectory;
   std::string outputDirectory;
-  std::size_t keep = 2;               ///< lists whose content stays, the new one included
+  /// How long content stays that has dropped out of the list; absent: until the next one does.
+  std::optional<std::chrono::seconds> keepFor;
   bool strict = false;                ///< refuse what is a warning otherwise
   bool check = false;                 ///< look, and write nothing
   bool allowRemoval = false;          ///< publish a list without a script

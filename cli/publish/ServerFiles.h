@@ -4,14 +4,16 @@
 
 #pragma once
 
+#include <chrono>
 #include <cstddef>
+#include <functional>
 #include <set>
 #include <string>
 #include <string_view>
 #include <system_error>
 #include <vector>
 
-#include "publish/History.h"
+#include "publish/Documents.h"
 
 namespace VarnScripts::publishing {
 
@@ -47,9 +49,16 @@ class ServerFiles {
   /// `name` followed by ".gz", ".br" or ".zst". Gone from the disk when this has succeeded.
   void removeCompressedCopies(const std::string& name, std::error_code& error);
 
-  /// Removes content that is not in `named`, and what interrupted publishings have left. Other
-  /// files stay.
-  void removeContentBut(const ContentNames& named, std::error_code& error);
+  /// Notes with the files of `names` that they have just dropped out of the list: it is the time of
+  /// their last modification from now on.
+  void noteDropped(const ContentNames& names, std::error_code& error);
+
+  /// Removes content that is not in `named` and has not been modified for `age`, and what
+  /// interrupted publishings have left. Other files stay.
+  void removeContentBut(const ContentNames& named, std::chrono::seconds age,
+                        std::error_code& error);
+  /// Removes what interrupted publishings have left.
+  void removeLeftovers(std::error_code& error);
 
   /// How many files have been added and not been committed.
   [[nodiscard]] std::size_t pending() const { return pending_.size(); }
@@ -70,7 +79,8 @@ class ServerFiles {
   void lock(std::error_code& error);
   void writeTemporary(const std::string& path, std::string_view bytes, std::error_code& error);
   void syncDirectory(const std::string& path, std::error_code& error);
-  void removeIn(const std::string& part, const ContentNames& named, std::error_code& error);
+  void remove(const std::function<bool(const std::string& name)>& isUnneeded,
+              std::error_code& error);
 
   std::string directory_;
   int lock_ = -1;

@@ -6,13 +6,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <ctime>
 #include <memory>
 #include <utility>
 
 #include "Calls.h"
 #include "RegularFile.h"
 #include "StandardStreams.h"
-#include "publish/Documents.h"
 #include "publish/SyncFiles.h"
 
 namespace VarnScripts::publishing {
@@ -213,29 +213,49 @@ void ServerFiles::removeCompressedCopies(const std::string& name, std::error_cod
   if (copiesRemoved_ > 0) syncDirectory(directory_, error);
 }
 
-void ServerFiles::removeContentBut(const ContentNames& named, std::error_code& error) {
+void ServerFiles::noteDropped(const ContentNames& names, std::error_code& error) {
   error.clear();
-  removeIn("", named, error);
-  for (const char* const part : kContentParts) {
-    if (!error) removeIn(std::string(part) + "/", named, error);
+  for (const std::string& name : names) {
+    const std::string path = pathOf(name);
+    if (::utimensat(AT_FDCWD, path.c_str(), nullptr, AT_SYMLINK_NOFOLLOW) != 0 && errno != ENOENT) {
+      return fail(path, error);
+    }
   }
 }
 
-// Removes what is unneeded among the files of `part`, which is empty or ends in a slash.
-void ServerFiles::removeIn(const std::string& part, const ContentNames& named,
-                           std::error_code& error) {
-  const std::string directory = part.empty() ? directory_ : directoryOf(pathOf(part));
-  const auto names = namesIn(directory, error);
-  if (error) {
-    failedPath_ = directory;
-    return;
-  }
-  for (const std::string& base : names) {
-    const std::string name = part + base;
-    const bool leftover = base.starts_with(kTemporaryName);
-    if (!leftover && (!isContentName(name) || named.contains(name))) continue;
-    if (::unlink(pathOf(name).c_str()) != 0 && errno != ENOENT) return fail(pathOf(name), error);
-    ++removed_;
+void ServerFiles::removeContentBut(const ContentNames& named, std::chrono::seconds age,
+                                   std::error_code& error) {
+  const std::time_t latest = std::time(nullptr) - age.count();
+  remove(
+      [&](const std::string& name) {
+        if (!isContentName(name) || named.contains(name)) return false;
+        struct stat status {};
+        return ::lstat(pathOf(name).c_str(), &status) == 0 && status.st_mtime <= latest;
+      },
+      error);
+}
+
+void ServerFiles::removeLeftovers(std::error_code& error) {
+  remove([](const std::string&) { return false; }, error);
+}
+
+// Removes what is unneeded of the content, and leftovers.
+void ServerFiles::remove(const std::function<bool(const std::string& name)>& isUnneeded,
+                         std::error_code& error) {
+  error.clear();
+  for (const std::string part : {"", "data/", "files/"}) {
+    const std::string directory = part.empty() ? directory_ : directoryOf(pathOf(part));
+    const auto names = namesIn(directory, error);
+    if (error) {
+      failedPath_ = directory;
+      return;
+    }
+    for (const std::string& base : names) {
+      const std::string name = part + base;
+      if (!base.starts_with(kTemporaryName) && !isUnneeded(name)) continue;
+      if (::unlink(pathOf(name).c_str()) != 0 && errno != ENOENT) return fail(pathOf(name), error);
+      ++removed_;
+    }
   }
 }
 

@@ -28,7 +28,7 @@ TEST(PublishCommandLine, HasADefaultForEveryOption) {
   EXPECT_EQ(line.command, CommandLine::Command::publish);
   EXPECT_EQ(line.publish.sourceDirectory, "in");
   EXPECT_EQ(line.publish.outputDirectory, "out");
-  EXPECT_EQ(line.publish.keep, 2U);
+  EXPECT_EQ(line.publish.keepFor, std::nullopt);
   EXPECT_FALSE(line.publish.strict);
   EXPECT_FALSE(line.publish.check);
   EXPECT_FALSE(line.publish.allowRemoval);
@@ -37,9 +37,9 @@ TEST(PublishCommandLine, HasADefaultForEveryOption) {
 
 TEST(PublishCommandLine, TakesItsOptionsAndTheSettings) {
   const CommandLine line =
-      parsed({"--customer", "7", "publish", "--keep", "5", "--strict", "--check", "--digest",
+      parsed({"--customer", "7", "publish", "--keep-for", "2h", "--strict", "--check", "--digest",
               "sha512", "--allow-removal", "in", "out"});
-  EXPECT_EQ(line.publish.keep, 5U);
+  EXPECT_EQ(line.publish.keepFor, std::chrono::seconds(7200));
   EXPECT_TRUE(line.publish.strict);
   EXPECT_TRUE(line.publish.check);
   EXPECT_TRUE(line.publish.allowRemoval);
@@ -47,9 +47,19 @@ TEST(PublishCommandLine, TakesItsOptionsAndTheSettings) {
   EXPECT_EQ(line.flags, (SettingTexts{{"customer", "7"}}));
 }
 
-TEST(PublishCommandLine, RefusesToKeepNoListAtAll) {
-  EXPECT_EQ(refused({"publish", "--keep", "0", "in", "out"}).exitStatus, 2);
-  EXPECT_EQ(refused({"publish", "--keep", "two", "in", "out"}).exitStatus, 2);
+TEST(PublishCommandLine, TakesTheTimeThatContentStaysWithItsUnit) {
+  const std::pair<std::string, std::int64_t> rows[] = {{"45s", 45},    {"30m", 1800},
+                                                       {"12h", 43200}, {"7d", 604800},
+                                                       {"0s", 0},      {"36600d", 3162240000}};
+  for (const auto& [text, seconds] : rows) {
+    EXPECT_EQ(parsed({"publish", "--keep-for", text, "in", "out"}).publish.keepFor,
+              std::chrono::seconds(seconds))
+        << text;
+  }
+  for (const std::string text : {"7", "d", "-1d", "+1d", "1.5d", "7 d", "7D", "1d1h", "36601d",
+                                 "18446744073709551616s", "two"}) {
+    EXPECT_EQ(refused({"publish", "--keep-for", text, "in", "out"}).exitStatus, 2) << text;
+  }
 }
 
 TEST(PublishCommandLine, NeedsBothDirectories) {

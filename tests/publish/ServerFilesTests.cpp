@@ -154,11 +154,31 @@ TEST_F(ServerFilesTest, GoWhenNothingNamesThemAndForeignOnesStay) {
     std::ofstream(root_ + "/" + name) << "x";
   }
   std::error_code error;
-  files.removeContentBut({kScript}, error);
+  files.removeContentBut({kScript}, std::chrono::seconds(0), error);
   EXPECT_FALSE(error);
   EXPECT_EQ(files.removed(), 4U);
   EXPECT_EQ(names(), (std::set<std::string>{"data", "data/42.xml", "files", "files/readme.sh",
                                             kScript, "scripts-meta.xml"}));
+}
+
+TEST_F(ServerFilesTest, StayForTheTimeAfterTheyHaveDroppedOut) {
+  ServerFiles files;
+  open(files);
+  put(files, kScript, "echo a\n");
+  put(files, kOtherScript, "echo b\n");
+  const auto longAgo = fs::file_time_type::clock::now() - std::chrono::hours(100);
+  for (const char* const name : {kScript, kOtherScript}) {
+    fs::last_write_time(root_ + "/" + name, longAgo);
+  }
+  std::error_code error;
+  files.noteDropped({kScript, "files/missing.sh"}, error);
+  EXPECT_FALSE(error);
+  files.removeContentBut({}, std::chrono::hours(1), error);
+  EXPECT_FALSE(error);
+  EXPECT_EQ(names(), (std::set<std::string>{"data", "files", kScript}));
+  files.removeLeftovers(error);
+  EXPECT_FALSE(error);
+  EXPECT_EQ(files.removed(), 1U);
 }
 
 TEST_F(ServerFilesTest, LoseTheirCompressedCopiesAndNothingElse) {
@@ -239,7 +259,7 @@ TEST_F(ServerFilesTest, AreLockedWithAFileThatNobodyElseMayOpen) {
     EXPECT_EQ(modeOf(lock), 0600U);
     EXPECT_EQ(fs::file_size(lock), 0U);
     std::error_code error;
-    files.removeContentBut({}, error);
+    files.removeContentBut({}, std::chrono::seconds(0), error);
     EXPECT_FALSE(error);
     // As a copy of the tree may have it.
     fs::permissions(lock, static_cast<fs::perms>(mode));

@@ -54,12 +54,12 @@ class Client(PublishCase):
 
     def test_with_an_old_document_still_finds_the_script_that_it_names(self):
         self.write_script()
-        self.must_publish("--keep", "1")
+        self.must_publish("--keep-for", "0s")
         self.assertEqual(self.run_command("run", "42").status, 0)
         # Another description is another document, but not another version.
         for number in range(3):
             self.write_script(description=f"Text {number}")
-            self.must_publish("--keep", "1")
+            self.must_publish("--keep-for", "0s")
         with open(self.script_file("job.sh"), "w") as file:
             file.write("tampered")
         result = self.run_command("run", "42")
@@ -82,5 +82,5 @@ class ClientOfAWebServer(ClientCase):
 
 class ClientWhileStatesFlyBy(ClientCase):
     def test_gets_one_of_them(self):
-        self.run_beside(False, "--keep", str(PUBLISHINGS + 1), fresh=True)
+        self.run_beside(False, "--keep-for", "1d", fresh=True)
         self.assertGreater(len(self.seen), 2)

@@ -8,6 +8,7 @@ import signal
 import stat
 import subprocess
 import sys
+import time
 
 from support.publish_case import LOCK_NAME, PublishCase
 from support.repository import CUSTOMER, DIRECTORY
@@ -176,22 +177,61 @@ class Retention(PublishCase):
         self.must_publish()
         self.assertEqual(self.content(), second | third)
 
-    def test_keeps_what_as_many_lists_named_as_asked_for(self):
-        names = [self.publish_text(str(number), "--keep", "4") for number in range(7)]
-        self.assertEqual(self.content(), set().union(*names[3:]))
+    def age(self, names, seconds):
+        """Makes files look as if they had last been modified that long ago."""
+        for name in names:
+            then = time.time() - seconds
+            os.utime(f"{self.output}{DIRECTORY}/{name}", (then, then))
 
-    def test_of_one_list_keeps_nothing_else(self):
-        self.publish_text("1", "--keep", "1")
-        second = self.publish_text("2", "--keep", "1")
+    def test_keeps_for_as_long_as_asked_for_what_has_dropped_out(self):
+        first = self.publish_text("1")
+        # As old as it may be: what counts is when it dropped out.
+        self.age(first, 10**6)
+        second = self.publish_text("2", "--keep-for", "1h")
+        third = self.publish_text("3", "--keep-for", "1h")
+        fourth = self.publish_text("4", "--keep-for", "1h")
+        self.assertEqual(self.content(), first | second | third | fourth)
+        self.age(first, 3700)
+        self.age(second, 3500)
+        fifth = self.publish_text("5", "--keep-for", "1h")
+        self.assertEqual(self.content(), second | third | fourth | fifth)
+        # Also when there is nothing new.
+        self.age(second | fifth, 3700)
+        self.assertEqual(self.must_publish("--keep-for", "1h"),
+                         "Published 1 script for customer 7: 0 files written, the list unchanged, "
+                         "2 files removed.\n")
+        self.assertEqual(self.content(), third | fourth | fifth)
+
+    def test_without_a_time_keeps_what_the_replaced_list_named(self):
+        self.publish_text("1", "--keep-for", "7d")
+        second = self.publish_text("2", "--keep-for", "7d")
+        third = self.publish_text("3")
+        self.assertEqual(self.content(), second | third)
+
+    def test_of_no_time_keeps_what_the_replaced_list_named_until_the_next_publishing(self):
+        first = self.publish_text("1")
+        second = self.publish_text("2", "--keep-for", "0s")
+        self.assertEqual(self.content(), first | second)
+        self.must_publish("--keep-for", "0s")
         self.assertEqual(self.content(), second)
 
-    def test_of_fewer_lists_takes_effect_at_once(self):
-        names = [self.publish_text(str(number), "--keep", "3") for number in range(3)]
-        self.assertEqual(self.content(), set().union(*names))
-        self.assertEqual(self.must_publish("--keep", "1"),
-                         "Published 1 script for customer 7: 0 files written, the list replaced, "
-                         "4 files removed.\n")
-        self.assertEqual(self.content(), names[2])
+    def test_of_a_thousand_changes_adds_nothing_to_the_list(self):
+        self.publish_text("1")
+        with open(self.list_path, encoding="utf-8") as file:
+            first = file.read()
+        for number in range(2, 6):
+            self.publish_text(str(number), "--keep-for", "7d")
+        with open(self.list_path, encoding="utf-8") as file:
+            self.assertEqual(len(file.read()), len(first))
+
+    def test_that_was_interrupted_gives_what_drops_out_its_time(self):
+        first = self.publish_text("1")
+        self.age(first, 10**6)
+        os.mkdir(self.list_path + ".gz")  # the list can't be replaced
+        self.write_script(text="echo 2\n")
+        self.assertEqual(self.publish("--keep-for", "1h").status, 3)
+        for name in first:
+            self.assertLess(time.time() - os.stat(f"{self.output}{DIRECTORY}/{name}").st_mtime, 600)
 
     def test_counts_from_the_newest_list_that_named_it(self):
         first = self.publish_text("1")
@@ -217,20 +257,23 @@ class Retention(PublishCase):
     def test_keeps_a_script_that_another_one_still_is(self):
         self.write_script("1", "a.sh", "echo same\n")
         self.write_script("2", "b.sh", "echo same\n")
-        self.must_publish("--keep", "1")
+        self.must_publish()
         self.assertEqual(len(self.content()), 3)
         self.drop_script("1")
-        self.must_publish("--keep", "1")
+        self.must_publish()
+        self.must_publish("--keep-for", "0s")
         self.assertEqual(len(self.content()), 2)
         self.assertIn(f"files/{sha256('echo same' + chr(10))}.sh", self.content())
 
     def test_leaves_files_alone_that_it_has_not_made(self):
-        self.publish_text("1", "--keep", "1")
+        first = self.publish_text("1")
         foreign = {"robots.txt", "data/42.xml", "files/job.sh"}
         for name in foreign:
             with open(f"{self.output}{DIRECTORY}/{name}", "w") as file:
                 file.write("foreign")
-        second = self.publish_text("2", "--keep", "1")
+        second = self.publish_text("2")
+        self.assertEqual(self.content(), first | second | foreign)
+        self.must_publish("--keep-for", "0s")
         self.assertEqual(self.content(), second | foreign)
 
     def test_sweeps_what_an_interrupted_publishing_left(self):
@@ -240,8 +283,10 @@ class Retention(PublishCase):
                 file.write("left")
         self.assertEqual(self.must_publish(),
                          "Published 1 script for customer 7: 0 files written, the list unchanged, "
-                         "3 files removed.\n")
-        self.assertEqual(self.content(), names)
+                         "2 files removed.\n")
+        # What no list has named goes when there is another list.
+        second = self.publish_text("2")
+        self.assertEqual(self.content(), names | second)
 
     def test_starts_anew_over_a_list_that_cannot_be_read(self):
         self.publish_text("1")
@@ -430,12 +475,12 @@ class Refused(PublishCase):
                                  "tree can have a directory of this name\n"))
         self.assertFalse(os.path.exists(self.output))
 
-    def test_at_least_one_list_must_be_kept(self):
+    def test_the_time_that_content_stays_must_be_one(self):
         self.write_script()
-        for number in ("0", "-1", "x"):
-            result = self.publish("--keep", number)
-            self.assertEqual(result.status, 2, number)
-            self.assertIn("--keep", result.error)
+        for time_text in ("7", "-1d", "x", "7w", "", "99999999999d"):
+            result = self.publish("--keep-for=" + time_text)
+            self.assertEqual(result.status, 2, time_text)
+            self.assertIn("--keep-for", result.error)
         self.assertFalse(os.path.exists(self.output))
 
     def test_both_directories_must_be_named(self):
