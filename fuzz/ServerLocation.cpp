@@ -5,7 +5,7 @@
 
 #include "InMemoryAgent.h"
 #include "Input.h"
-#include "ScriptRequest.h"
+#include "ScriptRepositoryProcessorRequest.h"
 
 namespace {
 

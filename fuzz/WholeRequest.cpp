@@ -7,7 +7,7 @@
 #include "InMemoryAgent.h"
 #include "Input.h"
 #include "ScriptRepositoryMetaProcessor.h"
-#include "ScriptRequest.h"
+#include "ScriptRepositoryProcessorRequest.h"
 
 namespace {
 

@@ -25,7 +25,6 @@ LEVELS = [
     ("ScriptRepositoryUtil", 40),
     ("ScriptRepositoryRecords", 40),
     ("ObjectRuntimeRegistration", 40),
-    ("ScriptRequest", 55),
     ("ScriptRules", 45),
     ("Directories", 30),
     ("ScriptRunObserver", 15),

@@ -10,7 +10,7 @@
 
 #include "AgentFixture.h"
 #include "Directories.h"
-#include "ScriptRequest.h"
+#include "ScriptRepositoryProcessorRequest.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "AgentFixture.h"
-#include "ScriptRequest.h"
+#include "ScriptRepositoryProcessorRequest.h"
 #include "ShellDouble.h"
 
 namespace {

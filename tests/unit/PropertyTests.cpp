@@ -14,7 +14,7 @@
 #include "AgentFixture.h"
 #include "MarkupParser.h"
 #include "NarrowRegisters.h"
-#include "ScriptRequest.h"
+#include "ScriptRepositoryProcessorRequest.h"
 #include "ScriptRules.h"
 #include "ShellDouble.h"
 #include "support/Encoding.h"

@@ -13,7 +13,7 @@
 #include "Sanitizers.h"
 #include "ScriptRepositoryLocalMetaProcessor.h"
 #include "ScriptRepositoryMetaProcessor.h"
-#include "ScriptRequest.h"
+#include "ScriptRepositoryProcessorRequest.h"
 
 namespace {
 

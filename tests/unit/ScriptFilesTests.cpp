@@ -8,7 +8,7 @@
 
 #include "AgentFixture.h"
 #include "ScriptRepositoryLocalMetaProcessor.h"
-#include "ScriptRequest.h"
+#include "ScriptRepositoryProcessorRequest.h"
 
 namespace {
 
