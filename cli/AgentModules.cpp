@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "AgentDirectories.h"
-#include "AgentSettings.h"
 #include "NamedFiles.h"
 
 // The system's, which no header declares everywhere.
@@ -57,12 +56,7 @@ void prepareDownloads() {
 
 std::optional<SettingsError> configureAgentModules(const Settings& settings,
                                                    ModuleObservers observers) {
-  AgentLog::LogSettings log;
-  log.format = settings.logFormat == Settings::LogFormat::json
-                   ? AgentLog::LogSettings::Format::json
-                   : AgentLog::LogSettings::Format::text;
-  log.file = settings.logFile;
-  log.quiet = settings.quiet;
+  AgentLog::LogSettings log = settings.log;
   log.maxMessage = settings.maxOutput;
   log.observer = std::move(observers.onRecord);
   std::vector<std::string> writableByGroup;
@@ -75,16 +69,7 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
   }
   for (const std::string& path : writableByGroup) AgentUtils::reportOpenDirectory(path);
 
-  AgentUtils::AgentSettings agent;
-  agent.basePath = settings.basePath;
-  agent.dataPath = settings.dataPath;
-  agent.customerID = settings.customer;
-  agent.serverURL = settings.server;
-  agent.caFile = settings.caFile;
-  agent.clientCert = settings.clientCert;
-  agent.clientKey = settings.clientKey;
-  agent.proxy = settings.proxy;
-  agent.maxDownload = settings.maxDownload;
+  AgentUtils::AgentSettings agent = settings.agent;
   agent.onDownloadProgress = std::move(observers.onDownloadProgress);
   agent.beforeFileUse = std::move(observers.beforeFileUse);
   agent.afterChecksumTest = std::move(observers.afterChecksumTest);

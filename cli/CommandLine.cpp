@@ -97,10 +97,10 @@ class Parser {
  private:
   void addSettings() {
     app_.add_option("--config", result_.configFile, "Settings file, TOML")->type_name("FILE");
-    for (const auto& definition : kSettings) {
+    for (const auto& definition : settingDefinitions()) {
       const std::string key(definition.key);
       const std::string meaning(definition.meaning);
-      if (definition.kind == SettingDefinition::Kind::toggle) {
+      if (definition.kind() == SettingDefinition::Kind::toggle) {
         app_.add_flag_callback(
             flagOf(key), [this, key] { result_.flags[key] = "true"; }, meaning);
         continue;

@@ -42,10 +42,11 @@ std::optional<SettingsError> complaintAboutSettingsFile(const std::string& path)
 std::optional<SettingsError> complaintAboutNamedFiles(const Settings& settings,
                                                       std::vector<std::string>& writableByGroup) {
   for (const NamedFile& file :
-       {settingsFile(settings.settingsFile), fileOf("log_file", settings.logFile, PathEnd::ownFile),
-        fileOf("ca_file", settings.caFile, PathEnd::givenFile),
-        fileOf("client_cert", settings.clientCert, PathEnd::givenFile),
-        fileOf("client_key", settings.clientKey, PathEnd::givenFile)}) {
+       {settingsFile(settings.settingsFile),
+        fileOf("log_file", settings.log.file, PathEnd::ownFile),
+        fileOf("ca_file", settings.agent.caFile, PathEnd::givenFile),
+        fileOf("client_cert", settings.agent.clientCert, PathEnd::givenFile),
+        fileOf("client_key", settings.agent.clientKey, PathEnd::givenFile)}) {
     if (auto complaint = complaintAbout(file, writableByGroup)) return complaint;
   }
   return std::nullopt;

@@ -23,7 +23,7 @@ namespace VarnScripts {
 int plan(const CommandLine& line, const Settings& settings) {
   // Before any other thread, and never destroyed: its thread runs until the process ends.
   auto& signals = *new SignalForwarding;
-  Progress progress(Progress::isPossible() && !settings.quiet);
+  Progress progress(Progress::isPossible() && !settings.log.quiet);
   ModuleObservers observers;
   observers.onRecord = [&progress](const AgentLog::Record&) { progress.makeWay(); };
   observers.onDownloadProgress = [&progress](std::uint64_t received, std::uint64_t total) {
@@ -52,7 +52,7 @@ int plan(const CommandLine& line, const Settings& settings) {
   for (UsedPath& path : pathsOfScript(line.scriptID)) paths.push_back(std::move(path));
   paths.push_back({temporary->pathOf("store"), PathEnd::ownFile});
   RequestPlan made;
-  if (guard.allows(paths)) made = makePlan(line.scriptID, settings.customer, *temporary);
+  if (guard.allows(paths)) made = makePlan(line.scriptID, settings.agent.customerID, *temporary);
   if (guard.refusal().empty() && made.problem.empty()) {
     made.problem = complaintAboutRecord(temporary->pathOf("store"), settings).value_or("");
   }

@@ -84,7 +84,7 @@ void takeTurns(const std::vector<ListedScript>& scripts, const Settings& setting
     if (!name.empty()) files.emplace(fileLockOffset(name), name);
   }
   std::error_code error;
-  lock.acquire(settings.basePath, settings.customer, scriptIDs, error);
+  lock.acquire(settings.agent.basePath, settings.agent.customerID, scriptIDs, error);
   if (error) throw std::system_error(error, "Request lock " + lock.path() + " can't be taken");
   for (const auto& [offset, name] : files) lock.holdFile(name);
 }
@@ -152,7 +152,7 @@ int refused(const PathGuard& guard, Progress& progress) {
 }  // namespace
 
 int prune(const Settings& settings) {
-  Progress progress(Progress::isPossible() && !settings.quiet);
+  Progress progress(Progress::isPossible() && !settings.log.quiet);
   ModuleObservers observers;
   observers.onRecord = [&progress](const AgentLog::Record&) { progress.makeWay(); };
   observers.onDownloadProgress = [&progress](std::uint64_t received, std::uint64_t total) {

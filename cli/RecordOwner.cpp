@@ -25,17 +25,19 @@ bool isOfAnother(const std::string& scriptPath, const std::string& customer) {
 
 std::optional<std::string> complaintAboutRecord(const std::string& path, const Settings& settings) {
   // A record of the customer's own is read once, by the request itself.
-  if (settings.dataPath == ownDataPath(settings.basePath, settings.customer)) return std::nullopt;
+  if (settings.agent.dataPath == ownDataPath(settings.agent.basePath, settings.agent.customerID))
+    return std::nullopt;
   if (!AgentUtils::FileUtils().isFileExists(path)) return std::nullopt;
   try {
     const std::vector<ListedScript> scripts = listedScriptsIn(path);
     const auto found =
         std::find_if(scripts.begin(), scripts.end(), [&](const ListedScript& script) {
-          return script.scriptPath && isOfAnother(*script.scriptPath, settings.customer);
+          return script.scriptPath && isOfAnother(*script.scriptPath, settings.agent.customerID);
         });
     if (found == scripts.end()) return std::nullopt;
-    return "data_path " + settings.dataPath + " holds the record of another customer's script " +
-           *found->scriptPath + "; give each customer a data_path of its own";
+    return "data_path " + settings.agent.dataPath +
+           " holds the record of another customer's script " + *found->scriptPath +
+           "; give each customer a data_path of its own";
   } catch (const std::exception&) {
     return std::nullopt;
   }

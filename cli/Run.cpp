@@ -151,7 +151,7 @@ Outcome request(const CommandLine& line, const Settings& settings, const Request
     return {{}, std::move(*complaint)};
   }
   std::error_code error;
-  lock.acquire(settings.basePath, settings.customer, {line.scriptID}, error);
+  lock.acquire(settings.agent.basePath, settings.agent.customerID, {line.scriptID}, error);
   if (error) {
     // Without its turn a request could run what another one is just replacing.
     return {{}, "Request lock " + lock.path() + " can't be taken: " + error.message()};
@@ -185,7 +185,7 @@ int run(const CommandLine& line, const Settings& settings) {
   auto& signals = *new SignalForwarding;
   RequestLog requestLog;
   RequestLock lock;
-  Progress progress(Progress::isPossible() && !settings.quiet);
+  Progress progress(Progress::isPossible() && !settings.log.quiet);
   const RunWatch watch(signals, progress);
   ModuleObservers observers;
   observers.onRecord = [&](const AgentLog::Record& record) {

@@ -78,11 +78,13 @@ std::string below(const std::string& directory, const std::string& name) {
 // The data path when none is given; empty when it depends on a customer and there is none.
 std::string defaultDataPath(const SettingSources& sources, const Settings& settings) {
   // Older installations have one record for the base path, and go on with it.
-  const std::string shared = below(settings.basePath, "data");
+  const std::string shared = below(settings.agent.basePath, "data");
   const bool isOlder =
       sources.exists && sources.exists(shared + "/Configuration-Framework/ScriptRepository");
   if (isOlder) return shared;
-  return settings.customer.empty() ? "" : ownDataPath(settings.basePath, settings.customer);
+  return settings.agent.customerID.empty()
+             ? ""
+             : ownDataPath(settings.agent.basePath, settings.agent.customerID);
 }
 
 // What is wrong with a server location, or nothing. Never repeats it: it may hold a password.
@@ -124,82 +126,126 @@ std::optional<std::uint64_t> bytesFrom(const std::string& text) {
   return value;
 }
 
-// Takes the settings from their places one by one and keeps the first complaint.
-class Layering {
+// Takes a text into the setting's value; gives what is wrong with it.
+class Taking {
  public:
-  explicit Layering(const SettingSources& sources) : sources_(sources) {}
+  Taking(const std::string& text, const SettingDefinition& definition,
+         const std::string& currentDirectory)
+      : text_(text), definition_(definition), currentDirectory_(currentDirectory) {}
 
-  void takeText(const std::string& key, std::string& to) {
-    if (const auto value = take(key)) to = value->text;
+  using Complaint = std::optional<std::string>;
+
+  Complaint operator()(std::string* to) const {
+    *to = definition_.isDirectory ? absolutePath(text_, currentDirectory_) : text_;
+    return std::nullopt;
   }
 
-  void takePath(const std::string& key, std::string& to) {
-    if (const auto value = take(key)) to = absolutePath(value->text, sources_.currentDirectory);
+  Complaint operator()(std::uint64_t* to) const {
+    const auto bytes = bytesFrom(text_);
+    if (!bytes) return "must be a number of bytes above zero, not \"" + text_ + "\"";
+    *to = *bytes;
+    return std::nullopt;
   }
 
-  void takeServer(std::string& to) {
-    const auto value = take("server");
-    if (!value) return;
-    to = value->text;
-    if (const auto complaint = complaintAboutServer(to)) {
-      complain(wrong("server", *value, *complaint));
-    }
+  Complaint operator()(std::optional<std::uint64_t>* to) const { return (*this)(&to->emplace()); }
+
+  Complaint operator()(bool* to) const {
+    const auto toggle = toggleFrom(text_);
+    if (!toggle) return "must be true or false, not \"" + text_ + "\"";
+    *to = *toggle;
+    return std::nullopt;
   }
 
-  void takeLogFormat(Settings::LogFormat& to) {
-    const auto value = take("log_format");
-    if (!value || value->text == "text") return;
-    if (value->text != "json") {
-      return complain(
-          wrong("log_format", *value, "must be text or json, not \"" + value->text + "\""));
-    }
-    to = Settings::LogFormat::json;
+  Complaint operator()(AgentLog::LogSettings::Format* to) const {
+    using Format = AgentLog::LogSettings::Format;
+    if (text_ != "text" && text_ != "json") return "must be text or json, not \"" + text_ + "\"";
+    *to = text_ == "json" ? Format::json : Format::text;
+    return std::nullopt;
   }
-
-  /// `to` is a number of bytes, or one that need not be given.
-  template <class Number>
-  void takeBytes(const std::string& key, Number& to) {
-    const auto value = take(key);
-    if (!value) return;
-    const auto bytes = bytesFrom(value->text);
-    if (!bytes) {
-      return complain(
-          wrong(key, *value, "must be a number of bytes above zero, not \"" + value->text + "\""));
-    }
-    to = *bytes;
-  }
-
-  void takeQuiet(bool& to) {
-    const auto value = take("quiet");
-    if (!value) return;
-    const auto toggle = toggleFrom(value->text);
-    if (!toggle) {
-      return complain(wrong("quiet", *value, "must be true or false, not \"" + value->text + "\""));
-    }
-    to = *toggle;
-  }
-
-  void complain(SettingsError error) {
-    if (!error_) error_ = std::move(error);
-  }
-
-  [[nodiscard]] const std::optional<SettingsError>& error() const { return error_; }
 
  private:
-  std::optional<GivenText> take(const std::string& key) {
-    auto value = given(sources_, key);
-    if (value && value->text.find('\0') != std::string::npos) {
-      complain(wrong(key, *value, "must not contain a NUL character"));
-      return std::nullopt;
-    }
-    return value;
-  }
+  const std::string& text_;
+  const SettingDefinition& definition_;
+  const std::string& currentDirectory_;
+};
 
-  const SettingSources& sources_;
-  std::optional<SettingsError> error_;
+// Takes one setting from its place; gives what is wrong with it.
+std::optional<SettingsError> take(const SettingDefinition& definition,
+                                  const SettingSources& sources, Settings& settings) {
+  const std::string key(definition.key);
+  const auto value = given(sources, key);
+  if (!value) return std::nullopt;
+  if (value->text.find('\0') != std::string::npos) {
+    return wrong(key, *value, "must not contain a NUL character");
+  }
+  auto complaint = definition.complaint != nullptr ? definition.complaint(value->text)
+                                                   : std::optional<std::string>();
+  if (!complaint) {
+    complaint = std::visit(Taking(value->text, definition, sources.currentDirectory),
+                           definition.member(settings));
+  }
+  if (!complaint) return std::nullopt;
+  return wrong(key, *value, *complaint);
+}
+
+// The key of the first setting that is needed and not there.
+std::optional<std::string> missingKey(const Settings& settings, NeededSettings needed) {
+  const auto& agent = settings.agent;
+  const bool request = needed == NeededSettings::request;
+  if (request && agent.basePath.empty()) return "base_path";
+  if ((request || needed == NeededSettings::customer) && agent.customerID.empty()) {
+    return "customer";
+  }
+  if (request && agent.serverURL.empty()) return "server";
+  if (needed != NeededSettings::customer && agent.dataPath.empty()) {
+    return agent.basePath.empty() ? "data_path" : "customer";
+  }
+  return std::nullopt;
+}
+
+constexpr SettingDefinition kSettings[] = {
+    {"base_path", "DIR", "Agent base directory",
+     [](Settings& s) -> SettingMember { return &s.agent.basePath; }, nullptr, true},
+    {"data_path", "DIR", "Agent data directory (default: base directory/data/customer)",
+     [](Settings& s) -> SettingMember { return &s.agent.dataPath; }, nullptr, true},
+    {"customer", "ID", "Customer ID",
+     [](Settings& s) -> SettingMember { return &s.agent.customerID; }},
+    {"server", "URL", "Repository server: https://, http:// or file://",
+     [](Settings& s) -> SettingMember { return &s.agent.serverURL; }, complaintAboutServer},
+    {"ca_file", "FILE", "Authorities to trust, PEM (default: the system's)",
+     [](Settings& s) -> SettingMember { return &s.agent.caFile; }},
+    {"client_cert", "FILE", "Client certificate, PEM",
+     [](Settings& s) -> SettingMember { return &s.agent.clientCert; }},
+    {"client_key", "FILE", "Key of the client certificate, PEM",
+     [](Settings& s) -> SettingMember { return &s.agent.clientKey; }},
+    {"proxy", "URL", "Proxy (default: the environment's)",
+     [](Settings& s) -> SettingMember { return &s.agent.proxy; }},
+    {"max_download", "BYTES",
+     "Most bytes that one download may receive or write (default: 1073741824)",
+     [](Settings& s) -> SettingMember { return &s.agent.maxDownload; }},
+    {"max_output", "BYTES",
+     "Most bytes of a script's output that are written and logged (default: all)",
+     [](Settings& s) -> SettingMember { return &s.maxOutput; }},
+    {"log_format", "text|json", "Form of the log (default: text)",
+     [](Settings& s) -> SettingMember { return &s.log.format; }},
+    {"log_file", "FILE", "Log to a rotating file (default: standard error)",
+     [](Settings& s) -> SettingMember { return &s.log.file; }},
+    {"quiet", "", "No log on standard error",
+     [](Settings& s) -> SettingMember { return &s.log.quiet; }},
 };
 
 }  // namespace
+
+std::span<const SettingDefinition> settingDefinitions() { return kSettings; }
+
+SettingDefinition::Kind SettingDefinition::kind() const {
+  Settings any;
+  const SettingMember value = member(any);
+  if (std::holds_alternative<bool*>(value)) return Kind::toggle;
+  const bool isText = std::holds_alternative<std::string*>(value) ||
+                      std::holds_alternative<AgentLog::LogSettings::Format*>(value);
+  return isText ? Kind::text : Kind::number;
+}
 
 std::string flagOf(std::string_view key) { return "--" + inAscii(key, '_', '-'); }
 
@@ -212,35 +258,13 @@ std::string ownDataPath(const std::string& basePath, const std::string& customer
 std::variant<Settings, SettingsError> layerSettings(const SettingSources& sources,
                                                     NeededSettings needed) {
   Settings settings;
-  Layering layering(sources);
-  layering.takePath("base_path", settings.basePath);
-  layering.takePath("data_path", settings.dataPath);
-  layering.takeText("customer", settings.customer);
-  layering.takeServer(settings.server);
-  layering.takeText("ca_file", settings.caFile);
-  layering.takeText("client_cert", settings.clientCert);
-  layering.takeText("client_key", settings.clientKey);
-  layering.takeText("proxy", settings.proxy);
-  layering.takeBytes("max_download", settings.maxDownload);
-  layering.takeBytes("max_output", settings.maxOutput);
-  layering.takeLogFormat(settings.logFormat);
-  layering.takeText("log_file", settings.logFile);
-  layering.takeQuiet(settings.quiet);
-
-  const bool request = needed == NeededSettings::request;
-  if (request && settings.basePath.empty()) layering.complain(missing("base_path"));
-  if ((request || needed == NeededSettings::customer) && settings.customer.empty()) {
-    layering.complain(missing("customer"));
+  for (const SettingDefinition& definition : kSettings) {
+    if (auto error = take(definition, sources, settings)) return *error;
   }
-  if (request && settings.server.empty()) layering.complain(missing("server"));
-  if (settings.dataPath.empty() && !settings.basePath.empty()) {
-    settings.dataPath = defaultDataPath(sources, settings);
+  if (settings.agent.dataPath.empty() && !settings.agent.basePath.empty()) {
+    settings.agent.dataPath = defaultDataPath(sources, settings);
   }
-  if (needed != NeededSettings::customer && settings.dataPath.empty()) {
-    layering.complain(missing(settings.basePath.empty() ? "data_path" : "customer"));
-  }
-
-  if (layering.error()) return *layering.error();
+  if (const auto key = missingKey(settings, needed)) return missing(*key);
   return settings;
 }
 

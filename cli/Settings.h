@@ -6,16 +6,35 @@
 
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <variant>
 
+#include "AgentSettings.h"
+#include "LogSettings.h"
+
 namespace VarnScripts {
+
+/// All settings of one invocation. An empty text means "not given".
+struct Settings {
+  /// What the bundled modules take. The two directories are absolute, without a trailing slash but
+  /// for "/" itself.
+  AgentUtils::AgentSettings agent;
+  AgentLog::LogSettings log;
+  /// The most bytes of a script's output that are written and logged.
+  std::optional<std::uint64_t> maxOutput;
+  std::string settingsFile;  ///< where some of them may come from
+};
+
+/// A setting's value, by its kind: a text, a number of bytes, one that need not be given, a toggle,
+/// the form of the log.
+using SettingMember = std::variant<std::string*, std::uint64_t*, std::optional<std::uint64_t>*,
+                                   bool*, AgentLog::LogSettings::Format*>;
 
 /// One setting. The key in the settings file ("base_path") gives the flag ("--base-path") and the
 /// environment variable ("VARN_BASE_PATH").
@@ -27,64 +46,25 @@ struct SettingDefinition {
   };
 
   std::string_view key;
-  Kind kind;
   std::string_view valueName;  ///< what help calls the value: "DIR"
   std::string_view meaning;    ///< what help says
+  /// Where its value is in the settings.
+  SettingMember (*member)(Settings& settings);
+  /// What is wrong with a text that was given for it, or nothing; null when every text will do.
+  std::optional<std::string> (*complaint)(const std::string& text) = nullptr;
+  bool isDirectory = false;  ///< made absolute
+
+  [[nodiscard]] Kind kind() const;
 };
 
-inline constexpr std::array kSettings = {
-    SettingDefinition{"base_path", SettingDefinition::Kind::text, "DIR", "Agent base directory"},
-    SettingDefinition{"data_path", SettingDefinition::Kind::text, "DIR",
-                      "Agent data directory (default: base directory/data/customer)"},
-    SettingDefinition{"customer", SettingDefinition::Kind::text, "ID", "Customer ID"},
-    SettingDefinition{"server", SettingDefinition::Kind::text, "URL",
-                      "Repository server: https://, http:// or file://"},
-    SettingDefinition{"ca_file", SettingDefinition::Kind::text, "FILE",
-                      "Authorities to trust, PEM (default: the system's)"},
-    SettingDefinition{"client_cert", SettingDefinition::Kind::text, "FILE",
-                      "Client certificate, PEM"},
-    SettingDefinition{"client_key", SettingDefinition::Kind::text, "FILE",
-                      "Key of the client certificate, PEM"},
-    SettingDefinition{"proxy", SettingDefinition::Kind::text, "URL",
-                      "Proxy (default: the environment's)"},
-    SettingDefinition{"max_download", SettingDefinition::Kind::number, "BYTES",
-                      "Most bytes that one download may receive or write (default: 1073741824)"},
-    SettingDefinition{"max_output", SettingDefinition::Kind::number, "BYTES",
-                      "Most bytes of a script's output that are written and logged (default: all)"},
-    SettingDefinition{"log_format", SettingDefinition::Kind::text, "text|json",
-                      "Form of the log (default: text)"},
-    SettingDefinition{"log_file", SettingDefinition::Kind::text, "FILE",
-                      "Log to a rotating file (default: standard error)"},
-    SettingDefinition{"quiet", SettingDefinition::Kind::toggle, "", "No log on standard error"},
-};
+/// All there are, in the order in which they are shown.
+[[nodiscard]] std::span<const SettingDefinition> settingDefinitions();
 
 /// The setting's flag: "--base-path".
 [[nodiscard]] std::string flagOf(std::string_view key);
 
 /// The setting's environment variable: "VARN_BASE_PATH".
 [[nodiscard]] std::string variableOf(std::string_view key);
-
-/// All settings of one invocation. An empty text means "not given".
-struct Settings {
-  enum class LogFormat { text, json };
-
-  std::string basePath;  ///< absolute, no trailing slash but for "/" itself
-  std::string dataPath;  ///< absolute, no trailing slash but for "/" itself
-  std::string customer;
-  std::string server;
-  std::string caFile;
-  std::string clientCert;
-  std::string clientKey;
-  std::string proxy;
-  std::uint64_t maxDownload = std::uint64_t{1} << 30;
-  std::optional<std::uint64_t> maxOutput;
-  LogFormat logFormat = LogFormat::text;
-  std::string logFile;
-  bool quiet = false;
-  std::string settingsFile;  ///< where some of them may come from
-
-  bool operator==(const Settings&) const = default;
-};
 
 /// Why there are no settings: one line that names the setting and where it was or can be given.
 struct SettingsError {

@@ -14,7 +14,7 @@ namespace {
 constexpr std::size_t kLargestFile = std::size_t{1} << 20;
 
 const SettingDefinition* definitionOf(std::string_view key) {
-  for (const auto& definition : kSettings) {
+  for (const auto& definition : settingDefinitions()) {
     if (definition.key == key) return &definition;
   }
   return nullptr;
@@ -73,9 +73,9 @@ std::variant<SettingTexts, SettingsError> textsOf(const toml::table& table,
     const auto line = name.source().begin.line;
     const SettingDefinition* const definition = definitionOf(key);
     if (definition == nullptr) return errorInFile(path, line, "unknown setting " + key);
-    const auto text = textOf(node, definition->kind);
+    const auto text = textOf(node, definition->kind());
     if (!text) {
-      return errorInFile(path, line, key + " must be " + std::string(wordFor(definition->kind)));
+      return errorInFile(path, line, key + " must be " + std::string(wordFor(definition->kind())));
     }
     texts[key] = *text;
   }

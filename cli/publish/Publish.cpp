@@ -37,7 +37,7 @@ struct PublishedState {
 class Publisher {
  public:
   Publisher(const PublishOptions& options, const Settings& settings)
-      : options_(options), customer_(settings.customer), largestScript_(settings.maxDownload) {}
+      : options_(options), customer_(settings.agent.customerID), largestScript_(settings.agent.maxDownload) {}
 
   int publish() {
     if (const auto complaint = complaintAboutCustomer(customer_)) {

@@ -37,7 +37,7 @@ struct SourceOptions {
   std::string directory;                                 ///< as it was given; messages show it
   std::optional<std::string> digest;                     ///< wins over the manifest's
   bool allowRemoval = false;                             ///< take a manifest without a script
-  std::uint64_t largestScript = Settings().maxDownload;  ///< in bytes
+  std::uint64_t largestScript = Settings().agent.maxDownload;  ///< in bytes
 };
 
 /// Reads and checks the manifest and every script. The result is complete when `findings` has got

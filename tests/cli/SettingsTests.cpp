@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <optional>
 #include <string>
+#include <tuple>
 #include <variant>
 #include <vector>
 
@@ -37,6 +40,20 @@ Settings settingsFrom(const SettingSources& sources,
   return std::get<Settings>(result);
 }
 
+using Format = AgentLog::LogSettings::Format;
+using Values = std::tuple<std::string, std::string, std::string, std::string, std::string,
+                          std::string, std::string, std::string, std::uint64_t,
+                          std::optional<std::uint64_t>, Format, std::string, bool>;
+
+// In the order of their definitions.
+Values valuesOf(const Settings& settings) {
+  const auto& agent = settings.agent;
+  return {agent.basePath,    agent.dataPath,     agent.customerID,    agent.serverURL,
+          agent.caFile,      agent.clientCert,   agent.clientKey,     agent.proxy,
+          agent.maxDownload, settings.maxOutput, settings.log.format, settings.log.file,
+          settings.log.quiet};
+}
+
 std::string errorFrom(const SettingSources& sources,
                       NeededSettings needed = NeededSettings::request) {
   const auto result = layerSettings(sources, needed);
@@ -52,15 +69,10 @@ TEST(SettingNames, FlagsAndVariablesAreMadeFromTheKey) {
 }
 
 TEST(LayerSettings, DefaultsStandWhereNothingIsGiven) {
-  Settings expected;
-  expected.basePath = "/opt/agent";
-  expected.dataPath = "/opt/agent/data/7";
-  expected.customer = "7";
-  expected.server = "https://host";
-  expected.maxDownload = 1073741824;
-  expected.logFormat = Settings::LogFormat::text;
-  expected.quiet = false;
-  EXPECT_EQ(settingsFrom(complete()), expected);
+  const Values expected{
+      "/opt/agent", "/opt/agent/data/7", "7",          "https://host", "", "",   "",
+      "",           1073741824U,         std::nullopt, Format::text,   "", false};
+  EXPECT_EQ(valuesOf(settingsFrom(complete())), expected);
 }
 
 TEST(LayerSettings, EverySettingCanBeGivenInTheEnvironment) {
@@ -78,21 +90,10 @@ TEST(LayerSettings, EverySettingCanBeGivenInTheEnvironment) {
                                        {"VARN_LOG_FORMAT", "json"},
                                        {"VARN_LOG_FILE", "log"},
                                        {"VARN_QUIET", "true"}});
-  const Settings expected{"/b",
-                          "/d",
-                          "c",
-                          "http://s",
-                          "ca.pem",
-                          "cert.pem",
-                          "key.pem",
-                          "http://p:3128",
-                          5,
-                          6,
-                          Settings::LogFormat::json,
-                          "log",
-                          true,
-                          ""};
-  EXPECT_EQ(settingsFrom(sources), expected);
+  const Values expected{
+      "/b", "/d", "c",          "http://s", "ca.pem", "cert.pem", "key.pem", "http://p:3128",
+      5,    6,    Format::json, "log",      true};
+  EXPECT_EQ(valuesOf(settingsFrom(sources)), expected);
 }
 
 TEST(LayerSettings, AFlagWinsOverTheEnvironmentAndThatOverTheFile) {
@@ -102,9 +103,9 @@ TEST(LayerSettings, AFlagWinsOverTheEnvironmentAndThatOverTheFile) {
       environmentOf({{"VARN_CUSTOMER", "environment"}, {"VARN_CA_FILE", "environment"}});
   sources.file = {{"customer", "file"}, {"ca_file", "file"}, {"proxy", "file"}};
   const Settings settings = settingsFrom(sources);
-  EXPECT_EQ(settings.customer, "flag");
-  EXPECT_EQ(settings.caFile, "environment");
-  EXPECT_EQ(settings.proxy, "file");
+  EXPECT_EQ(settings.agent.customerID, "flag");
+  EXPECT_EQ(settings.agent.caFile, "environment");
+  EXPECT_EQ(settings.agent.proxy, "file");
 }
 
 TEST(LayerSettings, AnEmptyTextCountsAsNotGivenAtItsPlace) {
@@ -112,7 +113,7 @@ TEST(LayerSettings, AnEmptyTextCountsAsNotGivenAtItsPlace) {
   sources.flags["customer"] = "";
   sources.environment = environmentOf({{"VARN_CUSTOMER", ""}});
   sources.file = {{"customer", "file"}};
-  EXPECT_EQ(settingsFrom(sources).customer, "file");
+  EXPECT_EQ(settingsFrom(sources).agent.customerID, "file");
 }
 
 TEST(LayerSettings, AMissingSettingIsNamedWithEveryPlaceForIt) {
@@ -142,9 +143,9 @@ TEST(LayerSettings, AMissingSettingIsNamedWithEveryPlaceForIt) {
 TEST(LayerSettings, LocalStateNeedsTheDataPathAlone) {
   SettingSources sources;
   sources.flags = {{"data_path", "/d"}};
-  EXPECT_EQ(settingsFrom(sources, NeededSettings::localState).dataPath, "/d");
+  EXPECT_EQ(settingsFrom(sources, NeededSettings::localState).agent.dataPath, "/d");
   sources.flags = {{"base_path", "/b"}, {"customer", "7"}};
-  EXPECT_EQ(settingsFrom(sources, NeededSettings::localState).dataPath, "/b/data/7");
+  EXPECT_EQ(settingsFrom(sources, NeededSettings::localState).agent.dataPath, "/b/data/7");
   sources.flags = {{"base_path", "/b"}};
   EXPECT_EQ(errorFrom(sources, NeededSettings::localState),
             "customer is not set: give it with --customer, with VARN_CUSTOMER in the environment, "
@@ -162,14 +163,14 @@ TEST(LayerSettings, ARecordOfAnOlderInstallationIsKept) {
     asked.push_back(path);
     return true;
   };
-  EXPECT_EQ(settingsFrom(sources).dataPath, "/opt/agent/data");
+  EXPECT_EQ(settingsFrom(sources).agent.dataPath, "/opt/agent/data");
   sources.flags.erase("customer");
-  EXPECT_EQ(settingsFrom(sources, NeededSettings::localState).dataPath, "/opt/agent/data");
+  EXPECT_EQ(settingsFrom(sources, NeededSettings::localState).agent.dataPath, "/opt/agent/data");
   EXPECT_EQ(asked, std::vector<std::string>(
                        2, "/opt/agent/data/Configuration-Framework/ScriptRepository"));
   // What is given is not looked for.
   sources.flags["data_path"] = "/d";
-  EXPECT_EQ(settingsFrom(sources, NeededSettings::localState).dataPath, "/d");
+  EXPECT_EQ(settingsFrom(sources, NeededSettings::localState).agent.dataPath, "/d");
   EXPECT_EQ(asked.size(), 2U);
 }
 
@@ -193,8 +194,8 @@ TEST(LayerSettings, PathsBecomeAbsoluteWithoutATrailingSlash) {
     auto sources = complete();
     sources.flags["base_path"] = row.given;
     const Settings settings = settingsFrom(sources);
-    EXPECT_EQ(settings.basePath, row.base) << row.given;
-    EXPECT_EQ(settings.dataPath, row.data) << row.given;
+    EXPECT_EQ(settings.agent.basePath, row.base) << row.given;
+    EXPECT_EQ(settings.agent.dataPath, row.data) << row.given;
   }
 }
 
@@ -203,7 +204,7 @@ TEST(LayerSettings, ServersOfTheThreeSchemesAreTaken) {
                              "file://localhost/srv", "https://[::1]:8443/a@b"}) {
     auto sources = complete();
     sources.flags["server"] = server;
-    EXPECT_EQ(settingsFrom(sources).server, server);
+    EXPECT_EQ(settingsFrom(sources).agent.serverURL, server);
   }
 }
 
@@ -250,7 +251,7 @@ TEST(LayerSettings, NumbersOfBytesAreWholeAndAboveZero) {
     auto sources = complete();
     sources.flags[key] = "18446744073709551615";
     const Settings settings = settingsFrom(sources);
-    EXPECT_EQ(key == "max_output" ? settings.maxOutput.value_or(0) : settings.maxDownload,
+    EXPECT_EQ(key == "max_output" ? settings.maxOutput.value_or(0) : settings.agent.maxDownload,
               18446744073709551615U);
     for (const std::string bad : {"0", "-1", "1k", "1.5", " 1", "18446744073709551616"}) {
       sources.flags[key] = bad;
@@ -265,12 +266,12 @@ TEST(LayerSettings, QuietIsATruthValue) {
   for (const char* word : {"true", "TRUE", "yes", "on", "1"}) {
     auto sources = complete();
     sources.environment = environmentOf({{"VARN_QUIET", word}});
-    EXPECT_TRUE(settingsFrom(sources).quiet) << word;
+    EXPECT_TRUE(settingsFrom(sources).log.quiet) << word;
   }
   for (const char* word : {"false", "no", "Off", "0", ""}) {
     auto sources = complete();
     sources.environment = environmentOf({{"VARN_QUIET", word}});
-    EXPECT_FALSE(settingsFrom(sources).quiet) << word;
+    EXPECT_FALSE(settingsFrom(sources).log.quiet) << word;
   }
   auto sources = complete();
   sources.environment = environmentOf({{"VARN_QUIET", "perhaps"}});
