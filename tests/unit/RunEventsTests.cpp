@@ -165,8 +165,9 @@ TEST_F(RunEvents, TellASignalFromAnExitCode) {
 }
 
 TEST_F(RunEvents, TellThatTheLimitCame) {
-  EXPECT_THAT(eventsOf("exec 2>/dev/null; trap 'exit 5' TERM; while :; do sleep 0.05; done", 1).back(),
-              "exited 5 after its limit output 0 dropped 0 lost 0");
+  EXPECT_THAT(
+      eventsOf("exec 2>/dev/null; trap 'exit 5' TERM; while :; do sleep 0.05; done", 1).back(),
+      "exited 5 after its limit output 0 dropped 0 lost 0");
   notes.events.clear();
   EXPECT_THAT(eventsOf("exec sleep 600", 1).back(),
               "signalled 15 after its limit output 0 dropped 0 lost 0");
