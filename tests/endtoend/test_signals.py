@@ -2,8 +2,11 @@
 
 import json
 import os
+import shutil
 import signal
 import socket
+import subprocess
+import unittest
 
 from support.case import DEADLINE, CommandCase
 
@@ -146,6 +149,35 @@ class WaitingTest(CommandCase):
         process.send_signal(signal.SIGINT)
         result = self.finish(process)
         self.assertEqual((result.status, result.output), (-signal.SIGINT, ""))
+
+    @unittest.skipUnless(shutil.which("strace") and not os.environ.get("VARN_SANITIZE"),
+                         "no strace here")
+    def test_a_start_that_hangs_is_left_by_the_second_signal(self):
+        self.put(text="echo ran\n")
+        tracer = subprocess.Popen(
+            ["strace", "-f", "-qq", "-o", self.path("trace"), "-P", "/bin/sh",
+             "-e", "inject=execve:delay_enter=600000000", self.command, *self.settings(), "run", "42"],
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+            cwd=self.directory, env=self.environment(), start_new_session=True)
+        self.addCleanup(self._end, tracer)
+        self.addCleanup(self._kill, tracer.pid)
+        while b"Execute /bin/sh" not in tracer.stderr.readline():
+            pass
+        with open(f"/proc/{tracer.pid}/task/{tracer.pid}/children", encoding="utf-8") as file:
+            command = int(file.read().split()[0])
+        for number in (signal.SIGTERM, signal.SIGINT):
+            os.kill(command, number)
+            self.wait_until(lambda: not self.is_pending(command, number), "the signal's taking")
+        self.wait_until(lambda: self.state_of(command) in (None, "Z"), "the command's end")
+
+    @staticmethod
+    def is_pending(pid, number):
+        try:
+            with open(f"/proc/{pid}/status", encoding="utf-8") as file:
+                mask = next(line.split()[1] for line in file if line.startswith("ShdPnd:"))
+        except (FileNotFoundError, ProcessLookupError):
+            return False
+        return bool(int(mask, 16) >> (number - 1) & 1)
 
     def test_a_script_that_ignores_every_signal_is_left_by_the_second(self):
         ready, started, told = self.fifo("ready"), self.fifo("started"), self.fifo("told")
