@@ -2,10 +2,16 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
+#include <iterator>
 #include <thread>
 
 namespace VarnScripts {
 namespace {
+
+// How often a second signal is looked for while a script is being started.
+constexpr std::chrono::milliseconds kLookAgain{2};
 
 constexpr int kForwarded[] = {SIGINT, SIGTERM, SIGHUP};
 
@@ -111,8 +117,14 @@ void SignalForwarding::forward() {
 }
 
 void SignalForwarding::passOn(int signal, std::unique_lock<std::mutex>& lock) {
-  // The start of a program takes no time to speak of.
-  changed_.wait(lock, [this] { return script_ != Script::starts; });
+  // A start may hang, when its files lie on a disk that does not answer; another signal ends that.
+  while (script_ == Script::starts) {
+    if (std::any_of(std::begin(kForwarded), std::end(kForwarded),
+                    [this](int other) { return isPending(other); })) {
+      return;
+    }
+    changed_.wait_for(lock, kLookAgain);
+  }
   // One wish may come as two signals in one breath: timeout(1) sends one to its child and one to
   // the group of both. What comes after the script was told is another wish.
   if (isPending(signal)) take(setOf(signal));

@@ -12,6 +12,7 @@
 #include "Input.h"
 #include "ScriptRepositoryUtil.h"
 #include "ScriptedChild.h"
+#include "VarnScriptRepository/ScriptRunObserver.h"
 
 namespace {
 
@@ -24,6 +25,15 @@ std::size_t logged(std::string_view beginning) {
       std::count_if(messages.begin(), messages.end(),
                     [&](const std::string& message) { return message.starts_with(beginning); }));
 }
+
+/// What an observer is told of a run.
+struct Watch : VarnScriptRepository::ScriptRunObserver {
+  void outputTaken(std::string_view piece) override { output += piece; }
+  void scriptEnded(const VarnScriptRepository::ScriptEnd& ended) override { end = ended; }
+
+  std::string output;
+  std::optional<VarnScriptRepository::ScriptEnd> end;
+};
 
 // ---- The plain decoder -----------------------------------------------------------------------
 
@@ -164,12 +174,21 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   ScriptedChild same = child;
   messages.clear();
 
+  Watch watch;
+  VarnScriptRepository::setScriptRunObserver(&watch);
   const auto [status, output] =
       VarnScriptRepository::shell("/", "-c", {}, "/", child.limitInSeconds());
+  VarnScriptRepository::setScriptRunObserver(nullptr);
   FUZZ_REQUIRE(status && output);
   const Outcome outcome{*output, *status, logged("availableOutput"), logged("shell: Killing"),
                         child.now()};
   FUZZ_REQUIRE(outcome == PlainRunner(same).run());
+
+  // What is told of the run is what becomes of it.
+  FUZZ_REQUIRE(watch.end && watch.output == *output && watch.end->outputBytes == output->size());
+  FUZZ_REQUIRE(watch.end->code == *status && watch.end->lostBytes == 0);
+  FUZZ_REQUIRE(watch.end->droppedBytes == child.written().size() - child.held() - output->size());
+  FUZZ_REQUIRE(watch.end->limitReached == (outcome.limitsReached == 1));
 
   // Whatever the decoder says: it is UTF-8 and in the order written, the child's own bytes were all
   // looked at, and what is read behind its end does not take longer the more there is.

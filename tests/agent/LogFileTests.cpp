@@ -103,11 +103,11 @@ TEST_F(LogFile, RotatesAtTenMebibytesAndKeepsThreeOlderOnes) {
 TEST_F(LogFile, KeepsAnyLineWholeInOneFile) {
   open();
   AgentLog::logInfo("before", "Unit", "operation()", 1);
-  AgentLog::logInfo(std::string(12 << 20, '\n'), "Unit", "operation()", 2);
+  AgentLog::logInfo(std::string(6 << 20, '\n'), "Unit", "operation()", 2);
   AgentLog::logInfo("after", "Unit", "operation()", 3);
   EXPECT_EQ(linesWithoutTimes(directory / "agent.2.log"), "info Unit operation() 1 before\n");
   std::string longLine = "info Unit operation() 2 ";
-  for (int line = 0; line < 12 << 20; ++line) longLine += "\\n";
+  for (int line = 0; line < 6 << 20; ++line) longLine += "\\n";
   EXPECT_TRUE(linesWithoutTimes(directory / "agent.1.log") == longLine + "\n");
   EXPECT_EQ(linesWithoutTimes(path), "info Unit operation() 3 after\n");
 }

@@ -1,9 +1,13 @@
 """Signals that stop the command reach the running script, and end the command after it."""
 
+import contextlib
 import json
 import os
+import shutil
 import signal
 import socket
+import subprocess
+import unittest
 
 from support.case import DEADLINE, CommandCase
 
@@ -103,10 +107,17 @@ class WaitingTest(CommandCase):
         """Starts a script that is signalled, tells so, and ends only when it is let go; gives the
         command's process when the script has told."""
         self.go, started, told = self.fifo("go"), self.fifo("started"), self.fifo("told")
-        # Open for both, or the opening itself would wait and be interrupted.
-        self.put(text=f"trap 'echo got >{told}' TERM\nexec 3<>{self.go}\necho before\n"
-                      f"echo $$ >{started}\nuntil read line <&3; do :; done\n"
-                      "echo after\nexit 3\n")
+        # Not a shell, which hears nothing of a signal that comes right before its read blocks.
+        self.put(file_name="job.py",
+                 text="import os, signal, sys\n"
+                      "signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTERM})\n"
+                      "print('before', flush=True)\n"
+                      f"print(os.getpid(), file=open({started!r}, 'w'), flush=True)\n"
+                      "signal.sigwait({signal.SIGTERM})\n"
+                      f"print('got', file=open({told!r}, 'w'), flush=True)\n"
+                      f"open({self.go!r}).readline()\n"
+                      "print('after')\n"
+                      "sys.exit(3)\n")
         process = self.start("run", "42", *options)
         self.end_process_at_end(int(self.read_line_from(started)))
         process.terminate()
@@ -146,6 +157,46 @@ class WaitingTest(CommandCase):
         process.send_signal(signal.SIGINT)
         result = self.finish(process)
         self.assertEqual((result.status, result.output), (-signal.SIGINT, ""))
+
+    @unittest.skipUnless(shutil.which("strace") and not os.environ.get("VARN_SANITIZE"),
+                         "no strace here")
+    def test_a_start_that_hangs_is_left_by_the_second_signal(self):
+        self.put(text="echo ran\n")
+        tracer = subprocess.Popen(
+            ["strace", "-f", "-qq", "-o", self.path("trace"), "-P", "/bin/sh",
+             "-e", "inject=execve:delay_enter=600000000", self.command, *self.settings(), "run", "42"],
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+            cwd=self.directory, env=self.environment(), start_new_session=True)
+        self.addCleanup(self._end, tracer)
+        self.addCleanup(self._kill, tracer.pid)
+        # Up to here no start is under way, and the first signal would end the command.
+        self.wait_until(lambda: self.grandchildren(tracer.pid), "the child that becomes the script")
+        (command,) = self.children(tracer.pid)
+        for number in (signal.SIGTERM, signal.SIGINT):
+            os.kill(command, number)
+            self.wait_until(lambda: not self.is_pending(command, number), "the signal's taking")
+        self.wait_until(lambda: self.state_of(command) in (None, "Z"), "the command's end")
+
+    @staticmethod
+    def children(pid):
+        found = []
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+            for thread in os.listdir(f"/proc/{pid}/task"):
+                with open(f"/proc/{pid}/task/{thread}/children", encoding="utf-8") as file:
+                    found += map(int, file.read().split())
+        return found
+
+    def grandchildren(self, pid):
+        return [each for child in self.children(pid) for each in self.children(child)]
+
+    @staticmethod
+    def is_pending(pid, number):
+        try:
+            with open(f"/proc/{pid}/status", encoding="utf-8") as file:
+                mask = next(line.split()[1] for line in file if line.startswith("ShdPnd:"))
+        except (FileNotFoundError, ProcessLookupError):
+            return False
+        return bool(int(mask, 16) >> (number - 1) & 1)
 
     def test_a_script_that_ignores_every_signal_is_left_by_the_second(self):
         ready, started, told = self.fifo("ready"), self.fifo("started"), self.fifo("told")

@@ -160,7 +160,7 @@ class CommandCase(unittest.TestCase):
         try:
             with open(f"/proc/{pid}/stat", encoding="utf-8") as file:
                 return file.read().rsplit(")", 1)[1].split()[0]
-        except FileNotFoundError:
+        except (FileNotFoundError, ProcessLookupError):
             return None
 
     def end_process_at_end(self, pid):
