@@ -126,6 +126,7 @@ bool HttpHandlermac::downloadFileWithRootPermission(const std::string& fromURL,
     } catch (const std::exception& failure) {
       AgentLog::logInfo("Download of " + fromURL + " failed: " + failure.what(), kSource,
                         kOperation, __LINE__);
+      if (settings().onFailure) settings().onFailure(fromURL, failure.what());
     }
   } catch (...) {
     // Out of memory while telling of it.

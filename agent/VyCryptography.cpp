@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cerrno>
+
 #include "AgentSettings.h"
 #include "AgentUtils.h"
 #include "DigestName.h"
@@ -16,19 +18,24 @@ namespace {
 
 using posix::FileDescriptor;
 
-bool hasChecksum(const std::string& path, const std::string& type, const std::string& checksum) {
+/// Why the file is not what the checksum says; null when it is.
+const char* complaint(const std::string& path, const std::string& type,
+                      const std::string& checksum) {
   // A name with a NUL would open the file that its beginning names.
-  if (path.find('\0') != std::string::npos) return false;
+  if (path.find('\0') != std::string::npos) return "its name holds a NUL";
   const std::optional<Digest> digest = digestOfName(type);
-  if (!digest) return false;
+  if (!digest) return "the checksum's type is not known";
   const std::optional<std::string> expected = digestBytes(*digest, checksum);
-  if (!expected) return false;
+  if (!expected) return "the checksum is none of its type";
   if (settings().beforeFileUse) settings().beforeFileUse(path);
   // Not blocking, or a FIFO at that path would be waited for.
   const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (!file) return errno == ENOENT ? "it is missing" : "it can't be opened";
   struct stat status {};
-  if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
-  return digestOfFile(*digest, file, static_cast<std::size_t>(status.st_size)) == expected;
+  if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return "it is not a file";
+  const auto found = digestOfFile(*digest, file, static_cast<std::size_t>(status.st_size));
+  if (!found) return "it can't be read";
+  return found == expected ? nullptr : "its content is another";
 }
 
 }  // namespace
@@ -36,11 +43,13 @@ bool hasChecksum(const std::string& path, const std::string& type, const std::st
 bool VyCryptography::validateCheckSumForFile(const std::string& path, const std::string& Type,
                                              const std::string& Checksum) {
   try {
-    const bool isValid = hasChecksum(path, Type, Checksum);
+    const char* const wrong = complaint(path, Type, Checksum);
+    const bool isValid = wrong == nullptr;
     // Were it asked for conditionally again, a damaged answer, or a server that takes its new file
     // for the old one, would keep it wrong for ever.
     if (!isValid) distrustFile(path);
     if (settings().afterChecksumTest) settings().afterChecksumTest(path, isValid);
+    if (!isValid && settings().onFailure) settings().onFailure(path, wrong);
     return isValid;
   } catch (...) {
     // Out of memory: what can't be verified is not valid.

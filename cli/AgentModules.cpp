@@ -74,6 +74,7 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
   agent.beforeFileUse = std::move(observers.beforeFileUse);
   agent.afterChecksumTest = std::move(observers.afterChecksumTest);
   agent.afterRowWrite = std::move(observers.afterRowWrite);
+  agent.onFailure = std::move(observers.onFailure);
   agent.beforeServerFileUse = std::move(observers.beforeServerFileUse);
   AgentUtils::configure(std::move(agent));
   return std::nullopt;

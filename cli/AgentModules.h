@@ -20,6 +20,7 @@ struct ModuleObservers {
   std::function<void(const std::string& path)> beforeFileUse;
   std::function<void(const std::string& path, bool isValid)> afterChecksumTest;
   std::function<void(const std::string& key)> afterRowWrite;
+  std::function<void(const std::string& subject, const std::string& cause)> onFailure;
   std::function<void(const std::string& path)> beforeServerFileUse;
 };
 

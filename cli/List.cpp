@@ -16,6 +16,7 @@
 #include "ExitStatus.h"
 #include "PathGuard.h"
 #include "PrintableText.h"
+#include "Reason.h"
 #include "StandardStreams.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 
@@ -75,7 +76,7 @@ auto fromStore(const Read& read, std::optional<std::string>& error)
   const std::string& path = ScriptRepositoryConstants::FilePath::scriptRepository();
   std::error_code cause;
   if (!exists(path, cause)) {
-    if (cause) error = "the store " + path + " can't be read: " + cause.message();
+    if (cause) error = "The store " + path + " can't be read: " + cause.message();
     return {};
   }
   try {
@@ -83,7 +84,7 @@ auto fromStore(const Read& read, std::optional<std::string>& error)
         path, ScriptRepositoryConstants::TableNames::scriptToMeta);
     return read(storage);
   } catch (const std::exception& failure) {
-    error = "the store " + path + " can't be read: " + failure.what();
+    error = "The store " + path + " can't be read: " + failure.what();
     return {};
   }
 }
@@ -155,13 +156,13 @@ int list(const CommandLine& line, const Settings& settings) {
   }
   PathGuard guard(MissingDirectory::left);
   if (!guard.allows(pathsOfStore())) {
-    writeErrorLine("varn-scripts: " + guard.refusal());
+    writeReason(guard.refusal(), settings);
     return kExitNotRun;
   }
   std::optional<std::string> error;
   const auto scripts = listedScripts(error);
   if (error) {
-    writeErrorLine("varn-scripts: " + *error);
+    writeReason(*error, settings);
     return kExitNotRun;
   }
   const bool written = writeOutput(line.json ? listJson(scripts) : listTable(scripts));

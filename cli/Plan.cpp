@@ -12,6 +12,7 @@
 #include "PathGuard.h"
 #include "PlanText.h"
 #include "Progress.h"
+#include "Reason.h"
 #include "RecordOwner.h"
 #include "RequestPlan.h"
 #include "SignalForwarding.h"
@@ -25,6 +26,10 @@ int plan(const CommandLine& line, const Settings& settings) {
   auto& signals = *new SignalForwarding;
   Progress progress(Progress::isPossible() && !settings.log.quiet);
   ModuleObservers observers;
+  ReasonFinder reason(line.scriptID, settings);
+  observers.onFailure = [&reason](const std::string& subject, const std::string& cause) {
+    reason.moduleFailed(subject, cause);
+  };
   observers.onRecord = [&progress](const AgentLog::Record&) { progress.makeWay(); };
   observers.onDownloadProgress = [&progress](std::uint64_t received, std::uint64_t total) {
     progress.showDownload(received, total);
@@ -52,13 +57,15 @@ int plan(const CommandLine& line, const Settings& settings) {
   for (UsedPath& path : pathsOfScript(line.scriptID)) paths.push_back(std::move(path));
   paths.push_back({temporary->pathOf("store"), PathEnd::ownFile});
   RequestPlan made;
-  if (guard.allows(paths)) made = makePlan(line.scriptID, settings.agent.customerID, *temporary);
+  if (guard.allows(paths)) {
+    made = makePlan(line.scriptID, settings.agent.customerID, *temporary, reason);
+  }
   if (guard.refusal().empty() && made.problem.empty()) {
     made.problem = complaintAboutRecord(temporary->pathOf("store"), settings).value_or("");
   }
   progress.finish();
   if (!guard.refusal().empty()) {
-    writeErrorLine("varn-scripts: " + guard.refusal());
+    writeReason(guard.refusal(), settings);
     return kExitNotRun;
   }
   const bool written = writeOutput(line.json ? planJson(made) : planText(made));

@@ -6,6 +6,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -19,6 +20,7 @@
 #include "List.h"
 #include "PathGuard.h"
 #include "Progress.h"
+#include "Reason.h"
 #include "RecordOwner.h"
 #include "RequestFiles.h"
 #include "RequestLock.h"
@@ -133,7 +135,7 @@ std::string removeDropped(const Settings& settings) {
       keepWhatLiesElsewhere(scripts);
     }
   } catch (const std::exception& error) {
-    return std::string("nothing is removed: ") + error.what();
+    return std::string("Nothing is removed: ") + error.what();
   }
   ScriptRepositoryProcessor::removeServerRemovedScripts();
   for (const ListedScript& script : scripts) {
@@ -143,9 +145,9 @@ std::string removeDropped(const Settings& settings) {
   return "";
 }
 
-int refused(const PathGuard& guard, Progress& progress) {
+int refused(std::string_view reason, const Settings& settings, Progress& progress) {
   progress.finish();
-  writeErrorLine("varn-scripts: " + guard.refusal());
+  writeReason(reason, settings);
   return kExitNotRun;
 }
 
@@ -154,6 +156,12 @@ int refused(const PathGuard& guard, Progress& progress) {
 int prune(const Settings& settings) {
   Progress progress(Progress::isPossible() && !settings.log.quiet);
   ModuleObservers observers;
+  // No script is in this: nothing but the list can fail.
+  ReasonFinder reason("", settings);
+  VarnScriptRepository::setScriptRunObserver(&reason);
+  observers.onFailure = [&reason](const std::string& subject, const std::string& cause) {
+    reason.moduleFailed(subject, cause);
+  };
   observers.onRecord = [&progress](const AgentLog::Record&) { progress.makeWay(); };
   observers.onDownloadProgress = [&progress](std::uint64_t received, std::uint64_t total) {
     progress.showDownload(received, total);
@@ -165,29 +173,25 @@ int prune(const Settings& settings) {
     writeErrorLine("varn-scripts: " + error->line);
     return kExitUsage;
   }
-  if (!guard.allows(pathsOfRequests())) return refused(guard, progress);
+  if (!guard.allows(pathsOfRequests())) return refused(guard.refusal(), settings, progress);
   prepareDownloads();
   if (const auto complaint =
           complaintAboutRecord(ScriptRepositoryConstants::FilePath::scriptRepository(), settings)) {
-    progress.finish();
-    writeErrorLine("varn-scripts: " + *complaint);
-    return kExitNotRun;
+    return refused(*complaint, settings, progress);
   }
   createDirectories();
   if (!fillContainer()) {
     // Called all the same: the library's own line tells that nothing is removed.
     ScriptRepositoryProcessor::removeServerRemovedScripts();
-    if (!guard.refusal().empty()) return refused(guard, progress);
-    progress.finish();
-    return kExitNotRun;
+    return refused(guard.refusal().empty() ? reason.reason().sentence : guard.refusal(), settings,
+                   progress);
   }
   const std::string problem = removeDropped(settings);
   // The list's download has looked after the other directory.
   AgentUtils::removeLeftDownloads(VarnScriptRepository::scriptRepoScriptsDirectory());
+  if (!problem.empty()) return refused(problem, settings, progress);
   progress.finish();
-  if (problem.empty()) return kExitSuccess;
-  writeErrorLine("varn-scripts: " + problem);
-  return kExitNotRun;
+  return kExitSuccess;
 }
 
 }  // namespace VarnScripts

@@ -18,6 +18,7 @@ namespace {
 using AgentUtils::FileUtils;
 using AgentUtils::HttpHandlermac;
 using MarkupParser::XML;
+using VarnScriptRepository::RequestStep;
 using VarnScriptRepository::ScriptItem;
 using VarnScriptRepository::ScriptLocalData;
 using VarnScriptRepository::ScriptRepo;
@@ -27,22 +28,12 @@ using VarnScriptRepository::ScriptRoot;
 using VarnScriptRepository::ScriptsRepoMetaRoot;
 using VarnScriptRepository::VyFile;
 
-template <class Root>
-std::optional<Root> decodedFile(const std::string& path) {
-  std::error_code error;
-  std::string document = VarnScriptRepository::files::readWhole(path, error);
-  if (error) return std::nullopt;
-  auto roots = XML::parse(std::move(document), std::nullopt, false).toStruct<Root>();
-  if (!roots) return std::nullopt;
-  return std::move(roots->front());
-}
-
 // Each step says true when the next one is to follow.
 class PlanMaker {
  public:
   PlanMaker(const std::string& scriptID, const std::string& customer,
-            const TemporaryDirectory& temporary)
-      : customer_(customer), temporary_(temporary) {
+            const TemporaryDirectory& temporary, ReasonFinder& reason)
+      : customer_(customer), temporary_(temporary), reason_(reason) {
     plan_.scriptID = scriptID;
   }
 
@@ -56,9 +47,29 @@ class PlanMaker {
   }
 
  private:
-  bool stop(const std::string& problem) {
-    plan_.problem = problem;
+  bool stop() {
+    plan_.problem = reason_.reason().sentence;
     return false;
+  }
+
+  bool stop(RequestStep step, const std::string& subject, const std::string& cause = "") {
+    reason_.stepFailed({step, subject, cause});
+    return stop();
+  }
+
+  // The document at `path`, or nothing and the problem.
+  template <class Root>
+  std::optional<Root> decodedFile(const std::string& path, RequestStep read, RequestStep decode) {
+    std::error_code error;
+    std::string document = VarnScriptRepository::files::readWhole(path, error);
+    if (error) {
+      stop(read, path, VarnScriptRepository::files::description(error));
+      return std::nullopt;
+    }
+    auto roots = XML::parse(std::move(document), std::nullopt, false).toStruct<Root>();
+    if (roots) return std::move(roots->front());
+    stop(decode, path);
+    return std::nullopt;
   }
 
   [[nodiscard]] bool upToDate() const { return plan_.step == RequestPlan::Step::upToDate; }
@@ -68,14 +79,16 @@ class PlanMaker {
         VarnScriptRepository::serverDirectory(customer_) + "/" + VarnScriptRepository::kListName;
     const std::string copy = temporary_.pathOf("list.xml");
     if (!HttpHandlermac::initWithServerInfo().downloadFileWithRootPermission(path, copy)) {
-      return stop("the server's list can't be fetched");
+      return stop(RequestStep::listDownload, path);
     }
-    auto root = decodedFile<ScriptsRepoMetaRoot>(copy);
-    if (!root || root->scriptsMeta.empty()) return stop("the server's list can't be read");
+    auto root = decodedFile<ScriptsRepoMetaRoot>(copy, RequestStep::listRead,
+                                                 RequestStep::listDecode);
+    if (!root) return false;
+    if (root->scriptsMeta.empty()) return stop(RequestStep::listDecode, copy);
     auto& metadata = ScriptRepositoryMetaProcessor::shared();
     metadata.setScriptRepoMetaData(std::move(root->scriptsMeta.front().scriptRepo));
     plan_.entry = metadata.getScriptRepoForID(plan_.scriptID);
-    return plan_.entry ? true : stop("the server's list has no script of this ID");
+    return plan_.entry ? true : stop(RequestStep::listLookUp, plan_.scriptID);
   }
 
   bool findLocalVersion() {
@@ -114,16 +127,18 @@ class PlanMaker {
     std::string path = VarnScriptRepository::dataDocumentPath(plan_.scriptID);
     if (!upToDate()) {
       const auto& mapping = plan_.entry->scriptPathMapping;
-      if (!mapping || mapping->empty()) return stop("the entry names no data document");
+      if (!mapping || mapping->empty()) return stop(RequestStep::documentLookUp, plan_.scriptID);
       const std::string& filepath = mapping->front().filepath;
       plan_.downloads.push_back(filepath);
       path = temporary_.pathOf("document.xml");
       if (!HttpHandlermac::initWithServerInfo().downloadFileWithRootPermission(filepath, path)) {
-        return stop("the data document can't be fetched");
+        return stop(RequestStep::documentDownload, filepath);
       }
     }
-    auto root = decodedFile<ScriptRoot>(path);
-    if (!root || root->script.empty()) return stop("the data document can't be read");
+    auto root =
+        decodedFile<ScriptRoot>(path, RequestStep::documentRead, RequestStep::documentDecode);
+    if (!root) return false;
+    if (root->script.empty()) return stop(RequestStep::documentDecode, path);
     item = std::move(root->script.front());
     return true;
   }
@@ -131,7 +146,7 @@ class PlanMaker {
   void followDocument(const ScriptItem& item) {
     const auto file = item.getFileData(plan_.entry->fileID);
     if (!file) {
-      stop("the data document has no file of the entry's file ID");
+      stop(RequestStep::fileLookUp, plan_.entry->fileID);
       return;
     }
     plan_.scriptFile = VarnScriptRepository::scriptFilePath(file->fileName);
@@ -139,7 +154,7 @@ class PlanMaker {
     if (const auto repo = item.getScriptRepo(plan_.scriptID)) {
       describeRun(*repo);
     } else {
-      stop("the data document has no definition of this script");
+      stop(RequestStep::definitionLookUp, plan_.scriptID);
     }
   }
 
@@ -155,7 +170,7 @@ class PlanMaker {
                                                                  : "the script file is missing";
     }
     plan_.downloads.push_back(VarnScriptRepository::serverPath(file.fileSystemLocation));
-    return checksum != nullptr ? true : stop("the data document has no checksum for the file");
+    return checksum != nullptr ? true : stop(RequestStep::checksumLookUp, *plan_.scriptFile);
   }
 
   void describeRun(const ScriptRepo& repo) {
@@ -163,22 +178,24 @@ class PlanMaker {
     plan_.acceptedCodes = VarnScriptRepository::codesIn(repo.exitCode);
     plan_.interpreter = VarnScriptRepository::getLaunchPath(repo.scriptName);
     if (!plan_.interpreter) {
-      stop("the extension of " + repo.scriptName + " has no interpreter");
+      stop(RequestStep::interpreterLookUp, repo.scriptName);
     } else if (!FileUtils().isFileExists(*plan_.interpreter)) {
-      stop("the interpreter is not on this computer");
+      reason_.interpreterMissing(*plan_.interpreter);
+      stop();
     }
   }
 
   const std::string& customer_;
   const TemporaryDirectory& temporary_;
+  ReasonFinder& reason_;
   RequestPlan plan_;
 };
 
 }  // namespace
 
 RequestPlan makePlan(const std::string& scriptID, const std::string& customer,
-                     const TemporaryDirectory& temporary) {
-  return PlanMaker(scriptID, customer, temporary).make();
+                     const TemporaryDirectory& temporary, ReasonFinder& reason) {
+  return PlanMaker(scriptID, customer, temporary, reason).make();
 }
 
 }  // namespace VarnScripts

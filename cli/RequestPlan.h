@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Reason.h"
 #include "ScriptRepositoryRecords.h"
 #include "TemporaryDirectory.h"
 
@@ -32,9 +33,9 @@ struct RequestPlan {
   std::string problem;  ///< why no script would be run; empty when one would
 };
 
-/// What a request for `scriptID` would do now. The agent modules are configured; documents of the
-/// server are fetched into `temporary`.
+/// What a request for `scriptID` would do now. The agent modules are configured, and what they say
+/// of failures comes to `reason`; documents of the server are fetched into `temporary`.
 [[nodiscard]] RequestPlan makePlan(const std::string& scriptID, const std::string& customer,
-                                   const TemporaryDirectory& temporary);
+                                   const TemporaryDirectory& temporary, ReasonFinder& reason);
 
 }  // namespace VarnScripts

@@ -18,10 +18,10 @@
 #include "PathGuard.h"
 #include "Pieces.h"
 #include "Progress.h"
+#include "Reason.h"
 #include "RecordOwner.h"
 #include "RequestFiles.h"
 #include "RequestLock.h"
-#include "RequestLog.h"
 #include "SignalForwarding.h"
 #include "StandardStreams.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
@@ -35,10 +35,10 @@ using VarnScriptRepository::ProcessingResult;
 using VarnScriptRepository::ScriptRepositoryConstants;
 using VarnScriptRepository::ScriptRepositoryProcessor;
 
-// A request's result with the reason when its script was not run.
+// A request's result, or the reason why its script was not run.
 struct Outcome {
   ProcessingResult result;
-  std::string reason;
+  std::optional<Reason> reason;
 };
 
 // The output as far as the settings let it be written.
@@ -56,26 +56,33 @@ struct ShownOutput {
 // Has the request's script watched for as long as this lives.
 class RunWatch final : VarnScriptRepository::ScriptRunObserver {
  public:
-  RunWatch(SignalForwarding& signals, Progress& progress) : signals_(signals), progress_(progress) {
+  RunWatch(SignalForwarding& signals, Progress& progress, ReasonFinder& reason)
+      : signals_(signals), progress_(progress), reason_(reason) {
     VarnScriptRepository::setScriptRunObserver(this);
   }
   ~RunWatch() override { VarnScriptRepository::setScriptRunObserver(nullptr); }
 
  private:
+  void stepFailed(const VarnScriptRepository::FailedStep& step) override {
+    reason_.stepFailed(step);
+  }
   void scriptStarts(const VarnScriptRepository::ScriptStart& start) override {
+    reason_.scriptStarts(start);
     signals_.scriptStarts();
     progress_.showRun(start.limit);
   }
   void scriptStarted(int processID) override { signals_.scriptStarted(processID); }
   void processEnded() override { signals_.scriptIsGone(); }
-  void scriptEnded(const VarnScriptRepository::ScriptEnd& /*end*/) override {
+  void scriptEnded(const VarnScriptRepository::ScriptEnd& end) override {
     // Also the end of one that could not be started.
     signals_.scriptIsGone();
     progress_.endRun();
+    reason_.scriptEnded(end);
   }
 
   SignalForwarding& signals_;
   Progress& progress_;
+  ReasonFinder& reason_;
 };
 
 const char* statusOf(const ProcessingResult& result) {
@@ -105,9 +112,11 @@ void addJSON(const std::string& scriptID, const Outcome& outcome,
     to.add(",\"output_bytes\":" + std::to_string(output->bytes));
     to.add(",\"dropped_bytes\":" + std::to_string(output->leftOut));
   }
-  if (!outcome.result.first) {
+  if (outcome.reason) {
     to.add(",\"reason\":");
-    addJSONText(outcome.reason, to);
+    addJSONText(outcome.reason->sentence, to);
+    to.add(",\"reason_code\":");
+    addJSONText(nameOf(outcome.reason->code), to);
   }
   to.add("}\n");
 }
@@ -120,8 +129,8 @@ void write(const CommandLine& line, const Settings& settings, const Outcome& out
     Pieces pieces([&](std::string_view piece) { written = written && writeOutput(piece); });
     addJSON(line.scriptID, outcome, output, pieces);
     pieces.end();
-  } else if (!outcome.result.first) {
-    writeErrorLine(outcome.reason);
+  } else if (outcome.reason) {
+    writeReason(outcome.reason->sentence, settings);
   } else if (output) {
     writeOutput(output->text);
     if (output->leftOut > 0) {
@@ -141,41 +150,48 @@ int report(const CommandLine& line, const Settings& settings, const Outcome& out
   return exitStatusOf(outcome.result);
 }
 
-Outcome request(const CommandLine& line, const Settings& settings, const RequestLog& requestLog,
+Outcome notRun(ReasonCode code, std::string sentence) {
+  return {{}, Reason{code, std::move(sentence)}};
+}
+
+Outcome request(const CommandLine& line, const Settings& settings, const ReasonFinder& reason,
                 RequestLock& lock, RequestFiles& files, PathGuard& guard) {
   std::vector<UsedPath> paths = pathsOfRequests();
   for (UsedPath& path : pathsOfScript(line.scriptID)) paths.push_back(std::move(path));
-  if (!guard.allows(paths)) return {{}, guard.refusal()};
+  if (!guard.allows(paths)) return notRun(ReasonCode::unsafeDirectory, guard.refusal());
   if (auto complaint =
           complaintAboutRecord(ScriptRepositoryConstants::FilePath::scriptRepository(), settings)) {
-    return {{}, std::move(*complaint)};
+    return notRun(ReasonCode::foreignRecord, std::move(*complaint));
   }
   std::error_code error;
   lock.acquire(settings.agent.basePath, settings.agent.customerID, {line.scriptID}, error);
   if (error) {
     // Without its turn a request could run what another one is just replacing.
-    return {{}, "Request lock " + lock.path() + " can't be taken: " + error.message()};
+    return notRun(ReasonCode::lockedOut,
+                  "Request lock " + lock.path() + " can't be taken: " + error.message());
   }
   files.begin(error);
   if (error) {
     // The document may belong to another version than the one that is recorded.
-    return {{},
-            "Data document of script " + line.scriptID + ", whose version is not recorded, or " +
-                files.mark().path() + " can't be removed: " + error.message()};
+    return notRun(ReasonCode::localStateFailed,
+                  "Data document of script " + line.scriptID +
+                      ", whose version is not recorded, or " + files.mark().path() +
+                      " can't be removed: " + error.message());
   }
   ScriptRepositoryProcessor processor(line.scriptID);
   if (line.acceptCodes) processor.overrideExpectedReturnCode = line.acceptCodes;
   ProcessingResult result = processor.processScript();
   files.end();
   if (!result.first) {
-    return {{}, guard.refusal().empty() ? requestLog.reason() : guard.refusal()};
+    if (!guard.refusal().empty()) return notRun(ReasonCode::unsafeDirectory, guard.refusal());
+    return {{}, reason.reason()};
   }
   try {
     AgentUtils::removeLeftDownloads(VarnScriptRepository::scriptRepoScriptsDirectory());
   } catch (const std::exception&) {
     // Without memory for it they are left to the next request, and what has run has run.
   }
-  return {std::move(result), ""};
+  return {std::move(result), std::nullopt};
 }
 
 }  // namespace
@@ -183,14 +199,14 @@ Outcome request(const CommandLine& line, const Settings& settings, const Request
 int run(const CommandLine& line, const Settings& settings) {
   // Before any other thread, and never destroyed: its thread runs until the process ends.
   auto& signals = *new SignalForwarding;
-  RequestLog requestLog;
+  ReasonFinder reason(line.scriptID, settings);
   RequestLock lock;
   Progress progress(Progress::isPossible() && !settings.log.quiet);
-  const RunWatch watch(signals, progress);
+  const RunWatch watch(signals, progress, reason);
   ModuleObservers observers;
-  observers.onRecord = [&](const AgentLog::Record& record) {
-    requestLog.add(record);
-    progress.makeWay();
+  observers.onRecord = [&progress](const AgentLog::Record&) { progress.makeWay(); };
+  observers.onFailure = [&reason](const std::string& subject, const std::string& cause) {
+    reason.moduleFailed(subject, cause);
   };
   observers.onDownloadProgress = [&progress](std::uint64_t received, std::uint64_t total) {
     progress.showDownload(received, total);
@@ -210,7 +226,7 @@ int run(const CommandLine& line, const Settings& settings) {
   }
   prepareDownloads();
   files.emplace(line.scriptID, lock);
-  const Outcome outcome = request(line, settings, requestLog, lock, *files, guard);
+  const Outcome outcome = request(line, settings, reason, lock, *files, guard);
   progress.finish();
   const int exitStatus = report(line, settings, outcome);
   signals.endWhenStopped();

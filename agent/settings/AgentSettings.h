@@ -39,6 +39,10 @@ struct AgentSettings {
   /// Called after the test of a file's checksum with its full path and the outcome, on the testing
   /// thread. May be empty.
   std::function<void(const std::string& path, bool isValid)> afterChecksumTest;
+  /// Called with the server path of a download that failed, or the path of a file that did not pass
+  /// the test of its checksum, and why, on that thread; after the log's line. May be empty; what it
+  /// throws is of no consequence.
+  std::function<void(const std::string& subject, const std::string& cause)> onFailure;
   /// Called after a row of the store was written with its key, on the writing thread. What it
   /// throws reaches the writer as a failed write. May be empty.
   std::function<void(const std::string& key)> afterRowWrite;

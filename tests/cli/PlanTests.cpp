@@ -63,15 +63,15 @@ TEST(Plan, OfNothingToFetchSaysSo) {
 TEST(Plan, OfNoRunSaysWhy) {
   RequestPlan plan;
   plan.scriptID = "4\n2";
-  plan.problem = "the server's list can't be fetched";
+  plan.problem = "The server's list can't be fetched";
   EXPECT_EQ(planText(plan),
             "script:         4\\n2\n"
-            "not run:        the server's list can't be fetched\n");
+            "not run:        The server's list can't be fetched\n");
   EXPECT_EQ(planJson(plan),
             "{\"script_id\":\"4\\n2\",\"entry\":null,\"local_version\":null,\"step\":null,"
             "\"reason\":null,\"downloads\":[],\"script_file\":null,\"interpreter\":null,"
             "\"arguments\":null,\"accepted_codes\":null,"
-            "\"problem\":\"the server's list can't be fetched\"}\n");
+            "\"problem\":\"The server's list can't be fetched\"}\n");
 }
 
 TEST(Plan, IsOneJsonObject) {

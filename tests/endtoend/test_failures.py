@@ -3,11 +3,10 @@
 import json
 import os
 import resource
+import unittest
 
 from support.case import CommandCase
-from support.repository import LIST_PATH
-
-NO_ENTRY = "Processing Script ID 42 not able to get server script repo meta to procees"
+from support.repository import CUSTOMER, LIST_PATH
 
 
 class NotRunTest(CommandCase):
@@ -17,70 +16,105 @@ class NotRunTest(CommandCase):
         super().setUp()
         self.web = self.serve()
 
-    def assert_not_run(self, reason):
-        """The request for 42 is not run for this reason, reported three ways."""
+    def assert_not_run(self, code, reason):
+        """The request for 42 is not run for this reason, reported in every form."""
         result = self.run_command("run", "42", "--json")
         self.assertEqual(result.status, 3)
-        self.assertEqual(json.loads(result.output), {"script_id": "42", "status": "not_run",
-                                                     "output": None, "reason": reason})
+        self.assertEqual(json.loads(result.output), {
+            "script_id": "42", "status": "not_run", "output": None, "reason": reason,
+            "reason_code": code})
         result = self.run_command("run", "42")
         self.assertEqual((result.status, result.output), (3, ""))
         self.assertEqual(result.error_lines[-1], reason)
         result = self.run_command("--quiet", "run", "42")
         self.assertEqual((result.status, result.output), (3, ""))
         self.assertEqual(result.error, reason + "\n")
+        result = self.run_json_log("run", "42")
+        self.assertEqual(result.records[-1]["message"], reason)
+        self.assertEqual(result.records[-1]["level"], "error")
+
+    def assert_list_unavailable(self, cause):
+        self.assert_not_run("list_unavailable",
+                            f"The list of customer {CUSTOMER} can't be fetched from "
+                            f"{self.server}{LIST_PATH}: {cause}")
+
+    def assert_checksum_mismatch(self, cause):
+        self.assert_not_run("checksum_mismatch", f"{self.script_file('job.sh')} is not what the "
+                                                 f"server's checksum says: {cause}")
 
     def test_a_script_that_is_not_in_the_list(self):
         self.put(script_id="43")
-        self.assert_not_run(NO_ENTRY)
+        self.assert_not_run("not_listed",
+                            f"The server's list of customer {CUSTOMER} has no script 42")
 
     def test_a_list_that_is_missing(self):
         self.repository.remove(LIST_PATH)
-        self.assert_not_run(NO_ENTRY)
+        self.assert_list_unavailable("the server answered with status 404")
         self.assertIn("Script-Meta Download Failed", self.run_command("run", "42").error)
 
     def test_a_list_that_is_not_a_document(self):
         self.repository.write(LIST_PATH, "<scripts-meta><ScriptRepo>")
-        self.assert_not_run(NO_ENTRY)
+        self.assert_not_run("list_unreadable",
+                            f"The list of customer {CUSTOMER} is no list of scripts; it is damaged, "
+                            "or something else came in its place")
 
     def test_a_server_that_does_not_answer(self):
         self.put()
         self.web.stop()
-        self.assert_not_run(NO_ENTRY)
+        port = self.server.rsplit(":", 1)[1]
+        result = json.loads(self.run_command("run", "42", "--json").output)
+        # The port is curl's to name, how long it tried is not to be known.
+        self.assertRegex(result["reason"], rf": Failed to connect to 127\.0\.0\.1 port {port} ")
+        self.assertEqual(result["reason_code"], "list_unavailable")
 
     def test_a_data_document_that_is_missing(self):
         script = self.put()
         self.repository.remove(script.document_path)
-        self.assert_not_run("Download failure of script data")
+        self.assert_not_run("document_unavailable",
+                            "The data document of script 42 can't be fetched from "
+                            f"{self.server}{script.document_path}: the server answered with status "
+                            "404")
         self.assertEqual(self.listed(), [])
 
     def test_a_data_document_that_is_not_a_document(self):
         script = self.put()
         self.repository.write(script.document_path, "<script>")
-        self.assert_not_run("Unable to get script items data")
+        self.assert_not_run("document_unreadable",
+                            "The data document of script 42 is no such document; it is damaged, or "
+                            "something else came in its place")
 
     def test_a_script_file_that_is_missing(self):
         script = self.put()
         self.repository.remove(script.file_path)
-        self.assert_not_run("Download failure of script")
+        self.assert_not_run("script_unavailable",
+                            "The file of script 42 can't be fetched from "
+                            f"{self.server}{script.file_path}: the server answered with status 404")
         self.assertEqual(self.listed(), [])
 
     def test_a_script_file_that_does_not_match_its_checksum(self):
         script = self.put(text="touch ran\n")
         self.repository.write(script.file_path, "touch ran; echo changed\n")
-        self.assert_not_run("Not able to compute checksum processing")
+        self.assert_checksum_mismatch("its content is another")
         self.assertEqual(self.listed(), [{"script_id": "42", "version": None,
                                           "script_path": self.script_file("job.sh")}])
         self.assertFalse(os.path.exists(self.script_file("ran")))
 
     def test_a_checksum_of_an_unknown_kind(self):
         self.put(text="touch ran\n", checksum_type="CRC-32", checksum="00000000")
-        self.assert_not_run("Not able to compute checksum processing")
+        self.assert_checksum_mismatch("the checksum's type is not known")
         self.assertFalse(os.path.exists(self.script_file("ran")))
 
     def test_a_file_name_without_an_interpreter(self):
         self.put(file_name="job.exe")
-        self.assert_not_run("Unable to get launch path for job.exe")
+        self.assert_not_run("interpreter_unknown",
+                            "No interpreter is known for job.exe; a script's name ends in .py, .sh, "
+                            ".pl, .scpt")
+
+    @unittest.skipIf(os.path.exists("/usr/bin/osascript"), "AppleScript runs here")
+    def test_an_interpreter_that_is_missing(self):
+        self.put(file_name="job.scpt")
+        self.assert_not_run("interpreter_missing",
+                            "/usr/bin/osascript is missing: AppleScript runs on macOS alone")
 
     def test_a_tampered_file_that_can_not_be_fetched_again(self):
         script = self.put(text="touch ran\n")
@@ -89,13 +123,18 @@ class NotRunTest(CommandCase):
         with open(self.script_file("job.sh"), "w", encoding="utf-8") as file:
             file.write("touch ran; echo tampered\n")
         self.repository.write(script.file_path, "touch ran; echo also wrong\n")
-        self.assert_not_run("Not able to compute checksum processing after redownloading")
+        self.assert_checksum_mismatch("its content is another")
         self.assertFalse(os.path.exists(self.script_file("ran")))
 
     def test_a_reason_of_two_lines_is_one_line_on_standard_error(self):
         result = self.run_command("--quiet", "run", "4\n2")
-        self.assertEqual(result.error, "Processing Script ID 4\\n2 not able to get server script "
-                                       "repo meta to procees\n")
+        self.assertEqual(result.error, f"The list of customer {CUSTOMER} can't be fetched from "
+                                       f"{self.server}{LIST_PATH}: the server answered with status "
+                                       "404\n")
+        self.put(script_id="43")
+        result = self.run_command("--quiet", "run", "4\n2")
+        self.assertEqual(result.error,
+                         f"The server's list of customer {CUSTOMER} has no script 4\\n2\n")
 
 
 class RecoveryTest(CommandCase):
@@ -138,7 +177,7 @@ class FileSizeTest(CommandCase):
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (50000, 50000)))
         self.assertEqual(result.status, 3)
         self.assertIn("File too large", result.error)
-        self.assertEqual(result.error_lines[-1], "Download failure of script")
+        self.assertTrue(result.error_lines[-1].endswith("File too large"), result.error)
 
 
 class LockFailureTest(CommandCase):
@@ -155,4 +194,5 @@ class LockFailureTest(CommandCase):
         self.assertEqual((result.status, result.output, result.error), (3, "", reason + "\n"))
         result = self.run_command("run", "42", "--json")
         self.assertEqual(result.status, 3)
-        self.assertEqual(json.loads(result.output)["reason"], reason)
+        answer = json.loads(result.output)
+        self.assertEqual((answer["reason"], answer["reason_code"]), (reason, "locked_out"))

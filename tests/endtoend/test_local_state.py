@@ -176,7 +176,7 @@ class ListTest(CommandCase):
         result = self.run_command("list")
         self.assertEqual((result.status, result.output), (3, ""))
         self.assertTrue(result.error.startswith(
-            f"varn-scripts: the store {self.store_file()} can't be read: "), result.error)
+            f"The store {self.store_file()} can't be read: "), result.error)
 
 
 class StoreTest(CommandCase):
@@ -247,7 +247,7 @@ class CustomersTest(CommandCase):
         self.assertEqual(json.loads(result.output)["reason"], complaint)
         result = self.request("8", "prune", options=options)
         self.assertEqual((result.status, result.error_lines[-1]),
-                         (3, "varn-scripts: " + complaint))
+                         (3, complaint))
         result = self.request("8", "plan", "1", options=options)
         self.assertEqual((result.status, result.output.splitlines()[-1]),
                          (3, "not run:        " + complaint))

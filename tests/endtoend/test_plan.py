@@ -126,23 +126,35 @@ class Plan(PublishCase):
         result = self.plan("43")
         self.assertEqual((result.status, result.output),
                          (3, "script:         43\n"
-                             "not run:        the server's list has no script of this ID\n"))
+                             f"not run:        The server's list of customer {CUSTOMER} has no "
+                             "script 43\n"))
         plan = self.plan_json("43")
-        self.assertEqual(plan["problem"], "the server's list has no script of this ID")
+        self.assertEqual(plan["problem"],
+                         f"The server's list of customer {CUSTOMER} has no script 43")
         self.assertIsNone(plan["entry"])
 
     def test_without_the_servers_list_says_so(self):
         os.remove(self.list_path)
-        self.assertEqual(self.plan_json()["problem"], "the server's list can't be fetched")
+        self.assertEqual(
+            self.plan_json()["problem"],
+            f"The list of customer {CUSTOMER} can't be fetched from file://{self.list_path}: "
+            f"{self.list_path}: No such file or directory")
 
     def test_with_a_damaged_list_says_so(self):
         with open(self.list_path, "w") as file:
             file.write("<scripts-meta><ScriptRepo>")
-        self.assertEqual(self.plan_json()["problem"], "the server's list can't be read")
+        self.assertEqual(
+            self.plan_json()["problem"],
+            f"The list of customer {CUSTOMER} is no list of scripts; it is damaged, or something "
+            "else came in its place")
 
     def test_without_the_data_document_on_the_server_says_so(self):
-        os.remove(self.output + self.entries()["42"]["filepath"])
-        self.assertEqual(self.plan_json()["problem"], "the data document can't be fetched")
+        document = self.output + self.entries()["42"]["filepath"]
+        os.remove(document)
+        self.assertEqual(
+            self.plan_json()["problem"],
+            f"The data document of script 42 can't be fetched from file://{document}: {document}: "
+            "No such file or directory")
 
     def test_with_a_damaged_data_document_says_so(self):
         self.run_script()
@@ -150,7 +162,8 @@ class Plan(PublishCase):
             file.write("<script>")
         plan = self.plan_json()
         self.assertEqual((plan["step"], plan["problem"]),
-                         ("up_to_date", "the data document can't be read"))
+                         ("up_to_date", "The data document of script 42 is no such document; it is "
+                                        "damaged, or something else came in its place"))
 
     def change_document(self, old, new):
         path = self.output + self.entries()["42"]["filepath"]
@@ -165,19 +178,20 @@ class Plan(PublishCase):
         os.truncate(self.document_file("42.xml"), 8 << 40)
         result = self.run_command("plan", "--json", "42")
         self.assertEqual((result.status, json.loads(result.output)["problem"]),
-                         (3, "the data document can't be read"))
+                         (3, f"The data document of script 42, {self.document_file('42.xml')}, "
+                             "can't be read: Cannot allocate memory"))
 
     def test_of_what_no_run_would_come_to_says_why(self):
         changes = (
             ("<script_name>job.sh<", "<script_name>job.rb<",
-             "the extension of job.rb has no interpreter"),
+             "No interpreter is known for job.rb; a script's name ends in .py, .sh, .pl, .scpt"),
             ("<script_name>job.rb<", "<script_name>job.scpt<",
-             "the interpreter is not on this computer"),
+             "/usr/bin/osascript is missing: AppleScript runs on macOS alone"),
             ("<script_id>42<", "<script_id>43<",
-             "the data document has no definition of this script"),
+             "The data document of script 42 does not define the script"),
             ("<CSToVyFiles>\n      <checksum_id>1<", "<CSToVyFiles>\n      <checksum_id>2<",
-             "the data document has no checksum for the file"),
-            ("<file_id>42<", "<file_id>43<", "the data document has no file of the entry's file ID"),
+             "The data document of script 42 has no checksum of the script's file"),
+            ("<file_id>42<", "<file_id>43<", "The data document of script 42 has no file 42"),
         )
         for old, new, problem in changes:
             self.change_document(old, new)
@@ -189,7 +203,8 @@ class Plan(PublishCase):
         begin, end = text.index("<ScriptPathMapping>"), text.index("</ScriptPathMapping>")
         with open(self.list_path, "w", encoding="utf-8") as file:
             file.write(text[:begin] + text[end + len("</ScriptPathMapping>"):])
-        self.assertEqual(self.plan_json()["problem"], "the entry names no data document")
+        self.assertEqual(self.plan_json()["problem"], 
+                         "The server's list names no data document of script 42")
 
     def test_leaves_an_interrupted_transaction_of_the_store_to_others(self):
         self.run_script()

@@ -5,7 +5,7 @@ import os
 import stat
 
 from support.case import CommandCase
-from support.repository import LIST_PATH
+from support.repository import CUSTOMER, LIST_PATH
 
 
 class Requests:
@@ -215,8 +215,10 @@ class ResultTest(CommandCase):
 
     def test_a_script_that_was_not_run(self):
         self.assertEqual(self.result_of(), (
-            3, '{"script_id":"42","status":"not_run","output":null,"reason":"Processing Script ID '
-               '42 not able to get server script repo meta to procees"}\n'))
+            3, '{"script_id":"42","status":"not_run","output":null,"reason":"The list of customer '
+               f'{CUSTOMER} can\'t be fetched from {self.server}{LIST_PATH}: '
+               f'{self.repository.root}{LIST_PATH}: No such file or directory",'
+               '"reason_code":"list_unavailable"}\n'))
 
     def test_the_servers_codes_decide(self):
         self.put(text="exit 3\n", codes="0,3")
