@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <spdlog/logger.h>
+#include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <sys/stat.h>
@@ -40,20 +41,25 @@ constexpr mode_t kFileMode = 0600;
 using Format = LogSettings::Format;
 using LogMessage = spdlog::details::log_msg;
 
+/// The time of a record in RFC 3339, UTC.
+std::unique_ptr<spdlog::formatter> timeFormatter() {
+  return std::make_unique<spdlog::pattern_formatter>("%Y-%m-%dT%H:%M:%S.%eZ",
+                                                     spdlog::pattern_time_type::utc, "");
+}
+
 /// Hands on the line of `message` and its line end; a line of no more than a piece's size as one.
-void writeLine(const LogMessage& message, Format format, TextSink to) {
-  const auto view = [](spdlog::string_view_t text) {
-    return std::string_view(text.data(), text.size());
-  };
+void writeLine(const LogMessage& message, spdlog::formatter& time, Format format, TextSink to) {
+  const auto view = [](const auto& text) { return std::string_view(text.data(), text.size()); };
   const Record record{
       message.level == spdlog::level::err ? Record::Level::error : Record::Level::info,
       view(message.payload), message.source.filename, message.source.funcname, message.source.line};
-  const std::string time = timeText(message.time);
+  spdlog::memory_buf_t written;
+  time.format(message, written);
   Pieces pieces(std::move(to));
   if (format == Format::json) {
-    addJSONLine(time, record, pieces);
+    addJSONLine(view(written), record, pieces);
   } else {
-    addTextLine(time, record, pieces);
+    addTextLine(view(written), record, pieces);
   }
   pieces.add("\n");
   pieces.end();
@@ -70,13 +76,13 @@ bool isWritten(int fd, std::string_view piece) {
 /// several processes do not mix.
 class StandardErrorSink final : public spdlog::sinks::base_sink<std::mutex> {
  public:
-  explicit StandardErrorSink(Format format) : format_(format) {}
+  explicit StandardErrorSink(Format format) : base_sink(timeFormatter()), format_(format) {}
 
  protected:
   void sink_it_(const LogMessage& message) override {
     const SigpipeGuard guard;
     bool broken = false;
-    writeLine(message, format_,
+    writeLine(message, *formatter_, format_,
               [&](std::string_view piece) { broken = broken || !isWritten(STDERR_FILENO, piece); });
   }
 
@@ -116,18 +122,21 @@ FileDescriptor openLogFile(const std::string& path) {
 class LogFileSink final : public spdlog::sinks::base_sink<std::mutex> {
  public:
   LogFileSink(std::string path, Format format)
-      : path_(std::move(path)), format_(format), file_(openLogFile(path_)) {}
+      : base_sink(timeFormatter()),
+        path_(std::move(path)),
+        format_(format),
+        file_(openLogFile(path_)) {}
 
  protected:
   void sink_it_(const LogMessage& message) override {
     std::size_t length = 0;
     // The length of a line that comes in pieces has to be found first.
     if (message.payload.size() >= Pieces::kMost / 8) {
-      writeLine(message, format_, [&](std::string_view piece) { length += piece.size(); });
+      writeLine(message, *formatter_, format_, [&](std::string_view piece) { length += piece.size(); });
     }
     bool broken = false;
     bool begun = false;
-    writeLine(message, format_, [&](std::string_view piece) {
+    writeLine(message, *formatter_, format_, [&](std::string_view piece) {
       if (!std::exchange(begun, true)) makeRoomFor(std::max(length, piece.size()));
       broken = broken || !isWritten(file_.get(), piece);
     });

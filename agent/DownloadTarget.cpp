@@ -42,13 +42,6 @@ void requireReplaceable(const std::string& path) {
   throw DownloadFailure(path + " is not a file and stays");
 }
 
-void syncDirectory(const std::string& directory) {
-  const FileDescriptor opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  // The file is in place; a directory that can't be synced (some file systems refuse it) at worst
-  // brings back the old file after a loss of power.
-  if (opened) static_cast<void>(fsync(opened.get()));
-}
-
 void removeUnlessLive(const std::string& path) {
   // Opened without following links or waiting: anybody may have put anything under that name.
   const FileDescriptor file(open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -120,7 +113,10 @@ void DownloadTarget::commit() {
     fail("can't replace " + path_, errno);
   }
   temporaryPath_.clear();
-  syncDirectory(directory_);
+  // The file is in place; a directory that can't be synced (some file systems refuse it) at worst
+  // brings back the old file after a loss of power.
+  std::error_code ignored;
+  posix::syncPath(directory_, ignored);
 }
 
 void sweepTemporaryFiles(const std::string& directory) noexcept {

@@ -11,7 +11,7 @@
 
 #include "DecodeWatch.h"
 #include "FileAttributes.h"
-#include "FileDigest.h"
+#include "Digest.h"
 
 namespace AgentUtils {
 namespace {
@@ -28,15 +28,10 @@ bool isSameState(const struct stat& a, const struct stat& b) {
 }
 
 std::optional<std::string> digestTextOf(const FileDescriptor& file, const struct stat& status) {
-  const auto digest = digestOfFile(Digest::sha256, file, static_cast<std::size_t>(status.st_size));
+  const DigestKind& kind = usualDigest();
+  const auto digest = hexDigest(kind, file, static_cast<std::size_t>(status.st_size));
   if (!digest) return std::nullopt;
-  std::string text = "sha256:";
-  for (const char c : *digest) {
-    const auto byte = static_cast<unsigned char>(c);
-    text += "0123456789abcdef"[byte >> 4];
-    text += "0123456789abcdef"[byte & 0xF];
-  }
-  return text;
+  return std::string(kind.name) + ':' + *digest;
 }
 
 /// The attribute's text: digest, URL, entity tag and date, a line each.

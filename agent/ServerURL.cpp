@@ -2,13 +2,18 @@
 
 #include <algorithm>
 
-#include "HexDigit.h"
-
 namespace AgentUtils {
 namespace {
 
 constexpr std::string_view kSchemeEnd = "://";
 constexpr char kHexDigits[] = "0123456789ABCDEF";
+
+/// The value of a hexadecimal digit of either case, or -1 for any other character.
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+}
 
 bool isEscapeAt(std::string_view text, std::size_t at) {
   return text[at] == '%' && text.size() - at > 2 && hexValue(text[at + 1]) >= 0 &&

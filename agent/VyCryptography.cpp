@@ -8,9 +8,8 @@
 
 #include "AgentSettings.h"
 #include "AgentUtils.h"
-#include "DigestName.h"
+#include "Digest.h"
 #include "FileDescriptor.h"
-#include "FileDigest.h"
 #include "KeptCopy.h"
 
 namespace AgentUtils {
@@ -23,19 +22,17 @@ const char* complaint(const std::string& path, const std::string& type,
                       const std::string& checksum) {
   // A name with a NUL would open the file that its beginning names.
   if (path.find('\0') != std::string::npos) return "its name holds a NUL";
-  const std::optional<Digest> digest = digestOfName(type);
-  if (!digest) return "the checksum's type is not known";
-  const std::optional<std::string> expected = digestBytes(*digest, checksum);
-  if (!expected) return "the checksum is none of its type";
+  const DigestKind* const kind = digestKind(type);
+  if (kind == nullptr) return "the checksum's type is not known";
   if (settings().beforeFileUse) settings().beforeFileUse(path);
   // Not blocking, or a FIFO at that path would be waited for.
   const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   if (!file) return errno == ENOENT ? "it is missing" : "it can't be opened";
   struct stat status {};
   if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return "it is not a file";
-  const auto found = digestOfFile(*digest, file, static_cast<std::size_t>(status.st_size));
-  if (!found) return "it can't be read";
-  return found == expected ? nullptr : "its content is another";
+  const auto digest = hexDigest(*kind, file, static_cast<std::size_t>(status.st_size));
+  if (!digest) return "it can't be read";
+  return isDigest(checksum, *digest) ? nullptr : "its content is another";
 }
 
 }  // namespace

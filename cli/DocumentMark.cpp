@@ -7,10 +7,9 @@
 #include <cerrno>
 
 #include "Calls.h"
+#include "Digest.h"
 #include "Directories.h"
 #include "RegularFile.h"
-#include "publish/Digest.h"
-#include "publish/SyncFiles.h"
 
 namespace VarnScripts {
 namespace {
@@ -23,14 +22,14 @@ std::string customerDirectory() {
 }  // namespace
 
 void syncDirectory(const std::string& directory, std::error_code& error) {
-  publishing::syncPath(directory, error);
+  posix::syncPath(directory, error);
   // Some file systems have no such operation; they keep their names as well as they can.
   if (error == std::errc::invalid_argument) error.clear();
 }
 
 DocumentMark::DocumentMark(const std::string& scriptID)
     : path_(customerDirectory() + "/varn-scripts.unrecorded-" +
-            publishing::hexDigest("sha256", scriptID)) {}
+            AgentUtils::hexDigest(AgentUtils::usualDigest(), scriptID)) {}
 
 bool DocumentMark::isThere() const {
   struct stat status {};

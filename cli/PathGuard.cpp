@@ -13,7 +13,6 @@
 #include "RequestLock.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
-#include "publish/Documents.h"
 
 namespace VarnScripts {
 

@@ -28,7 +28,7 @@
 #include "StandardStreams.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
-#include "publish/Names.h"
+#include "support/Text.h"
 
 namespace VarnScripts {
 namespace {
@@ -65,11 +65,11 @@ bool fillContainer() {
 std::vector<ListedScript> droppedScripts(std::optional<std::string>& error) {
   std::set<std::string> listed;
   for (const auto& entry : *ScriptRepositoryMetaProcessor::shared().scriptRepoMetaData()) {
-    listed.insert(publishing::canonicalText(entry.scriptID));
+    listed.insert(VarnScriptRepository::text::equalityKey(entry.scriptID));
   }
   std::vector<ListedScript> scripts = listedScripts(error);
   std::erase_if(scripts, [&listed](const ListedScript& script) {
-    return listed.contains(publishing::canonicalText(script.scriptID));
+    return listed.contains(VarnScriptRepository::text::equalityKey(script.scriptID));
   });
   return scripts;
 }

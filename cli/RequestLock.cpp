@@ -13,7 +13,7 @@
 #include "AgentUtils.h"
 #include "Calls.h"
 #include "Directories.h"
-#include "publish/Names.h"
+#include "FoldedName.h"
 
 namespace VarnScripts {
 namespace {
@@ -33,7 +33,7 @@ std::string canonicalPath(std::string_view path) {
     if (step.empty() || step == ".") continue;
     if (step != "..") {
       // By itself, so that a name that is no UTF-8 leaves the others as they are.
-      steps.push_back(publishing::foldedName(step));
+      steps.push_back(foldedName(step));
     } else if (!steps.empty()) {
       steps.pop_back();
     }

@@ -1,6 +1,6 @@
-// The agent's XML parser, as the library sees it: a document decodes into a record, and a record
-// encodes into a document, both led by the record's schema. A schema is plain data, so a parser
-// fills records while it reads and needs no tree of the document.
+// The agent's XML parser, as the library sees it: a document decodes into a record, led by the
+// record's schema. A schema is plain data, so a parser fills records while it reads and needs no
+// tree of the document.
 
 #pragma once
 
@@ -98,20 +98,6 @@ class XML {
   /// shows when it is decoded.
   [[nodiscard]] static Accessor parse(std::string data, std::optional<CharacterSet> trimming,
                                       bool ignoreNamespaces);
-
-  /// The document of `root`, UTF-8 with its XML declaration: each field of `root` is a top element,
-  /// texts are child elements, absent fields are left out.
-  ///
-  /// Decoding it gives an equal record, with these exceptions. A root without a top element, or
-  /// with more than one, is no document, and decodes to nothing. An optional list without elements
-  /// comes back as absent. A field that is absent comes back as what a new record has there.
-  template <KeyedRecord Record>
-  [[nodiscard]] static std::string document(const Record& root) {
-    return encode(Record::schema(), &root);
-  }
-
- private:
-  [[nodiscard]] static std::string encode(const RecordSchema& schema, const void* record);
 };
 
 }  // namespace MarkupParser

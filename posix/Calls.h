@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -56,6 +57,13 @@ inline void writeAll(int fd, std::string_view bytes, std::error_code& error) {
   const std::size_t slash = path.rfind('/');
   if (slash == std::string::npos) return ".";
   return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+/// Returns when the bytes of the file, or the names in the directory, at `path` are on the disk.
+inline void syncPath(const std::string& path, std::error_code& error) {
+  error.clear();
+  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file || retryOnInterrupt([&] { return ::fsync(file.get()); }) != 0) error = lastError();
 }
 
 /// Whether the open file still has the name `path`, which another process may have given away.

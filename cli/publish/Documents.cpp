@@ -4,7 +4,6 @@
 
 #include "Directories.h"
 #include "ScriptRules.h"
-#include "publish/Digest.h"
 
 namespace VarnScripts::publishing {
 namespace {
@@ -94,7 +93,7 @@ std::string scriptFileName(const SourceScript& script) {
 }
 
 std::string documentName(std::string_view document) {
-  return "data/" + hexDigest("sha256", document) + ".xml";
+  return "data/" + AgentUtils::hexDigest(AgentUtils::usualDigest(), document) + ".xml";
 }
 
 std::optional<std::string> contentNameIn(std::string_view location, std::string_view directory) {
@@ -111,10 +110,10 @@ std::string versionStamp(const SourceScript& script) {
   const std::string run = framed(script.sha256) + framed(script.entry.file.value) +
                           framed(script.entry.arguments.value) +
                           framed(script.entry.acceptedCodes.value);
-  return hexDigest("sha256", run).substr(0, kStampLength);
+  return AgentUtils::hexDigest(AgentUtils::usualDigest(), run).substr(0, kStampLength);
 }
 
-ScriptRoot documentOf(const SourceScript& script, const DigestKind& digest,
+ScriptRoot documentOf(const SourceScript& script, const AgentUtils::DigestKind& digest,
                       const std::string& customer) {
   const std::string path = repositoryDirectory(customer) + "/" + scriptFileName(script);
   ChecksumValue checksum;

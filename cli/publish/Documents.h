@@ -43,7 +43,7 @@ using ContentNames = std::set<std::string>;
 
 /// The script's data document.
 [[nodiscard]] VarnScriptRepository::ScriptRoot documentOf(const SourceScript& script,
-                                                          const DigestKind& digest,
+                                                          const AgentUtils::DigestKind& digest,
                                                           const std::string& customer);
 
 /// The script's entry in the list; its data document has the name `document`.

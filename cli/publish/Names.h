@@ -1,5 +1,5 @@
-// Names as the clients' file systems see them, and texts as the documents can carry them. Pure
-// functions; any thread.
+// Names that clients can give to files, and texts that documents can carry. Pure functions; any
+// thread.
 
 #pragma once
 
@@ -9,13 +9,6 @@
 #include <string_view>
 
 namespace VarnScripts::publishing {
-
-/// A key that two names share exactly when a file system that folds letter case and Unicode
-/// normalisation keeps them in one file. `name` is UTF-8.
-[[nodiscard]] std::string foldedName(std::string_view name);
-
-/// A key that two texts share exactly when they are canonically equivalent. `text` is UTF-8.
-[[nodiscard]] std::string canonicalText(std::string_view text);
 
 /// Where the first byte stands that is no part of UTF-8 text, or nothing when there is none.
 [[nodiscard]] std::optional<std::size_t> firstByteThatIsNotUTF8(std::string_view bytes);

@@ -4,9 +4,6 @@
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
-#include <memory>
-#include <new>
 
 namespace VarnScripts::publishing {
 namespace {
@@ -17,17 +14,6 @@ constexpr std::size_t kLongestName = 200;
 
 const utf8proc_uint8_t* bytesOf(std::string_view text) {
   return reinterpret_cast<const utf8proc_uint8_t*>(text.data());
-}
-
-std::string mapped(std::string_view text, int options) {
-  utf8proc_uint8_t* result = nullptr;
-  const utf8proc_ssize_t length =
-      utf8proc_map(bytesOf(text), static_cast<utf8proc_ssize_t>(text.size()), &result,
-                   static_cast<utf8proc_option_t>(options));
-  const std::unique_ptr<utf8proc_uint8_t, decltype(&std::free)> owner(result, &std::free);
-  if (length == UTF8PROC_ERROR_NOMEM) throw std::bad_alloc();
-  if (length < 0) return std::string(text);
-  return {reinterpret_cast<const char*>(result), static_cast<std::size_t>(length)};
 }
 
 bool fitsXML(utf8proc_int32_t codePoint) {
@@ -58,14 +44,6 @@ std::optional<std::size_t> firstWhere(std::string_view text, const Look& look) {
 }
 
 }  // namespace
-
-std::string foldedName(std::string_view name) {
-  return mapped(name, UTF8PROC_STABLE | UTF8PROC_DECOMPOSE | UTF8PROC_CASEFOLD);
-}
-
-std::string canonicalText(std::string_view text) {
-  return mapped(text, UTF8PROC_STABLE | UTF8PROC_DECOMPOSE);
-}
 
 std::optional<std::size_t> firstByteThatIsNotUTF8(std::string_view bytes) {
   return firstWhere(bytes, [](utf8proc_int32_t codePoint) { return codePoint < 0; });

@@ -14,6 +14,7 @@
 #include "publish/Documents.h"
 #include "publish/ServerFiles.h"
 #include "publish/Source.h"
+#include "publish/XMLDocument.h"
 
 namespace VarnScripts {
 namespace {
@@ -112,7 +113,7 @@ class Publisher {
     const auto trouble = addContent(source, current);
     if (trouble) return *trouble;
 
-    const std::string document = XML::document(current.list);
+    const std::string document = xmlDocument(current.list);
     if (!decodesTo(document, current.list)) return reportRoundTrip(VarnScriptRepository::kListName);
     files_.commit(error);
     if (error) return reportFailure(error);
@@ -154,13 +155,13 @@ class Publisher {
       const std::string& file = script.entry.file.value;
       const std::string bytes =
           readScriptFile(options_.sourceDirectory, file, error, largestScript_);
-      if (error || hexDigest("sha256", bytes) != script.sha256) {
+      if (error || AgentUtils::hexDigest(AgentUtils::usualDigest(), bytes) != script.sha256) {
         writeErrorLine("varn-scripts: " + options_.sourceDirectory + "/" + file +
                        " has changed while it was published; publish again");
         return kExitUsage;
       }
       const ScriptRoot root = documentOf(script, source.digest, customer_);
-      const std::string document = XML::document(root);
+      const std::string document = xmlDocument(root);
       const std::string name = documentName(document);
       if (!decodesTo(document, root)) return reportRoundTrip(name);
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "AgentDirectories.h"
+#include "FoldedName.h"
 #include "ScriptRules.h"
 #include "publish/ModuleNames.h"
 #include "publish/Names.h"

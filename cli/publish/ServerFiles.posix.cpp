@@ -196,7 +196,7 @@ void ServerFiles::commit(std::error_code& error) {
 }
 
 void ServerFiles::syncDirectory(const std::string& path, std::error_code& error) {
-  syncPath(path, error);
+  posix::syncPath(path, error);
   if (error) failedPath_ = path;
 }
 

@@ -7,12 +7,16 @@
 #include <utility>
 
 #include "Calls.h"
+#include "FoldedName.h"
 #include "RegularFile.h"
 #include "publish/Names.h"
 #include "publish/ScriptChecks.h"
+#include "support/Text.h"
 
 namespace VarnScripts::publishing {
 namespace {
+
+using AgentUtils::DigestKind;
 
 // The path with every symbolic link followed.
 std::string resolved(const std::string& path, std::error_code& error) {
@@ -71,16 +75,16 @@ class SourceReader {
   }
 
  private:
-  DigestKind takeDigest(const ManifestText& ofManifest) {
+  const DigestKind& takeDigest(const ManifestText& ofManifest) {
     const Place place = options_.digest ? Place{"--digest"} : Place{manifestPath_, ofManifest.line};
     std::string name = options_.digest.value_or(ofManifest.value);
     // A manifest that gives none has no line for it either.
-    if (!options_.digest && ofManifest.line == 0) name = "sha256";
-    const auto kind = digestKind(name);
-    if (!kind) {
+    if (!options_.digest && ofManifest.line == 0) name = AgentUtils::usualDigest().name;
+    const DigestKind* const kind = AgentUtils::digestKind(name);
+    if (kind == nullptr) {
       findings_.refuse(place, "unknown digest " + quoted(name),
                        "use sha256, or one of sha224, sha384, sha512, sha1 and md5");
-      return {"sha256", false};
+      return AgentUtils::usualDigest();
     }
     if (kind->forgeable) {
       findings_.warn(
@@ -106,7 +110,7 @@ class SourceReader {
     const auto* const earlier = ids_.earlier(foldedName(id.value), id);
     if (earlier == nullptr) return;
     const std::string line = "line " + std::to_string(earlier->line);
-    if (canonicalText(earlier->value) == canonicalText(id.value)) {
+    if (VarnScriptRepository::text::equalityKey(earlier->value) == VarnScriptRepository::text::equalityKey(id.value)) {
       findings_.refuse({manifestPath_, id.line},
                        "the ID " + quoted(id.value) + " is already that of the script in " + line,
                        "give each script an ID of its own");
@@ -123,7 +127,7 @@ class SourceReader {
     const auto* const earlier = files_.earlier(foldedName(file.value), file);
     if (earlier == nullptr) return;
     const std::string line = "line " + std::to_string(earlier->line);
-    if (canonicalText(earlier->value) == canonicalText(file.value)) {
+    if (VarnScriptRepository::text::equalityKey(earlier->value) == VarnScriptRepository::text::equalityKey(file.value)) {
       findings_.refuse({manifestPath_, file.line},
                        "the file " + quoted(file.value) + " is already that of the script in " +
                            line + ", and clients keep all scripts in one directory",
@@ -144,10 +148,11 @@ class SourceReader {
     if (error) return refuseScriptFile(script.file, error);
     const std::string extension = interpreterExtension(script.file.value).value_or("");
     checkScriptText(options_.directory + "/" + script.file.value, extension, bytes, findings_);
-    const std::string sha256 = hexDigest("sha256", bytes);
+    const DigestKind& usual = AgentUtils::usualDigest();
+    const std::string sha256 = hexDigest(usual, bytes);
     source.scripts.push_back(
         {script, extension, bytes.size(), sha256,
-         source.digest.name == "sha256" ? sha256 : hexDigest(source.digest.name, bytes)});
+         source.digest.name == usual.name ? sha256 : hexDigest(source.digest, bytes)});
   }
 
   void refuseScriptFile(const ManifestText& file, const std::error_code& error) {

@@ -11,8 +11,8 @@
 #include <system_error>
 #include <vector>
 
+#include "Digest.h"
 #include "Settings.h"
-#include "publish/Digest.h"
 #include "publish/Findings.h"
 #include "publish/Manifest.h"
 
@@ -28,7 +28,7 @@ struct SourceScript {
 };
 
 struct Source {
-  DigestKind digest;
+  AgentUtils::DigestKind digest;
   std::vector<SourceScript> scripts;  ///< in the manifest's order
 };
 

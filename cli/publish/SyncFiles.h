@@ -14,7 +14,4 @@ namespace VarnScripts::publishing {
 [[nodiscard]] std::string syncFiles(const std::vector<std::string>& paths, int descriptor,
                                     std::error_code& error);
 
-/// Returns when the bytes of the file, or the names in the directory, at `path` are on the disk.
-void syncPath(const std::string& path, std::error_code& error);
-
 }  // namespace VarnScripts::publishing

@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-#include <cerrno>
+#include "Calls.h"
 
 namespace VarnScripts::publishing {
 namespace {
@@ -17,11 +17,11 @@ std::string syncFiles(const std::vector<std::string>& paths, int descriptor,
   error.clear();
   if (paths.size() > kMostSingleFiles) {
     // One wait for the disk in place of one for each file.
-    if (::syncfs(descriptor) != 0) error.assign(errno, std::generic_category());
+    if (::syncfs(descriptor) != 0) error = posix::lastError();
     return error ? paths.front() : "";
   }
   for (const std::string& path : paths) {
-    syncPath(path, error);
+    posix::syncPath(path, error);
     if (error) return path;
   }
   return "";

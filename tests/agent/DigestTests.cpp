@@ -8,13 +8,13 @@
 #include <vector>
 
 #include "AgentUtils.h"
-#include "DigestName.h"
+#include "Digest.h"
 #include "support/Files.h"
 #include "support/TemporaryDirectory.h"
 
-using AgentUtils::Digest;
-using AgentUtils::digestBytes;
-using AgentUtils::digestOfName;
+using AgentUtils::digestKind;
+using AgentUtils::hexDigest;
+using AgentUtils::isDigest;
 using AgentUtils::VyCryptography;
 
 namespace {
@@ -26,44 +26,59 @@ constexpr char kSHA256OfAbc[] = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9
 TEST(DigestName, KnowsEachAlgorithmInItsUsualSpellings) {
   const struct {
     const char* name;
-    Digest digest;
+    const char* kind;
   } rows[] = {
-      {"md5", Digest::md5},
-      {"MD5", Digest::md5},
-      {"MD-5", Digest::md5},
-      {"sha", Digest::sha1},
-      {"SHA", Digest::sha1},
-      {"sha1", Digest::sha1},
-      {"SHA-1", Digest::sha1},
-      {"sha224", Digest::sha224},
-      {"SHA_224", Digest::sha224},
-      {"sha256", Digest::sha256},
-      {"SHA-256", Digest::sha256},
-      {"Sha 256", Digest::sha256},
-      {" s-h_a 256 ", Digest::sha256},
-      {"SHA-384", Digest::sha384},
-      {"sha512", Digest::sha512},
+      {"md5", "md5"},
+      {"MD5", "md5"},
+      {"MD-5", "md5"},
+      {"sha", "sha1"},
+      {"SHA", "sha1"},
+      {"sha1", "sha1"},
+      {"SHA-1", "sha1"},
+      {"sha224", "sha224"},
+      {"SHA_224", "sha224"},
+      {"sha256", "sha256"},
+      {"SHA-256", "sha256"},
+      {"Sha 256", "sha256"},
+      {" s-h_a 256 ", "sha256"},
+      {"SHA-384", "sha384"},
+      {"sha512", "sha512"},
   };
-  for (const auto& row : rows) EXPECT_EQ(digestOfName(row.name), row.digest) << row.name;
+  for (const auto& row : rows) {
+    ASSERT_NE(digestKind(row.name), nullptr) << row.name;
+    EXPECT_EQ(digestKind(row.name)->name, row.kind);
+  }
 }
 
 TEST(DigestName, KnowsNoOtherName) {
   for (const char* const name : {"", " ", "-", "sha2", "sha-512/256", "md4", "sha256x", "xsha256",
                                  "sha\t256", "sha.256", "crc32", "sha25", "\xC2\xA0sha256"}) {
-    EXPECT_EQ(digestOfName(name), std::nullopt) << name;
+    EXPECT_EQ(digestKind(name), nullptr) << name;
   }
-  EXPECT_EQ(digestOfName("md5\0"s), std::nullopt);
+  EXPECT_EQ(digestKind("md5\0"s), nullptr);
 }
 
-TEST(DigestValue, IsHexadecimalOfEitherCaseAndOfTheExactLength) {
-  EXPECT_EQ(digestBytes(Digest::md5, "000102030405060708090a0b0c0D0E0F"),
-            "\0\1\2\3\4\5\6\7\10\11\12\13\14\15\16\17"s);
+TEST(DigestName, TellsWhatCanBeForged) {
+  EXPECT_TRUE(digestKind("md5")->forgeable);
+  EXPECT_TRUE(digestKind("sha1")->forgeable);
+  EXPECT_FALSE(digestKind("sha256")->forgeable);
+  EXPECT_EQ(&AgentUtils::usualDigest(), digestKind("sha256"));
+}
+
+TEST(DigestValue, IsLowerCaseHexadecimal) {
+  EXPECT_EQ(hexDigest(AgentUtils::usualDigest(), "abc"), kSHA256OfAbc);
+  EXPECT_EQ(hexDigest(*digestKind("md5"), ""), "d41d8cd98f00b204e9800998ecf8427e");
+}
+
+TEST(DigestValue, IsMatchedInEitherCaseAndInItsExactLength) {
+  const std::string digest = "000102030405060708090a0b0c0d0e0f";
+  EXPECT_TRUE(isDigest(digest, digest));
+  EXPECT_TRUE(isDigest("000102030405060708090A0b0c0D0E0F", digest));
   for (const char* const value :
        {"", "0", "000102030405060708090a0b0c0d0e0", "000102030405060708090a0b0c0d0e0f0",
-        "000102030405060708090a0b0c0d0e0f00", "000102030405060708090a0b0c0d0e0g",
-        " 00102030405060708090a0b0c0d0e0f", "0x0102030405060708090a0b0c0d0e0f",
-        "+00102030405060708090a0b0c0d0e0f"}) {
-    EXPECT_EQ(digestBytes(Digest::md5, value), std::nullopt) << value;
+        "000102030405060708090a0b0c0d0e0g", " 00102030405060708090a0b0c0d0e0f",
+        "0x0102030405060708090a0b0c0d0e0f", "+00102030405060708090a0b0c0d0e0f"}) {
+    EXPECT_FALSE(isDigest(value, digest)) << value;
   }
 }
 

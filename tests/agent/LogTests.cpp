@@ -37,18 +37,6 @@ std::string lineOf(Add add, const Record& given) {
 std::string textLine(const Record& given) { return lineOf(AgentLog::addTextLine, given); }
 std::string jsonLine(const Record& given) { return lineOf(AgentLog::addJSONLine, given); }
 
-TEST(LogTime, IsUTCWithMilliseconds) {
-  using std::chrono::milliseconds;
-  using std::chrono::system_clock;
-  const auto text = [](long long sinceEpoch) {
-    return AgentLog::timeText(system_clock::time_point(milliseconds(sinceEpoch)));
-  };
-  EXPECT_EQ(text(0), "1970-01-01T00:00:00.000Z");
-  EXPECT_EQ(text(1795242616123), "2026-11-21T06:30:16.123Z");
-  EXPECT_EQ(text(951782399999), "2000-02-28T23:59:59.999Z");
-  EXPECT_EQ(text(951782400000), "2000-02-29T00:00:00.000Z");
-}
-
 TEST(LogTextLine, HasTimeLevelSourceOperationLineAndMessage) {
   EXPECT_EQ(textLine(record("Processing Script ID 42")),
             "T info ScriptRepositoryProcessor processScript() 123 Processing Script ID 42");

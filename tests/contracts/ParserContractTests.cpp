@@ -102,10 +102,4 @@ TEST_F(ParserContract, WhatIsNotOneDocumentIsAbsent) {
   EXPECT_FALSE(decodes("text"));
 }
 
-TEST_F(ParserContract, ADocumentDecodesToTheRecordThatItWasMadeOf) {
-  const Root root{{{{{"1", "n", std::vector<Part>{{"p"}, {"q"}}}, {"2", {}, {}}, {"", "", {}}}}}};
-  EXPECT_EQ(XML::parse(XML::document(root), std::nullopt, false).toStruct<Root>(),
-            std::vector<Root>{root});
-}
-
 }  // namespace

@@ -99,7 +99,9 @@ bool decodeChildren(const std::vector<Node>& children, const RecordSchema& schem
   return true;
 }
 
-std::string encodeFields(const RecordSchema& schema, const void* record) {
+}  // namespace
+
+std::string encoded(const RecordSchema& schema, const void* record) {
   std::string written;
   const auto separate = [&written] {
     if (!written.empty()) written += ' ';
@@ -116,13 +118,12 @@ std::string encodeFields(const RecordSchema& schema, const void* record) {
     for (std::size_t index = 0; index < field.count(record); ++index) {
       separate();
       written +=
-          key + "(" + encodeFields(field.elementSchema(), field.element(record, index)) + ")";
+          key + "(" + encoded(field.elementSchema(), field.element(record, index)) + ")";
     }
   }
   return written;
 }
 
-}  // namespace
 }  // namespace doubles
 
 namespace MarkupParser {
@@ -145,10 +146,6 @@ XML::Accessor XML::parse(std::string data, std::optional<CharacterSet> trimming,
 bool XML::Accessor::decode(const RecordSchema& schema, void* record) const {
   doubles::Journal::shared().called("decode");
   return document_->top && doubles::decodeChildren(*document_->top, schema, record);
-}
-
-std::string XML::encode(const RecordSchema& schema, const void* record) {
-  return doubles::encodeFields(schema, record);
 }
 
 }  // namespace MarkupParser

@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "MarkupParser.h"
+
 namespace doubles {
 
 /// The calls that the parser received.
@@ -27,5 +29,13 @@ struct ParserCalls {
   };
   std::vector<Call> calls;
 };
+
+/// The record that `schema` describes in the parser's notation, by the tables' accessors.
+std::string encoded(const MarkupParser::RecordSchema& schema, const void* record);
+
+template <MarkupParser::KeyedRecord Record>
+std::string document(const Record& root) {
+  return encoded(Record::schema(), &root);
+}
 
 }  // namespace doubles

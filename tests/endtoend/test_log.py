@@ -1,5 +1,6 @@
 """The log lines of a request: their exact order, their form, and where they go."""
 
+import datetime
 import json
 import os
 import re
@@ -75,6 +76,17 @@ class FormTest(CommandCase):
             self.assertEqual(record["level"], "info")
             self.assertIsInstance(record["line"], int)
             self.assertGreater(record["line"], 0)
+
+    def test_the_time_is_utc_wherever_the_computer_stands(self):
+        self.put()
+        before = datetime.datetime.now(datetime.timezone.utc) - datetime.timedelta(milliseconds=1)
+        result = self.run_command("--log-format", "json", "run", "42",
+                                  environment=self.environment(TZ="JST-9"))
+        after = datetime.datetime.now(datetime.timezone.utc)
+        self.assertEqual(result.status, 0, result.error)
+        for record in result.records:
+            time = datetime.datetime.strptime(record["time"], "%Y-%m-%dT%H:%M:%S.%f%z")
+            self.assertTrue(before <= time <= after, (before, record["time"], after))
 
     def test_text_is_one_line_per_record(self):
         self.put(text="echo one; echo two\n")

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "ScriptRepositoryRecords.h"
+#include "publish/XMLDocument.h"
 
 // The agent is one source; its own entry point is not the tests'.
 #define main agentMain
@@ -16,7 +17,6 @@
 
 namespace {
 
-using MarkupParser::XML;
 using namespace VarnScriptRepository;
 
 constexpr int kThreads = 8;
@@ -54,10 +54,10 @@ TEST(EmbeddedAgent, RunsRequestsForDifferentIDsOnSeveralThreads) {
     ScriptRepositoryMeta& entry = list.scriptsMeta[0].scriptRepo.emplace_back();
     entry.scriptID = id;
     entry.scriptPathMapping = {{"client-data/acme/scriptrepo/" + id + ".xml"}};
-    write(documents / (id + ".xml"), XML::document(ScriptRoot{{itemOf(id)}}));
+    write(documents / (id + ".xml"), VarnScripts::publishing::xmlDocument(ScriptRoot{{itemOf(id)}}));
     write(directory / "server" / (id + ".sh"), "echo ran\n");
   }
-  write(documents / "scripts-meta.xml", XML::document(list));
+  write(documents / "scripts-meta.xml", VarnScripts::publishing::xmlDocument(list));
   const AgentUtils::GlobalVariables settings{directory / "base", "acme", std::nullopt};
   AgentUtils::gv_globvars = &settings;
   // The first request loads the list; from then on requests may run together.

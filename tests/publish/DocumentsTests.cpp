@@ -4,6 +4,7 @@
 
 #include "ScriptRules.h"
 #include "publish/Documents.h"
+#include "publish/XMLDocument.h"
 
 namespace VarnScripts::publishing {
 namespace {
@@ -109,14 +110,14 @@ TEST(Documents, DecodeToWhatWasEncoded) {
   script.entry.name.value = "";
   script.entry.description.value = "\n\U0001F600\u00a0";
   const ScriptRoot root = documentOf(script, {"sha256", false}, "a & b");
-  const auto decoded = XML::parse(XML::document(root), std::nullopt, false).toStruct<ScriptRoot>();
+  const auto decoded = XML::parse(xmlDocument(root), std::nullopt, false).toStruct<ScriptRoot>();
   ASSERT_TRUE(decoded);
   ASSERT_EQ(decoded->size(), 1U);
   EXPECT_EQ(decoded->front(), root);
 
   const ScriptsRepoMetaRoot list{{ScriptRepoAllMetaData{{entryOf(script, "data/x.xml", "a & b")}}}};
   const auto decodedList =
-      XML::parse(XML::document(list), std::nullopt, false).toStruct<ScriptsRepoMetaRoot>();
+      XML::parse(xmlDocument(list), std::nullopt, false).toStruct<ScriptsRepoMetaRoot>();
   ASSERT_TRUE(decodedList);
   EXPECT_EQ(decodedList->front(), list);
 }

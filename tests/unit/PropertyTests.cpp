@@ -287,7 +287,7 @@ RC_GTEST_PROP(RecordProperty, AMetadataDocumentDecodesToWhatWasEncoded, ()) {
     }
   }
   const auto decoded =
-      MarkupParser::XML::parse(MarkupParser::XML::document(root), std::nullopt, false)
+      MarkupParser::XML::parse(doubles::document(root), std::nullopt, false)
           .toStruct<ScriptsRepoMetaRoot>();
   RC_ASSERT(decoded && decoded->size() == 1 && decoded->front() == root);
 }

@@ -339,13 +339,13 @@ TEST(RecordEncoding, WritesTheKeysInOrderAndLeavesAbsentFieldsOut) {
   entry.scriptID = "42";
   entry.fileID = "f1";
   entry.modifiedTime = "5";
-  EXPECT_EQ(MarkupParser::XML::document(ScriptsRepoMetaRoot{{ScriptRepoAllMetaData{{entry}}}}),
+  EXPECT_EQ(doubles::document(ScriptsRepoMetaRoot{{ScriptRepoAllMetaData{{entry}}}}),
             "scripts-meta(ScriptRepo(script_id<42> file_id<f1> modified_time<5>))");
 
   entry.scriptName = "Clean";
   entry.encType = "";
   entry.scriptPathMapping = {{ScriptRepoPath{"/a.xml"}, ScriptRepoPath{"/b.xml"}}};
-  EXPECT_EQ(MarkupParser::XML::document(ScriptsRepoMetaRoot{{ScriptRepoAllMetaData{{entry}}}}),
+  EXPECT_EQ(doubles::document(ScriptsRepoMetaRoot{{ScriptRepoAllMetaData{{entry}}}}),
             "scripts-meta(ScriptRepo(script_name<Clean> script_id<42> file_id<f1> modified_time<5> "
             "enc_type<> ScriptPathMapping(filepath</a.xml>) ScriptPathMapping(filepath</b.xml>)))");
 }
@@ -356,7 +356,7 @@ TEST(RecordEncoding, WritesADataDocumentInTheOrderOfItsTables) {
                   {ChecksumValue{"n", "o", "p", "q", "r"}},
                   {VyFile{"s", "t", "u", "v", "w", "x", "y", "z", "1", "2", {{"3"}}}}}}};
 
-  EXPECT_EQ(MarkupParser::XML::document(root),
+  EXPECT_EQ(doubles::document(root),
             "script(ScriptRepo(script_id<a> script_name<b> file_id<c> db_updated_time<d> "
             "customer_id<e> script_type<f> description<g> os_platform<h> created_time<i> "
             "script_file<j> script_args<k> script_mul_exit_code<l> modified_time<m>) "
@@ -370,7 +370,7 @@ TEST(RecordEncoding, WritesADataDocumentInTheOrderOfItsTables) {
 TEST(RecordEncoding, DecodesToAnEqualRecord) {
   const auto root = decode<ScriptRoot>(doubles::DataDocument{}.text());
   ASSERT_TRUE(root);
-  EXPECT_EQ(decode<ScriptRoot>(MarkupParser::XML::document(*root)), root);
+  EXPECT_EQ(decode<ScriptRoot>(doubles::document(*root)), root);
 }
 
 // ---- Look-ups --------------------------------------------------------------------------------

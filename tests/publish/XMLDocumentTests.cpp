@@ -4,9 +4,11 @@
 
 #include <stdexcept>
 
+#include "publish/XMLDocument.h"
 #include "support/SmallRecords.h"
 
 using MarkupParser::XML;
+using VarnScripts::publishing::xmlDocument;
 
 namespace {
 
@@ -15,12 +17,12 @@ using namespace std::string_literals;
 Root rootWithID(const std::string& id) { return {{{{{id, {}, {}}}}}}; }
 
 std::optional<std::vector<Root>> decodedAgain(const Root& root) {
-  return XML::parse(XML::document(root), std::nullopt, false).toStruct<Root>();
+  return XML::parse(xmlDocument(root), std::nullopt, false).toStruct<Root>();
 }
 
 TEST(XMLDocument, HasTextsAsElementsAndLeavesAbsentFieldsOut) {
   const Root root{{{{{"1", "n", std::vector<Part>{{"p"}, {"q"}}}, {"2", {}, {}}}}}};
-  EXPECT_EQ(XML::document(root),
+  EXPECT_EQ(xmlDocument(root),
             "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
             "<box>\n"
             "  <item>\n"
@@ -81,7 +83,7 @@ TEST(XMLDocument, GivesAnAbsentFieldBackAsANewRecordHasIt) {
       return VarnScriptRepository::recordSchema<Document>();
     }
   };
-  const auto decoded = XML::parse(XML::document(Document{{{std::nullopt}}}), std::nullopt, false)
+  const auto decoded = XML::parse(xmlDocument(Document{{{std::nullopt}}}), std::nullopt, false)
                            .toStruct<Document>();
   ASSERT_TRUE(decoded.has_value());
   EXPECT_EQ(decoded->front().records.front().text, "default");
@@ -109,7 +111,7 @@ TEST(XMLDocument, RefusesWhatXMLCannotCarry) {
                                   "\xF4\x90\x80\x80"s,
                                   "\xF5\x80\x80\x80"s,
                                   "\xC3\x41"s}) {
-    EXPECT_THROW(static_cast<void>(XML::document(rootWithID(text))), std::invalid_argument) << text;
+    EXPECT_THROW(static_cast<void>(xmlDocument(rootWithID(text))), std::invalid_argument) << text;
   }
 }
 

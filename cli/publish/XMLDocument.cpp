@@ -1,20 +1,21 @@
-// Writes a record as an XML document that decodes to an equal record, as far as one can (see
-// `XML::document`): UTF-8, texts as child elements, two blanks of indentation between elements and
-// none inside a text.
+#include "publish/XMLDocument.h"
 
+#include <cstddef>
 #include <stdexcept>
+#include <string_view>
 
-#include "MarkupParser.h"
-
-namespace MarkupParser {
+namespace VarnScripts::publishing {
 namespace {
+
+using MarkupParser::RecordField;
+using MarkupParser::RecordSchema;
 
 [[noreturn]] void throwNotXML() {
   throw std::invalid_argument("a text holds what an XML document can't carry");
 }
 
-/// The length of the UTF-8 sequence at the beginning of `text`, which begins beyond ASCII. Throws
-/// when there is none, or when its character is not one of XML's.
+// The length of the UTF-8 sequence at the beginning of `text`, which begins beyond ASCII. Throws
+// when there is none, or when its character is not one of XML's.
 std::size_t sequenceLength(std::string_view text) {
   const auto lead = static_cast<unsigned char>(text.front());
   const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
@@ -103,12 +104,10 @@ void appendFields(std::string& document, const RecordSchema& schema, const void*
 
 }  // namespace
 
-/// Throws `std::invalid_argument` for a text that is not UTF-8 or holds a character that XML 1.0
-/// has no form for: the control characters but tab, line feed and carriage return, U+FFFE, U+FFFF.
-std::string XML::encode(const RecordSchema& schema, const void* record) {
+std::string encodedRecord(const RecordSchema& schema, const void* record) {
   std::string document = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
   appendFields(document, schema, record, 0);
   return document;
 }
 
-}  // namespace MarkupParser
+}  // namespace VarnScripts::publishing
