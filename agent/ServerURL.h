@@ -1,5 +1,5 @@
-// URLs as text: joining a server path to the server's URL, and reading a file:// URL. Pure
-// functions.
+// URLs: joining a server path to the server's URL, and telling from one what it is and where it leads.
+// Pure functions; any thread.
 
 #pragma once
 
@@ -27,7 +27,10 @@ namespace AgentUtils {
 [[nodiscard]] bool isOnThisComputer(std::string_view url);
 
 /// The URL's host, without its port: "host", "[::1]".
-[[nodiscard]] std::string_view hostOf(std::string_view url);
+[[nodiscard]] std::string hostOf(std::string_view url);
+
+/// What keeps an http:// or https:// URL from being one, or nothing.
+[[nodiscard]] std::optional<std::string> complaintAboutURL(std::string_view url);
 
 /// The URL for the log: without user name, password, query and fragment. What has an `@` anywhere
 /// before its query is taken to have a password before it.

@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <utility>
 
+#include "ServerURL.h"
+
 namespace VarnScripts {
 namespace {
 
@@ -108,6 +110,7 @@ std::optional<std::string> complaintAboutServer(const std::string& url) {
   if (host.empty() || host.front() == ':') return "names no host";
   // What is asked for is put at the end, and would become a part of either.
   if (rest.find_first_of("?#") != std::string::npos) return "must not contain ? or #";
+  if (const auto complaint = AgentUtils::complaintAboutURL(url)) return "is no URL: " + *complaint;
   return std::nullopt;
 }
 
@@ -255,6 +258,8 @@ std::string ownDataPath(const std::string& basePath, const std::string& customer
   return below(below(basePath, "data"), customer);
 }
 
+// Layered here and not by CLI11, which lets the settings file win over the environment, and knows
+// nothing of the place that a value was given in.
 std::variant<Settings, SettingsError> layerSettings(const SettingSources& sources,
                                                     NeededSettings needed) {
   Settings settings;

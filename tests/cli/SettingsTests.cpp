@@ -238,6 +238,15 @@ TEST(LayerSettings, AWrongServerIsNamedWithItsPlaceAndNeverRepeated) {
   }
 }
 
+TEST(LayerSettings, AServerThatCannotBeConnectedToIsNoURL) {
+  for (const char* const given : {"https://ho st", "https://host/a b", "https://host:99999",
+                                  "http://[::g]/", "https://host\n"}) {
+    auto sources = complete();
+    sources.flags["server"] = given;
+    EXPECT_TRUE(errorFrom(sources).starts_with("server (given by --server) is no URL: ")) << given;
+  }
+}
+
 TEST(LayerSettings, AWrongLogFormatIsNamedWithTheSettingsFile) {
   auto sources = complete();
   sources.file = {{"log_format", "xml"}};

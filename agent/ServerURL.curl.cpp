@@ -1,6 +1,10 @@
 #include "ServerURL.h"
 
+#include <curl/curl.h>
+
 #include <algorithm>
+#include <memory>
+#include <new>
 
 namespace AgentUtils {
 namespace {
@@ -32,15 +36,33 @@ bool equalIgnoringCase(std::string_view a, std::string_view b) {
   return std::ranges::equal(a, b, {}, lowerASCII, lowerASCII);
 }
 
-/// What stands between the scheme and the path, without `defaultPort` at its end.
-std::string_view authorityOf(std::string_view url, std::string_view defaultPort) {
-  const std::size_t scheme = url.find(kSchemeEnd);
-  if (scheme == url.npos) return {};
-  url.remove_prefix(scheme + kSchemeEnd.size());
-  url = url.substr(0, url.find_first_of("/?#"));
-  if (url.ends_with(defaultPort)) url.remove_suffix(defaultPort.size());
-  return url;
-}
+/// A URL as curl reads it, which is what connects. Throws `std::bad_alloc`.
+class ParsedURL {
+ public:
+  explicit ParsedURL(std::string_view url) : handle_(curl_url(), &curl_url_cleanup) {
+    if (!handle_) throw std::bad_alloc();
+    result_ = curl_url_set(handle_.get(), CURLUPART_URL, std::string(url).c_str(), 0);
+    if (result_ == CURLUE_OUT_OF_MEMORY) throw std::bad_alloc();
+  }
+
+  /// What is wrong with it; `CURLUE_OK` when nothing is.
+  [[nodiscard]] CURLUcode result() const { return result_; }
+
+  /// One of its parts; empty when it has none.
+  [[nodiscard]] std::string part(CURLUPart part, unsigned int flags = 0) const {
+    char* text = nullptr;
+    const CURLUcode result = curl_url_get(handle_.get(), part, &text, flags);
+    if (result == CURLUE_OUT_OF_MEMORY) throw std::bad_alloc();
+    const std::unique_ptr<char, decltype(&curl_free)> owner(text, &curl_free);
+    return text == nullptr ? "" : text;
+  }
+
+  [[nodiscard]] std::string host() const { return part(CURLUPART_HOST); }
+
+ private:
+  std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> handle_;
+  CURLUcode result_;
+};
 
 }  // namespace
 
@@ -69,24 +91,28 @@ bool hasScheme(std::string_view url, std::string_view scheme) {
 }
 
 bool isSameServer(std::string_view a, std::string_view b) {
-  for (const std::string_view scheme : {"https", "http"}) {
-    if (!hasScheme(a, scheme) || !hasScheme(b, scheme)) continue;
-    const std::string_view port = scheme == "https" ? ":443" : ":80";
-    return equalIgnoringCase(authorityOf(a, port), authorityOf(b, port));
-  }
-  return false;
+  const ParsedURL first(a);
+  const ParsedURL second(b);
+  if (first.result() != CURLUE_OK || second.result() != CURLUE_OK) return false;
+  const auto isSame = [&](CURLUPart part, unsigned int flags = 0) {
+    return equalIgnoringCase(first.part(part, flags), second.part(part, flags));
+  };
+  return isSame(CURLUPART_SCHEME) && isSame(CURLUPART_HOST) && isSame(CURLUPART_USER) &&
+         isSame(CURLUPART_PORT, CURLU_DEFAULT_PORT);
 }
 
-std::string_view hostOf(std::string_view url) {
-  const std::string_view authority = authorityOf(url, {});
-  if (authority.starts_with('[')) return authority.substr(0, authority.find(']') + 1);
-  return authority.substr(0, authority.find(':'));
-}
+std::string hostOf(std::string_view url) { return ParsedURL(url).host(); }
 
 bool isOnThisComputer(std::string_view url) {
-  const std::string_view host = hostOf(url);
+  const std::string host = hostOf(url);
   if (equalIgnoringCase(host, "localhost") || host == "[::1]") return true;
   return host.starts_with("127.") && host.find_first_not_of("0123456789.") == host.npos;
+}
+
+std::optional<std::string> complaintAboutURL(std::string_view url) {
+  const CURLUcode result = ParsedURL(url).result();
+  if (result == CURLUE_OK) return std::nullopt;
+  return curl_url_strerror(result);
 }
 
 std::string withoutSecrets(std::string_view url) {
