@@ -95,11 +95,11 @@ class StandardErrorSink final : public spdlog::sinks::base_sink<std::mutex> {
 /// What is wrong with an open log file, made ours alone where it is ours; empty when nothing is.
 std::string problemOf(const FileDescriptor& file) {
   struct stat status {};
-  if (fstat(file.get(), &status) != 0) return std::generic_category().message(errno);
+  if (::fstat(file.get(), &status) != 0) return std::generic_category().message(errno);
   if (!S_ISREG(status.st_mode)) return "it is no regular file";
-  if (status.st_uid != geteuid() && status.st_uid != 0) return "it belongs to another user";
+  if (status.st_uid != ::geteuid() && status.st_uid != 0) return "it belongs to another user";
   if (status.st_nlink > 1) return "it has a second name";
-  if (fchmod(file.get(), kFileMode) != 0) return std::generic_category().message(errno);
+  if (::fchmod(file.get(), kFileMode) != 0) return std::generic_category().message(errno);
   return "";
 }
 
@@ -107,7 +107,7 @@ std::string problemOf(const FileDescriptor& file) {
 /// give to something else; scripts do not inherit it.
 FileDescriptor openLogFile(const std::string& path) {
   // Without O_NONBLOCK the opening of a FIFO would wait for a reader.
-  FileDescriptor file(open(
+  FileDescriptor file(::open(
       path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
       kFileMode));
   const std::string problem = file ? problemOf(file) : std::generic_category().message(errno);
@@ -152,7 +152,7 @@ class LogFileSink final : public spdlog::sinks::base_sink<std::mutex> {
 
   void makeRoomFor(std::size_t length) {
     struct stat status {};
-    if (fstat(file_.get(), &status) == 0 && status.st_size > 0 &&
+    if (::fstat(file_.get(), &status) == 0 && status.st_size > 0 &&
         static_cast<std::size_t>(status.st_size) + length > kFileSize) {
       rotate();
     }
@@ -166,7 +166,7 @@ class LogFileSink final : public spdlog::sinks::base_sink<std::mutex> {
       }
       if (std::rename(path_.c_str(), olderPath(1).c_str()) != 0) {
         // What can't be put away is given up, so that the file stays within its size.
-        static_cast<void>(ftruncate(file_.get(), 0));
+        static_cast<void>(::ftruncate(file_.get(), 0));
         return;
       }
     }

@@ -103,7 +103,7 @@ std::optional<std::string> hexDigest(const DigestKind& kind, const FileDescripto
   bool failed = false;
   const auto next = [&]() -> std::string_view {
     const ssize_t count = posix::retryOnInterrupt(
-        [&] { return pread(file.get(), piece.get(), pieceSize, offset); });
+        [&] { return ::pread(file.get(), piece.get(), pieceSize, offset); });
     failed = count < 0;
     if (count <= 0) return {};
     offset += count;

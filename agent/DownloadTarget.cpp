@@ -29,12 +29,12 @@ constexpr mode_t kFileMode = 0600;
 }
 
 int lock(const FileDescriptor& file, int operation) {
-  return retryOnInterrupt([&] { return flock(file.get(), operation); });
+  return retryOnInterrupt([&] { return ::flock(file.get(), operation); });
 }
 
 void requireReplaceable(const std::string& path) {
   struct stat status {};
-  if (lstat(path.c_str(), &status) != 0) {
+  if (::lstat(path.c_str(), &status) != 0) {
     if (errno == ENOENT) return;
     fail("can't look at " + path, errno);
   }
@@ -44,11 +44,11 @@ void requireReplaceable(const std::string& path) {
 
 void removeUnlessLive(const std::string& path) {
   // Opened without following links or waiting: anybody may have put anything under that name.
-  const FileDescriptor file(open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  const FileDescriptor file(::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat status {};
-  if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return;
+  if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return;
   if (lock(file, LOCK_EX | LOCK_NB) != 0 || !hasName(file, path)) return;
-  unlink(path.c_str());
+  ::unlink(path.c_str());
 }
 
 }  // namespace
@@ -59,7 +59,7 @@ DownloadTarget::DownloadTarget(std::string path, std::uint64_t mostBytes)
 }
 
 DownloadTarget::~DownloadTarget() {
-  if (!temporaryPath_.empty()) unlink(temporaryPath_.c_str());
+  if (!temporaryPath_.empty()) ::unlink(temporaryPath_.c_str());
 }
 
 const FileDescriptor& DownloadTarget::temporaryFile() {
@@ -77,7 +77,7 @@ void DownloadTarget::makeTemporaryFile() {
     // From here on the destructor removes it.
     temporaryPath_ = std::move(name);
     file_ = std::move(file);
-    if (fchmod(file_.get(), kFileMode) != 0) fail("can't protect " + temporaryPath_, errno);
+    if (::fchmod(file_.get(), kFileMode) != 0) fail("can't protect " + temporaryPath_, errno);
     if (lock(file_, LOCK_EX) != 0) fail("can't lock " + temporaryPath_, errno);
     if (hasName(file_, temporaryPath_)) return;
   }
@@ -104,7 +104,7 @@ void DownloadTarget::write(const char* bytes, std::size_t count) {
 
 void DownloadTarget::commit() {
   const FileDescriptor& file = temporaryFile();
-  if (retryOnInterrupt([&] { return fsync(file.get()); }) != 0) {
+  if (retryOnInterrupt([&] { return ::fsync(file.get()); }) != 0) {
     fail("can't sync " + temporaryPath_, errno);
   }
   // Once more: what stands there may have changed during the download.
@@ -121,9 +121,9 @@ void DownloadTarget::commit() {
 
 void sweepTemporaryFiles(const std::string& directory) noexcept {
   try {
-    const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(directory.c_str()), &closedir);
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(::opendir(directory.c_str()), &closedir);
     if (!entries) return;
-    while (const dirent* const entry = readdir(entries.get())) {
+    while (const dirent* const entry = ::readdir(entries.get())) {
       if (std::string_view(entry->d_name).starts_with(kDownloadPrefix)) {
         removeUnlessLive(directory + '/' + entry->d_name);
       }

@@ -24,17 +24,17 @@ std::int64_t changeTime(const struct stat& status) {
 
 std::string fileAttribute(const FileDescriptor& file, const char* name, std::size_t mostBytes) {
   std::string value(mostBytes, '\0');
-  const ssize_t size = fgetxattr(file.get(), name, value.data(), value.size(), 0, 0);
+  const ssize_t size = ::fgetxattr(file.get(), name, value.data(), value.size(), 0, 0);
   value.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
   return value;
 }
 
 void setFileAttribute(const FileDescriptor& file, const char* name, const std::string& value) {
-  static_cast<void>(fsetxattr(file.get(), name, value.data(), value.size(), 0, 0));
+  static_cast<void>(::fsetxattr(file.get(), name, value.data(), value.size(), 0, 0));
 }
 
 bool removeFileAttribute(const FileDescriptor& file, const char* name) {
-  return fremovexattr(file.get(), name, 0) == 0;
+  return ::fremovexattr(file.get(), name, 0) == 0;
 }
 
 }  // namespace AgentUtils

@@ -26,7 +26,7 @@ void copyAll(const FileDescriptor& file, const std::string& path, DownloadTarget
   const auto piece = std::make_unique_for_overwrite<char[]>(kPieceSize);
   while (true) {
     const ssize_t count =
-        posix::retryOnInterrupt([&] { return read(file.get(), piece.get(), kPieceSize); });
+        posix::retryOnInterrupt([&] { return ::read(file.get(), piece.get(), kPieceSize); });
     if (count < 0) fail(path, errno);
     if (count == 0) return;
     target.write(piece.get(), static_cast<std::size_t>(count));
@@ -39,9 +39,9 @@ void copyFromFileServer(const std::string& url, DownloadTarget& target) {
   const auto path = pathOfFileURL(url);
   if (!path) throw DownloadFailure("no local path in the URL");
   // Not blocking, or a FIFO would be waited for.
-  const FileDescriptor file(open(path->c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  const FileDescriptor file(::open(path->c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   struct stat status {};
-  if (!file || fstat(file.get(), &status) != 0) fail(*path, errno);
+  if (!file || ::fstat(file.get(), &status) != 0) fail(*path, errno);
   if (!S_ISREG(status.st_mode)) throw DownloadFailure(*path + " is not a file");
   copyAll(file, *path, target);
   // Somebody may be writing it.

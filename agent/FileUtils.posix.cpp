@@ -23,13 +23,13 @@ bool isPath(const std::string& text) {
 
 bool isDirectory(const std::string& path) {
   struct stat status {};
-  return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+  return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 FileDescriptor openedParent(const std::string& path) {
   const std::size_t slash = path.rfind('/');
   const std::string parent = slash == path.npos ? "." : path.substr(0, slash + 1);
-  return FileDescriptor(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return FileDescriptor(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 /// Makes one directory and opens it; not open, with `errno`, when it can't be made. One that
@@ -39,9 +39,9 @@ FileDescriptor makeDirectory(const FileDescriptor& parent, const std::string& na
   const bool made = mkdirat(parent.get(), name.c_str(), kDirectoryMode) == 0;
   if (!made && !(mayExist && errno == EEXIST)) return {};
   FileDescriptor directory(
-      openat(parent.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      ::openat(parent.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   // The umask may have taken away more than it should.
-  if (made && directory && fchmod(directory.get(), kDirectoryMode) != 0) return {};
+  if (made && directory && ::fchmod(directory.get(), kDirectoryMode) != 0) return {};
   return directory;
 }
 
@@ -49,7 +49,7 @@ FileDescriptor makeDirectory(const FileDescriptor& parent, const std::string& na
 
 bool FileUtils::isFileExists(const std::string& atPath) const {
   struct stat status {};
-  return isPath(atPath) && stat(atPath.c_str(), &status) == 0;
+  return isPath(atPath) && ::stat(atPath.c_str(), &status) == 0;
 }
 
 bool FileUtils::createDirectory(const std::string& atPath, bool withIntermediateDirectories) const {

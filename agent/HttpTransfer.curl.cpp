@@ -78,15 +78,15 @@ class IdleHandles {
   /// After a fork the connections are the parent's: two processes would read each other's answers.
   /// They are left alone, neither used nor closed.
   void leaveToParent() {
-    if (process_ == getpid()) return;
+    if (process_ == ::getpid()) return;
     for (Handle& handle : idle_) static_cast<void>(handle.release());
     idle_.clear();
-    process_ = getpid();
+    process_ = ::getpid();
   }
 
   std::mutex mutex_;
   std::vector<Handle> idle_;
-  pid_t process_ = getpid();
+  pid_t process_ = ::getpid();
 };
 
 std::string_view trimmedBlanks(std::string_view text) {

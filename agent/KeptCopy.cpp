@@ -73,7 +73,7 @@ class FetchedPaths {
 FileDescriptor openedForReading(const std::string& path) {
   // Not blocking, or a FIFO at that path would be waited for.
   return FileDescriptor(
-      open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+      ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
 }
 
 /// Takes the validators from the file on disk, so that no process asks with them any more.
@@ -81,7 +81,7 @@ void forgetValidators(const std::string& path) noexcept {
   const FileDescriptor file = openedForReading(path);
   if (!file || !removeFileAttribute(file, kAttribute)) return;
   // A loss of power must not bring them back.
-  static_cast<void>(fsync(file.get()));
+  static_cast<void>(::fsync(file.get()));
 }
 
 void distrustFetchedFiles() noexcept {
@@ -123,10 +123,10 @@ std::optional<KeptCopy> KeptCopy::find(const std::string& path, const std::strin
   if (!file) return std::nullopt;
   KeptCopy copy(std::move(file), path);
   struct stat& status = copy.status_;
-  if (fstat(copy.file_.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+  if (::fstat(copy.file_.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
   // Whoever else may write to it could have written the attribute as well. A whole download makes
   // it what it must be.
-  if (status.st_uid != geteuid() || (status.st_mode & kAllModeBits) != kFileMode)
+  if (status.st_uid != ::geteuid() || (status.st_mode & kAllModeBits) != kFileMode)
     return std::nullopt;
   if (static_cast<std::uint64_t>(status.st_size) > mostBytes) return std::nullopt;
   const std::string text = fileAttribute(copy.file_, kAttribute, kLongestAttribute);
@@ -140,7 +140,7 @@ std::optional<KeptCopy> KeptCopy::find(const std::string& path, const std::strin
 bool KeptCopy::isUntouched() const {
   struct stat opened {};
   struct stat named {};
-  return fstat(file_.get(), &opened) == 0 && lstat(path_.c_str(), &named) == 0 &&
+  return ::fstat(file_.get(), &opened) == 0 && ::lstat(path_.c_str(), &named) == 0 &&
          isSameState(opened, status_) && isSameState(named, status_);
 }
 
@@ -159,7 +159,7 @@ void keepWithFile(const FileDescriptor& file, const std::string& url,
                   const Validators& validators) noexcept {
   try {
     struct stat status {};
-    if (validators.isEmpty() || fstat(file.get(), &status) != 0) return;
+    if (validators.isEmpty() || ::fstat(file.get(), &status) != 0) return;
     const auto digest = digestTextOf(file, status);
     if (!digest) return;
     const std::string text = attributeText(*digest, url, validators);

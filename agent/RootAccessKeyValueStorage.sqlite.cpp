@@ -55,7 +55,7 @@ struct FreeMemory {
 /// `path` with the links of its directories resolved and its last component as it is, so that
 /// SQLite can be asked to follow no link at all.
 std::string pathWithoutLinks(const std::string& directory, const std::string& name) {
-  const std::unique_ptr<char, FreeMemory> resolved(realpath(directory.c_str(), nullptr));
+  const std::unique_ptr<char, FreeMemory> resolved(::realpath(directory.c_str(), nullptr));
   if (!resolved) throwError(errno, "can't resolve " + directory);
   return std::string(resolved.get()) + '/' + name;
 }
@@ -66,7 +66,7 @@ void requireRegularCompanions(const std::string& path) {
   for (const char* const suffix : {"-journal", "-wal", "-shm"}) {
     const std::string companion = path + suffix;
     struct stat status {};
-    if (lstat(companion.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+    if (::lstat(companion.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
       throwError(EINVAL, "not a regular file: " + companion);
     }
   }
@@ -81,18 +81,18 @@ void ensureRegularFile(const std::string& path) {
   static std::mutex& mutex = *new std::mutex;
   const std::lock_guard lock(mutex);
   struct stat status {};
-  if (lstat(path.c_str(), &status) == 0) {
+  if (::lstat(path.c_str(), &status) == 0) {
     if (!S_ISREG(status.st_mode)) throwError(EINVAL, "not a regular file: " + path);
     return;
   }
   const FileDescriptor file(
-      open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode));
+      ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode));
   if (!file) {
     // Another process was faster; SQLite itself refuses a link.
     if (errno == EEXIST) return;
     throwError(errno, "can't create " + path);
   }
-  if (fchmod(file.get(), kFileMode) != 0) throwError(errno, "can't set the mode of " + path);
+  if (::fchmod(file.get(), kFileMode) != 0) throwError(errno, "can't set the mode of " + path);
 }
 
 /// Makes what is missing for a database at `storagePath` and gives the path to open.

@@ -14,7 +14,7 @@ sigset_t sigpipeAlone() {
 bool sigpipeIsPending() {
   sigset_t pending;
   sigemptyset(&pending);
-  sigpending(&pending);
+  ::sigpending(&pending);
   return sigismember(&pending, SIGPIPE) == 1;
 }
 
@@ -22,7 +22,7 @@ bool sigpipeIsPending() {
 
 SigpipeGuard::SigpipeGuard() {
   const sigset_t sigpipe = sigpipeAlone();
-  pthread_sigmask(SIG_BLOCK, &sigpipe, &previousMask_);
+  ::pthread_sigmask(SIG_BLOCK, &sigpipe, &previousMask_);
   // What was not blocked was delivered at once: none can be waiting.
   wasPending_ = sigismember(&previousMask_, SIGPIPE) == 1 && sigpipeIsPending();
 }
@@ -33,8 +33,8 @@ SigpipeGuard::~SigpipeGuard() {
     // The signal is pending, so this takes it and does not wait.
     const sigset_t sigpipe = sigpipeAlone();
     int taken = 0;
-    sigwait(&sigpipe, &taken);
+    ::sigwait(&sigpipe, &taken);
   }
-  pthread_sigmask(SIG_SETMASK, &previousMask_, nullptr);
+  ::pthread_sigmask(SIG_SETMASK, &previousMask_, nullptr);
   errno = error;
 }

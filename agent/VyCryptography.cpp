@@ -26,10 +26,10 @@ const char* complaint(const std::string& path, const std::string& type,
   if (kind == nullptr) return "the checksum's type is not known";
   if (settings().beforeFileUse) settings().beforeFileUse(path);
   // Not blocking, or a FIFO at that path would be waited for.
-  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   if (!file) return errno == ENOENT ? "it is missing" : "it can't be opened";
   struct stat status {};
-  if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return "it is not a file";
+  if (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return "it is not a file";
   const auto digest = hexDigest(*kind, file, static_cast<std::size_t>(status.st_size));
   if (!digest) return "it can't be read";
   return isDigest(checksum, *digest) ? nullptr : "its content is another";

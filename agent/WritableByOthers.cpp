@@ -27,7 +27,7 @@ void reportWhenWritableByOthers(const std::string& path, const std::string& sour
                                 const std::string& operation, int line) noexcept {
   try {
     struct stat status {};
-    if (stat(path.c_str(), &status) != 0) return;
+    if (::stat(path.c_str(), &status) != 0) return;
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) == 0 || !isFirstReport(status)) return;
     AgentLog::logInfo("Writable by others than its owner: " + path, source, operation, line);
   } catch (...) {

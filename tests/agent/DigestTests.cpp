@@ -139,7 +139,7 @@ TEST_F(ChecksumOfFile, MatchesTheEmptyFile) {
 
 TEST_F(ChecksumOfFile, FailsForWhatIsNoRegularFileWithoutWaiting) {
   const char* const emptyMD5 = "d41d8cd98f00b204e9800998ecf8427e";
-  ASSERT_EQ(mkfifo((directory / "fifo").c_str(), 0600), 0);
+  ASSERT_EQ(::mkfifo((directory / "fifo").c_str(), 0600), 0);
   EXPECT_FALSE(VyCryptography::validateCheckSumForFile(directory / "fifo", "md5", emptyMD5));
   EXPECT_FALSE(VyCryptography::validateCheckSumForFile(directory.path(), "md5", emptyMD5));
   EXPECT_FALSE(VyCryptography::validateCheckSumForFile("/dev/null", "md5", emptyMD5));

@@ -30,16 +30,16 @@ TEST_F(Download, IsForTheOwnerAloneWhateverTheUmaskAndTheOldMode) {
   for (const mode_t mask : {0000u, 0022u, 0377u}) {
     const Umask umask(mask);
     writeFile(base / "target", "old");
-    ASSERT_EQ(chmod((base / "target").c_str(), 0777), 0);
+    ASSERT_EQ(::chmod((base / "target").c_str(), 0777), 0);
     EXPECT_TRUE(download("a", base / "target"));
     EXPECT_EQ(modeOf(base / "target"), 0600u);
-    ASSERT_EQ(unlink((base / "target").c_str()), 0);
+    ASSERT_EQ(::unlink((base / "target").c_str()), 0);
   }
 }
 
 TEST_F(Download, ReplacesALinkAndDoesNotFollowIt) {
   writeFile(base / "elsewhere", "kept");
-  ASSERT_EQ(symlink("elsewhere", (base / "target").c_str()), 0);
+  ASSERT_EQ(::symlink("elsewhere", (base / "target").c_str()), 0);
   EXPECT_TRUE(download("a", base / "target"));
   EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(base / "target")));
   EXPECT_EQ(readFile(base / "target"), "new");
@@ -49,17 +49,17 @@ TEST_F(Download, ReplacesALinkAndDoesNotFollowIt) {
 TEST_F(Download, DoesNotChangeAFileThatIsOpen) {
   // Whoever runs the old script goes on reading the old script.
   writeFile(base / "target", "old");
-  const int fd = open((base / "target").c_str(), O_RDONLY);
+  const int fd = ::open((base / "target").c_str(), O_RDONLY);
   EXPECT_TRUE(download("a", base / "target"));
   char content[4] = "";
-  EXPECT_EQ(read(fd, content, 3), 3);
-  close(fd);
+  EXPECT_EQ(::read(fd, content, 3), 3);
+  ::close(fd);
   EXPECT_STREQ(content, "old");
 }
 
 TEST_F(Download, ReplacesNothingButFiles) {
-  ASSERT_EQ(mkdir((base / "directory").c_str(), 0700), 0);
-  ASSERT_EQ(mkfifo((base / "fifo").c_str(), 0600), 0);
+  ASSERT_EQ(::mkdir((base / "directory").c_str(), 0700), 0);
+  ASSERT_EQ(::mkfifo((base / "fifo").c_str(), 0600), 0);
   for (const char* const name : {"directory", "fifo"}) {
     EXPECT_FALSE(download("a", base / name));
     EXPECT_EQ(log.lines().back(),
@@ -78,10 +78,10 @@ TEST_F(Download, CreatesNoDirectory) {
 }
 
 TEST_F(Download, RefusesATargetThatLeadsOutOfTheBasePath) {
-  ASSERT_EQ(mkdir((base / "inside").c_str(), 0700), 0);
+  ASSERT_EQ(::mkdir((base / "inside").c_str(), 0700), 0);
   settings.basePath = base / "inside";
   AgentUtils::configure(settings);
-  ASSERT_EQ(mkdir((base / "inside/sub").c_str(), 0700), 0);
+  ASSERT_EQ(::mkdir((base / "inside/sub").c_str(), 0700), 0);
   const std::string targets[] = {base / "inside/../target", base / "inside/sub/../../target",
                                  base / "inside/sub/../target", base / "inside/.."};
   for (const std::string& target : targets) {
@@ -103,14 +103,14 @@ TEST_F(Download, ThatCannotBeWrittenFails) {
   // A file size limit stands for a full disk.
   struct sigaction ignore {};
   ignore.sa_handler = SIG_IGN;
-  sigaction(SIGXFSZ, &ignore, nullptr);
+  ::sigaction(SIGXFSZ, &ignore, nullptr);
   writeFile(base / "target", "old");
   rlimit limit{};
-  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
   const rlimit none{1, limit.rlim_max};
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &none), 0);
   const bool result = download("a", base / "target");
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
   EXPECT_FALSE(result);
   ASSERT_EQ(log.lines().size(), 1u);
   EXPECT_TRUE(log.lines().front().ends_with(": File too large")) << log.lines().front();
@@ -130,16 +130,16 @@ TEST_F(Download, SweepsNothingThatIsAliveOrNotItsOwn) {
   writeFile(base / ".varn-download-live00", "being written");
   writeFile(base / ".varn-other", "kept");
   writeFile(base / "elsewhere", "kept");
-  ASSERT_EQ(symlink("elsewhere", (base / ".varn-download-link00").c_str()), 0);
-  ASSERT_EQ(mkdir((base / ".varn-download-dir000").c_str(), 0700), 0);
-  ASSERT_EQ(mkfifo((base / ".varn-download-fifo00").c_str(), 0600), 0);
-  const int live = open((base / ".varn-download-live00").c_str(), O_RDWR);
-  ASSERT_EQ(flock(live, LOCK_EX), 0);
+  ASSERT_EQ(::symlink("elsewhere", (base / ".varn-download-link00").c_str()), 0);
+  ASSERT_EQ(::mkdir((base / ".varn-download-dir000").c_str(), 0700), 0);
+  ASSERT_EQ(::mkfifo((base / ".varn-download-fifo00").c_str(), 0600), 0);
+  const int live = ::open((base / ".varn-download-live00").c_str(), O_RDWR);
+  ASSERT_EQ(::flock(live, LOCK_EX), 0);
   EXPECT_TRUE(download("a", base / "target"));
   EXPECT_EQ(base.names(),
             (Names{".varn-download-dir000", ".varn-download-fifo00", ".varn-download-link00",
                    ".varn-download-live00", ".varn-other", "elsewhere", "target"}));
-  close(live);
+  ::close(live);
 }
 
 TEST_F(Download, AFailedOneSweepsNothing) {
@@ -149,8 +149,8 @@ TEST_F(Download, AFailedOneSweepsNothing) {
 }
 
 TEST_F(Download, ReportsADirectoryThatOthersMayWriteOnce) {
-  ASSERT_EQ(mkdir((base / "open").c_str(), 0700), 0);
-  ASSERT_EQ(chmod((base / "open").c_str(), 0777), 0);
+  ASSERT_EQ(::mkdir((base / "open").c_str(), 0700), 0);
+  ASSERT_EQ(::chmod((base / "open").c_str(), 0777), 0);
   EXPECT_TRUE(download("a", base / "open/target"));
   EXPECT_TRUE(download("a", base / "open/target"));
   EXPECT_EQ(log.lines(), Names{"info HttpHandlermac "

@@ -12,7 +12,7 @@ using namespace std::string_literals;
 class FileServer : public DownloadFixture {
  protected:
   void SetUp() override {
-    ASSERT_EQ(mkdir((repository / "sub").c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir((repository / "sub").c_str(), 0755), 0);
     useServer("file://" + repository.path());
   }
 
@@ -44,13 +44,13 @@ TEST_F(FileServer, WhatIsNotThereIsAFailure) {
 
 TEST_F(FileServer, WhatIsNoFileIsAFailureWithoutWaiting) {
   expectFailure("sub", repository / "sub is not a file");
-  ASSERT_EQ(mkfifo((repository / "fifo").c_str(), 0600), 0);
+  ASSERT_EQ(::mkfifo((repository / "fifo").c_str(), 0600), 0);
   expectFailure("fifo", repository / "fifo is not a file");
 }
 
 TEST_F(FileServer, AFileOfAnotherLengthThanItSaidIsAFailure) {
   // The kernel's own files say that they are empty.
-  if (access("/proc/version", R_OK) != 0) GTEST_SKIP() << "no such files here";
+  if (::access("/proc/version", R_OK) != 0) GTEST_SKIP() << "no such files here";
   useServer("file:///proc");
   expectFailure("version", "/proc/version changed while it was read");
 }

@@ -32,7 +32,7 @@ TEST_F(Files, DirectoriesAreCreatedWithTheirParentsForTheOwnerAlone) {
 }
 
 TEST_F(Files, AnExistingDirectoryKeepsItsMode) {
-  ASSERT_EQ(mkdir((directory / "there").c_str(), 0755), 0);
+  ASSERT_EQ(::mkdir((directory / "there").c_str(), 0755), 0);
   EXPECT_TRUE(files.createDirectory(directory / "there", true));
   EXPECT_EQ(modeOf(directory / "there"), 0755u);
 }
@@ -45,8 +45,8 @@ TEST_F(Files, AreNotWhatStandsBeforeANul) {
 }
 
 TEST_F(Files, LinkedParentsAndDoubledSlashesAreFollowed) {
-  ASSERT_EQ(mkdir((directory / "real").c_str(), 0700), 0);
-  ASSERT_EQ(symlink("real", (directory / "link").c_str()), 0);
+  ASSERT_EQ(::mkdir((directory / "real").c_str(), 0700), 0);
+  ASSERT_EQ(::symlink("real", (directory / "link").c_str()), 0);
   EXPECT_TRUE(files.createDirectory(directory / "link//deep//deeper", true));
   EXPECT_TRUE(files.isFileExists(directory / "real/deep/deeper"));
 }

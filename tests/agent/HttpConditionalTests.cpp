@@ -28,18 +28,18 @@ const std::string kDates =
     "Date: Sun, 06 Nov 1994 08:49:37 GMT\r\nLast-Modified: Sun, 06 Nov 1994 07:00:00 GMT\r\n";
 
 std::string attributeOf(const std::string& path) {
-  const posix::FileDescriptor file(open(path.c_str(), O_RDONLY));
+  const posix::FileDescriptor file(::open(path.c_str(), O_RDONLY));
   return AgentUtils::fileAttribute(file, kAttribute, kMuch);
 }
 
 void setAttribute(const std::string& path, const std::string& value) {
-  const posix::FileDescriptor file(open(path.c_str(), O_RDWR));
+  const posix::FileDescriptor file(::open(path.c_str(), O_RDWR));
   AgentUtils::setFileAttribute(file, kAttribute, value);
 }
 
 struct stat statusOf(const std::string& path) {
   struct stat status {};
-  EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
+  EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
   return status;
 }
 
@@ -50,7 +50,7 @@ class HttpConditional : public DownloadFixture {
     writeFile(base / "probe", "");
     setAttribute(base / "probe", "x");
     const bool hasAttributes = attributeOf(base / "probe") == "x";
-    unlink((base / "probe").c_str());
+    ::unlink((base / "probe").c_str());
     if (!hasAttributes) GTEST_SKIP() << "the file system here keeps no attributes";
   }
 
@@ -158,7 +158,7 @@ TEST_F(HttpConditional, TakesNoOtherDateForTheOneAskedWith) {
     EXPECT_EQ(condition(1), "If-Modified-Since: Sun, 06 Nov 1994 07:00:00 GMT") << answer;
     EXPECT_EQ(condition(), "") << answer;
     EXPECT_EQ(readFile(target), "older") << answer;
-    unlink(target.c_str());
+    ::unlink(target.c_str());
   }
 }
 
@@ -205,7 +205,7 @@ TEST_F(HttpConditional, AsksForTheWholeFileOnceItDidNotDecode) {
     fetchFirst(kTag, row.document);
     static_cast<void>(decodedItems(row.document));
     EXPECT_EQ(attributeOf(target).empty(), !row.isKept) << row.document;
-    unlink(target.c_str());
+    ::unlink(target.c_str());
   }
 }
 
@@ -287,7 +287,7 @@ TEST_F(HttpConditional, KeepsNoTagThatIsNone) {
     fetchFirst(headers);
     EXPECT_EQ(attributeOf(target), "") << headers;
     expectWholeDownload(headers.c_str());
-    ASSERT_EQ(unlink(target.c_str()), 0);
+    ASSERT_EQ(::unlink(target.c_str()), 0);
   }
 }
 
@@ -300,47 +300,47 @@ TEST_F(HttpConditional, KeepsNothingOfAFileThatMayStillChange) {
 
 TEST_F(HttpConditional, AsksForTheWholeFileWhenTheTargetIsNotTheOneThatCame) {
   const std::pair<const char*, std::function<void()>> changes[] = {
-      {"missing", [&] { unlink(target.c_str()); }},
+      {"missing", [&] { ::unlink(target.c_str()); }},
       {"another byte, same size and time",
        [&] {
          const struct stat status = statusOf(target);
-         const posix::FileDescriptor file(open(target.c_str(), O_WRONLY));
-         EXPECT_EQ(pwrite(file.get(), "F", 1, 0), 1);
+         const posix::FileDescriptor file(::open(target.c_str(), O_WRONLY));
+         EXPECT_EQ(::pwrite(file.get(), "F", 1, 0), 1);
          const timespec times[] = {status.st_atim, status.st_mtim};
-         EXPECT_EQ(futimens(file.get(), times), 0);
+         EXPECT_EQ(::futimens(file.get(), times), 0);
        }},
-      {"longer", [&] { EXPECT_EQ(truncate(target.c_str(), 6), 0); }},
-      {"shorter", [&] { EXPECT_EQ(truncate(target.c_str(), 4), 0); }},
-      {"emptied", [&] { EXPECT_EQ(truncate(target.c_str(), 0), 0); }},
+      {"longer", [&] { EXPECT_EQ(::truncate(target.c_str(), 6), 0); }},
+      {"shorter", [&] { EXPECT_EQ(::truncate(target.c_str(), 4), 0); }},
+      {"emptied", [&] { EXPECT_EQ(::truncate(target.c_str(), 0), 0); }},
       {"replaced by an equal file",
        [&] {
-         unlink(target.c_str());
+         ::unlink(target.c_str());
          writeFile(target, "first");
-         EXPECT_EQ(chmod(target.c_str(), 0600), 0);
+         EXPECT_EQ(::chmod(target.c_str(), 0600), 0);
        }},
       {"a link to the file that came",
        [&] {
          EXPECT_EQ(std::rename(target.c_str(), (base / "moved").c_str()), 0);
-         EXPECT_EQ(symlink("moved", target.c_str()), 0);
+         EXPECT_EQ(::symlink("moved", target.c_str()), 0);
        }},
-      {"writable by others", [&] { EXPECT_EQ(chmod(target.c_str(), 0666), 0); }},
-      {"readable by others", [&] { EXPECT_EQ(chmod(target.c_str(), 0644), 0); }},
-      {"executable", [&] { EXPECT_EQ(chmod(target.c_str(), 0700), 0); }},
+      {"writable by others", [&] { EXPECT_EQ(::chmod(target.c_str(), 0666), 0); }},
+      {"readable by others", [&] { EXPECT_EQ(::chmod(target.c_str(), 0644), 0); }},
+      {"executable", [&] { EXPECT_EQ(::chmod(target.c_str(), 0700), 0); }},
       {"without attribute", [&] { setAttribute(target, ""); }},
   };
   for (const auto& [what, change] : changes) {
     fetchFirst(kTag);
     change();
     expectWholeDownload(what);
-    unlink(target.c_str());
-    unlink((base / "moved").c_str());
+    ::unlink(target.c_str());
+    ::unlink((base / "moved").c_str());
   }
 }
 
 TEST_F(HttpConditional, AsksForTheWholeFileWhenAnotherUserOwnsTheTarget) {
-  if (geteuid() != 0) GTEST_SKIP() << "only root gives files away";
+  if (::geteuid() != 0) GTEST_SKIP() << "only root gives files away";
   fetchFirst(kTag);
-  ASSERT_EQ(chown(target.c_str(), 1, 1), 0);
+  ASSERT_EQ(::chown(target.c_str(), 1, 1), 0);
   expectWholeDownload("another owner");
   EXPECT_EQ(statusOf(target).st_uid, 0u);
 }
@@ -351,7 +351,7 @@ TEST_F(HttpConditional, AsksForTheWholeFileWhenTheAttributeIsNotAsItWasWritten) 
   const std::size_t tag = attribute.find("\"v1\"");
   ASSERT_NE(tag, std::string::npos);
   const std::string start = attribute.substr(0, tag);
-  unlink(target.c_str());
+  ::unlink(target.c_str());
   const std::string attributes[] = {
       "x",
       "\n\n\n",
@@ -372,7 +372,7 @@ TEST_F(HttpConditional, AsksForTheWholeFileWhenTheAttributeIsNotAsItWasWritten) 
     setAttribute(target, changed);
     ASSERT_EQ(attributeOf(target), changed);
     expectWholeDownload(changed.c_str());
-    unlink(target.c_str());
+    ::unlink(target.c_str());
   }
 }
 
@@ -435,7 +435,7 @@ TEST_F(HttpConditional, AsksForTheWholeFileWhenTheAnswerIsAboutAnother) {
     EXPECT_EQ(condition(1), "If-None-Match: \"v1\"") << answer;
     EXPECT_EQ(condition(), "") << answer;
     EXPECT_EQ(readFile(target), "whole") << answer;
-    unlink(target.c_str());
+    ::unlink(target.c_str());
   }
   EXPECT_EQ(log.lines(), Names{});
 }
@@ -450,7 +450,7 @@ TEST_F(HttpConditional, TakesANotModifiedThatCarriesABody) {
     server.answer("/b", httpAnswer("200 OK", "other"), HttpServer::Then::keep);
     EXPECT_TRUE(download("b", base / "b"));
     EXPECT_EQ(readFile(base / "b"), "other");
-    unlink(target.c_str());
+    ::unlink(target.c_str());
   }
   EXPECT_EQ(log.lines(), Names{});
 }
@@ -505,10 +505,10 @@ TEST_F(HttpConditional, LeavesTheConnectionToTheProcessThatMadeIt) {
   ASSERT_EQ(server.connections(), 1);
   server.answer("/b", httpAnswer("200 OK", "child's", kTag), HttpServer::Then::keep);
   const std::string childsTarget = base / "child";
-  const int child = fork();
-  if (child == 0) _exit(download("b", childsTarget) ? 0 : 1);
+  const int child = ::fork();
+  if (child == 0) ::_exit(download("b", childsTarget) ? 0 : 1);
   int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
   EXPECT_EQ(readFile(childsTarget), "child's");
   EXPECT_EQ(server.connections(), 2);

@@ -116,7 +116,7 @@ TEST_F(LogFile, BeginsAnewWhereItCannotBeMoved) {
   open();
   AgentLog::logInfo(std::string(9 << 20, 'x'), "Unit", "operation()", 1);
   for (const char* older : {"agent.1.log", "agent.2.log", "agent.3.log"}) {
-    ASSERT_EQ(mkdir((directory / older).c_str(), 0700), 0);
+    ASSERT_EQ(::mkdir((directory / older).c_str(), 0700), 0);
     writeFile(directory / (older + std::string("/in-the-way")), "");
   }
   AgentLog::logInfo(std::string(2 << 20, 'y'), "Unit", "operation()", 2);
@@ -127,15 +127,15 @@ TEST_F(LogFile, BeginsAnewWhereItCannotBeMoved) {
 TEST_F(LogFile, IsNotInheritedByPrograms) {
   open();
   struct stat log {};
-  ASSERT_EQ(stat(path.c_str(), &log), 0);
+  ASSERT_EQ(::stat(path.c_str(), &log), 0);
   int found = 0;
   for (int fd = 0; fd < 256; ++fd) {
     struct stat status {};
-    if (fstat(fd, &status) != 0 || status.st_ino != log.st_ino || status.st_dev != log.st_dev) {
+    if (::fstat(fd, &status) != 0 || status.st_ino != log.st_ino || status.st_dev != log.st_dev) {
       continue;
     }
     ++found;
-    EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_NE(::fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
   }
   EXPECT_EQ(found, 1);
 }
@@ -155,22 +155,22 @@ TEST_F(LogFile, ThatCannotBeOpenedIsAnErrorThatNamesIt) {
 
 TEST_F(LogFile, IsNotWrittenThroughALink) {
   writeFile(directory / "elsewhere", "kept");
-  ASSERT_EQ(symlink("elsewhere", path.c_str()), 0);
+  ASSERT_EQ(::symlink("elsewhere", path.c_str()), 0);
   EXPECT_NE(openError(), "(none)");
   EXPECT_EQ(readFile(directory / "elsewhere"), "kept");
 }
 
 TEST_F(LogFile, IsNoFIFOAndNoDirectory) {
-  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
   EXPECT_NE(openError(), "(none)");
-  ASSERT_EQ(unlink(path.c_str()), 0);
-  ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
+  ASSERT_EQ(::unlink(path.c_str()), 0);
+  ASSERT_EQ(::mkdir(path.c_str(), 0700), 0);
   EXPECT_NE(openError(), "(none)");
 }
 
 TEST_F(LogFile, WithASecondNameIsNotWritten) {
   writeFile(directory / "elsewhere", "kept");
-  ASSERT_EQ(link((directory / "elsewhere").c_str(), path.c_str()), 0);
+  ASSERT_EQ(::link((directory / "elsewhere").c_str(), path.c_str()), 0);
   EXPECT_EQ(openError(), "can't open the log file " + path + ": it has a second name");
   EXPECT_EQ(readFile(directory / "elsewhere"), "kept");
 }
@@ -178,31 +178,31 @@ TEST_F(LogFile, WithASecondNameIsNotWritten) {
 constexpr uid_t kOther = 4242;
 
 TEST_F(LogFile, OfAnotherUserIsNotWritten) {
-  if (geteuid() != 0) GTEST_SKIP() << "only root can make a file of another user's";
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can make a file of another user's";
   writeFile(path, "kept");
-  ASSERT_EQ(chmod(path.c_str(), 0666), 0);
-  ASSERT_EQ(chown(path.c_str(), kOther, kOther), 0);
+  ASSERT_EQ(::chmod(path.c_str(), 0666), 0);
+  ASSERT_EQ(::chown(path.c_str(), kOther, kOther), 0);
   EXPECT_EQ(openError(), "can't open the log file " + path + ": it belongs to another user");
   EXPECT_EQ(readFile(path), "kept");
   EXPECT_EQ(modeOf(path), 0666u);
 }
 
 TEST_F(LogFile, OfAnotherUserIsNotWrittenByAUserEither) {
-  if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
-  ASSERT_EQ(chmod(directory.path().c_str(), 0777), 0);
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+  ASSERT_EQ(::chmod(directory.path().c_str(), 0777), 0);
   for (const uid_t owner : {kOther + 1, kOther, uid_t{0}}) {
     writeFile(path, "");
-    ASSERT_EQ(chmod(path.c_str(), 0666), 0);
-    ASSERT_EQ(chown(path.c_str(), owner, owner), 0);
-    const pid_t child = fork();
+    ASSERT_EQ(::chmod(path.c_str(), 0666), 0);
+    ASSERT_EQ(::chown(path.c_str(), owner, owner), 0);
+    const pid_t child = ::fork();
     if (child == 0) {
-      if (setuid(kOther) != 0) _exit(100);
+      if (setuid(kOther) != 0) ::_exit(100);
       const std::string error = openError();
       AgentLog::logInfo("one", "Unit", "operation()", 1);
-      _exit(error == "(none)" ? 0 : 1);
+      ::_exit(error == "(none)" ? 0 : 1);
     }
     int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status));
     // Root's own file would keep a mode that is open to all.
     EXPECT_EQ(WEXITSTATUS(status), owner == kOther ? 0 : 1) << owner;
@@ -222,7 +222,7 @@ class LogFileReplaced : public LogFile {
   void replaceAndFill(const std::function<void()>& replace) {
     open();
     AgentLog::logInfo("first", "Unit", "operation()", 1);
-    ASSERT_EQ(rename(path.c_str(), (directory / "opened").c_str()), 0);
+    ASSERT_EQ(::rename(path.c_str(), (directory / "opened").c_str()), 0);
     replace();
     writeMebibytes(11);
     AgentLog::logInfo("last", "Unit", "operation()", 1);
@@ -237,22 +237,22 @@ class LogFileReplaced : public LogFile {
 
 TEST_F(LogFileReplaced, ByALinkIsNotFollowedAndNotRotated) {
   writeFile(directory / "elsewhere", "kept");
-  replaceAndFill([&] { ASSERT_EQ(symlink("elsewhere", path.c_str()), 0); });
+  replaceAndFill([&] { ASSERT_EQ(::symlink("elsewhere", path.c_str()), 0); });
   expectNothingLost();
 }
 
 TEST_F(LogFileReplaced, ByASecondNameIsNotWrittenAndNotRotated) {
   writeFile(directory / "elsewhere", "kept");
-  replaceAndFill([&] { ASSERT_EQ(link((directory / "elsewhere").c_str(), path.c_str()), 0); });
+  replaceAndFill([&] { ASSERT_EQ(::link((directory / "elsewhere").c_str(), path.c_str()), 0); });
   expectNothingLost();
 }
 
 TEST_F(LogFileReplaced, ByAnotherUsersFileIsNotWrittenAndNotRotated) {
-  if (geteuid() != 0) GTEST_SKIP() << "only root can make a file of another user's";
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can make a file of another user's";
   writeFile(directory / "elsewhere", "kept");
   replaceAndFill([&] {
     writeFile(path, "");
-    ASSERT_EQ(chown(path.c_str(), kOther, kOther), 0);
+    ASSERT_EQ(::chown(path.c_str(), kOther, kOther), 0);
   });
   expectNothingLost();
   EXPECT_EQ(readFile(path), "");
@@ -261,7 +261,7 @@ TEST_F(LogFileReplaced, ByAnotherUsersFileIsNotWrittenAndNotRotated) {
 TEST_F(LogFileReplaced, ByAnotherProcesssRotationIsWrittenOn) {
   open();
   writeMebibytes(9);
-  ASSERT_EQ(rename(path.c_str(), (directory / "agent.1.log").c_str()), 0);
+  ASSERT_EQ(::rename(path.c_str(), (directory / "agent.1.log").c_str()), 0);
   writeFile(path, "T other\n");
   writeMebibytes(2);
   EXPECT_EQ(directory.names(), (std::vector<std::string>{"agent.1.log", "agent.log"}));
@@ -270,7 +270,7 @@ TEST_F(LogFileReplaced, ByAnotherProcesssRotationIsWrittenOn) {
 
 TEST_F(LogFile, ThatCannotBeRotatedBeginsAnew) {
   // A directory stands where the older file would.
-  ASSERT_EQ(mkdir((directory / "agent.1.log").c_str(), 0700), 0);
+  ASSERT_EQ(::mkdir((directory / "agent.1.log").c_str(), 0700), 0);
   open();
   const std::string message(1 << 20, 'x');
   for (int line = 0; line < 15; ++line) AgentLog::logInfo(message, "Unit", "operation()", 1);
@@ -282,25 +282,25 @@ TEST_F(LogFile, ThatCannotBeWrittenLosesRecordsSilently) {
   // A file size limit stands for a full disk.
   struct sigaction ignore {};
   ignore.sa_handler = SIG_IGN;
-  sigaction(SIGXFSZ, &ignore, nullptr);
+  ::sigaction(SIGXFSZ, &ignore, nullptr);
   open();
   rlimit limit{};
-  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
   const rlimit none{0, limit.rlim_max};
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &none), 0);
   // On a pipe, to which the limit does not apply.
   int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  const int standardError = dup(STDERR_FILENO);
-  ASSERT_EQ(dup2(ends[1], STDERR_FILENO), STDERR_FILENO);
+  ASSERT_EQ(::pipe(ends), 0);
+  const int standardError = ::dup(STDERR_FILENO);
+  ASSERT_EQ(::dup2(ends[1], STDERR_FILENO), STDERR_FILENO);
   EXPECT_NO_THROW(AgentLog::logInfo("lost", "Unit", "operation()", 1));
   EXPECT_NO_THROW(AgentLog::logError("lost", "Unit", "operation()", 2));
-  dup2(standardError, STDERR_FILENO);
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-  for (const int fd : {standardError, ends[1]}) close(fd);
+  ::dup2(standardError, STDERR_FILENO);
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+  for (const int fd : {standardError, ends[1]}) ::close(fd);
   char byte = 0;
-  EXPECT_EQ(read(ends[0], &byte, 1), 0);
-  close(ends[0]);
+  EXPECT_EQ(::read(ends[0], &byte, 1), 0);
+  ::close(ends[0]);
 }
 
 }  // namespace

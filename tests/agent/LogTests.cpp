@@ -230,16 +230,16 @@ TEST(Log, KeepsTheLinesOfManyThreadsWhole) {
 /// The exit status of a child that runs `work` with standard error on a pipe that nobody reads; the
 /// negative signal when one ended it.
 int statusWithClosedStandardError(const std::function<int()>& work) {
-  const pid_t child = fork();
+  const pid_t child = ::fork();
   if (child == 0) {
     int ends[2];
-    if (pipe(ends) != 0) _exit(99);
-    close(ends[0]);
-    dup2(ends[1], STDERR_FILENO);
-    _exit(work());
+    if (::pipe(ends) != 0) ::_exit(99);
+    ::close(ends[0]);
+    ::dup2(ends[1], STDERR_FILENO);
+    ::_exit(work());
   }
   int status = 0;
-  waitpid(child, &status, 0);
+  ::waitpid(child, &status, 0);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
@@ -256,9 +256,9 @@ TEST(Log, AClosedStandardErrorLeavesNoSignalAndNoMaskBehind) {
   EXPECT_EQ(statusWithClosedStandardError([] {
               AgentLog::logInfo("a", "Unit", "operation()", 1);
               sigset_t pending;
-              sigpending(&pending);
+              ::sigpending(&pending);
               sigset_t mask;
-              pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+              ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
               return 10 + sigismember(&pending, SIGPIPE) + 2 * sigismember(&mask, SIGPIPE);
             }),
             10);
@@ -269,11 +269,11 @@ TEST(Log, LeavesASignalAloneThatWasPendingBefore) {
               sigset_t sigpipe;
               sigemptyset(&sigpipe);
               sigaddset(&sigpipe, SIGPIPE);
-              pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr);
-              raise(SIGPIPE);
+              ::pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr);
+              ::raise(SIGPIPE);
               AgentLog::logInfo("a", "Unit", "operation()", 1);
               sigset_t pending;
-              sigpending(&pending);
+              ::sigpending(&pending);
               return 10 + sigismember(&pending, SIGPIPE);
             }),
             11);

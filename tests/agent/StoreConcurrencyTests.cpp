@@ -22,19 +22,19 @@ constexpr std::type_identity<StoredRecord> kRecord;
 
 /// A process that runs `work`; 0 is its good status.
 pid_t start(const std::function<void()>& work) {
-  const pid_t child = fork();
+  const pid_t child = ::fork();
   if (child != 0) return child;
   try {
     work();
   } catch (...) {
-    _exit(1);
+    ::_exit(1);
   }
-  _exit(0);
+  ::_exit(0);
 }
 
 int statusOf(pid_t child) {
   int status = 0;
-  waitpid(child, &status, 0);
+  ::waitpid(child, &status, 0);
   return status;
 }
 
@@ -115,21 +115,21 @@ TEST_F(SharedStore, AWriterThatIsKilledLeavesAWholeRow) {
   const std::string longText(100000, 'x');
   for (int kill = 0; kill < 10; ++kill) {
     int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
+    ASSERT_EQ(::pipe(ready), 0);
     const pid_t child = start([&] {
       RootAccessKeyValueStorage store(path, "ScriptToMeta");
       for (int round = 0;; ++round) {
         write(store, "42", longText + (round % 2 == 0 ? 'a' : 'b'));
-        if (::write(ready[1], "r", 1) != 1) _exit(1);
+        if (::write(ready[1], "r", 1) != 1) ::_exit(1);
       }
     });
-    close(ready[1]);
+    ::close(ready[1]);
     // Killed in the middle of its work, after a few rows more each time.
     char byte = 0;
-    for (int row = 0; row <= kill; ++row) ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    for (int row = 0; row <= kill; ++row) ASSERT_EQ(::read(ready[0], &byte, 1), 1);
     ASSERT_EQ(::kill(child, SIGKILL), 0);
     EXPECT_TRUE(WIFSIGNALED(statusOf(child)));
-    close(ready[0]);
+    ::close(ready[0]);
     RootAccessKeyValueStorage store(path, "ScriptToMeta");
     const auto fetched = store.fetchValue("42", kRecord);
     ASSERT_NE(fetched, nullptr);

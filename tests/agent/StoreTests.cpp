@@ -158,18 +158,18 @@ TEST_F(Store, IsNotOpenedThroughALink) {
   const std::string target = path;
   const std::string before = readFile(target);
   path = directory / "link";
-  ASSERT_EQ(symlink("store", path.c_str()), 0);
+  ASSERT_EQ(::symlink("store", path.c_str()), 0);
   EXPECT_ANY_THROW(open("Other"));
   EXPECT_EQ(readFile(target), before);
   path = directory / "dangling";
-  ASSERT_EQ(symlink("made-by-link", path.c_str()), 0);
+  ASSERT_EQ(::symlink("made-by-link", path.c_str()), 0);
   EXPECT_ANY_THROW(open());
   EXPECT_FALSE(std::filesystem::exists(directory / "made-by-link"));
 }
 
 TEST_F(Store, IsOpenedThroughALinkedDirectory) {
-  ASSERT_EQ(mkdir((directory / "real").c_str(), 0700), 0);
-  ASSERT_EQ(symlink("real", (directory / "link").c_str()), 0);
+  ASSERT_EQ(::mkdir((directory / "real").c_str(), 0700), 0);
+  ASSERT_EQ(::symlink("real", (directory / "link").c_str()), 0);
   path = directory / "link/store";
   update(*open(), "42", {"5", {}});
   EXPECT_TRUE(std::filesystem::exists(directory / "real/store"));
@@ -177,10 +177,10 @@ TEST_F(Store, IsOpenedThroughALinkedDirectory) {
 
 TEST_F(Store, RefusesWhatIsNoDatabaseFile) {
   path = directory / "store";
-  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
   EXPECT_ANY_THROW(open());
-  ASSERT_EQ(unlink(path.c_str()), 0);
-  ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
+  ASSERT_EQ(::unlink(path.c_str()), 0);
+  ASSERT_EQ(::mkdir(path.c_str(), 0700), 0);
   EXPECT_ANY_THROW(open());
   path = directory / "text";
   const std::string text(1000, 't');
@@ -195,12 +195,12 @@ TEST_F(Store, IsNotWaitedForAtWhatIsNoJournal) {
   for (const char* const suffix : {"-journal", "-wal", "-shm"}) {
     const std::string companion = path + suffix;
     // SQLite would wait for the other end.
-    ASSERT_EQ(mkfifo(companion.c_str(), 0600), 0);
+    ASSERT_EQ(::mkfifo(companion.c_str(), 0600), 0);
     EXPECT_ANY_THROW(open());
-    ASSERT_EQ(unlink(companion.c_str()), 0);
-    ASSERT_EQ(symlink("made-by-link", companion.c_str()), 0);
+    ASSERT_EQ(::unlink(companion.c_str()), 0);
+    ASSERT_EQ(::symlink("made-by-link", companion.c_str()), 0);
     EXPECT_ANY_THROW(open());
-    ASSERT_EQ(unlink(companion.c_str()), 0);
+    ASSERT_EQ(::unlink(companion.c_str()), 0);
   }
   EXPECT_FALSE(std::filesystem::exists(directory / "made-by-link"));
   EXPECT_EQ(open()->fetchValue("42", kRecord)->version, "5");
@@ -276,11 +276,11 @@ TEST_F(Store, ATableThatCannotBeReadIsEmpty) {
 }
 
 TEST_F(Store, WritableByOthersIsReportedOnce) {
-  ASSERT_EQ(mkdir((directory / "open").c_str(), 0700), 0);
-  ASSERT_EQ(chmod((directory / "open").c_str(), 0777), 0);
+  ASSERT_EQ(::mkdir((directory / "open").c_str(), 0700), 0);
+  ASSERT_EQ(::chmod((directory / "open").c_str(), 0777), 0);
   path = directory / "open/store";
   open();
-  ASSERT_EQ(chmod(path.c_str(), 0620), 0);
+  ASSERT_EQ(::chmod(path.c_str(), 0620), 0);
   open();
   open();
   const std::string start =

@@ -273,7 +273,7 @@ int __wrap___clone(int (*function)(void*), void* stack, int flags, void* argumen
   va_start(more, argument);
   int* const pidfd = va_arg(more, int*);
   va_end(more);
-  pthread_sigmask(SIG_SETMASK, nullptr, &maskAtStart);
+  ::pthread_sigmask(SIG_SETMASK, nullptr, &maskAtStart);
   if (const Order* met = metBy("__clone")) return answer(met);
   if (withoutPidfd) {
     flags &= ~CLONE_PIDFD;

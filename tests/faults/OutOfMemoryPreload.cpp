@@ -54,7 +54,7 @@ bool fails() {
   }
   for (const char* const name : {"VARN_FAIL_ALLOCATION", "VARN_FAIL_ALLOCATIONS_ON",
                                  "VARN_COUNT_ALLOCATIONS", "LD_PRELOAD"}) {
-    unsetenv(name);
+    ::unsetenv(name);
   }
 }
 
@@ -63,10 +63,10 @@ bool fails() {
   char text[32];
   const int length =
       snprintf(text, sizeof text, "%llu\n", static_cast<unsigned long long>(made.load()));
-  const int fd = open(countFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  const int fd = ::open(countFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) return;
-  if (write(fd, text, static_cast<std::size_t>(length)) != length) abort();
-  close(fd);
+  if (::write(fd, text, static_cast<std::size_t>(length)) != length) abort();
+  ::close(fd);
 }
 
 }  // namespace

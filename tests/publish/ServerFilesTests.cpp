@@ -167,7 +167,7 @@ TEST_F(ServerFilesTest, StayForTheTimeAfterTheyHaveDroppedOut) {
   put(files, kScript, "echo a\n");
   put(files, kOtherScript, "echo b\n");
   const auto longAgo = fs::file_time_type::clock::now() - std::chrono::hours(100);
-  for (const char* const name : {kScript, kOtherScript}) {
+  for (const std::string& name : {kScript, kOtherScript}) {
     fs::last_write_time(root_ + "/" + name, longAgo);
   }
   std::error_code error;

@@ -338,11 +338,11 @@ TEST_F(SystemCallFaults, AChildIsStartedWithEverySignalBlockedAndTheMaskComesBac
   sigset_t before;
   sigemptyset(&before);
   sigaddset(&before, SIGUSR2);
-  ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &before, nullptr), 0);
+  ASSERT_EQ(::pthread_sigmask(SIG_SETMASK, &before, nullptr), 0);
   EXPECT_EQ(runCommand("exit 4"), Result(4, ""));
   const sigset_t atStart = doubles::signalMaskAtLastStart();
   sigset_t after;
-  ASSERT_EQ(pthread_sigmask(SIG_SETMASK, nullptr, &after), 0);
+  ASSERT_EQ(::pthread_sigmask(SIG_SETMASK, nullptr, &after), 0);
   for (int signal = 1; signal <= SIGRTMAX; ++signal) {
     // The C library keeps some for itself and blocks them for nobody.
     if (signal >= 32 && signal < SIGRTMIN) continue;

@@ -20,7 +20,7 @@ class DownloadFixture : public testing::Test {
     settings.serverURL = url;
     // The machine's own proxies have no business here.
     settings.proxy = "";
-    setenv("no_proxy", "*", 1);
+    ::setenv("no_proxy", "*", 1);
     AgentUtils::configure(settings);
   }
 

@@ -6,8 +6,8 @@
 #include <fstream>
 #include <iterator>
 
-Umask::Umask(mode_t mask) : previous_(umask(mask)) {}
-Umask::~Umask() { umask(previous_); }
+Umask::Umask(mode_t mask) : previous_(::umask(mask)) {}
+Umask::~Umask() { ::umask(previous_); }
 
 void writeFile(const std::string& path, std::string_view content) {
   std::ofstream file(path, std::ios::binary);
@@ -24,7 +24,7 @@ std::string readFile(const std::string& path) {
 
 mode_t modeOf(const std::string& path) {
   struct stat status {};
-  if (lstat(path.c_str(), &status) != 0) {
+  if (::lstat(path.c_str(), &status) != 0) {
     ADD_FAILURE() << "nothing at " << path;
     return 0;
   }

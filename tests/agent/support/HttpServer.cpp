@@ -8,14 +8,14 @@
 #include <algorithm>
 #include <cstdlib>
 
-HttpServer::HttpServer() : listener_(socket(AF_INET, SOCK_STREAM, 0)) {
+HttpServer::HttpServer() : listener_(::socket(AF_INET, SOCK_STREAM, 0)) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t length = sizeof address;
-  if (bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-      listen(listener_, 16) != 0 ||
-      getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+  if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+      ::listen(listener_, 16) != 0 ||
+      ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
     std::abort();
   }
   port_ = ntohs(address.sin_port);
@@ -25,7 +25,7 @@ HttpServer::HttpServer() : listener_(socket(AF_INET, SOCK_STREAM, 0)) {
 HttpServer::~HttpServer() {
   shutdown(listener_, SHUT_RDWR);
   acceptor_.join();
-  close(listener_);
+  ::close(listener_);
   {
     const std::lock_guard lock(mutex_);
     for (const int connection : open_) shutdown(connection, SHUT_RDWR);
@@ -54,7 +54,7 @@ std::vector<std::string> HttpServer::requests() const {
 
 void HttpServer::acceptAll() {
   while (true) {
-    const int connection = accept(listener_, nullptr, nullptr);
+    const int connection = ::accept(listener_, nullptr, nullptr);
     if (connection < 0) return;
     ++connections_;
     const std::lock_guard lock(mutex_);
@@ -78,7 +78,7 @@ HttpServer::Answer HttpServer::answerTo(const std::string& head) {
 
 bool HttpServer::sendAll(int connection, const std::string& bytes) {
   for (std::size_t sent = 0; sent < bytes.size();) {
-    const ssize_t count = send(connection, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    const ssize_t count = ::send(connection, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
     if (count <= 0) return false;
     sent += static_cast<std::size_t>(count);
   }
@@ -93,7 +93,7 @@ void HttpServer::serve(int connection) {
     if (!received.empty() && (received.front() < 'A' || received.front() > 'Z')) break;
     const std::size_t end = received.find("\r\n\r\n");
     if (end == std::string::npos) {
-      const ssize_t count = recv(connection, piece, sizeof piece, 0);
+      const ssize_t count = ::recv(connection, piece, sizeof piece, 0);
       if (count <= 0) break;
       received.append(piece, static_cast<std::size_t>(count));
       continue;
@@ -105,7 +105,7 @@ void HttpServer::serve(int connection) {
     if (answer.then == Then::keep) continue;
     if (answer.then == Then::reset) {
       const linger now{1, 0};
-      setsockopt(connection, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+      ::setsockopt(connection, SOL_SOCKET, SO_LINGER, &now, sizeof now);
     } else {
       shutdown(connection, SHUT_WR);
     }
@@ -113,7 +113,7 @@ void HttpServer::serve(int connection) {
   }
   const std::lock_guard lock(mutex_);
   std::erase(open_, connection);
-  close(connection);
+  ::close(connection);
 }
 
 std::string httpAnswer(const std::string& status, const std::string& body,
