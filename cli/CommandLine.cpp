@@ -2,45 +2,13 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <charconv>
-#include <chrono>
-#include <cstdint>
-#include <map>
-#include <system_error>
 
 #include "PrintableText.h"
-#include "ScriptRules.h"
 
 namespace VarnScripts {
 namespace {
 
 constexpr int kUsageError = 2;
-
-// An empty list accepts nothing, while the server's empty list accepts the empty code.
-std::vector<std::string> splitCodes(const std::string& list) {
-  if (list.empty()) return {};
-  return VarnScriptRepository::codesIn(list);
-}
-
-// Takes "7d" for 604800 seconds.
-CLI::Validator durationInSeconds() {
-  constexpr std::uint64_t kMost = 100 * 366 * 86400ULL;
-  const std::map<std::string, std::uint64_t> units = {
-      {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
-  return CLI::Validator(
-      [units](std::string& text) -> std::string {
-        const std::string what = "must be a time such as 7d, 12h, 30m or 45s: " + text;
-        std::uint64_t number = 0;
-        const char* const end = text.data() + text.size();
-        const auto [rest, failure] = std::from_chars(text.data(), end, number);
-        const auto unit = units.find(std::string(rest, end));
-        if (failure != std::errc() || unit == units.end()) return what;
-        if (number > kMost / unit->second) return what + " (it is too long)";
-        text = std::to_string(number * unit->second);
-        return "";
-      },
-      "");
-}
 
 // The parser takes "--name=" for a name whose value is the next argument, so an empty value is
 // handed to it as an argument of its own. It wants the arguments in reverse order.
@@ -77,7 +45,7 @@ class Parser {
         "over the environment, the environment over the file.\n"
         "varn-scripts COMMAND --help tells what the command takes, and its exit statuses.");
     addSettings();
-    addCommands();
+    for (const Command& command : commands()) addCommand(command);
   }
 
   std::variant<CommandLine, Reply> parse(const std::vector<std::string>& arguments) {
@@ -91,7 +59,10 @@ class Parser {
       return usageError(app_.get_subcommands().empty() ? withoutCommand(error) : error.what());
     }
     if (const auto empty = nameOfEmptyText()) return usageError(*empty + " must not be empty");
-    return taken();
+    for (const Command& command : commands()) {
+      if (app_.got_subcommand(std::string(command.name))) result_.command = &command;
+    }
+    return result_;
   }
 
  private:
@@ -112,87 +83,15 @@ class Parser {
     }
   }
 
-  CLI::App* addCommand(const std::string& name, const std::string& meaning,
-                       const std::string& statuses) {
-    CLI::App* command = app_.add_subcommand(name, meaning);
-    command->group("Commands");
-    command->footer(
+  void addCommand(const Command& command) {
+    CLI::App& parser =
+        *app_.add_subcommand(std::string(command.name), std::string(command.meaning));
+    parser.group("Commands");
+    parser.footer(
         "varn-scripts --help lists the settings, which are options of every command.\n"
         "Exit status: " +
-        statuses);
-    return command;
-  }
-
-  void addCommands() {
-    run_ = addCommand("run", "Fetch, verify and run one script",
-                      "0 accepted, 1 rejected, 2 usage or settings error, 3 not run.");
-    run_->add_option("SCRIPT_ID", result_.scriptID, "The script's ID")->required()->type_name("");
-    acceptCodes_ =
-        run_->add_option("--accept-codes", codes_,
-                         "Exit codes that count as success, separated by commas, in place of "
-                         "the server's; an empty list accepts none")
-            ->type_name("LIST");
-    run_->add_flag("--json", result_.json, "Print the result as one JSON object");
-
-    plan_ = addCommand("plan", "Tell what run would do now, and change nothing",
-                       "0 a script would be run, 2 usage or settings error, 3 none would be.");
-    plan_->add_option("SCRIPT_ID", result_.scriptID, "The script's ID")->required()->type_name("");
-    plan_->add_flag("--json", result_.json, "Print the plan as one JSON object");
-
-    prune_ = addCommand("prune", "Remove local copies of scripts the server dropped",
-                        "0 done, 2 usage or settings error, 3 the server's list can't be had.");
-
-    list_ = addCommand("list", "List the local records",
-                       "0 done, 2 usage or settings error, 3 the store can't be read.");
-    list_->add_flag("--json", result_.json, "Print the records as a JSON array");
-
-    addPublish();
-  }
-
-  void addPublish() {
-    PublishOptions& options = result_.publish;
-    publish_ = addCommand("publish", "Turn a directory of scripts into a server's tree",
-                          "0 published, or nothing has changed; 2 usage or settings error, or the\n"
-                          "source is refused; 3 the tree can't be written.");
-    publish_
-        ->add_option("SOURCE_DIR", options.sourceDirectory,
-                     "Scripts and their manifest, scripts.toml")
-        ->required()
-        ->type_name("");
-    publish_
-        ->add_option("OUTPUT_DIR", options.outputDirectory,
-                     "What the server serves; made when missing")
-        ->required()
-        ->type_name("");
-    publish_
-        ->add_option_function<std::uint64_t>(
-            "--keep-for",
-            [&options](const std::uint64_t& seconds) {
-              options.keepFor = std::chrono::seconds(seconds);
-            },
-            "How long content stays that the list no longer names: 7d, 12h, 30m or 45s (default: "
-            "until the list is replaced once more)")
-        ->transform(durationInSeconds())
-        ->type_name("TIME");
-    publish_->add_flag("--strict", options.strict, "Refuse what is a warning otherwise");
-    publish_->add_flag("--check", options.check, "Check everything and write nothing");
-    publish_->add_flag("--allow-removal", options.allowRemoval,
-                       "Publish a manifest without a script, so that computers remove all theirs");
-    publish_
-        ->add_option("--digest", options.digest,
-                     "Digest of the checksums (default: the manifest's, or sha256)")
-        ->type_name("NAME");
-  }
-
-  CommandLine taken() {
-    CommandLine line = result_;
-    line.command = run_->parsed()       ? CommandLine::Command::run
-                   : plan_->parsed()    ? CommandLine::Command::plan
-                   : prune_->parsed()   ? CommandLine::Command::prune
-                   : publish_->parsed() ? CommandLine::Command::publish
-                                        : CommandLine::Command::list;
-    if (acceptCodes_->count() > 0) line.acceptCodes = splitCodes(codes_);
-    return line;
+        std::string(command.statuses));
+    if (command.addOptions != nullptr) command.addOptions(parser, result_);
   }
 
   // The first operand or option whose text is empty, as that of a shell's variable that is not set:
@@ -204,7 +103,7 @@ class Parser {
       for (const CLI::Option* const option : app->get_options()) {
         const auto& texts = option->results();
         const bool isEmpty = std::find(texts.begin(), texts.end(), "") != texts.end();
-        if (isEmpty && option != acceptCodes_) return option->get_name();
+        if (isEmpty && option->get_name() != kAcceptCodes) return option->get_name();
       }
     }
     return std::nullopt;
@@ -218,9 +117,13 @@ class Parser {
     const auto words = app_.remaining();
     const auto unknown = std::find_if(words.begin(), words.end(),
                                       [](const auto& word) { return !word.starts_with('-'); });
-    const std::string known = "; the commands are run, plan, prune, list and publish";
+    std::string names;
+    for (const Command& command : commands()) {
+      if (!names.empty()) names += &command == &commands().back() ? " and " : ", ";
+      names += command.name;
+    }
     return (unknown == words.end() ? "a command is missing" : "there is no command " + *unknown) +
-           known;
+           "; the commands are " + names;
   }
 
   static Reply usageError(const std::string& what) {
@@ -229,14 +132,7 @@ class Parser {
   }
 
   CLI::App app_{"Runs an organisation's scripts from a verified local copy."};
-  CLI::App* run_ = nullptr;
-  CLI::App* plan_ = nullptr;
-  CLI::App* prune_ = nullptr;
-  CLI::App* list_ = nullptr;
-  CLI::App* publish_ = nullptr;
-  CLI::Option* acceptCodes_ = nullptr;
   CommandLine result_;
-  std::string codes_;
 };
 
 }  // namespace

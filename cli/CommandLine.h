@@ -8,6 +8,7 @@
 #include <variant>
 #include <vector>
 
+#include "Commands.h"
 #include "Settings.h"
 #include "publish/Publish.h"
 
@@ -15,9 +16,7 @@ namespace VarnScripts {
 
 /// What the command line asks for.
 struct CommandLine {
-  enum class Command { run, plan, prune, list, publish };
-
-  Command command = Command::list;
+  const Command* command = nullptr;  ///< never null after parsing
   std::string configFile;  ///< `--config`; empty when not given
   SettingTexts flags;      ///< the settings that were given as flags; none is empty
   std::string scriptID;    ///< of `run` and `plan`; never empty there

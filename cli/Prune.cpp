@@ -153,7 +153,7 @@ int refused(std::string_view reason, const Settings& settings, Progress& progres
 
 }  // namespace
 
-int prune(const Settings& settings) {
+int prune(const CommandLine& /*line*/, const Settings& settings) {
   Progress progress(Progress::isPossible() && !settings.log.quiet);
   ModuleObservers observers;
   // No script is in this: nothing but the list can fail.

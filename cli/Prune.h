@@ -2,12 +2,13 @@
 
 #pragma once
 
+#include "CommandLine.h"
 #include "Settings.h"
 
 namespace VarnScripts {
 
 /// Fetches the server's list, hands it to the library and has it remove what the list lacks. Gives
 /// the exit status: 3 when the list could not be had, and then nothing was removed.
-[[nodiscard]] int prune(const Settings& settings);
+[[nodiscard]] int prune(const CommandLine& line, const Settings& settings);
 
 }  // namespace VarnScripts

@@ -14,15 +14,10 @@
 #include "Calls.h"
 #include "CommandLine.h"
 #include "ExitStatus.h"
-#include "List.h"
 #include "NamedFiles.h"
-#include "Plan.h"
-#include "Prune.h"
-#include "Run.h"
 #include "Settings.h"
 #include "SettingsFile.h"
 #include "StandardStreams.h"
-#include "publish/Publish.h"
 
 namespace {
 
@@ -43,20 +38,6 @@ void setSignalDispositions() {
   ::signal(SIGXFSZ, SIG_IGN);
   // Whoever started this process may ignore it, and then no exit status of a script would be left.
   ::signal(SIGCHLD, SIG_DFL);
-}
-
-VarnScripts::NeededSettings neededBy(CommandLine::Command command) {
-  switch (command) {
-    case CommandLine::Command::list:
-      return VarnScripts::NeededSettings::localState;
-    case CommandLine::Command::publish:
-      return VarnScripts::NeededSettings::customer;
-    case CommandLine::Command::run:
-    case CommandLine::Command::plan:
-    case CommandLine::Command::prune:
-      break;
-  }
-  return VarnScripts::NeededSettings::request;
 }
 
 std::variant<Settings, SettingsError> settingsFor(const CommandLine& line) {
@@ -80,25 +61,9 @@ std::variant<Settings, SettingsError> settingsFor(const CommandLine& line) {
     std::error_code none;
     return std::filesystem::exists(path, none);
   };
-  auto layered = VarnScripts::layerSettings(sources, neededBy(line.command));
+  auto layered = VarnScripts::layerSettings(sources, line.command->needed);
   if (auto* settings = std::get_if<Settings>(&layered)) settings->settingsFile = sources.filePath;
   return layered;
-}
-
-int execute(const CommandLine& line, const Settings& settings) {
-  switch (line.command) {
-    case CommandLine::Command::run:
-      return VarnScripts::run(line, settings);
-    case CommandLine::Command::plan:
-      return VarnScripts::plan(line, settings);
-    case CommandLine::Command::prune:
-      return VarnScripts::prune(settings);
-    case CommandLine::Command::list:
-      return VarnScripts::list(line, settings);
-    case CommandLine::Command::publish:
-      return VarnScripts::publish(line.publish, settings);
-  }
-  return VarnScripts::kExitUsage;
 }
 
 int host(const std::vector<std::string>& arguments) {
@@ -115,7 +80,7 @@ int host(const std::vector<std::string>& arguments) {
     VarnScripts::writeErrorLine("varn-scripts: " + error->line);
     return VarnScripts::kExitUsage;
   }
-  return execute(line, std::get<Settings>(settings));
+  return line.command->execute(line, std::get<Settings>(settings));
 }
 
 }  // namespace

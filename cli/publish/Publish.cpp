@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "CommandLine.h"
 #include "Directories.h"
 #include "ExitStatus.h"
 #include "ScriptRepositoryRecords.h"
@@ -254,9 +255,9 @@ class Publisher {
 
 }  // namespace
 
-int publish(const PublishOptions& options, const Settings& settings) {
+int publish(const CommandLine& line, const Settings& settings) {
   try {
-    return Publisher(options, settings).publish();
+    return Publisher(line.publish, settings).publish();
   } catch (const std::exception& error) {
     writeErrorLine("varn-scripts: nothing could be published: " + std::string(error.what()));
     return kExitNotRun;

@@ -31,10 +31,10 @@ Reply replyTo(const Arguments& arguments) {
 }
 
 TEST(ParseCommandLine, TheThreeCommandsAreTaken) {
-  EXPECT_EQ(lineFrom({"run", "42"}).command, CommandLine::Command::run);
+  EXPECT_EQ(lineFrom({"run", "42"}).command->name, "run");
   EXPECT_EQ(lineFrom({"run", "42"}).scriptID, "42");
-  EXPECT_EQ(lineFrom({"prune"}).command, CommandLine::Command::prune);
-  EXPECT_EQ(lineFrom({"list"}).command, CommandLine::Command::list);
+  EXPECT_EQ(lineFrom({"prune"}).command->name, "prune");
+  EXPECT_EQ(lineFrom({"list"}).command->name, "list");
 }
 
 TEST(ParseCommandLine, GlobalOptionsStandBeforeAndAfterTheCommand) {

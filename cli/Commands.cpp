@@ -1,0 +1,120 @@
+#include "Commands.h"
+
+#include <CLI/CLI.hpp>
+#include <charconv>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "CommandLine.h"
+#include "List.h"
+#include "Plan.h"
+#include "Prune.h"
+#include "Run.h"
+#include "ScriptRules.h"
+#include "publish/Publish.h"
+
+namespace VarnScripts {
+namespace {
+
+// An empty list accepts nothing, while the server's empty list accepts the empty code.
+std::vector<std::string> splitCodes(const std::string& list) {
+  if (list.empty()) return {};
+  return VarnScriptRepository::codesIn(list);
+}
+
+// Takes "7d" for 604800 seconds.
+CLI::Validator durationInSeconds() {
+  constexpr std::uint64_t kMost = 100 * 366 * 86400ULL;
+  const std::map<std::string, std::uint64_t> units = {
+      {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
+  return CLI::Validator(
+      [units](std::string& text) -> std::string {
+        const std::string what = "must be a time such as 7d, 12h, 30m or 45s: " + text;
+        std::uint64_t number = 0;
+        const char* const end = text.data() + text.size();
+        const auto [rest, failure] = std::from_chars(text.data(), end, number);
+        const auto unit = units.find(std::string(rest, end));
+        if (failure != std::errc() || unit == units.end()) return what;
+        if (number > kMost / unit->second) return what + " (it is too long)";
+        text = std::to_string(number * unit->second);
+        return "";
+      },
+      "");
+}
+
+void addOperand(CLI::App& to, const std::string& name, std::string& text,
+                const std::string& meaning) {
+  to.add_option(name, text, meaning)->required()->type_name("");
+}
+
+void addRunOptions(CLI::App& to, CommandLine& line) {
+  addOperand(to, "SCRIPT_ID", line.scriptID, "The script's ID");
+  to.add_option_function<std::string>(
+        std::string(kAcceptCodes),
+        [&line](const std::string& codes) { line.acceptCodes = splitCodes(codes); },
+        "Exit codes that count as success, separated by commas, in place of the server's; an empty "
+        "list accepts none")
+      ->type_name("LIST");
+  to.add_flag("--json", line.json, "Print the result as one JSON object");
+}
+
+void addPlanOptions(CLI::App& to, CommandLine& line) {
+  addOperand(to, "SCRIPT_ID", line.scriptID, "The script's ID");
+  to.add_flag("--json", line.json, "Print the plan as one JSON object");
+}
+
+void addListOptions(CLI::App& to, CommandLine& line) {
+  to.add_flag("--json", line.json, "Print the records as a JSON array");
+}
+
+void addPublishOptions(CLI::App& to, CommandLine& line) {
+  PublishOptions& options = line.publish;
+  addOperand(to, "SOURCE_DIR", options.sourceDirectory, "Scripts and their manifest, scripts.toml");
+  addOperand(to, "OUTPUT_DIR", options.outputDirectory,
+             "What the server serves; made when missing");
+  to.add_option_function<std::uint64_t>(
+        "--keep-for",
+        [&options](const std::uint64_t& seconds) {
+          options.keepFor = std::chrono::seconds(seconds);
+        },
+        "How long content stays that the list no longer names: 7d, 12h, 30m or 45s (default: until "
+        "the list is replaced once more)")
+      ->transform(durationInSeconds())
+      ->type_name("TIME");
+  to.add_flag("--strict", options.strict, "Refuse what is a warning otherwise");
+  to.add_flag("--check", options.check, "Check everything and write nothing");
+  to.add_flag("--allow-removal", options.allowRemoval,
+              "Publish a manifest without a script, so that computers remove all theirs");
+  to.add_option("--digest", options.digest,
+                "Digest of the checksums (default: the manifest's, or sha256)")
+      ->type_name("NAME");
+}
+
+constexpr Command kCommands[] = {
+    {"run", "Fetch, verify and run one script",
+     "0 accepted, 1 rejected, 2 usage or settings error, 3 not run.", NeededSettings::request,
+     addRunOptions, run},
+    {"plan", "Tell what run would do now, and change nothing",
+     "0 a script would be run, 2 usage or settings error, 3 none would be.",
+     NeededSettings::request, addPlanOptions, plan},
+    {"prune", "Remove local copies of scripts the server dropped",
+     "0 done, 2 usage or settings error, 3 the server's list can't be had.",
+     NeededSettings::request, nullptr, prune},
+    {"list", "List the local records",
+     "0 done, 2 usage or settings error, 3 the store can't be read.", NeededSettings::localState,
+     addListOptions, list},
+    {"publish", "Turn a directory of scripts into a server's tree",
+     "0 published, or nothing has changed; 2 usage or settings error, or the\n"
+     "source is refused; 3 the tree can't be written.",
+     NeededSettings::customer, addPublishOptions, publish},
+};
+
+}  // namespace
+
+std::span<const Command> commands() { return kCommands; }
+
+}  // namespace VarnScripts
