@@ -199,6 +199,18 @@ class Messages(unittest.TestCase):
                 self.assertIn(text.strip(), literals)
 
 
+class ReasonCodes(unittest.TestCase):
+    """The page of the operator has every code of a reason, and no other."""
+
+    def test(self):
+        source = (ROOT / "cli/Reason.cpp").read_text()
+        names = source.partition("kCodeNames[] = {")[2].partition("};")[0]
+        page = (pages.DOCS / "operating.md").read_text()
+        table = page.partition("| `reason_code` |")[2].partition("\n\n")[0]
+        self.assertEqual(re.findall(r"(?m)^\| `([a-z_]+)` \|", table),
+                         re.findall(r'"([a-z_]+)"', names))
+
+
 if __name__ == "__main__":
     names = [page_suite(name).__name__ if name.endswith(".md") else name for name in sys.argv[1:]]
     unittest.main(argv=[sys.argv[0], *names])
