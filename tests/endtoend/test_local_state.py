@@ -6,7 +6,7 @@ import shutil
 import sqlite3
 
 from support.case import CommandCase
-from support.repository import LIST_PATH
+from support.repository import CUSTOMER, LIST_PATH
 
 
 class PruneTest(CommandCase):
@@ -92,18 +92,23 @@ class PruneTest(CommandCase):
         self.repository.remove(LIST_PATH)
         result = self.run_json_log("prune")
         self.assertEqual(result.status, 3)
-        self.assertEqual(result.records[-1]["message"],
-                         "Removing Local Scripts, Script Repo Meta Data Not available, will be "
-                         "processed later")
+        self.assertEqual([record["message"] for record in result.records[-2:]],
+                         ["Removing Local Scripts, Script Repo Meta Data Not available, will be "
+                          "processed later",
+                          f"The list of customer {CUSTOMER} can't be fetched from "
+                          f"{self.server}{LIST_PATH}: {self.repository.root}{LIST_PATH}: No such "
+                          "file or directory"])
         self.assertEqual(len(self.listed()), 2)
 
     def test_a_list_that_does_not_decode_removes_nothing(self):
         self.repository.write(LIST_PATH, "<scripts-meta><ScriptRepo/></scripts-meta>")
         result = self.run_json_log("prune")
         self.assertEqual(result.status, 3)
-        self.assertEqual(result.records[-1]["message"],
-                         "Removing Local Scripts, Script Repo Meta Data Not available, will be "
-                         "processed later")
+        self.assertEqual([record["message"] for record in result.records[-2:]],
+                         ["Removing Local Scripts, Script Repo Meta Data Not available, will be "
+                          "processed later",
+                          f"The list of customer {CUSTOMER} is no list of scripts; it is damaged, "
+                          "or something else came in its place"])
         self.assertEqual(len(self.listed()), 2)
 
 

@@ -252,9 +252,7 @@ class Verdicts(DirectoryCase):
         script.write_text(script.read_text() + "print 'changed';\n")
         result = self.request("104")
         self.assertEqual(result.returncode, 3, result.stderr)
-        self.assertEqual(
-            json.loads(result.stdout)["reason"], "Not able to compute checksum processing"
-        )
+        self.assertEqual(json.loads(result.stdout)["reason_code"], "checksum_mismatch")
         self.assertIn("Checksum mismatch ID ", result.stderr)
 
 
