@@ -31,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string location = input.remaining();
   auto& agent = fuzz::InMemoryAgent::shared();
   agent.reset();
-  agent.downloads = {"content"};
+  agent.replies = {"content"};
   VarnScriptRepository::ScriptRequest request("1");
   FUZZ_REQUIRE(request.downloadScript(location, "a.sh"));
   FUZZ_REQUIRE(agent.lastServerPath == plainServerPath(location));

@@ -33,17 +33,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string document = input.text();
   const std::string script = input.text();
   const std::string secondScript = input.text();
-  agent.downloads.push_back(metadata);
+  agent.replies.push_back(metadata);
   if ((choices & 1) != 0) {
     // A local copy of the document and a recorded version, so that the request may be up to date.
     put(agent.dataDirectory + "/42.xml", document);
-    agent.rows()["42"]["version"] = "5";
+    agent.store.rows["42"] = {{"version", "5"}};
   }
   if ((choices & 2) != 0) put(agent.scriptsDirectory + "/clean.sh", secondScript);
-  if ((choices & 4) == 0) agent.downloads.push_back(document);
-  if ((choices & 8) == 0) agent.downloads.push_back(script);
-  agent.downloads.push_back(secondScript);
-  if ((choices & 16) != 0) agent.leftBehind = script;
+  if ((choices & 4) == 0) agent.replies.push_back(document);
+  if ((choices & 8) == 0) agent.replies.push_back(script);
+  agent.replies.push_back(secondScript);
+  if ((choices & 16) != 0) agent.downloads.leftBehind = script;
 
   ScriptRepositoryProcessor processor("42");
   if ((choices & 32) != 0) processor.overrideExpectedReturnCode = {"0"};
@@ -58,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         ScriptRepoAllMetaData{*metaProcessor.scriptRepoMetaData()});
     ScriptRepositoryProcessor::removeServerRemovedScripts();
     const bool listed = metaProcessor.getScriptRepoForID("42").has_value();
-    FUZZ_REQUIRE(listed || !agent.rows().contains("42"));
+    FUZZ_REQUIRE(listed || !agent.store.rows.contains("42"));
   }
   return 0;
 }

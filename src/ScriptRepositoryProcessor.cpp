@@ -3,6 +3,7 @@
 
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
 
+#include <algorithm>
 #include <set>
 #include <string_view>
 #include <system_error>
@@ -279,17 +280,6 @@ bool ScriptRequest::isValidChecksumForFile(
 
 // ---- Execution -------------------------------------------------------------------------------
 
-namespace {
-
-bool contains(const std::vector<std::string>& codes, const std::string& code) {
-  for (const std::string& accepted : codes) {
-    if (accepted == code) return true;
-  }
-  return false;
-}
-
-}  // namespace
-
 ProcessingResult ScriptRequest::executeScript(const ScriptRepo& scriptData) const {
   const UnitLog log{kUnit, "executeScript(scriptData:)"};
   if (!scriptFilePath) {
@@ -322,7 +312,7 @@ ProcessingResult ScriptRequest::executeScript(const ScriptRepo& scriptData) cons
   const auto* const overrideList = overrideExpectedReturnCode;
   const bool overridden = overrideList != nullptr && overrideList->has_value();
   const auto& codes = overridden ? **overrideList : expectedCodes;
-  if (contains(codes, code)) return {true, std::move(output)};
+  if (std::ranges::find(codes, code) != codes.end()) return {true, std::move(output)};
   guarded([&] {
     // Log searches match these lines exactly; the spelling of the first one stays.
     log.info((overridden ? "Script Return Code did not match expected overriden exit code: "

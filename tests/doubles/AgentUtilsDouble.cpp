@@ -53,6 +53,8 @@ void Downloads::refuse(const std::string& fromURL) { replies.erase(withoutSlash(
 void Downloads::reset() {
   replies.clear();
   meanwhile = nullptr;
+  mayWrite = nullptr;
+  leftBehind.reset();
   made = 0;
 }
 
@@ -110,15 +112,22 @@ bool HttpHandlermac::downloadFileWithRootPermission(const std::string& fromURL,
                                                     const std::string& toPath) {
   doubles::mark("download", "download " + fromURL + " to " + toPath);
   if (const auto meanwhile = Downloads::shared().meanwhile) meanwhile(fromURL);
-  auto& replies = Downloads::shared().replies;
-  const auto found = replies.find(doubles::withoutSlash(fromURL));
-  if (found == replies.end()) return false;
-  const std::optional<std::string> content = found->second.front();
-  if (found->second.size() > 1) found->second.pop_front();
-  if (!content) return false;
-  std::ofstream file(toPath, std::ios::binary | std::ios::trunc);
-  file << *content;
-  return file.good();
+  Downloads& downloads = Downloads::shared();
+  if (downloads.mayWrite && !downloads.mayWrite(toPath)) return false;
+  const auto write = [&toPath](const std::string& content) {
+    std::ofstream file(toPath, std::ios::binary | std::ios::trunc);
+    file << content;
+    return file.good();
+  };
+  const auto found = downloads.replies.find(doubles::withoutSlash(fromURL));
+  std::optional<std::string> content;
+  if (found != downloads.replies.end()) {
+    content = found->second.front();
+    if (found->second.size() > 1) found->second.pop_front();
+  }
+  if (content) return write(*content);
+  if (downloads.leftBehind) write(*downloads.leftBehind);
+  return false;
 }
 
 // ---- Checksums -------------------------------------------------------------------------------
@@ -132,6 +141,7 @@ bool VyCryptography::validateCheckSumForFile(const std::string& path, const std:
     answers.pop_front();
     return answer;
   }
+  if (const auto& rule = Checksums::shared().rule) return rule(path, Type, Checksum);
   std::error_code error;
   const auto size = std::filesystem::file_size(path, error);
   return !error && Type == "T" && std::to_string(size) == Checksum;

@@ -33,14 +33,21 @@ struct Downloads {
   std::map<std::string, std::deque<std::optional<std::string>>> replies;
   /// Called within each download, before it is answered, with what it asks for.
   std::function<void(const std::string& fromURL)> meanwhile;
+  /// Whether a download may write to a path, for those whose paths are not their own; empty: to any.
+  std::function<bool(const std::string& toPath)> mayWrite;
+  /// What a download that fails leaves at its target.
+  std::optional<std::string> leftBehind;
   /// How many downloaders were made.
   std::size_t made = 0;
 };
 
-/// The checksum validator's script: answers in turn, then the real comparison.
+/// The checksum validator's script: answers in turn, then another rule when there is one, then the
+/// real comparison.
 struct Checksums {
   static Checksums& shared();
   std::deque<bool> answers;
+  std::function<bool(const std::string& path, const std::string& type, const std::string& checksum)>
+      rule;
 };
 
 /// The store's tables.
