@@ -143,6 +143,7 @@ std::string listJson(const std::vector<ListedScript>& scripts) {
     if (script.version) object["version"] = *script.version;
     object["script_path"] = nullptr;
     if (script.scriptPath) object["script_path"] = *script.scriptPath;
+    object["present"] = script.fileExists;
     array.push_back(std::move(object));
   }
   const auto replaced = nlohmann::ordered_json::error_handler_t::replace;

@@ -89,6 +89,16 @@ std::string whyMissing(const std::string& launchPath) {
   return "; script {id} needs it";
 }
 
+bool isJSONOnStandardError(const AgentLog::LogSettings& log) {
+  return log.format == AgentLog::LogSettings::Format::json && log.file.empty() && !log.quiet;
+}
+
+// Whether what is written to standard error belongs into the log: not where it would stand there
+// twice.
+bool hasRecords(const AgentLog::LogSettings& log) {
+  return isJSONOnStandardError(log) || !log.file.empty();
+}
+
 }  // namespace
 
 std::string_view nameOf(ReasonCode code) { return kCodeNames[static_cast<std::size_t>(code)]; }
@@ -148,13 +158,19 @@ std::string ReasonFinder::filled(std::string_view pattern, std::string_view subj
 }
 
 void writeReason(std::string_view sentence, const Settings& settings) {
-  const AgentLog::LogSettings& log = settings.log;
-  const bool isRecord =
-      log.format == AgentLog::LogSettings::Format::json && log.file.empty() && !log.quiet;
-  if (isRecord || !log.file.empty()) {
+  if (hasRecords(settings.log)) {
     AgentLog::logError(std::string(sentence), "varn-scripts", "writeReason(_:)", __LINE__);
   }
-  if (!isRecord) writeErrorLine(sentence);
+  if (!isJSONOnStandardError(settings.log)) writeErrorLine(sentence);
+}
+
+void writeRemark(const std::string& remark, const Settings& settings) {
+  if (hasRecords(settings.log)) {
+    AgentLog::logInfo(remark, "varn-scripts", "writeRemark(_:)", __LINE__);
+  }
+  if (!isJSONOnStandardError(settings.log) && !settings.log.quiet) {
+    writeErrorLine("varn-scripts: " + remark);
+  }
 }
 
 }  // namespace VarnScripts

@@ -76,4 +76,7 @@ class ReasonFinder : public VarnScriptRepository::ScriptRunObserver {
 /// there is JSON, otherwise plain. A log file gets it as a record, too.
 void writeReason(std::string_view sentence, const Settings& settings);
 
+/// Writes a remark on a request that went well, likewise, and nothing of it when quiet.
+void writeRemark(const std::string& remark, const Settings& settings);
+
 }  // namespace VarnScripts

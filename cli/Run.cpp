@@ -1,6 +1,6 @@
 #include "Run.h"
 
-#include <cstddef>
+#include <chrono>
 #include <cstdint>
 #include <exception>
 #include <optional>
@@ -14,7 +14,7 @@
 #include "AgentModules.h"
 #include "Directories.h"
 #include "ExitStatus.h"
-#include "JsonText.h"
+#include "Outcome.h"
 #include "PathGuard.h"
 #include "Pieces.h"
 #include "Progress.h"
@@ -22,6 +22,7 @@
 #include "RecordOwner.h"
 #include "RequestFiles.h"
 #include "RequestLock.h"
+#include "ScriptRepositoryMetaProcessor.h"
 #include "SignalForwarding.h"
 #include "StandardStreams.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
@@ -33,111 +34,66 @@ namespace {
 
 using VarnScriptRepository::ProcessingResult;
 using VarnScriptRepository::ScriptRepositoryConstants;
+using VarnScriptRepository::ScriptRepositoryMetaProcessor;
 using VarnScriptRepository::ScriptRepositoryProcessor;
 
-// A request's result, or the reason why its script was not run.
-struct Outcome {
-  ProcessingResult result;
-  std::optional<Reason> reason;
-};
-
-// The output as far as the settings let it be written.
-struct ShownOutput {
-  ShownOutput(std::string_view output, const Settings& settings)
-      : text(settings.maxOutput ? beginningOf(output, *settings.maxOutput) : output),
-        bytes(output.size()),
-        leftOut(bytes - text.size()) {}
-
-  std::string_view text;
-  std::size_t bytes;  // of the whole
-  std::size_t leftOut;
-};
+// The version that a request runs is the one that the list names.
+std::string versionOnServer(const std::string& scriptID) {
+  return ScriptRepositoryMetaProcessor::shared().getModifiedTime(scriptID).value_or("");
+}
 
 // Has the request's script watched for as long as this lives.
 class RunWatch final : VarnScriptRepository::ScriptRunObserver {
  public:
-  RunWatch(SignalForwarding& signals, Progress& progress, ReasonFinder& reason)
-      : signals_(signals), progress_(progress), reason_(reason) {
+  RunWatch(const std::string& scriptID, SignalForwarding& signals, Progress& progress,
+           ReasonFinder& reason)
+      : scriptID_(scriptID), signals_(signals), progress_(progress), reason_(reason) {
     VarnScriptRepository::setScriptRunObserver(this);
   }
   ~RunWatch() override { VarnScriptRepository::setScriptRunObserver(nullptr); }
+
+  // The script that ran, when one did.
+  [[nodiscard]] const std::optional<ScriptRun>& run() const { return run_; }
 
  private:
   void stepFailed(const VarnScriptRepository::FailedStep& step) override {
     reason_.stepFailed(step);
   }
   void scriptStarts(const VarnScriptRepository::ScriptStart& start) override {
-    reason_.scriptStarts(start);
     signals_.scriptStarts();
     progress_.showRun(start.limit);
+    reason_.scriptStarts(start);
+    path_ = start.scriptPath;
   }
-  void scriptStarted(int processID) override { signals_.scriptStarted(processID); }
+  void scriptStarted(int processID) override {
+    signals_.scriptStarted(processID);
+    run_ = {std::chrono::system_clock::now(), versionOnServer(scriptID_), std::move(path_)};
+  }
   void processEnded() override { signals_.scriptIsGone(); }
   void scriptEnded(const VarnScriptRepository::ScriptEnd& end) override {
     // Also the end of one that could not be started.
     signals_.scriptIsGone();
     progress_.endRun();
     reason_.scriptEnded(end);
+    if (!run_) return;
+    run_->end = end;
+    run_->end.cause = {};
   }
 
+  const std::string& scriptID_;
   SignalForwarding& signals_;
   Progress& progress_;
   ReasonFinder& reason_;
+  std::string path_;
+  std::optional<ScriptRun> run_;
 };
 
-const char* statusOf(const ProcessingResult& result) {
-  if (!result.first) return "not_run";
-  return *result.first ? "accepted" : "rejected";
-}
-
-int exitStatusOf(const ProcessingResult& result) {
-  if (!result.first) return kExitNotRun;
-  return *result.first ? kExitSuccess : kExitRejected;
-}
-
-// Everything in it is made readable, whatever bytes the ID on the command line had.
-void addJSON(const std::string& scriptID, const Outcome& outcome,
-             const std::optional<ShownOutput>& output, Pieces& to) {
-  to.add("{\"script_id\":");
-  addJSONText(scriptID, to);
-  to.add(",\"status\":");
-  addJSONText(statusOf(outcome.result), to);
-  to.add(",\"output\":");
-  if (output) {
-    addJSONText(output->text, to);
-  } else {
-    to.add("null");
-  }
-  if (output && output->leftOut > 0) {
-    to.add(",\"output_bytes\":" + std::to_string(output->bytes));
-    to.add(",\"dropped_bytes\":" + std::to_string(output->leftOut));
-  }
-  if (outcome.reason) {
-    to.add(",\"reason\":");
-    addJSONText(outcome.reason->sentence, to);
-    to.add(",\"reason_code\":");
-    addJSONText(nameOf(outcome.reason->code), to);
-  }
-  to.add("}\n");
-}
-
 void write(const CommandLine& line, const Settings& settings, const Outcome& outcome) {
-  std::optional<ShownOutput> output;
-  if (outcome.result.second) output.emplace(*outcome.result.second, settings);
-  if (line.json) {
-    bool written = true;
-    Pieces pieces([&](std::string_view piece) { written = written && writeOutput(piece); });
-    addJSON(line.scriptID, outcome, output, pieces);
-    pieces.end();
-  } else if (outcome.reason) {
-    writeReason(outcome.reason->sentence, settings);
-  } else if (output) {
-    writeOutput(output->text);
-    if (output->leftOut > 0) {
-      writeErrorLine("varn-scripts: " + std::to_string(output->leftOut) + " of " +
-                     std::to_string(output->bytes) + " bytes of output are left out (max_output)");
-    }
-  }
+  if (!line.json) return writeText(outcome, settings);
+  bool written = true;
+  Pieces pieces([&](std::string_view piece) { written = written && writeOutput(piece); });
+  addJSON(line.scriptID, outcome, settings, pieces);
+  pieces.end();
 }
 
 int report(const CommandLine& line, const Settings& settings, const Outcome& outcome) {
@@ -147,15 +103,16 @@ int report(const CommandLine& line, const Settings& settings, const Outcome& out
     // Only when out of memory, and a script that has run has run.
     writeOutOfMemory();
   }
-  return exitStatusOf(outcome.result);
+  return exitStatusOf(outcome);
 }
 
 Outcome notRun(ReasonCode code, std::string sentence) {
-  return {{}, Reason{code, std::move(sentence)}};
+  return {{}, Reason{code, std::move(sentence)}, std::nullopt};
 }
 
-Outcome request(const CommandLine& line, const Settings& settings, const ReasonFinder& reason,
-                RequestLock& lock, RequestFiles& files, PathGuard& guard) {
+Outcome request(const CommandLine& line, const Settings& settings, const RunWatch& watch,
+                const ReasonFinder& reason, RequestLock& lock, RequestFiles& files,
+                PathGuard& guard) {
   std::vector<UsedPath> paths = pathsOfRequests();
   for (UsedPath& path : pathsOfScript(line.scriptID)) paths.push_back(std::move(path));
   if (!guard.allows(paths)) return notRun(ReasonCode::unsafeDirectory, guard.refusal());
@@ -184,14 +141,14 @@ Outcome request(const CommandLine& line, const Settings& settings, const ReasonF
   files.end();
   if (!result.first) {
     if (!guard.refusal().empty()) return notRun(ReasonCode::unsafeDirectory, guard.refusal());
-    return {{}, reason.reason()};
+    return {{}, reason.reason(), std::nullopt};
   }
   try {
     AgentUtils::removeLeftDownloads(VarnScriptRepository::scriptRepoScriptsDirectory());
   } catch (const std::exception&) {
     // Without memory for it they are left to the next request, and what has run has run.
   }
-  return {std::move(result), std::nullopt};
+  return {std::move(result), std::nullopt, watch.run()};
 }
 
 }  // namespace
@@ -202,7 +159,7 @@ int run(const CommandLine& line, const Settings& settings) {
   ReasonFinder reason(line.scriptID, settings);
   RequestLock lock;
   Progress progress(Progress::isPossible() && !settings.log.quiet);
-  const RunWatch watch(signals, progress, reason);
+  const RunWatch watch(line.scriptID, signals, progress, reason);
   ModuleObservers observers;
   observers.onRecord = [&progress](const AgentLog::Record&) { progress.makeWay(); };
   observers.onFailure = [&reason](const std::string& subject, const std::string& cause) {
@@ -226,7 +183,7 @@ int run(const CommandLine& line, const Settings& settings) {
   }
   prepareDownloads();
   files.emplace(line.scriptID, lock);
-  const Outcome outcome = request(line, settings, reason, lock, *files, guard);
+  const Outcome outcome = request(line, settings, watch, reason, lock, *files, guard);
   progress.finish();
   const int exitStatus = report(line, settings, outcome);
   signals.endWhenStopped();

@@ -29,14 +29,15 @@ TEST(ListTable, NoRecordsGiveNothing) { EXPECT_EQ(listTable({}), ""); }
 
 TEST(ListJson, KeysComeInOrderAndAbsentIsNull) {
   EXPECT_EQ(listJson({{"42", "17", "/b/clean.sh", true}, {"7", std::nullopt, std::nullopt, false}}),
-            R"([{"script_id":"42","version":"17","script_path":"/b/clean.sh"},)"
-            R"({"script_id":"7","version":null,"script_path":null}])"
+            R"([{"script_id":"42","version":"17","script_path":"/b/clean.sh","present":true},)"
+            R"({"script_id":"7","version":null,"script_path":null,"present":false}])"
             "\n");
 }
 
 TEST(ListJson, BytesThatAreNotUtf8AreReplaced) {
   EXPECT_EQ(listJson({{"a\xff", std::nullopt, std::nullopt, false}}),
-            "[{\"script_id\":\"a\xef\xbf\xbd\",\"version\":null,\"script_path\":null}]\n");
+            "[{\"script_id\":\"a\xef\xbf\xbd\",\"version\":null,\"script_path\":null,"
+            "\"present\":false}]\n");
 }
 
 TEST(ListJson, NoRecordsGiveAnEmptyArray) { EXPECT_EQ(listJson({}), "[]\n"); }

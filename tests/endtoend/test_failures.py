@@ -96,7 +96,8 @@ class NotRunTest(CommandCase):
         self.repository.write(script.file_path, "touch ran; echo changed\n")
         self.assert_checksum_mismatch("its content is another")
         self.assertEqual(self.listed(), [{"script_id": "42", "version": None,
-                                          "script_path": self.script_file("job.sh")}])
+                                          "script_path": self.script_file("job.sh"),
+                                          "present": False}])
         self.assertFalse(os.path.exists(self.script_file("ran")))
 
     def test_a_checksum_of_an_unknown_kind(self):

@@ -144,8 +144,10 @@ class ListTest(CommandCase):
         for script_id in ("b", "a"):
             self.run_command("run", script_id)
         self.assertEqual(self.run_command("list", "--json").output, (
-            f'[{{"script_id":"a","version":"1","script_path":"{self.script_file("one.sh")}"}},'
-            f'{{"script_id":"b","version":"1","script_path":"{self.script_file("two.sh")}"}}]\n'))
+            f'[{{"script_id":"a","version":"1","script_path":"{self.script_file("one.sh")}",'
+            '"present":true},'
+            f'{{"script_id":"b","version":"1","script_path":"{self.script_file("two.sh")}",'
+            '"present":true}]\n'))
 
     def test_without_a_store_nothing_is_listed_and_nothing_created(self):
         result = self.run_command("list")
@@ -172,7 +174,7 @@ class ListTest(CommandCase):
             store.execute("UPDATE ScriptToMeta SET value = 'damaged'")
         store.close()
         self.assertEqual(self.listed(), [{"script_id": "42", "version": None,
-                                          "script_path": None}])
+                                          "script_path": None, "present": False}])
 
     def test_a_store_that_is_none_is_an_error(self):
         os.makedirs(os.path.dirname(self.store_file()))

@@ -1,5 +1,6 @@
 """One request after another against a repository: fresh, up to date, new version, changed file."""
 
+import datetime
 import json
 import os
 import stat
@@ -16,7 +17,8 @@ class Requests:
         result = self.run_command("run", "42")
         self.assertEqual((result.status, result.output), (0, "first\n"), result.error)
         self.assertEqual(self.listed(), [{"script_id": "42", "version": "1",
-                                          "script_path": self.script_file("job.sh")}])
+                                          "script_path": self.script_file("job.sh"),
+                                          "present": True}])
         with open(self.script_file("job.sh"), encoding="utf-8") as file:
             self.assertEqual(file.read(), "echo first\n")
 
@@ -193,15 +195,38 @@ class ResultTest(CommandCase):
         return result.status, result.output
 
     def test_an_accepted_run(self):
-        self.put(text='echo "a \\"quoted\\" text"\necho zweite Zeile ü\n')
-        self.assertEqual(self.result_of(), (
-            0, '{"script_id":"42","status":"accepted",'
-               '"output":"a \\"quoted\\" text\\nzweite Zeile ü\\n"}\n'))
+        self.put(text='echo "a \\"quoted\\" text"\necho zweite Zeile ü\n', version="5")
+        before = datetime.datetime.now(datetime.timezone.utc) - datetime.timedelta(milliseconds=1)
+        status, output = self.result_of()
+        after = datetime.datetime.now(datetime.timezone.utc)
+        self.assertEqual(status, 0)
+        self.assertTrue(output.startswith(
+            '{"script_id":"42","status":"accepted",'
+            '"output":"a \\"quoted\\" text\\nzweite Zeile ü\\n",'
+            '"exit_code":0,"timed_out":false,"started":"'), output)
+        answer = json.loads(output)
+        self.assertEqual(list(answer), ["script_id", "status", "output", "exit_code", "timed_out",
+                                        "started", "duration_ms", "version", "path", "output_bytes",
+                                        "dropped_bytes"])
+        self.assertEqual((answer["version"], answer["path"], answer["output_bytes"],
+                          answer["dropped_bytes"]), ("5", self.script_file("job.sh"), 31, 0))
+        started = datetime.datetime.strptime(answer["started"], "%Y-%m-%dT%H:%M:%S.%f%z")
+        self.assertTrue(before <= started <= after, (before, started, after))
+        self.assertTrue(0 <= answer["duration_ms"] <= (after - before).total_seconds() * 1000)
 
     def test_a_rejected_run(self):
         self.put(text="echo bad\nexit 3\n")
-        self.assertEqual(self.result_of(),
-                         (1, '{"script_id":"42","status":"rejected","output":"bad\\n"}\n'))
+        result = self.run_command("run", "42", "--json")
+        answer, run = self.answer(result)
+        self.assertEqual((result.status, answer, run["exit_code"]),
+                         (1, {"script_id": "42", "status": "rejected", "output": "bad\n"}, 3))
+
+    def test_a_run_that_a_signal_ended(self):
+        self.put(text="kill -9 $$\n")
+        result = self.run_command("run", "42", "--json")
+        answer, run = self.answer(result)
+        self.assertEqual((result.status, answer["status"], run["signal"]), (1, "rejected", 9))
+        self.assertNotIn("exit_code", run)
 
     def test_a_rejected_run_still_hands_out_the_output(self):
         self.put(text="echo bad\nexit 3\n")
@@ -210,8 +235,9 @@ class ResultTest(CommandCase):
 
     def test_a_run_without_output(self):
         self.put(text="exit 0\n")
-        self.assertEqual(self.result_of(),
-                         (0, '{"script_id":"42","status":"accepted","output":""}\n'))
+        answer, run = self.answer(self.run_command("run", "42", "--json"))
+        self.assertEqual(answer, {"script_id": "42", "status": "accepted", "output": ""})
+        self.assertEqual((run["exit_code"], run["output_bytes"]), (0, 0))
 
     def test_a_script_that_was_not_run(self):
         self.assertEqual(self.result_of(), (
@@ -239,7 +265,12 @@ class ResultTest(CommandCase):
 
     def test_output_that_is_not_text_is_never_half_a_json(self):
         self.put(text="printf 'a\\377b'; exit 0\n")
-        status, output = self.result_of()
-        self.assertEqual(status, 0)
-        self.assertEqual(json.loads(output),
-                         {"script_id": "42", "status": "accepted", "output": ""})
+        result = self.run_command("run", "42", "--json")
+        self.assertEqual(result.status, 0)
+        answer, run = self.answer(result)
+        self.assertEqual(answer, {"script_id": "42", "status": "accepted", "output": ""})
+        self.assertEqual((run["output_bytes"], run["dropped_bytes"]), (0, 3))
+        result = self.run_command("run", "42")
+        self.assertEqual((result.status, result.error_lines[-1]), (
+            0, "varn-scripts: 3 bytes of output are left out: they are not UTF-8"))
+        self.assertEqual(self.run_command("--quiet", "run", "42").error, "")

@@ -139,8 +139,10 @@ class WaitingTest(CommandCase):
         self.let_go()
         result = self.finish(process)
         self.assertEqual(result.status, -signal.SIGTERM)
-        self.assertEqual(json.loads(result.output), {
-            "script_id": "42", "status": "accepted", "output": "before\nafter\n"})
+        answer, run = self.answer(result)
+        self.assertEqual(answer, {"script_id": "42", "status": "accepted",
+                                  "output": "before\nafter\n"})
+        self.assertEqual((run["exit_code"], run["timed_out"]), (3, False))
 
     def test_the_next_request_waits_for_the_end_of_the_script(self):
         first = self.start_script_that_goes_on()

@@ -14,6 +14,9 @@ import unittest
 from .repository import CUSTOMER, Repository, Script
 from .web_server import WebServer
 
+# What the object of `run --json` has whether a script ran or not.
+ANSWER_KEYS = ("script_id", "status", "output", "reason", "reason_code")
+
 # Far beyond what any step takes; reaching it is a failure.
 DEADLINE = 120
 
@@ -109,6 +112,12 @@ class CommandCase(unittest.TestCase):
     def finish(self, process):
         output, error = process.communicate(timeout=DEADLINE)
         return Result(process.returncode, (output or b"").decode(), (error or b"").decode())
+
+    def answer(self, result):
+        """The object of `run --json`, and what it says of the run by itself."""
+        answer = json.loads(result.output)
+        told = {key: answer.pop(key) for key in list(answer) if key not in ANSWER_KEYS}
+        return answer, told
 
     def run_json_log(self, *arguments):
         return self.run_command("--log-format", "json", *arguments)

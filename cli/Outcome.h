@@ -1,0 +1,43 @@
+// What became of a request, and how it is handed out: the output, the reason, or one JSON object.
+
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "Pieces.h"
+#include "Reason.h"
+#include "Settings.h"
+#include "VarnScriptRepository/ScriptRepositoryProcessor.h"
+#include "VarnScriptRepository/ScriptRunObserver.h"
+
+namespace VarnScripts {
+
+/// A script that ran.
+struct ScriptRun {
+  std::chrono::system_clock::time_point started;
+  std::string version;
+  std::string path;
+  VarnScriptRepository::ScriptEnd end{};  ///< without a cause
+};
+
+struct Outcome {
+  VarnScriptRepository::ProcessingResult result;
+  std::optional<Reason> reason;  ///< when no script was run
+  std::optional<ScriptRun> run;  ///< when one was, and there was memory to note it
+};
+
+/// The exit status for it.
+[[nodiscard]] int exitStatusOf(const Outcome& outcome);
+
+/// Adds it as one line with a JSON object. Everything in it is made readable, whatever bytes the ID
+/// on the command line had. Of the output as much as the settings let be written.
+void addJSON(const std::string& scriptID, const Outcome& outcome, const Settings& settings,
+             Pieces& to);
+
+/// Writes the output to standard output, and what is missing in it to standard error; or there the
+/// reason.
+void writeText(const Outcome& outcome, const Settings& settings);
+
+}  // namespace VarnScripts
