@@ -2,6 +2,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdint>
+#include <string_view>
 
 #include "PrintableText.h"
 
@@ -30,6 +32,24 @@ std::vector<std::string> forParser(const std::vector<std::string>& arguments) {
   return result;
 }
 
+// How many characters have to be changed, added, taken away or swapped with their neighbour to make
+// one text of the other.
+std::size_t distance(std::string_view a, std::string_view b) {
+  std::vector<std::vector<std::size_t>> to(a.size() + 1, std::vector<std::size_t>(b.size() + 1));
+  for (std::size_t i = 0; i <= a.size(); ++i) to[i][0] = i;
+  for (std::size_t j = 0; j <= b.size(); ++j) to[0][j] = j;
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      const std::size_t change = a[i - 1] == b[j - 1] ? 0 : 1;
+      to[i][j] = std::min({to[i - 1][j - 1] + change, to[i - 1][j] + 1, to[i][j - 1] + 1});
+      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
+        to[i][j] = std::min(to[i][j], to[i - 2][j - 2] + 1);
+      }
+    }
+  }
+  return to[a.size()][b.size()];
+}
+
 // The parser's objects and what it writes to, for one command line.
 class Parser {
  public:
@@ -56,7 +76,9 @@ class Parser {
     } catch (const CLI::CallForVersion&) {
       return Reply{0, "varn-scripts " VARN_VERSION "\n", ""};
     } catch (const CLI::Error& error) {
-      return usageError(app_.get_subcommands().empty() ? withoutCommand(error) : error.what());
+      const std::string what =
+          app_.get_subcommands().empty() ? withoutCommand(error) : error.what();
+      return usageError(what + suggestion());
     }
     if (const auto empty = nameOfEmptyText()) return usageError(*empty + " must not be empty");
     for (const Command& command : commands()) {
@@ -72,8 +94,11 @@ class Parser {
       const std::string key(definition.key);
       const std::string meaning(definition.meaning);
       if (definition.kind() == SettingDefinition::Kind::toggle) {
-        app_.add_flag_callback(
-            flagOf(key), [this, key] { result_.flags[key] = "true"; }, meaning);
+        // "--quiet=false" counts down.
+        app_.add_flag_function(
+            flagOf(key),
+            [this, key](std::int64_t count) { result_.flags[key] = count > 0 ? "true" : "false"; },
+            meaning);
         continue;
       }
       app_.add_option_function<std::string>(
@@ -124,6 +149,31 @@ class Parser {
     }
     return (unknown == words.end() ? "a command is missing" : "there is no command " + *unknown) +
            "; the commands are " + names;
+  }
+
+  // The option or command that was meant, as the end of a message; empty when there is no telling.
+  [[nodiscard]] std::string suggestion() const {
+    std::vector<const CLI::App*> apps = {&app_};
+    for (const CLI::App* const command : app_.get_subcommands()) apps.push_back(command);
+    std::vector<std::string> known;
+    for (const CLI::App* const app : apps) {
+      for (const CLI::Option* const option : app->get_options()) {
+        known.push_back(option->get_name());
+      }
+    }
+    if (app_.get_subcommands().empty()) {
+      for (const Command& command : commands()) known.emplace_back(command.name);
+    }
+    for (const std::string& word : app_.remaining(true)) {
+      const std::string given = word.substr(0, std::min<std::size_t>(word.find('='), 64));
+      const auto nearest = std::ranges::min_element(
+          known, {}, [&given](const std::string& name) { return distance(given, name); });
+      // A third of it may be wrong.
+      if (nearest != known.end() && distance(given, *nearest) * 3 <= nearest->size()) {
+        return "; did you mean " + *nearest + "?";
+      }
+    }
+    return "";
   }
 
   static Reply usageError(const std::string& what) {

@@ -23,7 +23,17 @@ namespace {
 // An empty list accepts nothing, while the server's empty list accepts the empty code.
 std::vector<std::string> splitCodes(const std::string& list) {
   if (list.empty()) return {};
-  return VarnScriptRepository::codesIn(list);
+  std::vector<std::string> codes = VarnScriptRepository::codesIn(list);
+  for (const std::string& code : codes) {
+    int number = -1;
+    std::from_chars(code.data(), code.data() + code.size(), number);
+    // Codes are compared as texts: "03" would never be met.
+    if (number < 0 || number > 255 || code != std::to_string(number)) {
+      throw CLI::ValidationError(std::string(kAcceptCodes),
+                                 "no exit code can be \"" + code + "\": they are 0 to 255");
+    }
+  }
+  return codes;
 }
 
 // Takes "7d" for 604800 seconds.

@@ -2,6 +2,10 @@
 
 #include <unistd.h>
 
+#include <cstdint>
+#include <system_error>
+
+#include "RegularFile.h"
 #include "TrustedPath.h"
 
 namespace VarnScripts {
@@ -32,6 +36,26 @@ std::optional<SettingsError> complaintAbout(const NamedFile& file,
   return SettingsError{file.name + " is refused: " + verdict.refusal};
 }
 
+// The TLS library would ask a person for the passphrase. A file that can't be read is reported where
+// it is used.
+std::optional<SettingsError> complaintAboutKey(const Settings& settings) {
+  constexpr std::uint64_t kLargestKey = std::uint64_t{1} << 20;
+  const bool isInCertificate = settings.agent.clientKey.empty();
+  const std::string& path =
+      isInCertificate ? settings.agent.clientCert : settings.agent.clientKey;
+  if (path.empty()) return std::nullopt;
+  std::error_code ignored;
+  const std::string text = readRegularFile(path, LastLink::follow, ignored, kLargestKey).bytes;
+  if (text.find("BEGIN ENCRYPTED PRIVATE KEY") == text.npos &&
+      text.find("Proc-Type: 4,ENCRYPTED") == text.npos) {
+    return std::nullopt;
+  }
+  return SettingsError{
+      fileOf(isInCertificate ? "client_cert" : "client_key", path, PathEnd::givenFile).name +
+      " holds an encrypted key, and nobody is here to give the passphrase: store the key without "
+      "one, mode 0600"};
+}
+
 }  // namespace
 
 std::optional<SettingsError> complaintAboutSettingsFile(const std::string& path) {
@@ -49,7 +73,7 @@ std::optional<SettingsError> complaintAboutNamedFiles(const Settings& settings,
         fileOf("client_key", settings.agent.clientKey, PathEnd::givenFile)}) {
     if (auto complaint = complaintAbout(file, writableByGroup)) return complaint;
   }
-  return std::nullopt;
+  return complaintAboutKey(settings);
 }
 
 }  // namespace VarnScripts

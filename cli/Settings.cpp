@@ -114,6 +114,28 @@ std::optional<std::string> complaintAboutServer(const std::string& url) {
   return std::nullopt;
 }
 
+// What is wrong with a path, or nothing: what a shell would have replaced would become a directory of
+// that name.
+std::optional<std::string> complaintAboutPath(const std::string& path) {
+  if (path.front() == '~') return "begins with ~, which only a shell replaces: give the whole path";
+  for (std::size_t at = path.find('$'); at != path.npos; at = path.find('$', at + 1)) {
+    const char next = at + 1 < path.size() ? path[at + 1] : ' ';
+    if (next == '{' || next == '(' || next == '_' || (next >= 'A' && next <= 'Z') ||
+        (next >= 'a' && next <= 'z')) {
+      return "has a variable in it, which only a shell replaces: give the whole path";
+    }
+  }
+  return std::nullopt;
+}
+
+// The customer is the name of a directory, here and on the server.
+std::optional<std::string> complaintAboutCustomer(const std::string& customer) {
+  if (customer == "." || customer == ".." || customer.find('/') != customer.npos) {
+    return "must be the name of a directory, without a slash";
+  }
+  return std::nullopt;
+}
+
 std::optional<bool> toggleFrom(const std::string& text) {
   const std::string word = lowerCase(text);
   if (word == "true" || word == "yes" || word == "on" || word == "1") return true;
@@ -208,19 +230,19 @@ std::optional<std::string> missingKey(const Settings& settings, NeededSettings n
 
 constexpr SettingDefinition kSettings[] = {
     {"base_path", "DIR", "Agent base directory",
-     [](Settings& s) -> SettingMember { return &s.agent.basePath; }, nullptr, true},
+     [](Settings& s) -> SettingMember { return &s.agent.basePath; }, complaintAboutPath, true},
     {"data_path", "DIR", "Agent data directory (default: base directory/data/customer)",
-     [](Settings& s) -> SettingMember { return &s.agent.dataPath; }, nullptr, true},
+     [](Settings& s) -> SettingMember { return &s.agent.dataPath; }, complaintAboutPath, true},
     {"customer", "ID", "Customer ID",
-     [](Settings& s) -> SettingMember { return &s.agent.customerID; }},
+     [](Settings& s) -> SettingMember { return &s.agent.customerID; }, complaintAboutCustomer},
     {"server", "URL", "Repository server: https://, http:// or file://",
      [](Settings& s) -> SettingMember { return &s.agent.serverURL; }, complaintAboutServer},
     {"ca_file", "FILE", "Authorities to trust, PEM (default: the system's)",
-     [](Settings& s) -> SettingMember { return &s.agent.caFile; }},
+     [](Settings& s) -> SettingMember { return &s.agent.caFile; }, complaintAboutPath},
     {"client_cert", "FILE", "Client certificate, PEM",
-     [](Settings& s) -> SettingMember { return &s.agent.clientCert; }},
+     [](Settings& s) -> SettingMember { return &s.agent.clientCert; }, complaintAboutPath},
     {"client_key", "FILE", "Key of the client certificate, PEM",
-     [](Settings& s) -> SettingMember { return &s.agent.clientKey; }},
+     [](Settings& s) -> SettingMember { return &s.agent.clientKey; }, complaintAboutPath},
     {"proxy", "URL", "Proxy (default: the environment's)",
      [](Settings& s) -> SettingMember { return &s.agent.proxy; }},
     {"max_download", "BYTES",
@@ -232,7 +254,7 @@ constexpr SettingDefinition kSettings[] = {
     {"log_format", "text|json", "Form of the log (default: text)",
      [](Settings& s) -> SettingMember { return &s.log.format; }},
     {"log_file", "FILE", "Log to a rotating file (default: standard error)",
-     [](Settings& s) -> SettingMember { return &s.log.file; }},
+     [](Settings& s) -> SettingMember { return &s.log.file; }, complaintAboutPath},
     {"quiet", "", "No log on standard error",
      [](Settings& s) -> SettingMember { return &s.log.quiet; }},
 };

@@ -25,6 +25,9 @@ using VarnScripts::CommandLine;
 using VarnScripts::Settings;
 using VarnScripts::SettingsError;
 
+/// Read when no settings file is named.
+constexpr const char* kUsualSettingsFile = "/etc/varn-scripts/varn-scripts.toml";
+
 std::optional<std::string> environmentVariable(const std::string& name) {
   const char* const value = std::getenv(name.c_str());
   if (value == nullptr) return std::nullopt;
@@ -48,6 +51,10 @@ std::variant<Settings, SettingsError> settingsFor(const CommandLine& line) {
   if (sources.filePath.empty()) {
     sources.filePath = environmentVariable("VARN_CONFIG").value_or("");
   }
+  std::error_code ignored;
+  if (sources.filePath.empty() && std::filesystem::exists(kUsualSettingsFile, ignored)) {
+    sources.filePath = kUsualSettingsFile;
+  }
   if (!sources.filePath.empty()) {
     if (auto error = VarnScripts::complaintAboutSettingsFile(sources.filePath)) return *error;
     auto file = VarnScripts::readSettingsFile(sources.filePath);
@@ -55,7 +62,6 @@ std::variant<Settings, SettingsError> settingsFor(const CommandLine& line) {
     sources.file = std::get<VarnScripts::SettingTexts>(std::move(file));
   }
   // Without a current directory, relative paths start at the root.
-  std::error_code ignored;
   sources.currentDirectory = std::filesystem::current_path(ignored).string();
   sources.exists = [](const std::string& path) {
     std::error_code none;

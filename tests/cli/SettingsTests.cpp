@@ -199,6 +199,30 @@ TEST(LayerSettings, PathsBecomeAbsoluteWithoutATrailingSlash) {
   }
 }
 
+TEST(LayerSettings, WhatOnlyAShellReplacesIsNoPath) {
+  for (const char* const key :
+       {"base_path", "data_path", "ca_file", "client_cert", "client_key", "log_file"}) {
+    for (const char* const given : {"~/agent", "~", "$HOME/agent", "/opt/${NAME}", "/opt/$(id)"}) {
+      auto sources = complete();
+      sources.flags[key] = given;
+      EXPECT_TRUE(errorFrom(sources).ends_with("which only a shell replaces: give the whole path"))
+          << key << ' ' << given;
+    }
+    auto sources = complete();
+    sources.flags[key] = "/opt/a$/b~$1";
+    settingsFrom(sources);
+  }
+}
+
+TEST(LayerSettings, ACustomerIsTheNameOfADirectory) {
+  for (const char* const given : {".", "..", "a/b", "/", "../a"}) {
+    auto sources = complete();
+    sources.flags["customer"] = given;
+    EXPECT_EQ(errorFrom(sources),
+              "customer (given by --customer) must be the name of a directory, without a slash");
+  }
+}
+
 TEST(LayerSettings, ServersOfTheThreeSchemesAreTaken) {
   for (const char* server : {"https://host", "HTTP://host:8080/path", "file:///srv/repository",
                              "file://localhost/srv", "https://[::1]:8443/a@b"}) {

@@ -2,6 +2,7 @@
 
 import json
 import os
+import subprocess
 
 from support.case import CommandCase
 from support.certificates import Authority
@@ -75,6 +76,20 @@ class HttpsTest(CommandCase):
                                   "run", "42")
         self.assertEqual((result.status, result.output), (0, "safe\n"), result.error)
 
+
+    def test_an_encrypted_client_key_is_a_mistake_in_the_settings(self):
+        certificate, key = self.authority.sign("client")
+        encrypted = self.path("encrypted.pem")
+        for form in (["ec", "-aes256"], ["pkcs8", "-topk8"]):
+            subprocess.run(["openssl", *form, "-passout", "pass:word", "-in", key,
+                            "-out", encrypted], check=True, capture_output=True)
+            os.chmod(encrypted, 0o600)
+            result = self.run_command("--client-cert", certificate, "--client-key", encrypted,
+                                      "run", "42")
+            self.assertEqual((result.status, result.output), (2, ""))
+            self.assertTrue(result.error.startswith(
+                "varn-scripts: client_key (--client-key, VARN_CLIENT_KEY) holds an encrypted key"),
+                result.error)
 
     def test_the_environment_sets_nothing_up_and_gets_no_keys(self):
         self.put(text='echo "$OPENSSL_CONF $SSLKEYLOGFILE"\n')
