@@ -70,6 +70,8 @@ void addRunOptions(CLI::App& to, CommandLine& line) {
         "list accepts none")
       ->type_name("LIST");
   to.add_flag("--json", line.json, "Print the result as one JSON object");
+  to.add_flag("--no-wait", line.noWait,
+              "Fail when another process runs the script, in place of waiting for its turn");
 }
 
 void addPlanOptions(CLI::App& to, CommandLine& line) {

@@ -125,7 +125,9 @@ void keepWhatLiesElsewhere(const std::vector<ListedScript>& scripts) {
 
 // The removal with the turns of all that it removes. Why it can't be done, or empty.
 std::string removeDropped(const Settings& settings) {
-  RequestLock lock;
+  RequestLock lock({true, [&settings](int processID) {
+                      writeRemark("waiting for " + processText(processID), settings);
+                    }});
   std::optional<std::string> unreadable;
   // The library's own line tells of a store that can't be opened.
   const std::vector<ListedScript> scripts = droppedScripts(unreadable);

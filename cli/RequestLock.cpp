@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "AgentUtils.h"
@@ -43,6 +45,15 @@ std::string canonicalPath(std::string_view path) {
   return canonical;
 }
 
+struct flock byteAt(std::int64_t offset, short type) {
+  struct flock range {};
+  range.l_type = type;
+  range.l_whence = SEEK_SET;
+  range.l_start = static_cast<off_t>(offset);
+  range.l_len = 1;
+  return range;
+}
+
 }  // namespace
 
 std::int64_t lockOffset(std::string_view scriptID) {
@@ -63,6 +74,10 @@ std::int64_t fileLockOffset(std::string_view fileName) {
 
 std::string requestLockPath(const std::string& basePath, const std::string& customer) {
   return VarnScriptRepository::customerDirectory(basePath, customer) + "/varn-scripts.lock";
+}
+
+std::string processText(int processID) {
+  return processID > 0 ? "process " + std::to_string(processID) : "another process";
 }
 
 RequestLock::~RequestLock() {
@@ -96,7 +111,7 @@ void RequestLock::acquire(const std::string& basePath, const std::string& custom
   std::set<std::int64_t> offsets;
   for (const std::string& scriptID : scriptIDs) offsets.insert(lockOffset(scriptID));
   for (const std::int64_t offset : offsets) {
-    if (lockByte(offset, F_SETLKW) == 0) continue;
+    if (takeByte(offset) == 0) continue;
     error = lastError();
     ::close(descriptor_);
     descriptor_ = -1;
@@ -105,7 +120,7 @@ void RequestLock::acquire(const std::string& basePath, const std::string& custom
 }
 
 void RequestLock::holdFile(std::string_view fileName) {
-  if (lockByte(fileLockOffset(fileName), F_SETLKW) != 0) throw std::system_error(lastError());
+  if (takeByte(fileLockOffset(fileName)) != 0) throw std::system_error(lastError());
 }
 
 bool RequestLock::tryHoldFile(std::string_view fileName) {
@@ -116,12 +131,28 @@ void RequestLock::releaseFile(std::string_view fileName) {
   static_cast<void>(lockByte(fileLockOffset(fileName), F_SETLK, F_UNLCK));
 }
 
+int RequestLock::takeByte(std::int64_t offset) {
+  constexpr std::chrono::milliseconds pause{50};
+  for (int looks = 0; looks < 20; ++looks) {
+    if (lockByte(offset, F_SETLK) == 0) return 0;
+    if (errno != EAGAIN && errno != EACCES) return -1;
+    if (!wait_.mayWait) break;
+    std::this_thread::sleep_for(pause);
+  }
+  struct flock range = byteAt(offset, F_WRLCK);
+  holder_ = ::fcntl(descriptor_, F_GETLK, &range) == 0 && range.l_type != F_UNLCK
+                ? static_cast<int>(range.l_pid)
+                : 0;
+  if (!wait_.mayWait) {
+    errno = EAGAIN;
+    return -1;
+  }
+  if (wait_.reported) wait_.reported(holder_);
+  return lockByte(offset, F_SETLKW);
+}
+
 int RequestLock::lockByte(std::int64_t offset, int command, short type) const {
-  struct flock range {};
-  range.l_type = type;
-  range.l_whence = SEEK_SET;
-  range.l_start = static_cast<off_t>(offset);
-  range.l_len = 1;
+  struct flock range = byteAt(offset, type);
   return retryOnInterrupt([&] { return ::fcntl(descriptor_, command, &range); });
 }
 

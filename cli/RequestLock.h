@@ -6,9 +6,11 @@
 #include <fcntl.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 namespace VarnScripts {
@@ -26,11 +28,24 @@ namespace VarnScripts {
 /// The file whose ranges requests lock.
 [[nodiscard]] std::string requestLockPath(const std::string& basePath, const std::string& customer);
 
+/// "process 12", or "another process" where the system does not say which.
+[[nodiscard]] std::string processText(int processID);
+
+/// What becomes of a wait for another process.
+struct LockWait {
+  /// Whether there is one at all; otherwise a lock that another process holds is the error
+  /// `std::errc::resource_unavailable_try_again`.
+  bool mayWait = true;
+  /// Called when a wait has lasted for a second, with the process that holds the lock; may be empty.
+  std::function<void(int processID)> reported;
+};
+
 /// Holds the advisory locks of script IDs from `acquire` until it is destroyed. The system lets
 /// go of it as well when the process ends in any way.
 class RequestLock {
  public:
   RequestLock() = default;
+  explicit RequestLock(LockWait wait) : wait_(std::move(wait)) {}
   RequestLock(const RequestLock&) = delete;
   RequestLock& operator=(const RequestLock&) = delete;
   ~RequestLock();
@@ -54,13 +69,20 @@ class RequestLock {
   /// Lets go of the script file.
   void releaseFile(std::string_view fileName);
 
+  /// The process that held what could not be taken; 0 when that is not known.
+  [[nodiscard]] int holder() const { return holder_; }
+
   /// The lock file's path; empty before `acquire`.
   [[nodiscard]] const std::string& path() const { return path_; }
 
  private:
+  LockWait wait_;
   std::string path_;
   int descriptor_ = -1;
+  int holder_ = 0;
 
+  /// Takes the byte, after a wait when there may be one. As `fcntl`.
+  int takeByte(std::int64_t offset);
   [[nodiscard]] int lockByte(std::int64_t offset, int command, short type = F_WRLCK) const;
 };
 

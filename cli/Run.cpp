@@ -124,6 +124,10 @@ Outcome request(const CommandLine& line, const Settings& settings, const RunWatc
   lock.acquire(settings.agent.basePath, settings.agent.customerID, {line.scriptID}, error);
   if (error) {
     // Without its turn a request could run what another one is just replacing.
+    if (error == std::errc::resource_unavailable_try_again) {
+      return notRun(ReasonCode::lockedOut,
+                    "Script " + line.scriptID + " is in use by " + processText(lock.holder()));
+    }
     return notRun(ReasonCode::lockedOut,
                   "Request lock " + lock.path() + " can't be taken: " + error.message());
   }
@@ -157,7 +161,9 @@ int run(const CommandLine& line, const Settings& settings) {
   // Before any other thread, and never destroyed: its thread runs until the process ends.
   auto& signals = *new SignalForwarding;
   ReasonFinder reason(line.scriptID, settings);
-  RequestLock lock;
+  RequestLock lock({!line.noWait, [&settings](int processID) {
+                      writeRemark("waiting for " + processText(processID), settings);
+                    }});
   Progress progress(Progress::isPossible() && !settings.log.quiet);
   const RunWatch watch(line.scriptID, signals, progress, reason);
   ModuleObservers observers;

@@ -64,7 +64,7 @@ _varn_scripts() {
   local options
   case $command in
     "") options="$settings --version" ;;
-    run) options="$settings --accept-codes --json" ;;
+    run) options="$settings --accept-codes --json --no-wait" ;;
     plan | list) options="$settings --json" ;;
     prune) options=$settings ;;
     publish) options="$settings --keep-for --digest --strict --check --allow-removal" ;;

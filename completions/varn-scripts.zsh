@@ -48,6 +48,7 @@ _varn_scripts() {
           _arguments $settings \
             '--accept-codes[exit codes that count as success]:codes:' \
             '--json[print the result as one JSON object]' \
+            '--no-wait[fail when another process runs the script]' \
             '1:script:_varn_scripts_known'
           ;;
         plan)

@@ -1,5 +1,6 @@
 """Two invocations at the same time."""
 
+import json
 import os
 
 from support.case import CommandCase
@@ -50,6 +51,30 @@ class TurnsTest(CommandCase):
         self.let_go(self.wait_for_script())
         self.assertEqual(self.finish(second).status, 0)
         self.assertEqual(self.journal(), ["begin", "end", "begin", "end"])
+
+    def test_whoever_waits_says_for_whom(self):
+        self.put_waiting("42")
+        first = self.start("run", "42")
+        script = self.wait_for_script()
+        second = self.start("--log-file", self.path("log"), "run", "42")
+        self.assertEqual(second.stderr.readline().decode(),
+                         f"varn-scripts: waiting for process {first.pid}\n")
+        self.let_go(script)
+        self.assertEqual(self.finish(first).status, 0)
+        self.let_go(self.wait_for_script())
+        self.assertEqual(self.finish(second).status, 0)
+
+    def test_whoever_must_not_wait_is_locked_out(self):
+        self.put_waiting("42")
+        first = self.start("run", "42")
+        script = self.wait_for_script()
+        result = self.run_command("--quiet", "run", "42", "--no-wait", "--json")
+        self.assertEqual((result.status, json.loads(result.output)), (3, {
+            "script_id": "42", "status": "not_run", "output": None,
+            "reason": f"Script 42 is in use by process {first.pid}", "reason_code": "locked_out"}))
+        self.let_go(script)
+        self.assertEqual(self.finish(first).status, 0)
+        self.assertEqual(self.journal(), ["begin", "end"])
 
     def test_another_id_does_not_wait(self):
         self.put_waiting("42")
