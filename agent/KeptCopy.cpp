@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstddef>
 #include <mutex>
+#include <new>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -44,8 +46,10 @@ std::string attributeText(const std::string& digest, const std::string& url,
 class FetchedPaths {
  public:
   static FetchedPaths& shared() {
-    // Never destroyed: a download may be under way while static objects go.
-    static FetchedPaths& paths = *new FetchedPaths;
+    // Never destroyed: a download may be under way while static objects go. In room of its own:
+    // whoever asks may have no memory, and must not throw.
+    alignas(FetchedPaths) static std::byte room[sizeof(FetchedPaths)];
+    static FetchedPaths& paths = *::new (room) FetchedPaths;
     return paths;
   }
 
