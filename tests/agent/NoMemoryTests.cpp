@@ -9,6 +9,7 @@
 #include "FileAttributes.h"
 #include "FileDescriptor.h"
 #include "KeptCopy.h"
+#include "support/Files.h"
 #include "support/TemporaryDirectory.h"
 
 namespace {
@@ -30,7 +31,7 @@ namespace {
 constexpr const char* kAttribute = "user.varn.download";
 
 std::string attributeOf(const std::string& path) {
-  return AgentUtils::fileAttribute(AgentUtils::FileDescriptor(open(path.c_str(), O_RDONLY)),
+  return AgentUtils::fileAttribute(posix::FileDescriptor(::open(path.c_str(), O_RDONLY)),
                                    kAttribute, 64);
 }
 
@@ -38,7 +39,7 @@ TEST(NoMemory, KeepsNoFileThatIsDistrusted) {
   const TemporaryDirectory directory;
   const std::string path = directory / "script.sh";
   writeFile(path, "echo changed\n");
-  AgentUtils::setFileAttribute(AgentUtils::FileDescriptor(open(path.c_str(), O_RDWR)), kAttribute,
+  AgentUtils::setFileAttribute(posix::FileDescriptor(::open(path.c_str(), O_RDWR)), kAttribute,
                                "validators");
   if (attributeOf(path) != "validators") {
     GTEST_SKIP() << "the file system here keeps no attributes";
