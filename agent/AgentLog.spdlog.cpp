@@ -132,7 +132,8 @@ class LogFileSink final : public spdlog::sinks::base_sink<std::mutex> {
     std::size_t length = 0;
     // The length of a line that comes in pieces has to be found first.
     if (message.payload.size() >= Pieces::kMost / 8) {
-      writeLine(message, *formatter_, format_, [&](std::string_view piece) { length += piece.size(); });
+      writeLine(message, *formatter_, format_,
+                [&](std::string_view piece) { length += piece.size(); });
     }
     bool broken = false;
     bool begun = false;

@@ -57,10 +57,8 @@ struct Known {
 };
 
 constexpr Known kKnown[] = {
-    {{"md5", true},
-     digestWith<MD5_CTX, MD5_Init, MD5_Update, MD5_Final, MD5_DIGEST_LENGTH>},
-    {{"sha1", true},
-     digestWith<SHA_CTX, SHA1_Init, SHA1_Update, SHA1_Final, SHA_DIGEST_LENGTH>},
+    {{"md5", true}, digestWith<MD5_CTX, MD5_Init, MD5_Update, MD5_Final, MD5_DIGEST_LENGTH>},
+    {{"sha1", true}, digestWith<SHA_CTX, SHA1_Init, SHA1_Update, SHA1_Final, SHA_DIGEST_LENGTH>},
     {{"sha224", false},
      digestWith<SHA256_CTX, SHA224_Init, SHA224_Update, SHA224_Final, SHA224_DIGEST_LENGTH>},
     {{"sha256", false},
@@ -72,9 +70,8 @@ constexpr Known kKnown[] = {
 };
 
 const Known* knownOf(std::string_view name) {
-  const auto* const known = std::ranges::find(kKnown, name, [](const Known& each) {
-    return each.kind.name;
-  });
+  const auto* const known =
+      std::ranges::find(kKnown, name, [](const Known& each) { return each.kind.name; });
   return known == std::end(kKnown) ? nullptr : known;
 }
 

@@ -110,9 +110,9 @@ void prepareDownloads() {
   if (!isPlain && !hasScheme(server, "https")) return;
   startTransfers();
   if (!isPlain || isOnThisComputer(server)) return;
-  AgentLog::logInfo("Plain http:// server: who is on the way to " + hostOf(server) +
-                        " decides what is run here",
-                    kSource, "prepareDownloads()", __LINE__);
+  AgentLog::logInfo(
+      "Plain http:// server: who is on the way to " + hostOf(server) + " decides what is run here",
+      kSource, "prepareDownloads()", __LINE__);
 }
 
 HttpHandlermac HttpHandlermac::initWithServerInfo() { return {}; }

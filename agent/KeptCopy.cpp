@@ -12,8 +12,8 @@
 #include <utility>
 
 #include "DecodeWatch.h"
-#include "FileAttributes.h"
 #include "Digest.h"
+#include "FileAttributes.h"
 
 namespace AgentUtils {
 namespace {

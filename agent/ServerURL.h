@@ -1,5 +1,5 @@
-// URLs: joining a server path to the server's URL, and telling from one what it is and where it leads.
-// Pure functions; any thread.
+// URLs: joining a server path to the server's URL, and telling from one what it is and where it
+// leads. Pure functions; any thread.
 
 #pragma once
 

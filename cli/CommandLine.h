@@ -17,9 +17,9 @@ namespace VarnScripts {
 /// What the command line asks for.
 struct CommandLine {
   const Command* command = nullptr;  ///< never null after parsing
-  std::string configFile;  ///< `--config`; empty when not given
-  SettingTexts flags;      ///< the settings that were given as flags; none is empty
-  std::string scriptID;    ///< of `run` and `plan`; never empty there
+  std::string configFile;            ///< `--config`; empty when not given
+  SettingTexts flags;                ///< the settings that were given as flags; none is empty
+  std::string scriptID;              ///< of `run` and `plan`; never empty there
   /// `--accept-codes`, split at its commas and nothing trimmed; an empty text is an empty list.
   std::optional<std::vector<std::string>> acceptCodes;
   bool json = false;

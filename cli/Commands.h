@@ -1,5 +1,5 @@
-// The commands of the program, a row each: what help says, what is taken, what is needed and what is
-// done.
+// The commands of the program, a row each: what help says, what is taken, what is needed and what
+// is done.
 
 #pragma once
 

@@ -36,13 +36,12 @@ std::optional<SettingsError> complaintAbout(const NamedFile& file,
   return SettingsError{file.name + " is refused: " + verdict.refusal};
 }
 
-// The TLS library would ask a person for the passphrase. A file that can't be read is reported where
-// it is used.
+// The TLS library would ask a person for the passphrase. A file that can't be read is reported
+// where it is used.
 std::optional<SettingsError> complaintAboutKey(const Settings& settings) {
   constexpr std::uint64_t kLargestKey = std::uint64_t{1} << 20;
   const bool isInCertificate = settings.agent.clientKey.empty();
-  const std::string& path =
-      isInCertificate ? settings.agent.clientCert : settings.agent.clientKey;
+  const std::string& path = isInCertificate ? settings.agent.clientCert : settings.agent.clientKey;
   if (path.empty()) return std::nullopt;
   std::error_code ignored;
   const std::string text = readRegularFile(path, LastLink::follow, ignored, kLargestKey).bytes;

@@ -17,12 +17,11 @@ using VarnScriptRepository::RequestStep;
 using VarnScriptRepository::ScriptEnd;
 
 constexpr std::string_view kCodeNames[] = {
-    "list_unavailable",    "list_unreadable",     "not_listed",
-    "document_unlisted",   "document_unavailable", "document_unreadable",
-    "document_incomplete", "script_unavailable",  "checksum_mismatch",
-    "interpreter_unknown", "interpreter_missing", "start_failed",
-    "locked_out",          "unsafe_directory",    "foreign_record",
-    "local_state_failed",  "out_of_memory",
+    "list_unavailable",     "list_unreadable",     "not_listed",          "document_unlisted",
+    "document_unavailable", "document_unreadable", "document_incomplete", "script_unavailable",
+    "checksum_mismatch",    "interpreter_unknown", "interpreter_missing", "start_failed",
+    "locked_out",           "unsafe_directory",    "foreign_record",      "local_state_failed",
+    "out_of_memory",
 };
 
 // `subject` is what the step names, `url` its URL on the server, `cause` a colon and why.
@@ -38,7 +37,8 @@ constexpr StepRow kSteps[] = {
     {RequestStep::listRead, ReasonCode::listUnreadable,
      "The list of customer {customer}, {subject}, can't be read{cause}"},
     {RequestStep::listDecode, ReasonCode::listUnreadable,
-     "The list of customer {customer} is no list of scripts; it is damaged, or something else came in "
+     "The list of customer {customer} is no list of scripts; it is damaged, or something else came "
+     "in "
      "its place"},
     {RequestStep::listLookUp, ReasonCode::notListed,
      "The server's list of customer {customer} has no script {id}"},
@@ -49,7 +49,8 @@ constexpr StepRow kSteps[] = {
     {RequestStep::documentRead, ReasonCode::documentUnreadable,
      "The data document of script {id}, {subject}, can't be read{cause}"},
     {RequestStep::documentDecode, ReasonCode::documentUnreadable,
-     "The data document of script {id} is no such document; it is damaged, or something else came in "
+     "The data document of script {id} is no such document; it is damaged, or something else came "
+     "in "
      "its place"},
     {RequestStep::fileLookUp, ReasonCode::documentIncomplete,
      "The data document of script {id} has no file {subject}"},

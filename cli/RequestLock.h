@@ -36,7 +36,8 @@ struct LockWait {
   /// Whether there is one at all; otherwise a lock that another process holds is the error
   /// `std::errc::resource_unavailable_try_again`.
   bool mayWait = true;
-  /// Called when a wait has lasted for a second, with the process that holds the lock; may be empty.
+  /// Called when a wait has lasted for a second, with the process that holds the lock; may be
+  /// empty.
   std::function<void(int processID)> reported;
 };
 

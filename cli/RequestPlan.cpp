@@ -81,8 +81,8 @@ class PlanMaker {
     if (!HttpHandlermac::initWithServerInfo().downloadFileWithRootPermission(path, copy)) {
       return stop(RequestStep::listDownload, path);
     }
-    auto root = decodedFile<ScriptsRepoMetaRoot>(copy, RequestStep::listRead,
-                                                 RequestStep::listDecode);
+    auto root =
+        decodedFile<ScriptsRepoMetaRoot>(copy, RequestStep::listRead, RequestStep::listDecode);
     if (!root) return false;
     if (root->scriptsMeta.empty()) return stop(RequestStep::listDecode, copy);
     auto& metadata = ScriptRepositoryMetaProcessor::shared();

@@ -134,10 +134,10 @@ Outcome request(const CommandLine& line, const Settings& settings, const RunWatc
   files.begin(error);
   if (error) {
     // The document may belong to another version than the one that is recorded.
-    return notRun(ReasonCode::localStateFailed,
-                  "Data document of script " + line.scriptID +
-                      ", whose version is not recorded, or " + files.mark().path() +
-                      " can't be removed: " + error.message());
+    return notRun(ReasonCode::localStateFailed, "Data document of script " + line.scriptID +
+                                                    ", whose version is not recorded, or " +
+                                                    files.mark().path() +
+                                                    " can't be removed: " + error.message());
   }
   ScriptRepositoryProcessor processor(line.scriptID);
   if (line.acceptCodes) processor.overrideExpectedReturnCode = line.acceptCodes;

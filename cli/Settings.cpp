@@ -114,8 +114,8 @@ std::optional<std::string> complaintAboutServer(const std::string& url) {
   return std::nullopt;
 }
 
-// What is wrong with a path, or nothing: what a shell would have replaced would become a directory of
-// that name.
+// What is wrong with a path, or nothing: what a shell would have replaced would become a directory
+// of that name.
 std::optional<std::string> complaintAboutPath(const std::string& path) {
   if (path.front() == '~') return "begins with ~, which only a shell replaces: give the whole path";
   for (std::size_t at = path.find('$'); at != path.npos; at = path.find('$', at + 1)) {

@@ -21,8 +21,8 @@ struct InMemoryAgent {
   std::string dataDirectory;     ///< where documents lie
   std::string scriptsDirectory;  ///< where scripts lie
 
-  /// What the next downloads deliver, in order and whatever is asked for; an absent one, and one past
-  /// the end, fails.
+  /// What the next downloads deliver, in order and whatever is asked for; an absent one, and one
+  /// past the end, fails.
   std::deque<std::optional<std::string>> replies;
   doubles::Downloads& downloads = doubles::Downloads::shared();
   doubles::Store& store = doubles::Store::shared();

@@ -16,9 +16,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   FUZZ_REQUIRE(roots->size() == 1);
   FUZZ_REQUIRE(roots->front().scriptsMeta.size() <= 1);
   if (roots->front().scriptsMeta.empty()) return 0;  // another top element; nothing to write
-  const auto again =
-      MarkupParser::XML::parse(VarnScripts::publishing::xmlDocument(roots->front()), std::nullopt, false)
-          .toStruct<ScriptsRepoMetaRoot>();
+  const auto again = MarkupParser::XML::parse(VarnScripts::publishing::xmlDocument(roots->front()),
+                                              std::nullopt, false)
+                         .toStruct<ScriptsRepoMetaRoot>();
   FUZZ_REQUIRE(again.has_value());
   FUZZ_REQUIRE(again->front() == roots->front());
   return 0;

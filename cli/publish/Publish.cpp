@@ -39,7 +39,9 @@ struct PublishedState {
 class Publisher {
  public:
   Publisher(const PublishOptions& options, const Settings& settings)
-      : options_(options), customer_(settings.agent.customerID), largestScript_(settings.agent.maxDownload) {}
+      : options_(options),
+        customer_(settings.agent.customerID),
+        largestScript_(settings.agent.maxDownload) {}
 
   int publish() {
     if (const auto complaint = complaintAboutCustomer(customer_)) {

@@ -28,9 +28,10 @@ struct PublishOptions {
   std::optional<std::string> digest;  ///< wins over the manifest's
 };
 
-/// Publishes what `line.publish` asks for, for `settings.agent.customerID`. Findings go to standard error, the outcome to standard
-/// output. The exit status: 0 published, or nothing to change; 2 refused, and the output is as it
-/// was; 3 the output could not be written, and then the list is the old one or the new one.
+/// Publishes what `line.publish` asks for, for `settings.agent.customerID`. Findings go to standard
+/// error, the outcome to standard output. The exit status: 0 published, or nothing to change; 2
+/// refused, and the output is as it was; 3 the output could not be written, and then the list is
+/// the old one or the new one.
 [[nodiscard]] int publish(const CommandLine& line, const Settings& settings);
 
 }  // namespace VarnScripts

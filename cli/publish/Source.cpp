@@ -110,7 +110,8 @@ class SourceReader {
     const auto* const earlier = ids_.earlier(foldedName(id.value), id);
     if (earlier == nullptr) return;
     const std::string line = "line " + std::to_string(earlier->line);
-    if (VarnScriptRepository::text::equalityKey(earlier->value) == VarnScriptRepository::text::equalityKey(id.value)) {
+    if (VarnScriptRepository::text::equalityKey(earlier->value) ==
+        VarnScriptRepository::text::equalityKey(id.value)) {
       findings_.refuse({manifestPath_, id.line},
                        "the ID " + quoted(id.value) + " is already that of the script in " + line,
                        "give each script an ID of its own");
@@ -127,7 +128,8 @@ class SourceReader {
     const auto* const earlier = files_.earlier(foldedName(file.value), file);
     if (earlier == nullptr) return;
     const std::string line = "line " + std::to_string(earlier->line);
-    if (VarnScriptRepository::text::equalityKey(earlier->value) == VarnScriptRepository::text::equalityKey(file.value)) {
+    if (VarnScriptRepository::text::equalityKey(earlier->value) ==
+        VarnScriptRepository::text::equalityKey(file.value)) {
       findings_.refuse({manifestPath_, file.line},
                        "the file " + quoted(file.value) + " is already that of the script in " +
                            line + ", and clients keep all scripts in one directory",

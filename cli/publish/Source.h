@@ -34,9 +34,9 @@ struct Source {
 
 /// What a source is read with.
 struct SourceOptions {
-  std::string directory;                                 ///< as it was given; messages show it
-  std::optional<std::string> digest;                     ///< wins over the manifest's
-  bool allowRemoval = false;                             ///< take a manifest without a script
+  std::string directory;              ///< as it was given; messages show it
+  std::optional<std::string> digest;  ///< wins over the manifest's
+  bool allowRemoval = false;          ///< take a manifest without a script
   std::uint64_t largestScript = Settings().agent.maxDownload;  ///< in bytes
 };
 

@@ -1,5 +1,5 @@
-// Records as XML documents, led by the same schema by which clients decode them. Pure functions; any
-// thread.
+// Records as XML documents, led by the same schema by which clients decode them. Pure functions;
+// any thread.
 
 #pragma once
 

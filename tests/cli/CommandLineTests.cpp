@@ -190,9 +190,10 @@ TEST(ParseCommandLine, AnUnknownOrMissingCommandIsNamed) {
   EXPECT_EQ(firstLine({"--quiet", "rnu", "42"}),
             "varn-scripts: there is no command rnu; the commands are run, plan, prune, list and "
             "publish; did you mean run?");
-  EXPECT_EQ(firstLine({"run", "42", "--accept-code", "0"}),
-            "varn-scripts: The following arguments were not expected: 0 --accept-code; did you mean "
-            "--accept-codes?");
+  EXPECT_EQ(
+      firstLine({"run", "42", "--accept-code", "0"}),
+      "varn-scripts: The following arguments were not expected: 0 --accept-code; did you mean "
+      "--accept-codes?");
   EXPECT_EQ(firstLine({"list", "--customr=7"}),
             "varn-scripts: The following argument was not expected: --customr=7; did you mean "
             "--customer?");

@@ -1,13 +1,12 @@
 // The object that says what became of a request.
 
-#include "Outcome.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
 #include <string_view>
 
 #include "ExitStatus.h"
+#include "Outcome.h"
 
 namespace VarnScripts {
 namespace {
@@ -66,8 +65,9 @@ TEST(Outcome, TellsWhatIsMissingInTheOutput) {
   const std::string json = jsonOf(outcome, settings);
   EXPECT_NE(json.find("\"output\":\"12\""), json.npos) << json;
   EXPECT_NE(json.find("\"timed_out\":true"), json.npos) << json;
-  EXPECT_TRUE(json.ends_with(",\"output_bytes\":5,\"dropped_bytes\":7,\"lost_bytes\":8,"
-                             "\"left_out_bytes\":3}\n"))
+  EXPECT_TRUE(
+      json.ends_with(",\"output_bytes\":5,\"dropped_bytes\":7,\"lost_bytes\":8,"
+                     "\"left_out_bytes\":3}\n"))
       << json;
 }
 

@@ -1,12 +1,12 @@
 // Which sentence and which code a request gets that ran nothing.
 
-#include "Reason.h"
-
 #include <gtest/gtest.h>
 
 #include <set>
 #include <string>
 #include <string_view>
+
+#include "Reason.h"
 
 namespace VarnScripts {
 namespace {
@@ -45,7 +45,8 @@ constexpr StepCase kCases[] = {
     {RequestStep::listRead, "/base/list.xml", "Permission denied", "list_unreadable",
      "The list of customer acme, /base/list.xml, can't be read: Permission denied"},
     {RequestStep::listDecode, "/base/list.xml", "", "list_unreadable",
-     "The list of customer acme is no list of scripts; it is damaged, or something else came in its "
+     "The list of customer acme is no list of scripts; it is damaged, or something else came in "
+     "its "
      "place"},
     {RequestStep::listLookUp, "42", "", "not_listed",
      "The server's list of customer acme has no script 42"},

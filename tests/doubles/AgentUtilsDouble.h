@@ -33,7 +33,8 @@ struct Downloads {
   std::map<std::string, std::deque<std::optional<std::string>>> replies;
   /// Called within each download, before it is answered, with what it asks for.
   std::function<void(const std::string& fromURL)> meanwhile;
-  /// Whether a download may write to a path, for those whose paths are not their own; empty: to any.
+  /// Whether a download may write to a path, for those whose paths are not their own; empty: to
+  /// any.
   std::function<bool(const std::string& toPath)> mayWrite;
   /// What a download that fails leaves at its target.
   std::optional<std::string> leftBehind;

@@ -117,8 +117,7 @@ std::string encoded(const RecordSchema& schema, const void* record) {
     }
     for (std::size_t index = 0; index < field.count(record); ++index) {
       separate();
-      written +=
-          key + "(" + encoded(field.elementSchema(), field.element(record, index)) + ")";
+      written += key + "(" + encoded(field.elementSchema(), field.element(record, index)) + ")";
     }
   }
   return written;

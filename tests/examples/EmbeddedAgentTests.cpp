@@ -54,7 +54,8 @@ TEST(EmbeddedAgent, RunsRequestsForDifferentIDsOnSeveralThreads) {
     ScriptRepositoryMeta& entry = list.scriptsMeta[0].scriptRepo.emplace_back();
     entry.scriptID = id;
     entry.scriptPathMapping = {{"client-data/acme/scriptrepo/" + id + ".xml"}};
-    write(documents / (id + ".xml"), VarnScripts::publishing::xmlDocument(ScriptRoot{{itemOf(id)}}));
+    write(documents / (id + ".xml"),
+          VarnScripts::publishing::xmlDocument(ScriptRoot{{itemOf(id)}}));
     write(directory / "server" / (id + ".sh"), "echo ran\n");
   }
   write(documents / "scripts-meta.xml", VarnScripts::publishing::xmlDocument(list));

@@ -7,6 +7,7 @@
 namespace VarnScripts::publishing {
 namespace {
 
+using AgentUtils::digestKind;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

@@ -83,8 +83,8 @@ TEST(XMLDocument, GivesAnAbsentFieldBackAsANewRecordHasIt) {
       return VarnScriptRepository::recordSchema<Document>();
     }
   };
-  const auto decoded = XML::parse(xmlDocument(Document{{{std::nullopt}}}), std::nullopt, false)
-                           .toStruct<Document>();
+  const auto decoded =
+      XML::parse(xmlDocument(Document{{{std::nullopt}}}), std::nullopt, false).toStruct<Document>();
   ASSERT_TRUE(decoded.has_value());
   EXPECT_EQ(decoded->front().records.front().text, "default");
 }

@@ -286,9 +286,8 @@ RC_GTEST_PROP(RecordProperty, AMetadataDocumentDecodesToWhatWasEncoded, ()) {
       entry.scriptPathMapping->push_back({*leaf()});
     }
   }
-  const auto decoded =
-      MarkupParser::XML::parse(doubles::document(root), std::nullopt, false)
-          .toStruct<ScriptsRepoMetaRoot>();
+  const auto decoded = MarkupParser::XML::parse(doubles::document(root), std::nullopt, false)
+                           .toStruct<ScriptsRepoMetaRoot>();
   RC_ASSERT(decoded && decoded->size() == 1 && decoded->front() == root);
 }
 

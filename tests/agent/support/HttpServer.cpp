@@ -78,7 +78,8 @@ HttpServer::Answer HttpServer::answerTo(const std::string& head) {
 
 bool HttpServer::sendAll(int connection, const std::string& bytes) {
   for (std::size_t sent = 0; sent < bytes.size();) {
-    const ssize_t count = ::send(connection, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    const ssize_t count =
+        ::send(connection, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
     if (count <= 0) return false;
     sent += static_cast<std::size_t>(count);
   }
