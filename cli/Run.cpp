@@ -52,8 +52,8 @@ class RunWatch final : VarnScriptRepository::ScriptRunObserver {
   }
   ~RunWatch() override { VarnScriptRepository::setScriptRunObserver(nullptr); }
 
-  // The script that ran, when one did.
-  [[nodiscard]] const std::optional<ScriptRun>& run() const { return run_; }
+  // The script that ran, when one did. Moved out: a copy could fail, after a script has run.
+  [[nodiscard]] std::optional<ScriptRun> takeRun() noexcept { return std::move(run_); }
 
  private:
   void stepFailed(const VarnScriptRepository::FailedStep& step) override {
@@ -110,7 +110,7 @@ Outcome notRun(ReasonCode code, std::string sentence) {
   return {{}, Reason{code, std::move(sentence)}, std::nullopt};
 }
 
-Outcome request(const CommandLine& line, const Settings& settings, const RunWatch& watch,
+Outcome request(const CommandLine& line, const Settings& settings, RunWatch& watch,
                 const ReasonFinder& reason, RequestLock& lock, RequestFiles& files,
                 PathGuard& guard) {
   std::vector<UsedPath> paths = pathsOfRequests();
@@ -152,7 +152,7 @@ Outcome request(const CommandLine& line, const Settings& settings, const RunWatc
   } catch (const std::exception&) {
     // Without memory for it they are left to the next request, and what has run has run.
   }
-  return {std::move(result), std::nullopt, watch.run()};
+  return {std::move(result), std::nullopt, watch.takeRun()};
 }
 
 }  // namespace
@@ -165,7 +165,7 @@ int run(const CommandLine& line, const Settings& settings) {
                       writeRemark("waiting for " + processText(processID), settings);
                     }});
   Progress progress(Progress::isPossible() && !settings.log.quiet);
-  const RunWatch watch(line.scriptID, signals, progress, reason);
+  RunWatch watch(line.scriptID, signals, progress, reason);
   ModuleObservers observers;
   observers.onRecord = [&progress](const AgentLog::Record&) { progress.makeWay(); };
   observers.onFailure = [&reason](const std::string& subject, const std::string& cause) {

@@ -209,7 +209,7 @@ class ResultTest(CommandCase):
                                         "started", "duration_ms", "version", "path", "output_bytes",
                                         "dropped_bytes"])
         self.assertEqual((answer["version"], answer["path"], answer["output_bytes"],
-                          answer["dropped_bytes"]), ("5", self.script_file("job.sh"), 31, 0))
+                          answer["dropped_bytes"]), ("5", self.script_file("job.sh"), 32, 0))
         started = datetime.datetime.strptime(answer["started"], "%Y-%m-%dT%H:%M:%S.%f%z")
         self.assertTrue(before <= started <= after, (before, started, after))
         self.assertTrue(0 <= answer["duration_ms"] <= (after - before).total_seconds() * 1000)
@@ -241,10 +241,8 @@ class ResultTest(CommandCase):
 
     def test_a_script_that_was_not_run(self):
         self.assertEqual(self.result_of(), (
-            3, '{"script_id":"42","status":"not_run","output":null,"reason":"The list of customer '
-               f'{CUSTOMER} can\'t be fetched from {self.server}{LIST_PATH}: '
-               f'{self.repository.root}{LIST_PATH}: No such file or directory",'
-               '"reason_code":"list_unavailable"}\n'))
+            3, '{"script_id":"42","status":"not_run","output":null,"reason":"The server\'s list of '
+               f'customer {CUSTOMER} has no script 42","reason_code":"not_listed"}}\n'))
 
     def test_the_servers_codes_decide(self):
         self.put(text="exit 3\n", codes="0,3")

@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-#include "AgentUtils.h"
+#include "AgentSettings.h"
 #include "support/TemporaryDirectory.h"
 
 namespace {
@@ -23,15 +23,20 @@ void* load(const char* image = VARN_LIBRARY) { return ::dlopen(image, RTLD_NOW |
 
 class Loading : public testing::Test {
  protected:
-  Loading() { globals = {directory + "/agent", "7", directory + "/data"}; }
-
-  /// Points the loaded library's own settings object to `globals`.
+  /// Gives the loaded library's own utilities module its settings, as a host that links nothing.
   void giveSettings(void* library) {
-    auto* const settings = static_cast<const AgentUtils::GlobalVariables**>(
-        ::dlsym(library, "_ZN10AgentUtils11gv_globvarsE"));
+    const auto settings = reinterpret_cast<decltype(&AgentUtils::settings)>(
+        ::dlsym(library, "_ZN10AgentUtils8settingsEv"));
+    const auto configure = reinterpret_cast<decltype(&AgentUtils::configure)>(
+        ::dlsym(library, "_ZN10AgentUtils9configureENS_13AgentSettingsE"));
     ASSERT_NE(settings, nullptr);
-    EXPECT_EQ(*settings, nullptr);
-    *settings = &globals;
+    ASSERT_NE(configure, nullptr);
+    EXPECT_EQ(settings().basePath, "");
+    AgentUtils::AgentSettings given;
+    given.basePath = directory + "/agent";
+    given.dataPath = directory + "/data";
+    given.customerID = "7";
+    configure(given);
   }
 
   /// Calls the class method by name, as the runtime's messaging does, and gives what was written to
@@ -48,7 +53,6 @@ class Loading : public testing::Test {
 
   const TemporaryDirectory temporary;
   const std::string& directory = temporary.path();
-  AgentUtils::GlobalVariables globals;
 };
 
 TEST_F(Loading, IsWhatMakesTheClassKnown) {
