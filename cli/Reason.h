@@ -57,7 +57,7 @@ class ReasonFinder : public VarnScriptRepository::ScriptRunObserver {
   void scriptEnded(const VarnScriptRepository::ScriptEnd& end) override;
   void interpreterMissing(const std::string& launchPath);
 
-  /// Why nothing was run. When nothing was told, there was no memory to tell it.
+  /// Why nothing was run. When nothing was reported, there was no memory for it.
   [[nodiscard]] const Reason& reason() const { return reason_; }
 
  private:

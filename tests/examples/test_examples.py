@@ -285,18 +285,18 @@ class Demo(DirectoryCase):
     def demo(self, command, directory):
         return execute([EXAMPLES / "demo", command, directory])
 
-    def test_the_demonstration_goes_as_told_also_a_second_time(self):
+    def test_the_demonstration_goes_as_described_also_a_second_time(self):
         for _ in range(2):
             result = self.demo(tested_command(), self.directory / "demo")
             self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
-            self.assertIn("\nAll 10 steps went as told. ", result.stdout)
+            self.assertIn("\nAll 10 steps went as described. ", result.stdout)
 
     def test_the_demonstration_fails_with_a_command_that_does_nothing(self):
         program = self.file("nothing", "#!/bin/sh\nexit 0\n")
         program.chmod(0o755)
         result = self.demo(program, self.directory / "demo")
         self.assertEqual(result.returncode, 1)
-        self.assertIn("demo: not as told: ", result.stderr)
+        self.assertIn("demo: not as described: ", result.stderr)
 
     def test_the_demonstration_leaves_a_directory_of_somebody_else_alone(self):
         precious = self.file("home/precious", "mine")
