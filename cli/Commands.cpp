@@ -38,12 +38,12 @@ std::vector<std::string> splitCodes(const std::string& list) {
 
 // Takes "7d" for 604800 seconds.
 CLI::Validator durationInSeconds() {
-  constexpr std::uint64_t kMost = 100 * 366 * 86400ULL;
+  constexpr std::uint64_t kMost = std::uint64_t{100} * 366 * 86400;
   const std::map<std::string, std::uint64_t> units = {
       {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
   return CLI::Validator(
       [units](std::string& text) -> std::string {
-        const std::string what = "must be a time such as 7d, 12h, 30m or 45s: " + text;
+        std::string what = "must be a time such as 7d, 12h, 30m or 45s: " + text;
         std::uint64_t number = 0;
         const char* const end = text.data() + text.size();
         const auto [rest, failure] = std::from_chars(text.data(), end, number);

@@ -17,7 +17,6 @@
 namespace VarnScripts {
 
 using VarnScriptRepository::ScriptRepositoryConstants;
-using VarnScriptRepository::ScriptRepositoryProcessor;
 
 std::vector<UsedPath> pathsOfStore() {
   const std::string& store = ScriptRepositoryConstants::FilePath::scriptRepository();

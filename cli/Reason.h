@@ -52,7 +52,7 @@ class ReasonFinder : public VarnScriptRepository::ScriptRunObserver {
   /// request is about that comes next.
   void moduleFailed(const std::string& subject, const std::string& cause);
 
-  void stepFailed(const VarnScriptRepository::FailedStep& step) override;
+  void stepFailed(const VarnScriptRepository::FailedStep& failed) override;
   void scriptStarts(const VarnScriptRepository::ScriptStart& start) override;
   void scriptEnded(const VarnScriptRepository::ScriptEnd& end) override;
   void interpreterMissing(const std::string& launchPath);

@@ -17,8 +17,6 @@
 namespace VarnScripts {
 namespace {
 
-using VarnScriptRepository::ScriptRepositoryProcessor;
-
 const std::string& scriptsDirectory() { return VarnScriptRepository::scriptRepoScriptsDirectory(); }
 
 // The directory with its links resolved and a slash; empty when there is none.

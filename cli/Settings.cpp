@@ -80,7 +80,7 @@ std::string below(const std::string& directory, const std::string& name) {
 // The data path when none is given; empty when it depends on a customer and there is none.
 std::string defaultDataPath(const SettingSources& sources, const Settings& settings) {
   // Older installations have one record for the base path, and go on with it.
-  const std::string shared = below(settings.agent.basePath, "data");
+  std::string shared = below(settings.agent.basePath, "data");
   const bool isOlder =
       sources.exists && sources.exists(shared + "/Configuration-Framework/ScriptRepository");
   if (isOlder) return shared;

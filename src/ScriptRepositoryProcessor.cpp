@@ -48,9 +48,9 @@ void createWhenMissing(const std::string& directory) {
 
 }  // namespace
 
-ScriptRequest::ScriptRequest(const std::string& id,
+ScriptRequest::ScriptRequest(std::string id,
                              const std::optional<std::vector<std::string>>* overrideList)
-    : scriptID(id),
+    : scriptID(std::move(id)),
       overrideExpectedReturnCode(overrideList),
       scriptDataFilePath(dataDocumentPath(scriptID)) {
   createWhenMissing(scriptRepoDataDirectory());

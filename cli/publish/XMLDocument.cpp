@@ -20,11 +20,11 @@ std::size_t sequenceLength(std::string_view text) {
   const auto lead = static_cast<unsigned char>(text.front());
   const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
   if (lead < 0xC2 || lead > 0xF4 || text.size() < length) throwNotXML();
-  char32_t point = lead & (0x7Fu >> length);
+  char32_t point = lead & (0x7FU >> length);
   for (const char c : text.substr(1, length - 1)) {
     const auto byte = static_cast<unsigned char>(c);
-    if ((byte & 0xC0u) != 0x80u) throwNotXML();
-    point = (point << 6) | (byte & 0x3Fu);
+    if ((byte & 0xC0U) != 0x80U) throwNotXML();
+    point = (point << 6) | (byte & 0x3FU);
   }
   const bool isOverlong = (length == 3 && point < 0x800) || (length == 4 && point < 0x10000);
   const bool isSurrogate = point >= 0xD800 && point <= 0xDFFF;

@@ -139,7 +139,7 @@ Pipe makePipe(std::error_code& error) {
 
 std::size_t pipeCapacity(int /*fd*/) noexcept {
   // The most that a pipe grows to here; the system does not tell its present size.
-  return 64 * 1024;
+  return std::size_t{64} * 1024;
 }
 
 void enlargePipe(int /*fd*/) noexcept {

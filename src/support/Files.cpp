@@ -44,7 +44,7 @@ std::string readFrom(int fd, std::size_t size, std::error_code& error) {
   std::string bytes;
   bytes.reserve(size);
   platform::useLargePages(bytes.data(), bytes.capacity());
-  std::array<char, 16 * 1024> piece;
+  std::array<char, std::size_t{16} * 1024> piece;
   while (true) {
     const ssize_t got = retryOnInterrupt([&] { return ::read(fd, piece.data(), piece.size()); });
     if (got < 0) error = lastError();
