@@ -11,6 +11,7 @@
 
 #include "AgentDirectories.h"
 #include "NamedFiles.h"
+#include "SecretFiles.h"
 
 // The system's, which no header declares everywhere.
 extern "C" char** environ;
@@ -61,6 +62,8 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
   log.observer = std::move(observers.onRecord);
   std::vector<std::string> writableByGroup;
   if (auto complaint = complaintAboutNamedFiles(settings, writableByGroup)) return complaint;
+  AgentUtils::AgentSettings agent = settings.agent;
+  if (auto error = takeSecretFiles(settings, agent)) return error;
   try {
     AgentLog::configure(std::move(log));
   } catch (const std::exception& error) {
@@ -69,7 +72,7 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
   }
   for (const std::string& path : writableByGroup) AgentUtils::reportOpenDirectory(path);
 
-  AgentUtils::AgentSettings agent = settings.agent;
+  agent.userAgent = "varn-scripts/" VARN_VERSION;
   agent.onDownloadProgress = std::move(observers.onDownloadProgress);
   agent.beforeFileUse = std::move(observers.beforeFileUse);
   agent.afterChecksumTest = std::move(observers.afterChecksumTest);

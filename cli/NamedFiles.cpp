@@ -69,7 +69,9 @@ std::optional<SettingsError> complaintAboutNamedFiles(const Settings& settings,
         fileOf("log_file", settings.log.file, PathEnd::ownFile),
         fileOf("ca_file", settings.agent.caFile, PathEnd::givenFile),
         fileOf("client_cert", settings.agent.clientCert, PathEnd::givenFile),
-        fileOf("client_key", settings.agent.clientKey, PathEnd::givenFile)}) {
+        fileOf("client_key", settings.agent.clientKey, PathEnd::givenFile),
+        fileOf("header_file", settings.headerFile, PathEnd::givenFile),
+        fileOf("netrc_file", settings.agent.netrcFile, PathEnd::givenFile)}) {
     if (auto complaint = complaintAbout(file, writableByGroup)) return complaint;
   }
   return complaintAboutKey(settings);

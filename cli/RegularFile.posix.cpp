@@ -18,6 +18,29 @@ using posix::retryOnInterrupt;
 
 constexpr mode_t kPermissionBits = 07777;
 
+void readInto(std::string& bytes, const FileDescriptor& file, std::error_code& error,
+              std::uint64_t mostBytes) {
+  error.clear();
+  std::array<char, 65536> part{};
+  while (true) {
+    const ssize_t count =
+        retryOnInterrupt([&] { return ::read(file.get(), part.data(), part.size()); });
+    if (count == 0) return;
+    if (count > 0) {
+      bytes.append(part.data(), static_cast<std::size_t>(count));
+      if (bytes.size() > mostBytes) error = std::make_error_code(std::errc::file_too_large);
+    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      // Somebody has left it non-blocking.
+      pollfd readable{file.get(), POLLIN, 0};
+      if (retryOnInterrupt([&] { return ::poll(&readable, 1, -1); }) < 0)
+        error = posix::lastError();
+    } else {
+      error = posix::lastError();
+    }
+    if (error) return;
+  }
+}
+
 }  // namespace
 
 RegularFile readRegularFile(const std::string& path, LastLink link, std::error_code& error,
@@ -33,26 +56,23 @@ RegularFile readRegularFile(const std::string& path, LastLink link, std::error_c
   struct stat status {};
   if (!file || ::fstat(file.get(), &status) != 0) return fail(errno);
   if (!S_ISREG(status.st_mode)) return fail(EINVAL);
-  const auto isTooMuch = [mostBytes](auto size) {
-    return static_cast<std::uint64_t>(size) > mostBytes;
-  };
-  if (isTooMuch(status.st_size)) return fail(EFBIG);
+  if (static_cast<std::uint64_t>(status.st_size) > mostBytes) return fail(EFBIG);
   const auto size = static_cast<std::size_t>(status.st_size);
   if (!VarnScriptRepository::platform::canHold(size)) return fail(ENOMEM);
 
   RegularFile result;
   result.permissions = status.st_mode & kPermissionBits;
+  result.owner = status.st_uid;
   result.bytes.reserve(size);
-  std::array<char, 65536> part{};
-  while (true) {
-    const ssize_t count =
-        retryOnInterrupt([&] { return ::read(file.get(), part.data(), part.size()); });
-    if (count < 0) return fail(errno);
-    if (count == 0) return result;
-    result.bytes.append(part.data(), static_cast<std::size_t>(count));
-    // It grows.
-    if (isTooMuch(result.bytes.size())) return fail(EFBIG);
-  }
+  // It may have grown.
+  readInto(result.bytes, file, error, mostBytes);
+  return error ? RegularFile{} : result;
+}
+
+std::string readToEnd(const FileDescriptor& file, std::error_code& error, std::uint64_t mostBytes) {
+  std::string bytes;
+  readInto(bytes, file, error, mostBytes);
+  return error ? std::string() : bytes;
 }
 
 std::string whyNotRead(const std::error_code& error) {

@@ -49,7 +49,7 @@ std::optional<GivenText> given(const SettingSources& sources, const std::string&
     if (text && !text->empty()) return GivenText{std::move(*text), variableOf(key)};
   }
   if (auto text = textIn(sources.file, key)) {
-    return GivenText{std::move(*text), "settings file " + sources.filePath};
+    return GivenText{std::move(*text), nameOfSettingsFile(sources.filePath)};
   }
   return std::nullopt;
 }
@@ -143,11 +143,11 @@ std::optional<bool> toggleFrom(const std::string& text) {
   return std::nullopt;
 }
 
-std::optional<std::uint64_t> bytesFrom(const std::string& text) {
+std::optional<std::uint64_t> numberFrom(const std::string& text) {
   std::uint64_t value = 0;
   const char* const end = text.data() + text.size();
   const auto [stop, error] = std::from_chars(text.data(), end, value);
-  if (error != std::errc{} || stop != end || value == 0) return std::nullopt;
+  if (error != std::errc{} || stop != end) return std::nullopt;
   return value;
 }
 
@@ -166,13 +166,22 @@ class Taking {
   }
 
   Complaint operator()(std::uint64_t* to) const {
-    const auto bytes = bytesFrom(text_);
-    if (!bytes) return "must be a number of bytes above zero, not \"" + text_ + "\"";
+    const auto bytes = numberFrom(text_);
+    if (!bytes || *bytes == 0) return "must be a number of bytes above zero, not \"" + text_ + "\"";
     *to = *bytes;
     return std::nullopt;
   }
 
   Complaint operator()(std::optional<std::uint64_t>* to) const { return (*this)(&to->emplace()); }
+
+  Complaint operator()(std::uint32_t* to) const {
+    const auto times = numberFrom(text_);
+    if (!times || *times > kMostTimes) {
+      return "must be a number from 0 to " + std::to_string(kMostTimes) + ", not \"" + text_ + "\"";
+    }
+    *to = static_cast<std::uint32_t>(*times);
+    return std::nullopt;
+  }
 
   Complaint operator()(bool* to) const {
     const auto toggle = toggleFrom(text_);
@@ -189,6 +198,8 @@ class Taking {
   }
 
  private:
+  static constexpr std::uint32_t kMostTimes = 10;
+
   const std::string& text_;
   const SettingDefinition& definition_;
   const std::string& currentDirectory_;
@@ -245,6 +256,12 @@ constexpr SettingDefinition kSettings[] = {
      [](Settings& s) -> SettingMember { return &s.agent.clientKey; }, complaintAboutPath},
     {"proxy", "URL", "Proxy (default: the environment's)",
      [](Settings& s) -> SettingMember { return &s.agent.proxy; }},
+    {"header_file", "FILE", "More headers for the server, a line \"Name: value\" for each",
+     [](Settings& s) -> SettingMember { return &s.headerFile; }, complaintAboutPath},
+    {"netrc_file", "FILE", "Login for the server, in the netrc format (default: none)",
+     [](Settings& s) -> SettingMember { return &s.agent.netrcFile; }, complaintAboutPath},
+    {"retry", "N", "How often a download that failed is tried again (default: 2)",
+     [](Settings& s) -> SettingMember { return &s.agent.retries; }},
     {"max_download", "BYTES",
      "Most bytes that one download may receive or write (default: 1073741824)",
      [](Settings& s) -> SettingMember { return &s.agent.maxDownload; }},
@@ -275,6 +292,10 @@ SettingDefinition::Kind SettingDefinition::kind() const {
 std::string flagOf(std::string_view key) { return "--" + inAscii(key, '_', '-'); }
 
 std::string variableOf(std::string_view key) { return "VARN_" + upperCase(std::string(key)); }
+
+std::string nameOfSettingsFile(std::string_view path) {
+  return path == kStandardInput ? "standard input" : "settings file " + std::string(path);
+}
 
 std::string ownDataPath(const std::string& basePath, const std::string& customer) {
   return below(below(basePath, "data"), customer);

@@ -10,13 +10,15 @@ _varn_scripts() {
   fi
 
   local settings="--config --base-path --data-path --customer --server --ca-file --client-cert
-    --client-key --proxy --max-download --max-output --log-format --log-file --quiet --help"
+    --client-key --proxy --header-file --netrc-file --retry --max-download --max-output --log-format
+    --log-file --quiet --help"
   local with_value=" --config --base-path --data-path --customer --server --ca-file --client-cert
-    --client-key --proxy --max-download --max-output --log-format --log-file --accept-codes --keep-for --digest "
+    --client-key --proxy --header-file --netrc-file --retry --max-download --max-output --log-format
+    --log-file --accept-codes --keep-for --digest "
 
   compopt +o default 2>/dev/null
   case $previous in
-    --config | --ca-file | --client-cert | --client-key | --log-file)
+    --config | --ca-file | --client-cert | --client-key | --header-file | --netrc-file | --log-file)
       compopt -o filenames 2>/dev/null
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
       return
@@ -39,7 +41,7 @@ _varn_scripts() {
       compopt -o nospace 2>/dev/null
       return
       ;;
-    --customer | --proxy | --max-download | --max-output | --accept-codes | --keep-for)
+    --customer | --proxy | --retry | --max-download | --max-output | --accept-codes | --keep-for)
       COMPREPLY=()
       return
       ;;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "AgentUtils.h"
 #include "VarnExport.h"
@@ -23,6 +24,24 @@ struct AgentSettings {
   std::string clientCert;  ///< PEM file
   std::string clientKey;   ///< PEM file
   std::string proxy;       ///< proxy URL; the environment's proxies when empty
+  /// Headers that every request to the server has beside the downloader's own, each "Name: value".
+  /// Like the client certificate and what `netrcFile` holds they are for that server alone, by its
+  /// scheme, host and port: none that it redirects to gets them. Nothing writes them anywhere.
+  std::vector<std::string> requestHeaders;
+  /// A file in the netrc format with a login for the server's host; none is looked for when empty.
+  /// Read with every download. Who else may read it is the host's to look at.
+  std::string netrcFile;
+  /// How the downloader names itself to servers; "VarnScriptRepository/" and the library's version
+  /// when empty.
+  std::string userAgent;
+  /// How often a download over HTTP that failed for a reason that may pass is tried again: no
+  /// connection, one that broke off, status 408, 425, 429, 500, 502, 503 or 504. The pauses between
+  /// the tries grow from about 1 s on; a server's wish for up to a minute is followed, and one for
+  /// more is the end. No try begins more than five minutes after the first one.
+  std::uint32_t retries = 2;
+  /// Waits before a further try, on the downloading thread, in place of a sleep. What it throws
+  /// makes the download fail. May be empty.
+  std::function<void(std::chrono::milliseconds pause)> waitForRetry;
   /// The most that one download may receive, and the most that it may write after any transfer
   /// decompression, in bytes.
   std::uint64_t maxDownload = std::uint64_t{1} << 30;

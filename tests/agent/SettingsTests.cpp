@@ -10,6 +10,7 @@ TEST(AgentSettings, AreNothingUntilTheHostGivesThem) {
   EXPECT_EQ(AgentUtils::gv_globvars, nullptr);
   EXPECT_EQ(AgentUtils::settings().serverURL, "");
   EXPECT_EQ(AgentUtils::settings().maxDownload, 1073741824u);
+  EXPECT_EQ(AgentUtils::settings().retries, 2u);
 }
 
 TEST(AgentSettings, BecomeTheGlobalVariables) {

@@ -51,15 +51,16 @@ TEST(ParseCommandLine, GlobalOptionsStandBeforeAndAfterTheCommand) {
 
 TEST(ParseCommandLine, EverySettingIsAFlag) {
   const CommandLine line = lineFrom(
-      {"--config",   "f", "--base-path",    "a",   "--data-path",   "b", "--customer",   "c",
-       "--server",   "d", "--ca-file",      "e",   "--client-cert", "g", "--client-key", "h",
-       "--proxy",    "i", "--max-download", "j",   "--max-output",  "m", "--log-format", "k",
-       "--log-file", "l", "--quiet",        "list"});
-  const SettingTexts expected = {{"base_path", "a"},  {"data_path", "b"},  {"customer", "c"},
-                                 {"server", "d"},     {"ca_file", "e"},    {"client_cert", "g"},
-                                 {"client_key", "h"}, {"proxy", "i"},      {"max_download", "j"},
-                                 {"max_output", "m"}, {"log_format", "k"}, {"log_file", "l"},
-                                 {"quiet", "true"}};
+      {"--config",       "f",   "--base-path",   "a", "--data-path",   "b", "--customer",   "c",
+       "--server",       "d",   "--ca-file",     "e", "--client-cert", "g", "--client-key", "h",
+       "--proxy",        "i",   "--header-file", "n", "--netrc-file",  "o", "--retry",      "p",
+       "--max-download", "j",   "--max-output",  "m", "--log-format",  "k", "--log-file",   "l",
+       "--quiet",        "list"});
+  const SettingTexts expected = {
+      {"base_path", "a"},   {"data_path", "b"},   {"customer", "c"},   {"server", "d"},
+      {"ca_file", "e"},     {"client_cert", "g"}, {"client_key", "h"}, {"proxy", "i"},
+      {"header_file", "n"}, {"netrc_file", "o"},  {"retry", "p"},      {"max_download", "j"},
+      {"max_output", "m"},  {"log_format", "k"},  {"log_file", "l"},   {"quiet", "true"}};
   EXPECT_EQ(line.flags, expected);
   EXPECT_EQ(line.configFile, "f");
 }
@@ -170,8 +171,8 @@ TEST(ParseCommandLine, AnEmptyOperandOrValueIsNamed) {
   }
   for (const std::string option :
        {"--config", "--base-path", "--data-path", "--customer", "--server", "--ca-file",
-        "--client-cert", "--client-key", "--proxy", "--max-download", "--max-output",
-        "--log-format", "--log-file"}) {
+        "--client-cert", "--client-key", "--proxy", "--header-file", "--netrc-file", "--retry",
+        "--max-download", "--max-output", "--log-format", "--log-file"}) {
     for (const Arguments& arguments :
          {Arguments{option, "", "list"}, Arguments{option + "=", "run", "42"},
           Arguments{"publish", "in", "out", option, ""}}) {

@@ -271,13 +271,19 @@ class Settings(DirectoryCase):
         lines = [line[2:] if line.startswith("# ") and " = " in line else line
                  for line in text.splitlines()]
         keys = [line.split(" = ")[0] for line in lines if " = " in line]
-        config = self.file("all.toml", "\n".join(lines).replace("/var/log", str(self.directory)))
+        text = "\n".join(lines).replace("/var/log", str(self.directory))
+        for name in ("headers", "netrc"):
+            path = self.file(name, "")
+            path.chmod(0o600)
+            text = text.replace(f"/etc/varn-scripts/{name}", str(path))
+        config = self.file("all.toml", text)
         result = self.list_with(config)
         self.assertEqual((result.returncode, json.loads(result.stdout)), (0, []), result.stderr)
         self.assertEqual(
             sorted(keys),
-            ["base_path", "ca_file", "client_cert", "client_key", "customer", "data_path"]
-            + ["log_file", "log_format", "max_download", "max_output", "proxy", "quiet", "server"],
+            ["base_path", "ca_file", "client_cert", "client_key", "customer", "data_path",
+             "header_file", "log_file", "log_format", "max_download", "max_output", "netrc_file",
+             "proxy", "quiet", "retry", "server"],
         )
 
 

@@ -32,9 +32,10 @@ set(varn_tests_of_never-wider
   "^ShellProcess\\.(Sees|StartsWith|RunsWhenTheHostHasNoStandard)"
   "^endtoend\\.test_requests\\.FilesTest" "^endtoend\\.test_scripts\\.SurroundingsTest")
 set(varn_tests_of_never-fooled
-  "^HttpFailure\\." "^HttpDownload\\." "^HttpConditional\\." "^AnswerValidators\\."
+  "^HttpFailure\\." "^HttpDownload\\." "^HttpRetry\\." "^HttpConditional\\." "^AnswerValidators\\."
   "^EntityTag\\." "^HTTPDate\\." "^Condition\\." "^GzipDecoder\\." "^ServerURL\\." "^FileServer\\."
-  "^endtoend\\.test_https\\." "^endtoend\\.test_failures\\.LimitTest")
+  "^RequestHeaders\\." "^endtoend\\.test_https\\." "^endtoend\\.test_reaching\\."
+  "^endtoend\\.test_failures\\.LimitTest")
 set(varn_tests_of_never-steered
   "^LogTextLine\\." "^Printable(Text|JSON)\\." "^ListTable\\.WidthCounts")
 set(varn_tests_of_xml-is-data

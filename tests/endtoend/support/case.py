@@ -86,10 +86,11 @@ class CommandCase(unittest.TestCase):
     # The command.
 
     def environment(self, **variables):
-        """This process's environment without settings, proxies, and with `variables`."""
+        """This process's environment without settings and proxies, and with `variables`. What fails
+        is not tried again unless a test wants it."""
         kept = {key: value for key, value in os.environ.items()
                 if not key.startswith("VARN_") and not key.lower().endswith("_proxy")}
-        return {**kept, **variables}
+        return {**kept, "VARN_RETRY": "0", **variables}
 
     def settings(self):
         return ["--base-path", self.base, "--customer", CUSTOMER, "--server", self.server]
