@@ -57,7 +57,7 @@ spdlog::sink_ptr makeSink(LogSettings::Target target) {
 #ifdef VARN_HAS_JOURNAL
   return std::make_shared<spdlog::sinks::systemd_sink_mt>("varn-scripts", true);
 #else
-  throw std::runtime_error(
+  throw std::invalid_argument(
       "this build can't write to the journal by itself; syslog reaches it, too");
 #endif
 }

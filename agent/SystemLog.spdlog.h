@@ -20,7 +20,7 @@ namespace AgentLog {
 
 /// A sink for `target`: each record as one line of `format`, in text without its time and level,
 /// which the system's log has by itself. Records carry the name of the program. Throws
-/// `std::runtime_error` when this build does not know the target.
+/// `std::invalid_argument` when this build does not know the target.
 [[nodiscard]] spdlog::sink_ptr makeSystemLog(LogSettings::Target target,
                                              LogSettings::Format format);
 

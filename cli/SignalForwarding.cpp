@@ -7,6 +7,8 @@
 #include <iterator>
 #include <thread>
 
+#include "StandardStreams.h"
+
 namespace VarnScripts {
 namespace {
 
@@ -37,6 +39,7 @@ int take(const sigset_t& signals) {
 
 // Ends this process by `signal`, for whoever waits for it to see.
 [[noreturn]] void endBy(int signal) {
+  leaveTerminalClean();
   struct sigaction action {};
   action.sa_handler = SIG_DFL;
   ::sigaction(signal, &action, nullptr);

@@ -68,8 +68,8 @@ struct LogSettings {
   }
 };
 
-/// Takes over `settings`. Throws `std::runtime_error` when the log file can't be opened, or when
-/// this build does not know the target; then everything is as it was.
+/// Takes over `settings`. Throws `std::runtime_error` when the log file can't be opened, and
+/// `std::invalid_argument` when this build does not know the target; then all is as it was.
 VARN_EXPORT void configure(LogSettings settings);
 
 }  // namespace AgentLog
