@@ -107,6 +107,8 @@ void SignalForwarding::forward() {
     std::unique_lock lock(mutex_);
     // While the lock is held, nothing is started.
     if (script_ == Script::none) {
+      // What the work says that finds itself undone is of no use.
+      leaveTerminalClean();
       if (undo_) undo_();
       endBy(first);
     }

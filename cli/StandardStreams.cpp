@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
@@ -151,6 +152,8 @@ void showStatusLine(std::string_view text) {
 }
 
 void leaveTerminalClean() noexcept {
+  static std::atomic<bool> isLeft{false};
+  if (isLeft.exchange(true)) return;
   Screen& shown = screen();
   // Whoever writes to a terminal that has been stopped does not let go.
   if (!shown.mutex.try_lock_for(std::chrono::milliseconds(200))) return;

@@ -40,8 +40,8 @@ void writeOutOfMemory() noexcept;
 /// has not ended its line, and left as it is when the terminal takes nothing.
 void showStatusLine(std::string_view text);
 
-/// Takes the status line off, for a process that is ended at any place: waits for no other thread,
-/// at least not for long, and from then on no thread writes any more.
+/// Takes the status line off for a process that is ended in the middle of its work. Does not wait
+/// long for other threads, and these write nothing more to a terminal.
 void leaveTerminalClean() noexcept;
 
 }  // namespace VarnScripts
