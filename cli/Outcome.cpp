@@ -75,15 +75,17 @@ void addRun(const ScriptRun& run, std::size_t leftOut, Pieces& to) {
 // What whoever reads no log would miss.
 void writeEnd(const Outcome& outcome) {
   const ScriptEnd& end = outcome.run->end;
-  const std::string limit = "it was asked to end at its time limit";
   if (outcome.result.first.value_or(true)) {
-    if (end.limitReached) writeErrorLine("varn-scripts: " + limit);
+    if (end.limitReached) {
+      writeErrorLine("varn-scripts: the script was asked to end at the time limit");
+    }
     return;
   }
   const bool isSignal = end.how == ScriptEnd::How::signalled;
   writeErrorLine(std::string("varn-scripts: rejected: the ") +
                  (isSignal ? "script was ended by signal " : "exit code is ") +
-                 std::to_string(end.code) + (end.limitReached ? "; " + limit : ""));
+                 std::to_string(end.code) +
+                 (end.limitReached ? " (asked to end at the time limit)" : ""));
 }
 
 }  // namespace

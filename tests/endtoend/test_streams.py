@@ -213,12 +213,13 @@ class TerminalTest(CommandCase):
     def test_a_run_shows_its_time_against_its_limit_and_clears_it(self):
         self.put(text=f"read line <{self.go}\n")
         process = self.terminal.start("run", "42", stdout=subprocess.PIPE)
-        self.terminal.read_until("Script is running: 1 s")
+        # Two of them, whichever: a loaded computer may pass over a second.
+        line = r"\rScript is running: ([0-9]+) s of at most 600 s\x1b\[K\r"
+        self.terminal.read_until(lambda _: len(set(re.findall(line, self.terminal.text))) > 1)
         self.let_go()
         self.assertEqual(self.end_of(process), (0, [""]))
-        for seconds in (0, 1):
-            self.assertIn(f"\rScript is running: {seconds} s of at most 600 s\x1b[K\r",
-                          self.terminal.text)
+        seconds = [int(text) for text in re.findall(line, self.terminal.text)]
+        self.assertEqual(seconds, sorted(seconds))
 
     def test_the_output_comes_at_once_with_the_time_below_it(self):
         self.put(text=f"echo one\necho two\nread line <{self.go}\necho three\nread line <{self.go}\n"
@@ -234,8 +235,9 @@ class TerminalTest(CommandCase):
         self.put(text=f"while ! [ -e {self.path('enough')} ]; do echo line; sleep 0.01; done\n")
         process = self.terminal.start("run", "42")
         # Behind one line and before the next.
-        status_line = r"\rScript is running: 1 s of at most 600 s\x1b\[K\r"
-        self.terminal.read_until(re.compile(rf"line\r\n(?:{status_line})+\r\x1b\[Kline\r\n{status_line}"))
+        status_line = r"\rScript is running: [0-9]+ s of at most 600 s\x1b\[K\r"
+        self.terminal.read_until(re.compile(
+            rf"line\r\n(?:{status_line})+\r\x1b\[Kline\r\n{status_line}"))
         with open(self.path("enough"), "w", encoding="utf-8"):
             pass
         status, seen = self.end_of(process)
@@ -261,9 +263,9 @@ class TerminalTest(CommandCase):
         self.put(text=f"echo out\nread line <{self.go}\n")
         process = self.terminal.start("--log-file", self.path("log"), "run", "42",
                                       stdout=subprocess.PIPE)
-        self.terminal.read_until("Script is running: 1 s")
+        self.terminal.read_until(re.compile("Script is running: [1-9][0-9]* s"))
         # Meanwhile the log has had a line of the output.
-        running = self.terminal.text[self.terminal.text.index("Script is running: 0 s"):]
+        running = self.terminal.text.partition("Script is running: ")[2]
         self.assertNotIn("\r\x1b[K", running)
         self.let_go()
         self.assertEqual(self.end_of(process), (0, [""]))
@@ -377,8 +379,7 @@ class StalledServer:
             except OSError:
                 return
             self._connections.append(connection)
-            request = b""
-            while b"\r\n\r\n" not in request:
-                request += connection.recv(4096)
+            # The request is shorter than what one reads at once.
+            connection.recv(65536)
             connection.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 1000000\r\n\r\n"
                                + b"<" * 100000)
