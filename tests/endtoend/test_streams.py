@@ -194,11 +194,13 @@ class TerminalTest(CommandCase):
 
     def setUp(self):
         super().setUp()
+        # One for each time: who opens one anew may still meet the writer of before.
         self.go = self.fifo("go")
+        self.go_on = self.fifo("go-on")
         self.terminal = Terminal(self)
 
-    def let_go(self):
-        with open(self.go, "w", encoding="utf-8") as file:
+    def let_go(self, fifo=None):
+        with open(fifo or self.go, "w", encoding="utf-8") as file:
             file.write("go\n")
 
     def end_of(self, process):
@@ -222,13 +224,13 @@ class TerminalTest(CommandCase):
         self.assertEqual(seconds, sorted(seconds))
 
     def test_the_output_comes_at_once_with_the_time_below_it(self):
-        self.put(text=f"echo one\necho two\nread line <{self.go}\necho three\nread line <{self.go}\n"
-                      "printf four\n")
+        self.put(text=f"echo one\necho two\nread line <{self.go}\necho three\n"
+                      f"read line <{self.go_on}\nprintf four\n")
         process = self.terminal.start("run", "42")
         self.terminal.read_until(self.shows_running_below("one", "two"))
         self.let_go()
         self.terminal.read_until(self.shows_running_below("one", "two", "three"))
-        self.let_go()
+        self.let_go(self.go_on)
         self.assertEqual(self.end_of(process), (0, ["one", "two", "three", "four"]))
 
     def test_a_script_that_writes_all_the_time_does_not_hide_the_time(self):
@@ -245,12 +247,12 @@ class TerminalTest(CommandCase):
 
     def test_a_line_that_has_not_ended_is_left_alone(self):
         self.put(text=f"echo one\nprintf 'please wait '\nread line <{self.go}\necho over\n"
-                      f"read line <{self.go}\n")
+                      f"read line <{self.go_on}\n")
         process = self.terminal.start("run", "42")
         self.terminal.read_until(lambda seen: seen == ["one", "please wait "])
         self.let_go()
         self.terminal.read_until(self.shows_running_below("one", "please wait over"))
-        self.let_go()
+        self.let_go(self.go_on)
         self.assertEqual(self.end_of(process), (0, ["one", "please wait over", ""]))
 
     def test_what_is_said_stands_on_a_line_of_its_own(self):
