@@ -1,12 +1,12 @@
-// The bundled log: spdlog hands records to a sink, which writes them as lines to standard error, or
-// to a rotating file that nobody else has a say in. A message may be very long, and is not copied.
+// The bundled log: spdlog hands records to sinks, which write them as lines to standard error, to a
+// rotating file that nobody else has a say in, or to the system's log. A message may be very long,
+// and is copied for the last of these alone, cut.
 //
 // Before `configure` records go to standard error as text. A record that can't be written is lost
 // without a sign: nothing here throws into a caller, and a closed pipe does not end the process.
 
 #include <fcntl.h>
 #include <spdlog/logger.h>
-#include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <sys/stat.h>
@@ -14,20 +14,25 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "Calls.h"
 #include "LogLine.h"
 #include "LogSettings.h"
 #include "Pieces.h"
+#include "RecordSeverity.h"
 #include "SigpipeGuard.h"
+#include "SystemLog.spdlog.h"
 
 namespace AgentLog {
 namespace {
@@ -37,29 +42,23 @@ using posix::FileDescriptor;
 constexpr std::size_t kFileSize = std::size_t{10} << 20;
 constexpr std::size_t kOlderFiles = 3;
 constexpr mode_t kFileMode = 0600;
+// A daemon of syslog takes 8 KiB of a record, if not told otherwise; some of it is for the rest.
+constexpr std::uint64_t kMostToSystem = 4096;
 
 using Format = LogSettings::Format;
 using LogMessage = spdlog::details::log_msg;
 
-/// The time of a record in RFC 3339, UTC.
-std::unique_ptr<spdlog::formatter> timeFormatter() {
-  return std::make_unique<spdlog::pattern_formatter>("%Y-%m-%dT%H:%M:%S.%eZ",
-                                                     spdlog::pattern_time_type::utc, "");
-}
-
 /// Hands on the line of `message` and its line end; a line of no more than a piece's size as one.
 void writeLine(const LogMessage& message, spdlog::formatter& time, Format format, TextSink to) {
-  const auto view = [](const auto& text) { return std::string_view(text.data(), text.size()); };
-  const Record record{
-      message.level == spdlog::level::err ? Record::Level::error : Record::Level::info,
-      view(message.payload), message.source.filename, message.source.funcname, message.source.line};
+  const Record record = recordOf(message);
   spdlog::memory_buf_t written;
   time.format(message, written);
   Pieces pieces(std::move(to));
+  const std::string_view timeText(written.data(), written.size());
   if (format == Format::json) {
-    addJSONLine(view(written), record, pieces);
+    addJSONLine(timeText, record, pieces);
   } else {
-    addTextLine(view(written), record, pieces);
+    addTextLine(timeText, record, pieces);
   }
   pieces.add("\n");
   pieces.end();
@@ -190,26 +189,48 @@ std::unique_ptr<spdlog::logger> makeLogger(spdlog::sink_ptr sink) {
   return logger;
 }
 
-/// What the settings say, ready to write.
+/// A place that records go to, ready to write.
+struct Destination {
+  std::unique_ptr<spdlog::logger> logger;
+  std::optional<std::uint64_t> most;  ///< of a message
+};
+
 struct Log {
   LogSettings settings;
-  std::unique_ptr<spdlog::logger> logger;  ///< null when nothing is written
+  std::vector<Destination> destinations;
 };
+
+std::vector<Destination> destinationsOf(const LogSettings& settings) {
+  std::vector<Destination> destinations;
+  const auto add = [&](spdlog::sink_ptr sink, std::optional<std::uint64_t> most) {
+    destinations.push_back({makeLogger(std::move(sink)), most});
+  };
+  if (!settings.file.empty()) {
+    add(std::make_shared<LogFileSink>(settings.file, settings.format), settings.maxMessage);
+  }
+  if (settings.target) {
+    add(makeSystemLog(*settings.target, settings.format),
+        std::min(settings.maxMessage.value_or(kMostToSystem), kMostToSystem));
+  }
+  if (settings.writesToStandardError()) {
+    add(std::make_shared<StandardErrorSink>(settings.format), settings.maxMessage);
+  }
+  return destinations;
+}
 
 Log& log() {
   // Never destroyed: records are still written while static objects go.
-  static Log& instance =
-      *new Log{{}, makeLogger(std::make_shared<StandardErrorSink>(Format::text))};
+  static Log& instance = *new Log{{}, destinationsOf({})};
   return instance;
 }
 
-/// `message` as far as the settings let it be written. A cut one is in `room`.
-std::string_view shown(const std::string& message, std::string& room) {
+/// `message` with no more of it than `most`. A cut one is in `room`.
+std::string_view shown(const std::string& message, std::optional<std::uint64_t> most,
+                       std::string& room) {
   // What the library says before a script's output, and behind it.
   constexpr std::size_t wordsBefore = 256;
   constexpr std::size_t wordsBehind = 32;
   constexpr std::size_t words = wordsBefore + wordsBehind;
-  const auto most = log().settings.maxMessage;
   if (!most || message.size() <= words || message.size() - words <= *most) return message;
   const std::string_view head = beginningOf(message, *most + wordsBefore);
   const std::string_view all = message;
@@ -220,18 +241,36 @@ std::string_view shown(const std::string& message, std::string& room) {
   return room.append(tail);
 }
 
+spdlog::level::level_enum levelOf(const Record& record) {
+  switch (severityOf(record)) {
+    case Severity::error:
+      return spdlog::level::err;
+    case Severity::warning:
+      return spdlog::level::warn;
+    default:
+      return spdlog::level::info;
+  }
+}
+
+void writeTo(const Destination& destination, const Record& record, const std::string& message) {
+  std::string room;
+  const std::string_view text = shown(message, destination.most, room);
+  destination.logger->log(
+      spdlog::source_loc(record.source.data(), record.line, record.operation.data()),
+      levelOf(record), spdlog::string_view_t(text.data(), text.size()));
+}
+
 void write(Record::Level level, const std::string& message, const std::string& source,
            const std::string& operation, int line) noexcept {
   try {
     const Log& to = log();
-    std::string room;
-    const std::string_view text = shown(message, room);
-    if (to.logger) {
-      to.logger->log(spdlog::source_loc(source.c_str(), line, operation.c_str()),
-                     level == Record::Level::error ? spdlog::level::err : spdlog::level::info,
-                     spdlog::string_view_t(text.data(), text.size()));
+    Record record{level, message, source, operation, line};
+    if (severityOf(record) >= to.settings.least) {
+      for (const Destination& destination : to.destinations) writeTo(destination, record, message);
     }
-    if (to.settings.observer) to.settings.observer({level, text, source, operation, line});
+    std::string room;
+    record.message = shown(message, to.settings.maxMessage, room);
+    if (to.settings.observer) to.settings.observer(record);
   } catch (...) {
     // Out of memory, most likely: the record is lost, its writer goes on.
   }
@@ -240,14 +279,9 @@ void write(Record::Level level, const std::string& message, const std::string& s
 }  // namespace
 
 void configure(LogSettings settings) {
-  std::unique_ptr<spdlog::logger> logger;
-  if (!settings.file.empty()) {
-    logger = makeLogger(std::make_shared<LogFileSink>(settings.file, settings.format));
-  } else if (!settings.quiet) {
-    logger = makeLogger(std::make_shared<StandardErrorSink>(settings.format));
-  }
+  std::vector<Destination> destinations = destinationsOf(settings);
   log().settings = std::move(settings);
-  log().logger = std::move(logger);
+  log().destinations = std::move(destinations);
 }
 
 void logInfo(const std::string& message, const std::string& source, const std::string& operation,

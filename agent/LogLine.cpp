@@ -14,12 +14,8 @@ const char* levelName(Record::Level level) {
 
 }  // namespace
 
-void addTextLine(std::string_view time, const Record& record, Pieces& to) {
+void addTextRecord(const Record& record, Pieces& to) {
   const auto blank = [&to] { to.add(" "); };
-  to.add(time);
-  blank();
-  to.add(levelName(record.level));
-  blank();
   addPrintable(record.source, to);
   blank();
   addPrintable(record.operation, to);
@@ -27,6 +23,14 @@ void addTextLine(std::string_view time, const Record& record, Pieces& to) {
   to.add(std::to_string(record.line));
   blank();
   addPrintable(record.message, to);
+}
+
+void addTextLine(std::string_view time, const Record& record, Pieces& to) {
+  to.add(time);
+  to.add(" ");
+  to.add(levelName(record.level));
+  to.add(" ");
+  addTextRecord(record, to);
 }
 
 void addJSONLine(std::string_view time, const Record& record, Pieces& to) {

@@ -9,6 +9,9 @@
 
 namespace AgentLog {
 
+/// "SOURCE OPERATION LINE MESSAGE", as in the text line.
+void addTextRecord(const Record& record, Pieces& to);
+
 /// "TIME LEVEL SOURCE OPERATION LINE MESSAGE", one blank between two, without a line end. Each is
 /// made printable, so a record is one line and steers no terminal.
 void addTextLine(std::string_view time, const Record& record, Pieces& to);

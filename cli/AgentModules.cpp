@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -11,7 +12,10 @@
 
 #include "AgentDirectories.h"
 #include "NamedFiles.h"
+#include "Reason.h"
+#include "RecordSeverity.h"
 #include "SecretFiles.h"
+#include "StandardStreams.h"
 
 // The system's, which no header declares everywhere.
 extern "C" char** environ;
@@ -48,6 +52,22 @@ class HiddenVariables {
   std::vector<char*> visible_;
 };
 
+// Whether a record is a warning that nothing but the log tells: of the steps of a request the
+// reason does.
+bool isWarning(const AgentLog::Record& record) {
+  if (AgentLog::severityOf(record) == AgentLog::Severity::info) return false;
+  return !AgentLog::isUnitOfLibrary(record.source) && record.source != "varn-scripts" &&
+         record.source != "PathGuard" && !record.message.starts_with("Download of ");
+}
+
+void showWarning(const AgentLog::Record& record) noexcept {
+  try {
+    if (isWarning(record)) writeErrorLine("varn-scripts: " + std::string(record.message));
+  } catch (const std::exception&) {
+    // Out of memory: the warning is lost, the work goes on.
+  }
+}
+
 }  // namespace
 
 void prepareDownloads() {
@@ -59,13 +79,20 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
                                                    ModuleObservers observers) {
   AgentLog::LogSettings log = settings.log;
   log.maxMessage = settings.maxOutput;
-  log.observer = std::move(observers.onRecord);
+  log.observer = [isShown = showsWarnings(log),
+                  next = std::move(observers.onRecord)](const AgentLog::Record& record) {
+    if (isShown) showWarning(record);
+    if (next) next(record);
+  };
   std::vector<std::string> writableByGroup;
   if (auto complaint = complaintAboutNamedFiles(settings, writableByGroup)) return complaint;
   AgentUtils::AgentSettings agent = settings.agent;
   if (auto error = takeSecretFiles(settings, agent)) return error;
   try {
     AgentLog::configure(std::move(log));
+  } catch (const std::invalid_argument& error) {
+    return SettingsError{"log_target (--log-target, VARN_LOG_TARGET) can't be had: " +
+                         std::string(error.what())};
   } catch (const std::exception& error) {
     return SettingsError{"log_file (--log-file, VARN_LOG_FILE) can't be opened: " +
                          std::string(error.what())};

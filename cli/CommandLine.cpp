@@ -94,9 +94,11 @@ class Parser {
       const std::string key(definition.key);
       const std::string meaning(definition.meaning);
       if (definition.kind() == SettingDefinition::Kind::toggle) {
+        const std::string letter =
+            definition.letter == 0 ? "" : std::string{'-', definition.letter, ','};
         // "--quiet=false" counts down.
         app_.add_flag_function(
-            flagOf(key),
+            letter + flagOf(key),
             [this, key](std::int64_t count) { result_.flags[key] = count > 0 ? "true" : "false"; },
             meaning);
         continue;

@@ -23,6 +23,7 @@ struct CommandLine {
   /// `--accept-codes`, split at its commas and nothing trimmed; an empty text is an empty list.
   std::optional<std::vector<std::string>> acceptCodes;
   bool json = false;
+  bool follow = false;     ///< of `run`: writes the output as it comes, wherever it goes
   bool noWait = false;     ///< of `run`: fails when it is not its turn
   PublishOptions publish;  ///< of `publish`
 };

@@ -69,7 +69,10 @@ void addRunOptions(CLI::App& to, CommandLine& line) {
         "Exit codes that count as success, separated by commas, in place of the server's; an empty "
         "list accepts none")
       ->type_name("LIST");
-  to.add_flag("--json", line.json, "Print the result as one JSON object");
+  auto* const json = to.add_flag("--json", line.json, "Print the result as one JSON object");
+  to.add_flag("--follow", line.follow,
+              "Write the script's output as it comes, also where there is no terminal")
+      ->excludes(json);
   to.add_flag("--no-wait", line.noWait,
               "Fail when another process runs the script, in place of waiting for its turn");
 }

@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -71,6 +72,22 @@ void addRun(const ScriptRun& run, std::size_t leftOut, Pieces& to) {
   if (leftOut > 0) addNumber(",\"left_out_bytes\":", leftOut, to);
 }
 
+// What whoever reads no log would miss.
+void writeEnd(const Outcome& outcome) {
+  const ScriptEnd& end = outcome.run->end;
+  if (outcome.result.first.value_or(true)) {
+    if (end.limitReached) {
+      writeErrorLine("varn-scripts: the script was asked to end at the time limit");
+    }
+    return;
+  }
+  const bool isSignal = end.how == ScriptEnd::How::signalled;
+  writeErrorLine(std::string("varn-scripts: rejected: the ") +
+                 (isSignal ? "script was ended by signal " : "exit code is ") +
+                 std::to_string(end.code) +
+                 (end.limitReached ? " (asked to end at the time limit)" : ""));
+}
+
 }  // namespace
 
 int exitStatusOf(const Outcome& outcome) {
@@ -99,12 +116,16 @@ void addJSON(const std::string& scriptID, const Outcome& outcome, const Settings
   to.add("}\n");
 }
 
-void writeText(const Outcome& outcome, const Settings& settings) {
+void writeText(const Outcome& outcome, const Settings& settings, const WrittenOutput& written) {
   if (outcome.reason) writeReason(outcome.reason->sentence, settings);
   if (!outcome.result.second) return;
   const std::string& output = *outcome.result.second;
   const ShownOutput shown(output, settings);
-  writeOutput(shown.text);
+  if (written.error) {
+    reportOutputFailure(written.error);
+  } else {
+    writeOutput(shown.text.substr(std::min<std::uint64_t>(written.length, shown.text.size())));
+  }
   if (outcome.run && outcome.run->end.droppedBytes > 0) {
     writeRemark(std::to_string(outcome.run->end.droppedBytes) +
                     " bytes of output are left out: they are not UTF-8",
@@ -115,6 +136,7 @@ void writeText(const Outcome& outcome, const Settings& settings) {
                     " bytes of output are left out (max_output)",
                 settings);
   }
+  if (outcome.run && showsWarnings(settings.log)) writeEnd(outcome);
 }
 
 }  // namespace VarnScripts

@@ -3,8 +3,10 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <system_error>
 
 #include "Pieces.h"
 #include "Reason.h"
@@ -36,8 +38,14 @@ struct Outcome {
 void addJSON(const std::string& scriptID, const Outcome& outcome, const Settings& settings,
              Pieces& to);
 
-/// Writes the output to standard output, and what is missing in it to standard error; or there the
-/// reason.
-void writeText(const Outcome& outcome, const Settings& settings);
+/// What of the output stands on standard output already.
+struct WrittenOutput {
+  std::uint64_t length = 0;  ///< of its beginning
+  std::error_code error{};   ///< why nothing more can be written
+};
+
+/// Writes the rest of the output to standard output, and what is missing in it and why it is
+/// rejected to standard error; or there the reason.
+void writeText(const Outcome& outcome, const Settings& settings, const WrittenOutput& written);
 
 }  // namespace VarnScripts

@@ -1,17 +1,17 @@
 #include "Progress.h"
 
-#include <unistd.h>
-
 #include <array>
 #include <cstdio>
+#include <exception>
 #include <system_error>
 
-#include "Calls.h"
+#include "StandardStreams.h"
 
 namespace VarnScripts {
 namespace {
 
-constexpr std::chrono::milliseconds kRedrawDownload{100};
+// Between two looks of the line, however fast things change.
+constexpr std::chrono::milliseconds kPause{100};
 
 std::string sizeText(std::uint64_t bytes) {
   static constexpr std::array<const char*, 4> kUnits = {"KiB", "MiB", "GiB", "TiB"};
@@ -42,10 +42,22 @@ std::string runText(std::chrono::seconds elapsed, std::chrono::seconds limit) {
          std::to_string(limit.count()) + " s";
 }
 
-bool Progress::isPossible() { return ::isatty(STDERR_FILENO) == 1; }
+bool Progress::isPossible() { return isErrorTerminal(); }
 
 Progress::Progress(bool enabled) : done_(!enabled) {
-  if (enabled) ticker_ = std::thread([this] { tick(); });
+  if (!enabled) return;
+  try {
+    ticker_ = std::thread([this] {
+      try {
+        tick();
+      } catch (const std::exception&) {
+        // Without memory for a line there is none.
+      }
+    });
+  } catch (const std::system_error&) {
+    // The system has no thread left: the work goes on unseen.
+    done_ = true;
+  }
 }
 
 Progress::~Progress() { finish(); }
@@ -55,7 +67,6 @@ void Progress::finish() {
   {
     const std::lock_guard lock(mutex_);
     done_ = true;
-    clear();
   }
   changed_.notify_all();
   ticker_.join();
@@ -64,10 +75,8 @@ void Progress::finish() {
 void Progress::showDownload(std::uint64_t received, std::uint64_t total) {
   const std::lock_guard lock(mutex_);
   if (done_) return;
-  const auto now = Clock::now();
-  if (downloadDrawn_ && now - *downloadDrawn_ < kRedrawDownload) return;
-  downloadDrawn_ = now;
-  draw(downloadText(received, total));
+  download_ = downloadText(received, total);
+  changed_.notify_all();
 }
 
 void Progress::showRun(std::chrono::seconds limit) {
@@ -80,41 +89,48 @@ void Progress::showRun(std::chrono::seconds limit) {
 void Progress::endRun() {
   const std::lock_guard lock(mutex_);
   runningSince_.reset();
-  if (!done_) clear();
+  changed_.notify_all();
 }
 
 void Progress::makeWay() {
   const std::lock_guard lock(mutex_);
   if (done_) return;
-  downloadDrawn_.reset();
-  clear();
+  download_.clear();
+  isCovered_ = true;
+  changed_.notify_all();
+}
+
+std::string Progress::text() const {
+  if (!runningSince_) return download_;
+  return runText(std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - *runningSince_),
+                 limit_);
 }
 
 void Progress::tick() {
   std::unique_lock lock(mutex_);
+  std::string shown;
   while (!done_) {
-    if (!runningSince_) {
-      changed_.wait(lock);
+    const std::string next = text();
+    if (next == shown && !isCovered_) {
+      if (runningSince_) {
+        const auto elapsed =
+            std::chrono::floor<std::chrono::seconds>(Clock::now() - *runningSince_);
+        changed_.wait_until(lock, *runningSince_ + elapsed + std::chrono::seconds(1));
+      } else {
+        changed_.wait(lock);
+      }
       continue;
     }
-    const auto elapsed =
-        std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - *runningSince_);
-    draw(runText(elapsed, limit_));
-    changed_.wait_until(lock, *runningSince_ + elapsed + std::chrono::seconds(1));
+    isCovered_ = false;
+    shown = next;
+    // The terminal may take its time, and nobody else waits for that.
+    lock.unlock();
+    showStatusLine(shown);
+    lock.lock();
+    changed_.wait_for(lock, kPause, [this] { return done_; });
   }
-}
-
-void Progress::draw(const std::string& text) {
-  std::error_code ignored;
-  posix::writeAll(STDERR_FILENO, "\r" + text + "\x1b[K\r", ignored);
-  drawn_ = true;
-}
-
-void Progress::clear() {
-  if (!drawn_) return;
-  std::error_code ignored;
-  posix::writeAll(STDERR_FILENO, "\r\x1b[K", ignored);
-  drawn_ = false;
+  lock.unlock();
+  showStatusLine("");
 }
 
 }  // namespace VarnScripts

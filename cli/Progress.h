@@ -1,9 +1,7 @@
 // Shows on a terminal that long work is alive: the bytes of a download, the seconds of a run
 // against its limit. One line that is overwritten and cleared; nothing of it anywhere but on a
-// terminal.
-//
-// The log may share the terminal: the cursor rests at the line's beginning, so that a log line
-// covers what stands there.
+// terminal. A thread of its own shows it, so that a terminal that has been stopped keeps nobody
+// from his work.
 
 #pragma once
 
@@ -44,7 +42,8 @@ class Progress {
   void showRun(std::chrono::seconds limit);
   void endRun();
 
-  /// A line of the log has come, which ends the display of a download.
+  /// A record of the log has come, which ends the display of a download. Its line may have covered
+  /// what is shown, which is shown anew.
   void makeWay();
 
   /// Clears the line and shows nothing from then on.
@@ -54,16 +53,15 @@ class Progress {
   using Clock = std::chrono::steady_clock;
 
   void tick();
-  void draw(const std::string& text);
-  void clear();
+  [[nodiscard]] std::string text() const;
 
   std::mutex mutex_;
   std::condition_variable changed_;
   bool done_;
-  bool drawn_ = false;
+  bool isCovered_ = false;
+  std::string download_;
   std::chrono::seconds limit_{};
   std::optional<Clock::time_point> runningSince_;
-  std::optional<Clock::time_point> downloadDrawn_;
   std::thread ticker_;
 };
 

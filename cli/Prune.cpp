@@ -25,6 +25,7 @@
 #include "RequestFiles.h"
 #include "RequestLock.h"
 #include "ScriptRepositoryMetaProcessor.h"
+#include "SignalForwarding.h"
 #include "StandardStreams.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
@@ -156,6 +157,8 @@ int refused(std::string_view reason, const Settings& settings, Progress& progres
 }  // namespace
 
 int prune(const CommandLine& /*line*/, const Settings& settings) {
+  // Before any other thread, and never destroyed: a signal leaves the terminal clean.
+  [[maybe_unused]] const auto& signals = *new SignalForwarding;
   Progress progress(Progress::isPossible() && !settings.log.quiet);
   ModuleObservers observers;
   // No script is in this: nothing but the list can fail.

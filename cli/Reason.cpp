@@ -91,13 +91,13 @@ std::string whyMissing(const std::string& launchPath) {
 }
 
 bool isJSONOnStandardError(const AgentLog::LogSettings& log) {
-  return log.format == AgentLog::LogSettings::Format::json && log.file.empty() && !log.quiet;
+  return log.format == AgentLog::LogSettings::Format::json && log.writesToStandardError();
 }
 
 // Whether what is written to standard error belongs into the log: not where it would stand there
 // twice.
 bool hasRecords(const AgentLog::LogSettings& log) {
-  return isJSONOnStandardError(log) || !log.file.empty();
+  return isJSONOnStandardError(log) || !log.file.empty() || log.target;
 }
 
 }  // namespace
@@ -156,6 +156,10 @@ std::string ReasonFinder::filled(std::string_view pattern, std::string_view subj
     sentence += value(pattern.substr(open + 1, close - open - 1));
     pattern.remove_prefix(close + 1);
   }
+}
+
+bool showsWarnings(const AgentLog::LogSettings& log) {
+  return !log.quiet && !log.writesToStandardError();
 }
 
 void writeReason(std::string_view sentence, const Settings& settings) {

@@ -72,8 +72,12 @@ class ReasonFinder : public VarnScriptRepository::ScriptRunObserver {
   Reason reason_{ReasonCode::outOfMemory, "There is not enough memory"};
 };
 
+/// Whether warnings are written to standard error by themselves: where there is no log of which
+/// they are a part, unless quiet.
+[[nodiscard]] bool showsWarnings(const AgentLog::LogSettings& log);
+
 /// Writes the sentence as the last line of standard error: as a record of the log when the log
-/// there is JSON, otherwise plain. A log file gets it as a record, too.
+/// there is JSON, otherwise plain. A log elsewhere gets it as a record, too.
 void writeReason(std::string_view sentence, const Settings& settings);
 
 /// Writes a remark on a request that went well, likewise, and nothing of it when quiet.

@@ -14,6 +14,7 @@
 #include "AgentModules.h"
 #include "Directories.h"
 #include "ExitStatus.h"
+#include "LiveOutput.h"
 #include "Outcome.h"
 #include "PathGuard.h"
 #include "Pieces.h"
@@ -46,8 +47,12 @@ std::string versionOnServer(const std::string& scriptID) {
 class RunWatch final : VarnScriptRepository::ScriptRunObserver {
  public:
   RunWatch(const std::string& scriptID, SignalForwarding& signals, Progress& progress,
-           ReasonFinder& reason)
-      : scriptID_(scriptID), signals_(signals), progress_(progress), reason_(reason) {
+           LiveOutput& output, ReasonFinder& reason)
+      : scriptID_(scriptID),
+        signals_(signals),
+        progress_(progress),
+        output_(output),
+        reason_(reason) {
     VarnScriptRepository::setScriptRunObserver(this);
   }
   ~RunWatch() override { VarnScriptRepository::setScriptRunObserver(nullptr); }
@@ -69,6 +74,7 @@ class RunWatch final : VarnScriptRepository::ScriptRunObserver {
     signals_.scriptStarted(processID);
     run_ = {std::chrono::system_clock::now(), versionOnServer(scriptID_), std::move(path_)};
   }
+  void outputTaken(std::string_view output) override { output_.take(output); }
   void processEnded() override { signals_.scriptIsGone(); }
   void scriptEnded(const VarnScriptRepository::ScriptEnd& end) override {
     // Also the end of one that could not be started.
@@ -83,22 +89,25 @@ class RunWatch final : VarnScriptRepository::ScriptRunObserver {
   const std::string& scriptID_;
   SignalForwarding& signals_;
   Progress& progress_;
+  LiveOutput& output_;
   ReasonFinder& reason_;
   std::string path_;
   std::optional<ScriptRun> run_;
 };
 
-void write(const CommandLine& line, const Settings& settings, const Outcome& outcome) {
-  if (!line.json) return writeText(outcome, settings);
-  bool written = true;
-  Pieces pieces([&](std::string_view piece) { written = written && writeOutput(piece); });
+void write(const CommandLine& line, const Settings& settings, const Outcome& outcome,
+           const WrittenOutput& written) {
+  if (!line.json) return writeText(outcome, settings, written);
+  bool isWhole = true;
+  Pieces pieces([&](std::string_view piece) { isWhole = isWhole && writeOutput(piece); });
   addJSON(line.scriptID, outcome, settings, pieces);
   pieces.end();
 }
 
-int report(const CommandLine& line, const Settings& settings, const Outcome& outcome) {
+int report(const CommandLine& line, const Settings& settings, const Outcome& outcome,
+           const WrittenOutput& written) {
   try {
-    write(line, settings, outcome);
+    write(line, settings, outcome, written);
   } catch (const std::exception&) {
     // Only when out of memory, and a script that has run has run.
     writeOutOfMemory();
@@ -165,7 +174,8 @@ int run(const CommandLine& line, const Settings& settings) {
                       writeRemark("waiting for " + processText(processID), settings);
                     }});
   Progress progress(Progress::isPossible() && !settings.log.quiet);
-  RunWatch watch(line.scriptID, signals, progress, reason);
+  LiveOutput output(!line.json && (line.follow || isOutputTerminal()), settings.maxOutput);
+  RunWatch watch(line.scriptID, signals, progress, output, reason);
   ModuleObservers observers;
   observers.onRecord = [&progress](const AgentLog::Record&) { progress.makeWay(); };
   observers.onFailure = [&reason](const std::string& subject, const std::string& cause) {
@@ -190,8 +200,10 @@ int run(const CommandLine& line, const Settings& settings) {
   prepareDownloads();
   files.emplace(line.scriptID, lock);
   const Outcome outcome = request(line, settings, watch, reason, lock, *files, guard);
+  WrittenOutput written;
+  written.length = output.finish(written.error);
   progress.finish();
-  const int exitStatus = report(line, settings, outcome);
+  const int exitStatus = report(line, settings, outcome, written);
   signals.endWhenStopped();
   return exitStatus;
 }

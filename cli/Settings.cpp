@@ -4,16 +4,21 @@
 #include <charconv>
 #include <filesystem>
 #include <utility>
+#include <vector>
 
 #include "ServerURL.h"
 
 namespace VarnScripts {
 namespace {
 
+// The places, the nearer the larger.
+enum class Place { file, environment, flag };
+
 // A setting's text and the place that gave it.
 struct GivenText {
   std::string text;
-  std::string place;
+  std::string placeName;
+  Place place;
 };
 
 std::string inAscii(std::string_view text, char from, char to) {
@@ -43,13 +48,17 @@ std::optional<std::string> textIn(const SettingTexts& texts, const std::string& 
 }
 
 std::optional<GivenText> given(const SettingSources& sources, const std::string& key) {
-  if (auto text = textIn(sources.flags, key)) return GivenText{std::move(*text), flagOf(key)};
+  if (auto text = textIn(sources.flags, key)) {
+    return GivenText{std::move(*text), flagOf(key), Place::flag};
+  }
   if (sources.environment) {
     auto text = sources.environment(variableOf(key));
-    if (text && !text->empty()) return GivenText{std::move(*text), variableOf(key)};
+    if (text && !text->empty()) {
+      return GivenText{std::move(*text), variableOf(key), Place::environment};
+    }
   }
   if (auto text = textIn(sources.file, key)) {
-    return GivenText{std::move(*text), nameOfSettingsFile(sources.filePath)};
+    return GivenText{std::move(*text), nameOfSettingsFile(sources.filePath), Place::file};
   }
   return std::nullopt;
 }
@@ -60,7 +69,7 @@ SettingsError missing(const std::string& key) {
 }
 
 SettingsError wrong(const std::string& key, const GivenText& value, const std::string& why) {
-  return {key + " (given by " + value.place + ") " + why};
+  return {key + " (given by " + value.placeName + ") " + why};
 }
 
 // Lexically, so that a path is the same text whether or not it exists yet.
@@ -151,6 +160,17 @@ std::optional<std::uint64_t> numberFrom(const std::string& text) {
   return value;
 }
 
+// "text" and "json" of "text|json".
+std::vector<std::string_view> namesOfChoice(std::string_view valueName) {
+  std::vector<std::string_view> names;
+  while (true) {
+    const std::size_t bar = valueName.find('|');
+    names.push_back(valueName.substr(0, bar));
+    if (bar == valueName.npos) return names;
+    valueName.remove_prefix(bar + 1);
+  }
+}
+
 // Takes a text into the setting's value; gives what is wrong with it.
 class Taking {
  public:
@@ -190,15 +210,31 @@ class Taking {
     return std::nullopt;
   }
 
-  Complaint operator()(AgentLog::LogSettings::Format* to) const {
-    using Format = AgentLog::LogSettings::Format;
-    if (text_ != "text" && text_ != "json") return "must be text or json, not \"" + text_ + "\"";
-    *to = text_ == "json" ? Format::json : Format::text;
+  template <class Choice>
+  Complaint operator()(Choice* to) const {
+    const std::vector<std::string_view> names = namesOfChoice(definition_.valueName);
+    const auto found = std::ranges::find(names, text_);
+    if (found == names.end()) return complaintAboutChoice(names);
+    *to = static_cast<Choice>(found - names.begin());
     return std::nullopt;
+  }
+
+  template <class Choice>
+  Complaint operator()(std::optional<Choice>* to) const {
+    return (*this)(&to->emplace());
   }
 
  private:
   static constexpr std::uint32_t kMostTimes = 10;
+
+  [[nodiscard]] std::string complaintAboutChoice(const std::vector<std::string_view>& names) const {
+    std::string complaint = "must be ";
+    for (const std::string_view& name : names) {
+      if (&name != &names.front()) complaint += &name == &names.back() ? " or " : ", ";
+      complaint += name;
+    }
+    return complaint + ", not \"" + text_ + "\"";
+  }
 
   const std::string& text_;
   const SettingDefinition& definition_;
@@ -268,11 +304,17 @@ constexpr SettingDefinition kSettings[] = {
     {"max_output", "BYTES",
      "Most bytes of a script's output that are written and logged (default: all)",
      [](Settings& s) -> SettingMember { return &s.maxOutput; }},
-    {"log_format", "text|json", "Form of the log (default: text)",
+    {"verbose", "", "Log on standard error",
+     [](Settings& s) -> SettingMember { return &s.verbose; }, nullptr, false, 'v'},
+    {"log_level", "info|warning|error", "Least that is logged (default: info)",
+     [](Settings& s) -> SettingMember { return &s.log.least; }},
+    {"log_format", "text|json", "Log in this form, on standard error unless elsewhere",
      [](Settings& s) -> SettingMember { return &s.log.format; }},
-    {"log_file", "FILE", "Log to a rotating file (default: standard error)",
+    {"log_file", "FILE", "Log to a rotating file",
      [](Settings& s) -> SettingMember { return &s.log.file; }, complaintAboutPath},
-    {"quiet", "", "No log on standard error",
+    {"log_target", "syslog|journald", "Log to the system's log",
+     [](Settings& s) -> SettingMember { return &s.log.target; }},
+    {"quiet", "", "No progress, warnings or log on standard error",
      [](Settings& s) -> SettingMember { return &s.log.quiet; }},
 };
 
@@ -284,9 +326,9 @@ SettingDefinition::Kind SettingDefinition::kind() const {
   Settings any;
   const SettingMember value = member(any);
   if (std::holds_alternative<bool*>(value)) return Kind::toggle;
-  const bool isText = std::holds_alternative<std::string*>(value) ||
-                      std::holds_alternative<AgentLog::LogSettings::Format*>(value);
-  return isText ? Kind::text : Kind::number;
+  const bool isNumber = std::holds_alternative<std::uint64_t*>(value) ||
+                        std::holds_alternative<std::optional<std::uint64_t>*>(value);
+  return isNumber ? Kind::number : Kind::text;
 }
 
 std::string flagOf(std::string_view key) { return "--" + inAscii(key, '_', '-'); }
@@ -301,6 +343,21 @@ std::string ownDataPath(const std::string& basePath, const std::string& customer
   return below(below(basePath, "data"), customer);
 }
 
+// Of a wish for the log on standard error and one for nothing there, the nearer one counts; when
+// both come from one place, it stays quiet.
+void decideAboutStandardError(const SettingSources& sources, Settings& settings) {
+  AgentLog::LogSettings& log = settings.log;
+  if (settings.verbose && log.quiet) {
+    log.quiet = given(sources, "quiet")->place >= given(sources, "verbose")->place;
+    settings.verbose = !log.quiet;
+  }
+  using StandardError = AgentLog::LogSettings::StandardError;
+  const bool hasFormat = given(sources, "log_format").has_value();
+  log.standardError = settings.verbose ? StandardError::always
+                      : hasFormat      ? StandardError::otherwise
+                                       : StandardError::never;
+}
+
 // Layered here and not by CLI11, which lets the settings file win over the environment, and knows
 // nothing of the place that a value was given in.
 std::variant<Settings, SettingsError> layerSettings(const SettingSources& sources,
@@ -313,6 +370,7 @@ std::variant<Settings, SettingsError> layerSettings(const SettingSources& source
     settings.agent.dataPath = defaultDataPath(sources, settings);
   }
   if (const auto key = missingKey(settings, needed)) return missing(*key);
+  decideAboutStandardError(sources, settings);
   return settings;
 }
 

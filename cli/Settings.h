@@ -28,7 +28,9 @@ struct Settings {
   /// What the bundled modules take. The two directories are absolute, without a trailing slash but
   /// for "/" itself.
   AgentUtils::AgentSettings agent;
+  /// `quiet` leaves out progress and warnings, too.
   AgentLog::LogSettings log;
+  bool verbose = false;  ///< the log on standard error
   /// The most bytes of a script's output that are written and logged.
   std::optional<std::uint64_t> maxOutput;
   std::string settingsFile;  ///< where some of them may come from; never standard input
@@ -36,9 +38,11 @@ struct Settings {
 };
 
 /// A setting's value, by its kind: a text, a number of bytes, one that need not be given, how
-/// often, a toggle, the form of the log.
-using SettingMember = std::variant<std::string*, std::uint64_t*, std::optional<std::uint64_t>*,
-                                   std::uint32_t*, bool*, AgentLog::LogSettings::Format*>;
+/// often, a toggle, a choice of the log's.
+using SettingMember =
+    std::variant<std::string*, std::uint64_t*, std::optional<std::uint64_t>*, std::uint32_t*, bool*,
+                 AgentLog::LogSettings::Format*, AgentLog::Severity*,
+                 std::optional<AgentLog::LogSettings::Target>*>;
 
 /// One setting. The key in the settings file ("base_path") gives the flag ("--base-path") and the
 /// environment variable ("VARN_BASE_PATH").
@@ -50,13 +54,16 @@ struct SettingDefinition {
   };
 
   std::string_view key;
-  std::string_view valueName;  ///< what help calls the value: "DIR"
-  std::string_view meaning;    ///< what help says
+  /// What help calls the value: "DIR". The names of a choice in the order of its values:
+  /// "text|json".
+  std::string_view valueName;
+  std::string_view meaning;  ///< what help says
   /// Where its value is in the settings.
   SettingMember (*member)(Settings& settings);
   /// What is wrong with a text that was given for it, or nothing; null when every text will do.
   std::optional<std::string> (*complaint)(const std::string& text) = nullptr;
   bool isDirectory = false;  ///< made absolute
+  char letter = 0;           ///< of its short flag, "-v"; 0 when it has none
 
   [[nodiscard]] Kind kind() const;
 };

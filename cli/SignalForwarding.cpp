@@ -7,6 +7,8 @@
 #include <iterator>
 #include <thread>
 
+#include "StandardStreams.h"
+
 namespace VarnScripts {
 namespace {
 
@@ -37,6 +39,7 @@ int take(const sigset_t& signals) {
 
 // Ends this process by `signal`, for whoever waits for it to see.
 [[noreturn]] void endBy(int signal) {
+  leaveTerminalClean();
   struct sigaction action {};
   action.sa_handler = SIG_DFL;
   ::sigaction(signal, &action, nullptr);
@@ -104,6 +107,8 @@ void SignalForwarding::forward() {
     std::unique_lock lock(mutex_);
     // While the lock is held, nothing is started.
     if (script_ == Script::none) {
+      // What the work says that finds itself undone is of no use.
+      leaveTerminalClean();
       if (undo_) undo_();
       endBy(first);
     }

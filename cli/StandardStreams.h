@@ -1,8 +1,11 @@
-// The process's standard streams: standard input on the null device, and whole texts out.
+// The process's standard streams: standard input on the null device, whole texts out, and the one
+// line of a terminal that shows the state of long work below them. Any thread, after
+// `openStandardStreams`; what is written is whole, whoever writes at the same time.
 
 #pragma once
 
 #include <string_view>
+#include <system_error>
 
 #include "FileDescriptor.h"
 
@@ -14,9 +17,19 @@ namespace VarnScripts {
 /// Called before anything else is opened.
 [[nodiscard]] posix::FileDescriptor openStandardStreams();
 
+/// Whether standard output, or standard error, is a terminal.
+[[nodiscard]] bool isOutputTerminal();
+[[nodiscard]] bool isErrorTerminal();
+
 /// Writes `text` to standard output; a failure is one line on standard error. True when all of it
 /// was written.
 bool writeOutput(std::string_view text);
+
+/// As `writeOutput`, without the line: `error` says why not all was written.
+void writeOutput(std::string_view text, std::error_code& error) noexcept;
+
+/// The line for a failed `writeOutput`.
+void reportOutputFailure(const std::error_code& error);
 
 /// Writes `line`, made printable, and a line break to standard error. A failure is of no
 /// consequence.
@@ -24,5 +37,14 @@ void writeErrorLine(std::string_view line);
 
 /// Tells on standard error that there is no memory, and needs none for it.
 void writeOutOfMemory() noexcept;
+
+/// Shows `text` as the status line of the terminal that standard error is: a line that is
+/// overwritten, stays below what is written, and is gone with an empty text. Not shown while output
+/// has not ended its line, and left as it is when the terminal takes nothing.
+void showStatusLine(std::string_view text);
+
+/// Takes the status line off for a process that is ended in the middle of its work. Does not wait
+/// long for other threads, and these write nothing more to a terminal.
+void leaveTerminalClean() noexcept;
 
 }  // namespace VarnScripts

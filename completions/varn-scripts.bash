@@ -10,11 +10,11 @@ _varn_scripts() {
   fi
 
   local settings="--config --base-path --data-path --customer --server --ca-file --client-cert
-    --client-key --proxy --header-file --netrc-file --retry --max-download --max-output --log-format
-    --log-file --quiet --help"
+    --client-key --proxy --header-file --netrc-file --retry --max-download --max-output --verbose
+    --log-level --log-format --log-file --log-target --quiet --help"
   local with_value=" --config --base-path --data-path --customer --server --ca-file --client-cert
-    --client-key --proxy --header-file --netrc-file --retry --max-download --max-output --log-format
-    --log-file --accept-codes --keep-for --digest "
+    --client-key --proxy --header-file --netrc-file --retry --max-download --max-output --log-level
+    --log-format --log-file --log-target --accept-codes --keep-for --digest "
 
   compopt +o default 2>/dev/null
   case $previous in
@@ -30,6 +30,14 @@ _varn_scripts() {
       ;;
     --log-format)
       mapfile -t COMPREPLY < <(compgen -W "text json" -- "$current")
+      return
+      ;;
+    --log-level)
+      mapfile -t COMPREPLY < <(compgen -W "info warning error" -- "$current")
+      return
+      ;;
+    --log-target)
+      mapfile -t COMPREPLY < <(compgen -W "syslog journald" -- "$current")
       return
       ;;
     --digest)
@@ -66,7 +74,7 @@ _varn_scripts() {
   local options
   case $command in
     "") options="$settings --version" ;;
-    run) options="$settings --accept-codes --json --no-wait" ;;
+    run) options="$settings --accept-codes --json --follow --no-wait" ;;
     plan | list) options="$settings --json" ;;
     prune) options=$settings ;;
     publish) options="$settings --keep-for --digest --strict --check --allow-removal" ;;

@@ -26,9 +26,12 @@ _varn_scripts() {
     '--retry[how often a download that failed is tried again]:number:'
     '--max-download[most bytes of one download]:bytes:'
     '--max-output[most bytes of the output that are written and logged]:bytes:'
+    '(-v --verbose)'{-v,--verbose}'[log on standard error]'
+    '--log-level[least that is logged]:level:(info warning error)'
     '--log-format[form of the log]:form:(text json)'
     '--log-file[log to a rotating file]:file:_files'
-    '--quiet[no log on standard error]'
+    "--log-target[log to the system's log]:log:(syslog journald)"
+    '--quiet[no progress, warnings or log on standard error]'
     '(- *)'{-h,--help}'[print a summary]'
   )
   commands=(
@@ -50,7 +53,8 @@ _varn_scripts() {
         run)
           _arguments $settings \
             '--accept-codes[exit codes that count as success]:codes:' \
-            '--json[print the result as one JSON object]' \
+            '(--follow)--json[print the result as one JSON object]' \
+            '(--json)--follow[write the output as it comes]' \
             '--no-wait[fail when another process runs the script]' \
             '1:script:_varn_scripts_known'
           ;;

@@ -139,7 +139,11 @@ class Collector {
     }
     guarded([] { kLog.info("availableOutput"); });
     // Without memory the chunk is dropped, and the run goes on.
-    (output_.append(chunk) ? outputBytes_ : lostBytes_) += chunk.size();
+    if (!output_.append(chunk)) {
+      lostBytes_ += chunk.size();
+      return;
+    }
+    outputBytes_ += chunk.size();
     tell(&ScriptRunObserver::outputTaken, chunk);
   }
 

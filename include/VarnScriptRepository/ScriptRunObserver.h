@@ -98,7 +98,8 @@ class VARN_EXPORT ScriptRunObserver {
   /// It runs, as the process `processID`, which leads a process group of its own. Not called when
   /// it can't be started.
   virtual void scriptStarted(int processID);
-  /// A piece of its output, UTF-8, which ends at the end of a character. Lasts as long as the call.
+  /// A piece of its output, UTF-8, which ends at the end of a character. All pieces together are
+  /// the output that the request's result has. Lasts as long as the call.
   virtual void outputTaken(std::string_view output);
   /// The process has ended. When this has returned its process ID is given back, and nothing must
   /// be sent to it any more.

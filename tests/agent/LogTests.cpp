@@ -13,6 +13,8 @@
 #include "JsonText.h"
 #include "LogLine.h"
 #include "LogSettings.h"
+#include "RecordSeverity.h"
+#include "support/TemporaryDirectory.h"
 
 using AgentLog::LogSettings;
 using AgentLog::Record;
@@ -162,6 +164,106 @@ TEST(Log, QuietWritesNothingButTellsTheObserver) {
   EXPECT_EQ(written, "");
   EXPECT_EQ(seen, (std::vector<std::string>{"Unit|operation()|1|a\nb|info",
                                             "Unit|operation()|2|c|error"}));
+}
+
+TEST(SeverityOf, IsAWarningForEachFailureOfTheLibrary) {
+  using AgentLog::Severity;
+  const auto severityOf = [](std::string_view source, std::string_view message) {
+    return AgentLog::severityOf({Record::Level::info, message, source, "operation()", 1});
+  };
+  const auto of = [&](std::string_view message) {
+    return severityOf("ScriptRepositoryProcessor", message);
+  };
+  for (const std::string_view failure :
+       {"Processing Script ID 4 not able to get server script repo meta to procees",
+        "Processing Script ID 4 Server Version 1 Local Version -- status (nil, nil)",
+        "Not able to get download URL of script data",
+        "Download failure of script data",
+        "Unable to get script items data",
+        "Unable to get file data from script items data",
+        "Download failure of script",
+        "Not able to compute checksum processing",
+        "Not able get script repo data",
+        "Unable to get script data",
+        "Not able to get script data",
+        "Error while reading file /f No such file or directory",
+        "Unable to get checksum ID",
+        "Checksum mismatch ID 1 Server Checksum 2 Server Checksum Type md5",
+        "Unable to get launch path for a",
+        "Script Output: No Output Exit Code: nil",
+        "Script Return Code did not match expected exit code: [\"0\"]",
+        "Script Return Code did not match expected overriden exit code: [\"0\"]",
+        "Removing File Error Permission denied",
+        "Removing Local Scripts, Script Repo Meta Data Not available, will be processed later",
+        "Error while getting data Permission denied",
+        "Script-Meta Download Failed",
+        "shell: Killing process due to 600s time-out",
+        "Launch failed: No such file or directory",
+        "Launch path not available: /bin/none"}) {
+    EXPECT_EQ(of(failure), Severity::warning) << failure;
+  }
+  for (const std::string_view plain :
+       {"Processing Script ID 4 Server Version 1 Local Version -- Downloading and Executing Script",
+        "Processing Script ID 4 Server Version 1 Local Version 1 status (Optional(false), "
+        "Optional(\"Unable to get file data\"))",
+        "Script Output: No Output Exit Code: nil\n Exit Code: 0",
+        "Script Output: Launch failed:  Exit Code: 0", "Script-Meta Download Success",
+        "availableOutput", "Removing File /f", "No Scripts to remove from Script Repo", ""}) {
+    EXPECT_EQ(of(plain), Severity::info) << plain;
+  }
+  // What the modules and the command say, and what the library calls an error.
+  EXPECT_EQ(severityOf("HttpHandlermac", "Download of /a failed: refused"), Severity::warning);
+  EXPECT_EQ(AgentLog::severityOf({Record::Level::error, "No ScriptIDs found in the storage.",
+                                  "ScriptRepositoryLocalMeta", "getAllScriptIDs()", 1}),
+            Severity::error);
+}
+
+TEST(Log, LeavesOutWhatMattersLessAndTellsTheObserver) {
+  int seen = 0;
+  LogSettings settings;
+  settings.least = AgentLog::Severity::warning;
+  settings.observer = [&seen](const Record&) { ++seen; };
+  AgentLog::configure(settings);
+  const std::string written = standardErrorOf([] {
+    AgentLog::logInfo("availableOutput", "ScriptRepositoryUtil", "operation()", 1);
+    AgentLog::logInfo("Launch failed: no", "ScriptRepositoryUtil", "operation()", 2);
+    AgentLog::logError("c", "ScriptRepositoryLocalMeta", "operation()", 3);
+  });
+  // The level in a line is the library's own.
+  const std::size_t end = written.find('\n');
+  EXPECT_EQ(withoutTime(written.substr(0, end)),
+            "info ScriptRepositoryUtil operation() 2 Launch failed: no");
+  EXPECT_EQ(withoutTime(written.substr(end + 1)),
+            "error ScriptRepositoryLocalMeta operation() 3 c\n");
+  EXPECT_EQ(seen, 3);
+}
+
+TEST(Log, GoesToStandardErrorBesidesAFileOnlyWhereThatIsSaid) {
+  using StandardError = LogSettings::StandardError;
+  const TemporaryDirectory directory;
+  const struct {
+    std::string file;
+    StandardError standardError;
+    bool quiet, isWritten;
+  } rows[] = {
+      {"", StandardError::otherwise, false, true},
+      {directory / "log", StandardError::otherwise, false, false},
+      {directory / "log", StandardError::always, false, true},
+      {directory / "log", StandardError::always, true, false},
+      {"", StandardError::never, false, false},
+      {"", StandardError::always, true, false},
+  };
+  for (const auto& row : rows) {
+    LogSettings settings;
+    settings.file = row.file;
+    settings.standardError = row.standardError;
+    settings.quiet = row.quiet;
+    AgentLog::configure(settings);
+    const std::string written =
+        standardErrorOf([] { AgentLog::logInfo("m", "Unit", "operation()", 1); });
+    EXPECT_EQ(!written.empty(), row.isWritten) << &row - rows;
+    EXPECT_EQ(settings.writesToStandardError(), row.isWritten) << &row - rows;
+  }
 }
 
 TEST(Log, CutsMessagesThatAreLongerThanTheSettingsAllow) {

@@ -51,16 +51,17 @@ TEST(ParseCommandLine, GlobalOptionsStandBeforeAndAfterTheCommand) {
 
 TEST(ParseCommandLine, EverySettingIsAFlag) {
   const CommandLine line = lineFrom(
-      {"--config",       "f",   "--base-path",   "a", "--data-path",   "b", "--customer",   "c",
-       "--server",       "d",   "--ca-file",     "e", "--client-cert", "g", "--client-key", "h",
-       "--proxy",        "i",   "--header-file", "n", "--netrc-file",  "o", "--retry",      "p",
-       "--max-download", "j",   "--max-output",  "m", "--log-format",  "k", "--log-file",   "l",
-       "--quiet",        "list"});
+      {"--config",       "f", "--base-path",   "a", "--data-path",   "b",       "--customer",   "c",
+       "--server",       "d", "--ca-file",     "e", "--client-cert", "g",       "--client-key", "h",
+       "--proxy",        "i", "--header-file", "n", "--netrc-file",  "o",       "--retry",      "p",
+       "--max-download", "j", "--max-output",  "m", "--log-format",  "k",       "--log-file",   "l",
+       "--log-level",    "q", "--log-target",  "r", "--verbose",     "--quiet", "list"});
   const SettingTexts expected = {
       {"base_path", "a"},   {"data_path", "b"},   {"customer", "c"},   {"server", "d"},
       {"ca_file", "e"},     {"client_cert", "g"}, {"client_key", "h"}, {"proxy", "i"},
       {"header_file", "n"}, {"netrc_file", "o"},  {"retry", "p"},      {"max_download", "j"},
-      {"max_output", "m"},  {"log_format", "k"},  {"log_file", "l"},   {"quiet", "true"}};
+      {"max_output", "m"},  {"log_format", "k"},  {"log_file", "l"},   {"log_level", "q"},
+      {"log_target", "r"},  {"verbose", "true"},  {"quiet", "true"}};
   EXPECT_EQ(line.flags, expected);
   EXPECT_EQ(line.configFile, "f");
 }
@@ -104,6 +105,27 @@ TEST(ParseCommandLine, WhatNoExitCodeCanBeIsNoAcceptedCode) {
 TEST(ParseCommandLine, AToggleMayBeTurnedOff) {
   EXPECT_EQ(lineFrom({"--quiet=false", "list"}).flags, (SettingTexts{{"quiet", "false"}}));
   EXPECT_EQ(lineFrom({"--quiet=true", "list"}).flags, (SettingTexts{{"quiet", "true"}}));
+}
+
+TEST(ParseCommandLine, AToggleMayHaveALetter) {
+  const SettingTexts expected = {{"verbose", "true"}};
+  for (const Arguments& arguments :
+       {Arguments{"-v", "list"}, Arguments{"list", "-v"}, Arguments{"-vv", "list"}}) {
+    EXPECT_EQ(lineFrom(arguments).flags, expected) << testing::PrintToString(arguments);
+  }
+  EXPECT_EQ(lineFrom({"--verbose=false", "list"}).flags, (SettingTexts{{"verbose", "false"}}));
+}
+
+TEST(ParseCommandLine, OutputIsFollowedAsTextAlone) {
+  EXPECT_FALSE(lineFrom({"run", "42"}).follow);
+  EXPECT_TRUE(lineFrom({"run", "--follow", "42"}).follow);
+  for (const Arguments& arguments : {Arguments{"run", "42", "--follow", "--json"},
+                                     Arguments{"run", "--json", "--follow", "42"}}) {
+    EXPECT_EQ(replyTo(arguments).exitStatus, 2);
+    EXPECT_NE(replyTo(arguments).error.find("--json excludes --follow"), std::string::npos)
+        << replyTo(arguments).error;
+  }
+  EXPECT_EQ(replyTo({"plan", "42", "--follow"}).exitStatus, 2);
 }
 
 TEST(ParseCommandLine, AnEmptyValueAfterAnEqualsSignTakesNothingElse) {

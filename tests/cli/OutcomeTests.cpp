@@ -4,6 +4,8 @@
 
 #include <string>
 #include <string_view>
+#include <system_error>
+#include <utility>
 
 #include "ExitStatus.h"
 #include "Outcome.h"
@@ -77,6 +79,64 @@ TEST(Outcome, WithoutARunHasTheReason) {
             "{\"script_id\":\"42\",\"status\":\"not_run\",\"output\":null,\"reason\":\"none\","
             "\"reason_code\":\"not_listed\"}\n");
   EXPECT_EQ(exitStatusOf(outcome), kExitNotRun);
+}
+
+/// What `writeText` writes to standard output and to standard error.
+std::pair<std::string, std::string> written(const Outcome& outcome, const Settings& settings,
+                                            const WrittenOutput& before = {}) {
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  writeText(outcome, settings, before);
+  const std::string output = testing::internal::GetCapturedStdout();
+  return {output, testing::internal::GetCapturedStderr()};
+}
+
+using Written = std::pair<std::string, std::string>;
+
+// As without any setting.
+Settings withoutLog() {
+  Settings settings;
+  settings.log.standardError = AgentLog::LogSettings::StandardError::never;
+  return settings;
+}
+
+TEST(WriteText, SaysWhyAScriptIsRejectedAndThatItsLimitCame) {
+  const struct {
+    bool accepted;
+    ScriptEnd::How how;
+    bool limitReached;
+    std::string line;
+  } rows[] = {
+      {true, ScriptEnd::How::exited, false, ""},
+      {true, ScriptEnd::How::exited, true,
+       "varn-scripts: the script was asked to end at the time limit\n"},
+      {false, ScriptEnd::How::exited, false, "varn-scripts: rejected: the exit code is 9\n"},
+      {false, ScriptEnd::How::signalled, true,
+       "varn-scripts: rejected: the script was ended by signal 9 (asked to end at the time "
+       "limit)\n"},
+  };
+  for (const auto& row : rows) {
+    Outcome outcome{{row.accepted, "done\n"}, {}, runOf(row.how)};
+    outcome.run->end.limitReached = row.limitReached;
+    EXPECT_EQ(written(outcome, withoutLog()), Written("done\n", row.line));
+    Settings quiet = withoutLog();
+    quiet.log.quiet = true;
+    EXPECT_EQ(written(outcome, quiet), Written("done\n", ""));
+    // With a log there, that says it.
+    EXPECT_EQ(written(outcome, Settings{}), Written("done\n", ""));
+  }
+}
+
+TEST(WriteText, WritesTheRestOfWhatIsThereAlready) {
+  const Outcome outcome{{true, "12345678"}, {}, runOf(ScriptEnd::How::exited)};
+  EXPECT_EQ(written(outcome, withoutLog(), {3}), Written("45678", ""));
+  EXPECT_EQ(written(outcome, withoutLog(), {8}), Written("", ""));
+  Settings settings = withoutLog();
+  settings.maxOutput = 5;
+  EXPECT_EQ(written(outcome, settings, {3}),
+            Written("45", "varn-scripts: 3 of 8 bytes of output are left out (max_output)\n"));
+  EXPECT_EQ(written(outcome, withoutLog(), {3, std::make_error_code(std::errc::broken_pipe)}),
+            Written("", "varn-scripts: standard output can't be written: Broken pipe\n"));
 }
 
 }  // namespace

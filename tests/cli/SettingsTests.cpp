@@ -41,18 +41,21 @@ Settings settingsFrom(const SettingSources& sources,
 }
 
 using Format = AgentLog::LogSettings::Format;
-using Values =
-    std::tuple<std::string, std::string, std::string, std::string, std::string, std::string,
-               std::string, std::string, std::string, std::string, std::uint32_t, std::uint64_t,
-               std::optional<std::uint64_t>, Format, std::string, bool>;
+using Severity = AgentLog::Severity;
+using Target = AgentLog::LogSettings::Target;
+using Values = std::tuple<std::string, std::string, std::string, std::string, std::string,
+                          std::string, std::string, std::string, std::string, std::string,
+                          std::uint32_t, std::uint64_t, std::optional<std::uint64_t>, bool,
+                          Severity, Format, std::string, std::optional<Target>, bool>;
 
 // In the order of their definitions.
 Values valuesOf(const Settings& settings) {
   const auto& agent = settings.agent;
-  return {agent.basePath,      agent.dataPath,      agent.customerID,  agent.serverURL,
-          agent.caFile,        agent.clientCert,    agent.clientKey,   agent.proxy,
-          settings.headerFile, agent.netrcFile,     agent.retries,     agent.maxDownload,
-          settings.maxOutput,  settings.log.format, settings.log.file, settings.log.quiet};
+  return {agent.basePath,      agent.dataPath,      agent.customerID,   agent.serverURL,
+          agent.caFile,        agent.clientCert,    agent.clientKey,    agent.proxy,
+          settings.headerFile, agent.netrcFile,     agent.retries,      agent.maxDownload,
+          settings.maxOutput,  settings.verbose,    settings.log.least, settings.log.format,
+          settings.log.file,   settings.log.target, settings.log.quiet};
 }
 
 std::string errorFrom(const SettingSources& sources,
@@ -70,9 +73,25 @@ TEST(SettingNames, FlagsAndVariablesAreMadeFromTheKey) {
 }
 
 TEST(LayerSettings, DefaultsStandWhereNothingIsGiven) {
-  const Values expected{
-      "/opt/agent", "/opt/agent/data/7", "7",          "https://host", "", "",   "", "", "", "",
-      2U,           1073741824U,         std::nullopt, Format::text,   "", false};
+  const Values expected{"/opt/agent",
+                        "/opt/agent/data/7",
+                        "7",
+                        "https://host",
+                        "",
+                        "",
+                        "",
+                        "",
+                        "",
+                        "",
+                        2U,
+                        1073741824U,
+                        std::nullopt,
+                        false,
+                        Severity::info,
+                        Format::text,
+                        "",
+                        std::nullopt,
+                        false};
   EXPECT_EQ(valuesOf(settingsFrom(complete())), expected);
 }
 
@@ -91,12 +110,31 @@ TEST(LayerSettings, EverySettingCanBeGivenInTheEnvironment) {
                                        {"VARN_RETRY", "4"},
                                        {"VARN_MAX_DOWNLOAD", "5"},
                                        {"VARN_MAX_OUTPUT", "6"},
+                                       {"VARN_VERBOSE", "true"},
+                                       {"VARN_LOG_LEVEL", "error"},
                                        {"VARN_LOG_FORMAT", "json"},
+                                       {"VARN_LOG_TARGET", "journald"},
                                        {"VARN_LOG_FILE", "log"},
-                                       {"VARN_QUIET", "true"}});
-  const Values expected{
-      "/b",      "/d",    "c", "http://s", "ca.pem", "cert.pem",   "key.pem", "http://p:3128",
-      "headers", "netrc", 4,   5,          6,        Format::json, "log",     true};
+                                       {"VARN_QUIET", "false"}});
+  const Values expected{"/b",
+                        "/d",
+                        "c",
+                        "http://s",
+                        "ca.pem",
+                        "cert.pem",
+                        "key.pem",
+                        "http://p:3128",
+                        "headers",
+                        "netrc",
+                        4,
+                        5,
+                        6,
+                        true,
+                        Severity::error,
+                        Format::json,
+                        "log",
+                        Target::journald,
+                        false};
   EXPECT_EQ(valuesOf(settingsFrom(sources)), expected);
 }
 
@@ -289,6 +327,76 @@ TEST(LayerSettings, AWrongSettingOfStandardInputIsNamedWithIt) {
   sources.filePath = "-";
   EXPECT_EQ(errorFrom(sources),
             "log_format (given by standard input) must be text or json, not \"xml\"");
+}
+
+TEST(LayerSettings, AWrongChoiceIsToldWhichThereAre) {
+  auto sources = complete();
+  sources.flags["log_level"] = "warn";
+  EXPECT_EQ(errorFrom(sources),
+            "log_level (given by --log-level) must be info, warning or error, not \"warn\"");
+  sources.flags["log_level"] = "warning";
+  EXPECT_EQ(settingsFrom(sources).log.least, Severity::warning);
+  sources.flags["log_target"] = "";
+  EXPECT_EQ(settingsFrom(sources).log.target, std::nullopt);
+  sources.flags["log_target"] = "stdout";
+  EXPECT_EQ(errorFrom(sources),
+            "log_target (given by --log-target) must be syslog or journald, not \"stdout\"");
+}
+
+TEST(LayerSettings, TheLogIsOnStandardErrorWhereItIsAskedFor) {
+  const struct {
+    SettingTexts given;
+    bool isThere;
+  } rows[] = {
+      {{}, false},
+      {{{"verbose", "true"}}, true},
+      {{{"verbose", "false"}}, false},
+      {{{"log_format", "text"}}, true},
+      {{{"log_format", "json"}, {"quiet", "true"}}, false},
+      {{{"log_format", "json"}, {"log_file", "/log"}}, false},
+      {{{"log_format", "json"}, {"log_target", "syslog"}}, false},
+      {{{"log_file", "/log"}}, false},
+      {{{"log_target", "syslog"}}, false},
+      {{{"log_level", "warning"}}, false},
+      {{{"verbose", "true"}, {"log_file", "/log"}}, true},
+      {{{"verbose", "true"}, {"log_target", "syslog"}}, true},
+  };
+  for (const auto& row : rows) {
+    auto sources = complete();
+    sources.file = row.given;
+    EXPECT_EQ(settingsFrom(sources).log.writesToStandardError(), row.isThere) << &row - rows;
+  }
+}
+
+TEST(LayerSettings, OfVerboseAndQuietTheNearerCountsAndQuietInOnePlace) {
+  const SettingTexts verbose = {{"verbose", "true"}};
+  const SettingTexts quiet = {{"quiet", "true"}};
+  const SettingTexts both = {{"verbose", "true"}, {"quiet", "true"}};
+  const SettingTexts none;
+  const struct {
+    SettingTexts flags, environment, file;
+    bool isQuiet;
+  } rows[] = {
+      {verbose, none, quiet, false},
+      {verbose, {{"VARN_QUIET", "1"}}, none, false},
+      {none, {{"VARN_VERBOSE", "1"}}, quiet, false},
+      {quiet, none, verbose, true},
+      {quiet, {{"VARN_VERBOSE", "1"}}, none, true},
+      {none, {{"VARN_QUIET", "1"}}, verbose, true},
+      {both, none, none, true},
+      {none, none, both, true},
+      {none, {{"VARN_VERBOSE", "1"}, {"VARN_QUIET", "1"}}, none, true},
+      {{{"quiet", "false"}, {"verbose", "true"}}, none, quiet, false},
+  };
+  for (const auto& row : rows) {
+    auto sources = complete();
+    sources.flags.insert(row.flags.begin(), row.flags.end());
+    sources.environment = environmentOf(row.environment);
+    sources.file = row.file;
+    const Settings settings = settingsFrom(sources);
+    EXPECT_EQ(settings.log.quiet, row.isQuiet) << &row - rows;
+    EXPECT_EQ(settings.log.writesToStandardError(), !row.isQuiet) << &row - rows;
+  }
 }
 
 TEST(LayerSettings, NumbersOfBytesAreWholeAndAboveZero) {

@@ -163,7 +163,7 @@ class Options(unittest.TestCase):
                                   text=True, check=True).stdout
             if command:
                 self.assertIn(f"varn-scripts {command}", page)
-            options = re.findall(r"(?m)^  (?:-h,)?(--[a-z-]+)", text)
+            options = re.findall(r"(?m)^  (?:-[a-z],)?(--[a-z-]+)", text)
             self.assertTrue(options)
             for option in options:
                 self.assertIn(option, page)
@@ -187,9 +187,7 @@ class Messages(unittest.TestCase):
     """A log line that operating.md shows is one that the sources can write."""
 
     def test(self):
-        sources = "".join(path.read_text() for part in ("src", "agent", "cli")
-                          for path in sorted((ROOT / part).rglob("*.cpp")))
-        literals = "\n".join(re.findall(r'"((?:[^"\\\n]|\\.)*)"', sources))
+        literals = self.literals_in("src", "agent", "cli")
         page = (pages.DOCS / "operating.md").read_text()
         table = page.partition("### What the log says")[2].partition("\n### ")[0]
         quoted = re.findall(r"(?m)^\| `([^`…]+)[`…]", table)
@@ -197,6 +195,26 @@ class Messages(unittest.TestCase):
         for text in quoted:
             with self.subTest(text=text):
                 self.assertIn(text.strip(), literals)
+
+    def test_what_counts_as_a_failure_is_what_the_library_writes(self):
+        source = (ROOT / "agent" / self.TOLD_FAILURES).read_text()
+        table = source.partition("kBeginnings[] = {")[2].partition("};")[0]
+        beginnings = re.findall(r'"([^"]+)"', table)
+        self.assertGreater(len(beginnings), 10)
+        literals = self.literals_in("src")
+        for text in beginnings:
+            with self.subTest(text=text):
+                self.assertIn(f"\n{text}", literals)
+
+    # It repeats them.
+    TOLD_FAILURES = "RecordSeverity.cpp"
+
+    def literals_in(self, *parts):
+        """The texts in these parts of the sources, each on a line of its own."""
+        sources = "".join(path.read_text() for part in parts
+                          for path in sorted((ROOT / part).rglob("*.cpp"))
+                          if path.name != self.TOLD_FAILURES)
+        return "\n".join(re.findall(r'"((?:[^"\\\n]|\\.)*)"', sources))
 
 
 class ReasonCodes(unittest.TestCase):

@@ -106,16 +106,35 @@ class FormTest(CommandCase):
 class DestinationTest(CommandCase):
     """Where lines go."""
 
+    verbose = False
+
     def test_standard_output_carries_the_scripts_output_alone(self):
         self.put(text="echo out; echo err >&2\n")
-        result = self.run_command("run", "42")
+        result = self.run_command("-v", "run", "42")
         self.assertEqual(result.output, "out\nerr\n")
-        self.assertNotEqual(result.error, "")
+        self.assertGreaterEqual(len(result.error_lines), 7)
 
-    def test_quiet_writes_nothing_to_standard_error(self):
+    def test_nothing_is_logged_where_no_log_is_asked_for(self):
         self.put(text="echo out\n")
-        result = self.run_command("--quiet", "run", "42")
-        self.assertEqual((result.status, result.output, result.error), (0, "out\n", ""))
+        for options in ([], ["--log-level", "info"], ["--quiet"]):
+            with self.subTest(options=options):
+                result = self.run_command(*options, "run", "42")
+                self.assertEqual((result.status, result.output, result.error), (0, "out\n", ""))
+
+    def test_a_form_asks_for_the_log(self):
+        self.put()
+        self.assertEqual(len(self.run_json_log("run", "42").records), 7)
+        result = self.run_command("--log-format", "text", "run", "42")
+        self.assertEqual(len(result.error_lines), 7)
+
+    def test_quiet_wins_over_verbose(self):
+        self.put()
+        for options in (["-v", "--quiet"], ["--quiet", "-v"], ["--quiet", "--log-format", "json"]):
+            result = self.run_command(*options, "run", "42")
+            self.assertEqual((result.status, result.error), (0, ""), options)
+        nearer = self.run_command("-v", "run", "42",
+                                  environment=self.environment(VARN_QUIET="true"))
+        self.assertEqual(len(nearer.error_lines), 7)
 
     def test_a_log_file_takes_the_lines(self):
         self.put()
@@ -129,6 +148,14 @@ class DestinationTest(CommandCase):
             'Local Version -- status (Optional(true), Optional("done\\n"))'), lines[-1])
         self.assertEqual(stat.S_IMODE(os.stat(log).st_mode), 0o600)
 
+    def test_verbose_shows_what_a_log_file_takes(self):
+        self.put()
+        log = self.path("log")
+        result = self.run_command("-v", "--log-format", "json", "--log-file", log, "run", "42")
+        with open(log, encoding="utf-8") as file:
+            self.assertEqual(result.error, file.read())
+        self.assertEqual(len(result.records), 7)
+
     def test_quiet_leaves_a_log_file_alone(self):
         self.put()
         log = self.path("log")
@@ -138,6 +165,96 @@ class DestinationTest(CommandCase):
 
     def test_nothing_of_a_terminal_is_written_elsewhere(self):
         self.put()
-        result = self.run_command("run", "42")
+        result = self.run_command("-v", "run", "42")
         self.assertIsNone(re.search("[\r\x1b]", result.error))
         self.assertNotIn("Script is running", result.error)
+
+    def test_a_journal_that_the_build_does_not_know_is_refused(self):
+        self.put()
+        result = self.run_command("--log-target", "journald", "run", "42")
+        if result.status == 0:
+            self.skipTest("this build knows it")
+        self.assertEqual((result.status, result.output, result.error), (
+            2, "", "varn-scripts: log_target (--log-target, VARN_LOG_TARGET) can't be had: this "
+                   "build can't write to the journal by itself; syslog reaches it, too\n"))
+
+
+class LevelTest(CommandCase):
+    """How much of the log is written: failures are warnings, whatever a line calls them."""
+
+    verbose = False
+
+    def messages(self, level, *arguments):
+        result = self.run_json_log("--log-level", level, *arguments)
+        return result.status, [(r["level"], r["message"]) for r in result.records]
+
+    def test_of_a_run_that_goes_well_warnings_are_nothing(self):
+        self.put()
+        self.assertEqual(self.messages("warning", "run", "42"), (0, []))
+
+    def test_a_rejection_is_a_warning(self):
+        self.put(text="exit 3\n")
+        self.assertEqual(self.messages("warning", "run", "42"), (1, [
+            ("info", 'Script Return Code did not match expected exit code: ["0"]')]))
+        self.assertEqual(self.messages("error", "run", "42"), (1, []))
+
+    def test_a_request_that_fails_has_warnings_and_the_reason_as_an_error(self):
+        self.server = "file://" + self.path("none")
+        path = self.path("none/client-data/7/scriptrepo/scripts-meta.xml")
+        status, messages = self.messages("warning", "run", "42")
+        reason = ("error", f"The list of customer 7 can't be fetched from file://{path}: {path}: No "
+                           "such file or directory")
+        self.assertEqual((status, messages[1:]), (3, [
+            ("info", "Script-Meta Download Failed"),
+            ("info",
+             "Processing Script ID 42 not able to get server script repo meta to procees"),
+            reason]))
+        self.assertTrue(messages[0][1].startswith("Download of "), messages[0])
+        self.assertEqual(self.messages("error", "run", "42"), (3, [reason]))
+
+
+class WarningTest(CommandCase):
+    """What is said without a log: what is amiss, and the reason."""
+
+    verbose = False
+
+    def test_a_request_that_fails_says_the_reason_alone(self):
+        self.server = "file://" + self.path("none")
+        path = self.path("none/client-data/7/scriptrepo/scripts-meta.xml")
+        reason = (f"The list of customer 7 can't be fetched from file://{path}: {path}: No such "
+                  "file or directory\n")
+        for options in ([], ["--quiet"]):
+            for command in (["run", "42"], ["prune"]):
+                result = self.run_command(*options, *command)
+                self.assertEqual((result.status, result.output, result.error), (3, "", reason))
+
+    def test_a_rejection_is_told(self):
+        self.put(text="echo out; exit 3\n")
+        result = self.run_command("run", "42")
+        self.assertEqual((result.status, result.output, result.error),
+                         (1, "out\n", "varn-scripts: rejected: the exit code is 3\n"))
+        self.put(version="2", text="kill -9 $$\n")
+        result = self.run_command("run", "42")
+        self.assertEqual((result.status, result.error),
+                         (1, "varn-scripts: rejected: the script was ended by signal 9\n"))
+        for options in (["--quiet", "run", "42"], ["run", "42", "--json"]):
+            result = self.run_command(*options)
+            self.assertEqual((result.status, result.error), (1, ""))
+
+    def test_what_others_may_write_to_is_told(self):
+        self.put()
+        os.makedirs(self.base, mode=0o700)
+        os.chmod(self.base, 0o770)
+        result = self.run_command("run", "42")
+        self.assertEqual((result.status, result.output, result.error), (
+            0, "done\n",
+            f"varn-scripts: Writable by others than its owner: {self.base}\n"))
+        self.assertEqual(self.run_command("--quiet", "run", "42").error, "")
+        log = self.path("log")
+        in_file = self.run_command("--log-file", log, "run", "42")
+        self.assertEqual(in_file.error, result.error)
+        with open(log, encoding="utf-8") as file:
+            self.assertIn("Writable by others than its owner: ", file.read())
+        # In the log alone, where that stands beside it.
+        verbose = self.run_command("-v", "run", "42")
+        self.assertEqual(verbose.error.count("Writable by others"), 1)

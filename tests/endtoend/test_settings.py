@@ -10,6 +10,8 @@ from support.case import DEADLINE, CommandCase
 class PlacesTest(CommandCase):
     """Where settings can be given."""
 
+    verbose = False
+
     def setUp(self):
         super().setUp()
         self.put()
@@ -22,7 +24,8 @@ class PlacesTest(CommandCase):
 
     def test_the_settings_file(self):
         path = self.write_file(
-            f'base_path = "{self.base}"\ncustomer = "7"\nserver = "{self.server}"\nquiet = true\n')
+            f'base_path = "{self.base}"\ncustomer = "7"\nserver = "{self.server}"\n'
+            "verbose = true\nquiet = true\n")
         result = self.run_command("--config", path, "run", "42", settings=[])
         self.assertEqual((result.status, result.output, result.error), (0, "done\n", ""))
         result = self.run_command("run", "42", settings=[],
@@ -31,7 +34,8 @@ class PlacesTest(CommandCase):
 
     def test_the_environment(self):
         result = self.run_command("run", "42", settings=[], environment=self.environment(
-            VARN_BASE_PATH=self.base, VARN_CUSTOMER="7", VARN_SERVER=self.server, VARN_QUIET="1"))
+            VARN_BASE_PATH=self.base, VARN_CUSTOMER="7", VARN_SERVER=self.server, VARN_VERBOSE="1",
+            VARN_QUIET="1"))
         self.assertEqual((result.status, result.output, result.error), (0, "done\n", ""))
 
     def test_a_flag_wins_over_the_environment_and_that_over_the_file(self):

@@ -56,7 +56,8 @@ class TurnsTest(CommandCase):
         self.put_waiting("42")
         first = self.start("run", "42")
         script = self.wait_for_script()
-        second = self.start("--log-file", self.path("log"), "run", "42")
+        second = self.start("--log-file", self.path("log"), "run", "42",
+                            environment=self.environment(VARN_VERBOSE="false"))
         self.assertEqual(second.stderr.readline().decode(),
                          f"varn-scripts: waiting for process {first.pid}\n")
         self.let_go(script)

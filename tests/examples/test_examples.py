@@ -235,7 +235,7 @@ class Verdicts(DirectoryCase):
         # The directory's name holds blanks, which a URL must not.
         server = f"file://{self.server}".replace(" ", "%20")
         return execute([tested_command(), "--base-path", self.directory / "computer",
-                        "--customer", "acme", "--server", server, "run", script_id, "--json"])
+                        "--customer", "acme", "--server", server, "-v", "run", script_id, "--json"])
 
     def test_the_command_runs_every_example_to_its_documented_verdict(self):
         for script_id, name, codes, verdict in DOCUMENTED:
@@ -281,9 +281,9 @@ class Settings(DirectoryCase):
         self.assertEqual((result.returncode, json.loads(result.stdout)), (0, []), result.stderr)
         self.assertEqual(
             sorted(keys),
-            ["base_path", "ca_file", "client_cert", "client_key", "customer", "data_path",
-             "header_file", "log_file", "log_format", "max_download", "max_output", "netrc_file",
-             "proxy", "quiet", "retry", "server"],
+            ["base_path", "ca_file", "client_cert", "client_key", "customer", "data_path"]
+            + ["header_file", "log_file", "log_format", "log_level", "log_target", "max_download"]
+            + ["max_output", "netrc_file", "proxy", "quiet", "retry", "server", "verbose"],
         )
 
 

@@ -26,7 +26,7 @@ def help_text(*command):
 
 def options(*command):
     """The long options that the help lists, without those that are only mentioned."""
-    return set(re.findall(r"^  (?:-h,)?(--[a-z-]+)", help_text(*command), re.MULTILINE))
+    return set(re.findall(r"^  (?:-[a-z],)?(--[a-z-]+)", help_text(*command), re.MULTILINE))
 
 
 def settings():
@@ -36,7 +36,7 @@ def settings():
 class Help(unittest.TestCase):
     def test_the_reading_of_the_help_finds_what_is_known_to_be_there(self):
         self.assertLessEqual({"--base-path", "--quiet", "--help", "--version"}, options())
-        self.assertEqual({"--help", "--json", "--no-wait", "--accept-codes"}, options("run"))
+        self.assertEqual({"--help", "--json", "--follow", "--no-wait", "--accept-codes"}, options("run"))
         listed = re.findall(r"^  ([a-z]+)  ", help_text().split("Commands:")[1], re.MULTILINE)
         self.assertEqual(COMMANDS, listed)
 

@@ -47,6 +47,9 @@ class CommandCase(unittest.TestCase):
 
     maxDiff = None
 
+    # Whether the command writes its log to standard error, which most tests look at.
+    verbose = True
+
     def setUp(self):
         self.command = os.environ["VARN_TESTED_COMMAND"]
         self.directory = os.path.realpath(tempfile.mkdtemp(prefix="varn-endtoend-"))
@@ -86,10 +89,12 @@ class CommandCase(unittest.TestCase):
     # The command.
 
     def environment(self, **variables):
-        """This process's environment without settings and proxies, and with `variables`. What fails
-        is not tried again unless a test wants it."""
+        """This process's environment without proxies, with `variables`, and of all settings with
+        the one for the log. What fails is not tried again unless a test wants it."""
         kept = {key: value for key, value in os.environ.items()
                 if not key.startswith("VARN_") and not key.lower().endswith("_proxy")}
+        if self.verbose:
+            kept["VARN_VERBOSE"] = "true"
         return {**kept, "VARN_RETRY": "0", **variables}
 
     def settings(self):
