@@ -32,15 +32,15 @@ struct LogSettings {
   };
   Format format = Format::text;
   /// A rotating log file, mode 0600; standard error when empty.
-  std::string file;
+  std::string file{};
   /// Writes nothing to standard error.
   bool quiet = false;
   /// A message that is longer by more than a few words is cut: so much of it is kept, the words at
   /// its end, and how much was left out. Without a value messages are whole.
-  std::optional<std::uint64_t> maxMessage;
+  std::optional<std::uint64_t> maxMessage{};
   /// Sees every record after it was written, also with `quiet`, on the writing thread. May be
   /// empty; must not throw.
-  std::function<void(const Record&)> observer;
+  std::function<void(const Record&)> observer{};
 };
 
 /// Takes over `settings`. Throws `std::runtime_error` when the log file can't be opened.
