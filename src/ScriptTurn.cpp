@@ -166,10 +166,10 @@ std::string requestLockPath() {
 
 // ---- One turn --------------------------------------------------------------------------------
 
-struct ScriptTurn::Held {
-  explicit Held(Wait given) : wait(std::move(given)) {}
+struct HeldTurns {
+  explicit HeldTurns(ScriptTurn::Wait given) : wait(std::move(given)) {}
 
-  const Wait wait;
+  const ScriptTurn::Wait wait;
   LockFile* file = nullptr;
   std::set<std::int64_t> offsets;
   int holder = 0;
@@ -185,7 +185,7 @@ struct ScriptTurn::Held {
   void report(int processID);
 };
 
-void ScriptTurn::Held::take(std::int64_t offset, bool mayWait, std::error_code& error) {
+void HeldTurns::take(std::int64_t offset, bool mayWait, std::error_code& error) {
   error.clear();
   if (file == nullptr) {
     error = std::make_error_code(std::errc::operation_not_permitted);
@@ -203,7 +203,7 @@ void ScriptTurn::Held::take(std::int64_t offset, bool mayWait, std::error_code& 
 }
 
 /// Takes the byte from the other threads of this process; false when one of them has it.
-bool ScriptTurn::Held::takeAmongThreads(std::int64_t offset, bool mayWait) {
+bool HeldTurns::takeAmongThreads(std::int64_t offset, bool mayWait) {
   Turns& turns = turnsOfProcess();
   std::unique_lock lock(turns.mutex);
   const auto isFree = [&] { return !turns.taken.contains(offset); };
@@ -229,7 +229,7 @@ bool ScriptTurn::Held::takeAmongThreads(std::int64_t offset, bool mayWait) {
   return true;
 }
 
-void ScriptTurn::Held::leaveAmongThreads(std::int64_t offset) noexcept {
+void HeldTurns::leaveAmongThreads(std::int64_t offset) noexcept {
   Turns& turns = turnsOfProcess();
   const std::lock_guard lock(turns.mutex);
   turns.taken.erase(offset);
@@ -238,7 +238,7 @@ void ScriptTurn::Held::leaveAmongThreads(std::int64_t offset) noexcept {
 }
 
 /// Takes the byte from other processes; why it can't, or 0.
-int ScriptTurn::Held::takeAmongProcesses(std::int64_t offset, bool mayWait) {
+int HeldTurns::takeAmongProcesses(std::int64_t offset, bool mayWait) {
   for (auto waited = 0ms; waited < kUnreported; waited += kPause) {
     if (lockByte(*file, offset, F_SETLK) == 0) return 0;
     if (!isHeld(errno)) return errno;
@@ -258,20 +258,20 @@ int ScriptTurn::Held::takeAmongProcesses(std::int64_t offset, bool mayWait) {
   return errno;
 }
 
-void ScriptTurn::Held::report(int processID) {
+void HeldTurns::report(int processID) {
   holder = processID;
   guarded([&] {
     if (wait.reported) wait.reported(processID);
   });
 }
 
-void ScriptTurn::Held::leave(std::int64_t offset) noexcept {
+void HeldTurns::leave(std::int64_t offset) noexcept {
   if (!offsets.contains(offset)) return;
   static_cast<void>(lockByte(*file, offset, F_SETLK, F_UNLCK));
   leaveAmongThreads(offset);
 }
 
-void ScriptTurn::Held::leaveAll() noexcept {
+void HeldTurns::leaveAll() noexcept {
   while (!offsets.empty()) leave(*offsets.begin());
   if (file == nullptr) return;
   Turns& turns = turnsOfProcess();
@@ -288,8 +288,8 @@ void ScriptTurn::Held::leaveAll() noexcept {
 ScriptTurn::ScriptTurn() noexcept : ScriptTurn(Wait{}) {}
 
 ScriptTurn::ScriptTurn(Wait wait) noexcept
-    : held_(guarded(std::unique_ptr<Held>{},
-                    [&wait] { return std::make_unique<Held>(std::move(wait)); })) {}
+    : held_(guarded(std::unique_ptr<HeldTurns>{},
+                    [&wait] { return std::make_unique<HeldTurns>(std::move(wait)); })) {}
 
 ScriptTurn::~ScriptTurn() {
   if (held_) held_->leaveAll();

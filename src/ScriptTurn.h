@@ -13,8 +13,8 @@ namespace VarnScriptRepository {
 [[nodiscard]] std::int64_t lockOffset(std::string_view scriptID);
 
 /// Where in the lock file the script file `fileName` is locked, which is its path from the scripts
-/// directory: the same for each way to write it (`a.sh`, `./a.sh`), and for two names that some
-/// file system keeps in one file (`A.sh`). Where the directory lies does not matter: it may be
+/// directory: the same for each way to write it ("a.sh", "./a.sh"), and for two names that some
+/// file system keeps in one file ("A.sh"). Where the directory lies does not matter: it may be
 /// reached by several paths. Any thread.
 [[nodiscard]] std::int64_t fileLockOffset(std::string_view fileName);
 

@@ -39,6 +39,8 @@ namespace VarnScriptRepository {
 /// on, by whatever way it is called.
 VARN_EXPORT bool reloadServerList() noexcept;
 
+struct HeldTurns;
+
 /// Who may use the files and the record of a script: one at a time, among all threads of this
 /// process and all processes whose base path and customer are the same. The command `varn-scripts`
 /// takes turns, too.
@@ -93,8 +95,7 @@ class VARN_EXPORT ScriptTurn {
   [[nodiscard]] int holder() const noexcept;
 
  private:
-  struct Held;
-  std::unique_ptr<Held> held_;
+  std::unique_ptr<HeldTurns> held_;
 };
 
 /// What became of a removal.
