@@ -119,9 +119,9 @@ bool isIn(const Taken& taken, const Dropped& script) {
   return taken.contains({script.scriptID, script.scriptPath});
 }
 
-std::vector<std::string> idsOf(std::vector<Dropped> scripts) {
+std::vector<std::string> idsOf(const std::vector<Dropped>& scripts) {
   std::vector<std::string> ids;
-  for (Dropped& script : scripts) ids.push_back(std::move(script.scriptID));
+  for (const Dropped& script : scripts) ids.push_back(script.scriptID);
   return ids;
 }
 
@@ -140,9 +140,11 @@ ScriptRemoval remove(ScriptTurn& turn) {
       }
       dropped = droppedScripts(*store, *serverIDs);
       if (std::ranges::all_of(dropped, [&taken](const auto& one) { return isIn(taken, one); })) {
+        // Made before: without memory for it nothing is removed.
+        ScriptRemoval removal{idsOf(dropped), ""};
         keepWhatLiesElsewhere(*store, dropped);
         ScriptRepositoryProcessor::removeServerRemovedScripts();
-        return {idsOf(std::move(dropped)), ""};
+        return removal;
       }
     }
     // During the wait another list may be loaded, and records be written; then there is another.

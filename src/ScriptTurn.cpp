@@ -81,8 +81,10 @@ Turns& turnsOfProcess() {
 }
 
 posix::FileDescriptor openFile(const std::string& path, std::error_code& error) {
+  errno = 0;
   if (!AgentUtils::FileUtils().createDirectory(posix::directoryOf(path), true)) {
-    error = lastError();
+    // Not every agent's module leaves the system's error there.
+    error = errno != 0 ? lastError() : std::make_error_code(std::errc::io_error);
     return {};
   }
   posix::FileDescriptor file(retryOnInterrupt([&path] {

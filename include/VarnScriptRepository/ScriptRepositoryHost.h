@@ -100,9 +100,10 @@ class VARN_EXPORT ScriptTurn {
 
 /// What became of a removal.
 struct ScriptRemoval {
-  /// The IDs of the scripts whose files and records are removed, sorted.
+  /// The IDs of the scripts that the list lacks, as their records have them, sorted. The log tells
+  /// of a file of theirs that could not be removed.
   std::vector<std::string> scriptIDs;
-  /// Why nothing was removed, a sentence; empty when everything was that the list lacks.
+  /// Why nothing was removed, a sentence; otherwise empty.
   std::string reason;
 };
 
