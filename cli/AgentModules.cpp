@@ -106,7 +106,13 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
   agent.afterRowWrite = std::move(observers.afterRowWrite);
   agent.onFailure = std::move(observers.onFailure);
   agent.beforeServerFileUse = std::move(observers.beforeServerFileUse);
-  AgentUtils::configure(std::move(agent));
+  // `list` needs the data path alone, and uses nothing below the other.
+  if (agent.basePath.empty()) agent.basePath = agent.dataPath;
+  try {
+    AgentUtils::configure(std::move(agent));
+  } catch (const std::invalid_argument& error) {
+    return SettingsError{error.what()};
+  }
   return std::nullopt;
 }
 

@@ -178,4 +178,8 @@ void writeRemark(const std::string& remark, const Settings& settings) {
   }
 }
 
+std::string processText(int processID) {
+  return processID > 0 ? "process " + std::to_string(processID) : "another process";
+}
+
 }  // namespace VarnScripts

@@ -83,4 +83,7 @@ void writeReason(std::string_view sentence, const Settings& settings);
 /// Writes a remark on a request that went well, likewise, and nothing of it when quiet.
 void writeRemark(const std::string& remark, const Settings& settings);
 
+/// "process 12", or "another process" where the system does not say which.
+[[nodiscard]] std::string processText(int processID);
+
 }  // namespace VarnScripts

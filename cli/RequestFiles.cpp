@@ -1,30 +1,27 @@
 #include "RequestFiles.h"
 
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <memory>
 #include <optional>
 #include <utility>
 
 #include "AgentDirectories.h"
 #include "Directories.h"
 #include "List.h"
-#include "VarnScriptRepository/ScriptRepositoryProcessor.h"
+#include "ScriptTurn.h"
+#include "support/Files.h"
 
 namespace VarnScripts {
 namespace {
 
-const std::string& scriptsDirectory() { return VarnScriptRepository::scriptRepoScriptsDirectory(); }
+using VarnScriptRepository::fileLockOffset;
+using VarnScriptRepository::ScriptTurn;
+using VarnScriptRepository::files::nameBelow;
+using VarnScriptRepository::files::resolvedDirectory;
 
-// The directory with its links resolved and a slash; empty when there is none.
-std::string resolvedDirectory(const std::string& path) {
-  const std::unique_ptr<char, decltype(&::free)> resolved(::realpath(path.c_str(), nullptr),
-                                                          &::free);
-  return resolved ? std::string(resolved.get()) + '/' : "";
-}
+const std::string& scriptsDirectory() { return VarnScriptRepository::scriptRepoScriptsDirectory(); }
 
 std::string recordedPathOf(const std::string& scriptID) {
   std::optional<std::string> unreadable;
@@ -34,20 +31,11 @@ std::string recordedPathOf(const std::string& scriptID) {
 
 }  // namespace
 
-std::string nameBelow(const std::string& directory, const std::string& path) {
-  const std::string top = resolvedDirectory(directory);
-  const auto slash = path.rfind('/');
-  const std::string last = path.substr(slash + 1);
-  if (top.empty() || slash == path.npos || last.empty() || last == "." || last == "..") return "";
-  const std::string place = resolvedDirectory(path.substr(0, slash + 1)) + last;
-  return place.starts_with(top) ? place.substr(top.size()) : "";
-}
-
-RequestFiles::RequestFiles(const std::string& scriptID, RequestLock& lock)
+RequestFiles::RequestFiles(const std::string& scriptID, ScriptTurn& turn)
     : scriptID_(scriptID),
       documentPath_(VarnScriptRepository::dataDocumentPath(scriptID)),
       mark_(scriptID),
-      lock_(lock) {}
+      turn_(turn) {}
 
 void RequestFiles::begin(std::error_code& error) {
   error.clear();
@@ -76,7 +64,9 @@ void RequestFiles::beforeFileUse(const std::string& path) {
   // The list is replaced whole and read once; only scripts are held.
   const std::string& scripts = scriptsDirectory();
   if (!path.starts_with(scripts + '/')) return;
-  lock_.holdFile(path.substr(scripts.size() + 1));
+  std::error_code error;
+  turn_.takeFile(path.substr(scripts.size() + 1), error);
+  if (error) throw std::system_error(error, "can't take " + path);
   unverifiedPath_ = path;
   // A script that is up to date is not downloaded, and nobody else would look at its directory.
   AgentUtils::reportOpenDirectory(scripts);
@@ -126,9 +116,9 @@ void RequestFiles::removeOutgrown() {
 void RequestFiles::removeScriptFile(const std::string& path) const {
   const std::string name = nameBelow(scriptsDirectory(), path);
   // Whoever else holds it has fetched or tested it for an ID of its own.
-  if (name.empty() || !lock_.tryHoldFile(name)) return;
+  if (name.empty() || !turn_.tryTakeFile(name)) return;
   ::unlink((resolvedDirectory(scriptsDirectory()) + name).c_str());
-  lock_.releaseFile(name);
+  turn_.leaveFile(name);
 }
 
 }  // namespace VarnScripts

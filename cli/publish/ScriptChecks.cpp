@@ -5,10 +5,10 @@
 #include <vector>
 
 #include "AgentDirectories.h"
-#include "FoldedName.h"
 #include "ScriptRules.h"
 #include "publish/ModuleNames.h"
 #include "publish/Names.h"
+#include "support/Text.h"
 
 namespace VarnScripts::publishing {
 namespace {
@@ -16,6 +16,7 @@ namespace {
 using VarnScriptRepository::codesIn;
 using VarnScriptRepository::interpreterFor;
 using VarnScriptRepository::splitWithQuotes;
+using VarnScriptRepository::text::foldedName;
 
 constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
 // What a compiled AppleScript begins with; it is no text.

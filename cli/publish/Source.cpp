@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "Calls.h"
-#include "FoldedName.h"
 #include "RegularFile.h"
 #include "publish/Names.h"
 #include "publish/ScriptChecks.h"
@@ -17,6 +16,7 @@ namespace VarnScripts::publishing {
 namespace {
 
 using AgentUtils::DigestKind;
+using VarnScriptRepository::text::foldedName;
 
 // The path with every symbolic link followed.
 std::string resolved(const std::string& path, std::error_code& error) {

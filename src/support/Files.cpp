@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <locale.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -200,6 +201,22 @@ void removeItem(const std::string& path, std::error_code& error) {
   error.clear();
   emptyDirectory(item, error);
   if (!error) error = removeOne(AT_FDCWD, item.c_str());
+}
+
+std::string resolvedDirectory(const std::string& path) {
+  if (!isPath(path)) return "";
+  const std::unique_ptr<char, decltype(&::free)> resolved(::realpath(path.c_str(), nullptr),
+                                                          &::free);
+  return resolved ? std::string(resolved.get()) + '/' : "";
+}
+
+std::string nameBelow(const std::string& directory, const std::string& path) {
+  const std::string top = resolvedDirectory(directory);
+  const auto slash = path.rfind('/');
+  const std::string last = path.substr(slash + 1);
+  if (top.empty() || slash == path.npos || last.empty() || last == "." || last == "..") return "";
+  const std::string place = resolvedDirectory(path.substr(0, slash + 1)) + last;
+  return place.starts_with(top) ? place.substr(top.size()) : "";
 }
 
 std::string description(const std::error_code& error) {
