@@ -6,7 +6,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -20,6 +19,7 @@
 #include "List.h"
 #include "PathGuard.h"
 #include "Progress.h"
+#include "PruneAnswer.h"
 #include "Reason.h"
 #include "RecordOwner.h"
 #include "RequestFiles.h"
@@ -28,7 +28,6 @@
 #include "StandardStreams.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
-#include "support/Text.h"
 
 namespace VarnScripts {
 namespace {
@@ -58,20 +57,6 @@ bool fillContainer() {
   if (!entries) return false;
   metadata.setScriptRepoAllMetaData(ScriptRepoAllMetaData{*entries});
   return true;
-}
-
-// The records of the scripts that the removal will take for dropped. One whose ID is written in two
-// ways is among them twice, of which the library takes one.
-std::vector<ListedScript> droppedScripts(std::optional<std::string>& error) {
-  std::set<std::string> listed;
-  for (const auto& entry : *ScriptRepositoryMetaProcessor::shared().scriptRepoMetaData()) {
-    listed.insert(VarnScriptRepository::text::equalityKey(entry.scriptID));
-  }
-  std::vector<ListedScript> scripts = listedScripts(error);
-  std::erase_if(scripts, [&listed](const ListedScript& script) {
-    return listed.contains(VarnScriptRepository::text::equalityKey(script.scriptID));
-  });
-  return scripts;
 }
 
 // Waits until no request runs for any of the scripts or uses one of their files.
@@ -123,39 +108,47 @@ void keepWhatLiesElsewhere(const std::vector<ListedScript>& scripts) {
   }
 }
 
-// The removal with the turns of all that it removes. Why it can't be done, or empty.
-std::string removeDropped(const Settings& settings) {
+// Those of the scripts that are recorded no more.
+std::vector<std::string> removedOf(std::vector<ListedScript> scripts) {
+  std::optional<std::string> ignored;
+  std::set<std::string> left;
+  for (const ListedScript& script : listedScripts(ignored)) left.insert(script.scriptID);
+  std::erase_if(scripts,
+                [&left](const ListedScript& script) { return left.contains(script.scriptID); });
+  return removalIDs(scripts);
+}
+
+// The removal with the turns of all that it removes.
+PruneAnswer removeDropped(const Settings& settings) {
   RequestLock lock({true, [&settings](int processID) {
                       writeRemark("waiting for " + processText(processID), settings);
                     }});
   std::optional<std::string> unreadable;
+  const auto& entries = *ScriptRepositoryMetaProcessor::shared().scriptRepoMetaData();
   // The library's own line tells of a store that can't be opened.
-  const std::vector<ListedScript> scripts = droppedScripts(unreadable);
+  const std::vector<ListedScript> scripts = droppedScripts(listedScripts(unreadable), entries);
+  ReasonCode stage = ReasonCode::lockedOut;
   try {
     if (!scripts.empty()) {
       takeTurns(scripts, settings, lock);
+      stage = ReasonCode::localStateFailed;
       keepWhatLiesElsewhere(scripts);
     }
   } catch (const std::exception& error) {
-    return std::string("Nothing is removed: ") + error.what();
+    return {false, {}, Reason{stage, std::string("Nothing is removed: ") + error.what()}};
   }
   ScriptRepositoryProcessor::removeServerRemovedScripts();
   for (const ListedScript& script : scripts) {
     std::error_code ignored;
     DocumentMark(script.scriptID).remove(ignored);
   }
-  return "";
-}
-
-int refused(std::string_view reason, const Settings& settings, Progress& progress) {
-  progress.finish();
-  writeReason(reason, settings);
-  return kExitNotRun;
+  return {false, removedOf(scripts), std::nullopt};
 }
 
 }  // namespace
 
-int prune(const CommandLine& /*line*/, const Settings& settings) {
+int prune(const CommandLine& line, const Settings& settings) {
+  if (line.dryRun) return pruneDryRun(line, settings);
   Progress progress(Progress::isPossible() && !settings.log.quiet);
   ModuleObservers observers;
   // No script is in this: nothing but the list can fail.
@@ -175,25 +168,32 @@ int prune(const CommandLine& /*line*/, const Settings& settings) {
     writeErrorLine("varn-scripts: " + error->line);
     return kExitUsage;
   }
-  if (!guard.allows(pathsOfRequests())) return refused(guard.refusal(), settings, progress);
+  const auto answer = [&](const PruneAnswer& given) {
+    progress.finish();
+    return answerPrune(given, line, settings);
+  };
+  const auto refused = [&](ReasonCode code, const std::string& sentence) {
+    return answer({false, {}, Reason{code, sentence}});
+  };
+  if (!guard.allows(pathsOfRequests())) {
+    return refused(ReasonCode::unsafeDirectory, guard.refusal());
+  }
   prepareDownloads();
   if (const auto complaint =
           complaintAboutRecord(ScriptRepositoryConstants::FilePath::scriptRepository(), settings)) {
-    return refused(*complaint, settings, progress);
+    return refused(ReasonCode::foreignRecord, *complaint);
   }
   createDirectories();
   if (!fillContainer()) {
     // Called all the same: the library's own line tells that nothing is removed.
     ScriptRepositoryProcessor::removeServerRemovedScripts();
-    return refused(guard.refusal().empty() ? reason.reason().sentence : guard.refusal(), settings,
-                   progress);
+    if (!guard.refusal().empty()) return refused(ReasonCode::unsafeDirectory, guard.refusal());
+    return refused(reason.reason().code, reason.reason().sentence);
   }
-  const std::string problem = removeDropped(settings);
+  const PruneAnswer removed = removeDropped(settings);
   // The list's download has looked after the other directory.
   AgentUtils::removeLeftDownloads(VarnScriptRepository::scriptRepoScriptsDirectory());
-  if (!problem.empty()) return refused(problem, settings, progress);
-  progress.finish();
-  return kExitSuccess;
+  return answer(removed);
 }
 
 }  // namespace VarnScripts

@@ -45,6 +45,8 @@ std::string nameBelow(const std::string& directory, const std::string& path) {
   return place.starts_with(top) ? place.substr(top.size()) : "";
 }
 
+std::string markNotMade(const DocumentMark& mark) { return "can't make " + mark.path(); }
+
 RequestFiles::RequestFiles(const std::string& scriptID, RequestLock& lock)
     : scriptID_(scriptID),
       documentPath_(VarnScriptRepository::dataDocumentPath(scriptID)),
@@ -72,7 +74,7 @@ void RequestFiles::beforeFileUse(const std::string& path) {
     recordedPath_ = recordedPathOf(scriptID_);
     std::error_code error;
     mark_.make(recordedPath_, error);
-    if (error) throw std::system_error(error, "can't make " + mark_.path());
+    if (error) throw std::system_error(error, markNotMade(mark_));
     return;
   }
   // The list is replaced whole and read once; only scripts are held.

@@ -18,6 +18,9 @@ namespace VarnScripts {
 /// when it is not below it: it names the directory itself or something elsewhere, if anything.
 [[nodiscard]] std::string nameBelow(const std::string& directory, const std::string& path);
 
+/// What is wrong when the mark of a data document that is about to be replaced can't be made.
+[[nodiscard]] std::string markNotMade(const DocumentMark& mark);
+
 /// The files of the script `scriptID`, whose turn `lock` holds.
 class RequestFiles {
  public:

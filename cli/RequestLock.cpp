@@ -54,6 +54,13 @@ struct flock byteAt(std::int64_t offset, short type) {
   return range;
 }
 
+// Who keeps others from the byte.
+std::optional<int> holderOf(int descriptor, std::int64_t offset) {
+  struct flock range = byteAt(offset, F_WRLCK);
+  if (::fcntl(descriptor, F_GETLK, &range) != 0 || range.l_type == F_UNLCK) return std::nullopt;
+  return static_cast<int>(range.l_pid);
+}
+
 }  // namespace
 
 std::int64_t lockOffset(std::string_view scriptID) {
@@ -74,6 +81,13 @@ std::int64_t fileLockOffset(std::string_view fileName) {
 
 std::string requestLockPath(const std::string& basePath, const std::string& customer) {
   return VarnScriptRepository::customerDirectory(basePath, customer) + "/varn-scripts.lock";
+}
+
+std::optional<int> turnHolder(const std::string& lockPath, std::string_view scriptID) {
+  // Without waiting: a FIFO would hold whoever opens it.
+  const posix::FileDescriptor file(
+      ::open(lockPath.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  return file ? holderOf(file.get(), lockOffset(scriptID)) : std::nullopt;
 }
 
 std::string processText(int processID) {
@@ -139,10 +153,7 @@ int RequestLock::takeByte(std::int64_t offset) {
     if (!wait_.mayWait) break;
     std::this_thread::sleep_for(pause);
   }
-  struct flock range = byteAt(offset, F_WRLCK);
-  holder_ = ::fcntl(descriptor_, F_GETLK, &range) == 0 && range.l_type != F_UNLCK
-                ? static_cast<int>(range.l_pid)
-                : 0;
+  holder_ = holderOf(descriptor_, offset).value_or(0);
   if (!wait_.mayWait) {
     errno = EAGAIN;
     return -1;

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -27,6 +28,11 @@ namespace VarnScripts {
 
 /// The file whose ranges requests lock.
 [[nodiscard]] std::string requestLockPath(const std::string& basePath, const std::string& customer);
+
+/// The process that has the turn of `scriptID` now, by the lock file at `lockPath`; 0 when the
+/// system does not say which, nothing when nobody has it or that can't be found out. Takes and
+/// makes nothing.
+[[nodiscard]] std::optional<int> turnHolder(const std::string& lockPath, std::string_view scriptID);
 
 /// "process 12", or "another process" where the system does not say which.
 [[nodiscard]] std::string processText(int processID);

@@ -67,7 +67,7 @@ std::variant<Settings, SettingsError> settingsFor(const CommandLine& line) {
     std::error_code none;
     return std::filesystem::exists(path, none);
   };
-  auto layered = VarnScripts::layerSettings(sources, line.command->needed);
+  auto layered = VarnScripts::layerSettings(sources, line.needed());
   if (auto* settings = std::get_if<Settings>(&layered)) settings->settingsFile = sources.filePath;
   return layered;
 }
