@@ -42,7 +42,7 @@ struct Reason {
   std::string sentence;
 };
 
-/// The host's own reasons, for what it does before the library's first step.
+// ---- The host's own reasons, for what it does before the library's first step ----------------
 
 /// Another process runs the script; 0 for one that is not known.
 [[nodiscard]] Reason inUse(const std::string& scriptID, int processID);

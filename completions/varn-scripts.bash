@@ -12,7 +12,7 @@ _varn_scripts_unquoted() {
   case $1 in
     \"*\") printf %s "${1:1:${#1}-2}" ;;
     \'*\') printf %s "${1:1:${#1}-2}" ;;
-    "~/"*) printf %s "$HOME/${1:2}" ;;
+    \~/*) printf %s "$HOME$(_varn_scripts_unquoted "${1:1}")" ;;
     *) printf %s "${1//\\/}" ;;
   esac
 }
