@@ -28,14 +28,6 @@ constexpr const char* kSource = "HttpHandlermac";
 constexpr const char* kOperation = "downloadFileWithRootPermission(fromURL:toPath:)";
 constexpr int kMostRedirects = 5;
 
-/// A document may name any path; what it names must not lead out of the agent's directories.
-void requireInside(const std::string& toPath, const std::string& basePath) {
-  if (toPath.find('\0') != toPath.npos) throw DownloadFailure("the target's name holds a NUL");
-  if (toPath.starts_with(basePath + '/') && hasParentComponent(toPath.substr(basePath.size()))) {
-    throw DownloadFailure("the target leads out of its directory: " + toPath);
-  }
-}
-
 /// What a download found to do.
 enum class Outcome {
   arrived,   ///< the file is complete and takes the target's place

@@ -82,8 +82,16 @@ void addPlanOptions(CLI::App& to, CommandLine& line) {
   to.add_flag("--json", line.json, "Print the plan as one JSON object");
 }
 
+void addPruneOptions(CLI::App& to, CommandLine& line) {
+  to.add_flag("--dry-run", line.dryRun, "Print the IDs of what would be removed, remove nothing");
+  to.add_flag("--json", line.json, "Print what is removed as one JSON object");
+}
+
 void addListOptions(CLI::App& to, CommandLine& line) {
-  to.add_flag("--json", line.json, "Print the records as a JSON array");
+  to.add_flag(std::string(kServer), line.listServer,
+              "List what the server has, and whether this computer is up to date; with a URL "
+              "behind it, it is the setting");
+  to.add_flag("--json", line.json, "Print a JSON array");
 }
 
 void addPublishOptions(CLI::App& to, CommandLine& line) {
@@ -118,10 +126,11 @@ constexpr Command kCommands[] = {
      NeededSettings::request, addPlanOptions, plan},
     {"prune", "Remove local copies of scripts the server dropped",
      "0 done, 2 usage or settings error, 3 the server's list can't be had.",
-     NeededSettings::request, nullptr, prune},
-    {"list", "List the local records",
-     "0 done, 2 usage or settings error, 3 the store can't be read.", NeededSettings::localState,
-     addListOptions, list},
+     NeededSettings::request, addPruneOptions, prune},
+    {"list", "List the local records, or the server's scripts",
+     "0 done, 2 usage or settings error, 3 the store can't be read, or the\n"
+     "server's list can't be had.",
+     NeededSettings::localState, addListOptions, list},
     {"publish", "Turn a directory of scripts into a server's tree",
      "0 published, or nothing has changed; 2 usage or settings error, or the\n"
      "source is refused; 3 the tree can't be written.",

@@ -1,9 +1,11 @@
 #include "Prune.h"
 
 #include <cstdint>
+#include <optional>
+#include <set>
 #include <string>
-#include <string_view>
 #include <system_error>
+#include <vector>
 
 #include "AgentDirectories.h"
 #include "AgentLog.h"
@@ -11,8 +13,10 @@
 #include "Directories.h"
 #include "DocumentMark.h"
 #include "ExitStatus.h"
+#include "List.h"
 #include "PathGuard.h"
 #include "Progress.h"
+#include "PruneAnswer.h"
 #include "Reason.h"
 #include "RecordOwner.h"
 #include "SignalForwarding.h"
@@ -30,29 +34,38 @@ using VarnScriptRepository::ScriptRepositoryConstants;
 using VarnScriptRepository::ScriptRepositoryProcessor;
 using VarnScriptRepository::ScriptTurn;
 
-// The removal with the turns of all that it removes. Why it can't be done, or empty.
-std::string removeDropped(const Settings& settings) {
+// Those of the scripts that are recorded no more; of two ways to write an ID the first.
+std::vector<std::string> removedOf(std::vector<std::string> scriptIDs) {
+  std::optional<std::string> ignored;
+  std::set<std::string> left;
+  for (const ListedScript& script : listedScripts(ignored)) left.insert(script.scriptID);
+  std::erase_if(scriptIDs, [&left](const std::string& id) { return left.contains(id); });
+  return removalIDs(scriptIDs);
+}
+
+// The removal with the turns of all that it removes.
+PruneAnswer removeDropped(const Settings& settings) {
   ScriptTurn turn({true, [&settings](int processID) {
                      writeRemark("waiting for " + processText(processID), settings);
                    }});
   const ScriptRemoval removal = removeDroppedScripts(turn);
-  if (!removal.reason.empty()) return "Nothing is removed: " + removal.reason;
+  if (!removal.reason.empty()) {
+    return {false,
+            {},
+            Reason{removal.turnError ? ReasonCode::lockedOut : ReasonCode::localStateFailed,
+                   "Nothing is removed: " + removal.reason}};
+  }
   for (const std::string& scriptID : removal.scriptIDs) {
     std::error_code ignored;
     DocumentMark(scriptID).remove(ignored);
   }
-  return "";
-}
-
-int refused(std::string_view reason, const Settings& settings, Progress& progress) {
-  progress.finish();
-  writeReason(reason, settings);
-  return kExitNotRun;
+  return {false, removedOf(scripts), std::nullopt};
 }
 
 }  // namespace
 
-int prune(const CommandLine& /*line*/, const Settings& settings) {
+int prune(const CommandLine& line, const Settings& settings) {
+  if (line.dryRun) return pruneDryRun(line, settings);
   // Before any other thread, and never destroyed: a signal leaves the terminal clean.
   [[maybe_unused]] const auto& signals = *new SignalForwarding;
   Progress progress(Progress::isPossible() && !settings.log.quiet);
@@ -74,24 +87,31 @@ int prune(const CommandLine& /*line*/, const Settings& settings) {
     writeErrorLine("varn-scripts: " + error->line);
     return kExitUsage;
   }
-  if (!guard.allows(pathsOfRequests())) return refused(guard.refusal(), settings, progress);
+  const auto answer = [&](const PruneAnswer& given) {
+    progress.finish();
+    return answerPrune(given, line, settings);
+  };
+  const auto refused = [&](ReasonCode code, const std::string& sentence) {
+    return answer({false, {}, Reason{code, sentence}});
+  };
+  if (!guard.allows(pathsOfRequests())) {
+    return refused(ReasonCode::unsafeDirectory, guard.refusal());
+  }
   prepareDownloads();
   if (const auto complaint =
           complaintAboutRecord(ScriptRepositoryConstants::FilePath::scriptRepository(), settings)) {
-    return refused(*complaint, settings, progress);
+    return refused(ReasonCode::foreignRecord, *complaint);
   }
   if (!VarnScriptRepository::reloadServerList()) {
     // Called all the same: the library's own line tells that nothing is removed.
     ScriptRepositoryProcessor::removeServerRemovedScripts();
-    return refused(guard.refusal().empty() ? reason.reason().sentence : guard.refusal(), settings,
-                   progress);
+    if (!guard.refusal().empty()) return refused(ReasonCode::unsafeDirectory, guard.refusal());
+    return refused(reason.reason().code, reason.reason().sentence);
   }
-  const std::string problem = removeDropped(settings);
+  const PruneAnswer removed = removeDropped(settings);
   // The list's download has looked after the other directory.
   AgentUtils::removeLeftDownloads(VarnScriptRepository::scriptRepoScriptsDirectory());
-  if (!problem.empty()) return refused(problem, settings, progress);
-  progress.finish();
-  return kExitSuccess;
+  return answer(removed);
 }
 
 }  // namespace VarnScripts

@@ -5,6 +5,7 @@
 
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "Settings.h"
@@ -40,6 +41,16 @@ struct Reason {
   ReasonCode code;
   std::string sentence;
 };
+
+// ---- The host's own reasons, for what it does before the library's first step ----------------
+
+/// Another process runs the script; 0 for one that is not known.
+[[nodiscard]] Reason inUse(const std::string& scriptID, int processID);
+/// The lock file can't be made, opened or locked.
+[[nodiscard]] Reason lockNotTaken(const std::string& lockPath, const std::error_code& error);
+/// The data document that an interrupted request has left, or its mark, can't be removed.
+[[nodiscard]] Reason documentStays(const std::string& scriptID, const std::string& markPath,
+                                   const std::error_code& error);
 
 /// Watches one request, on its thread, and gives the reason when nothing was run.
 class ReasonFinder : public VarnScriptRepository::ScriptRunObserver {

@@ -31,6 +31,8 @@ std::string recordedPathOf(const std::string& scriptID) {
 
 }  // namespace
 
+std::string markNotMade(const DocumentMark& mark) { return "can't make " + mark.path(); }
+
 RequestFiles::RequestFiles(const std::string& scriptID, ScriptTurn& turn)
     : scriptID_(scriptID),
       documentPath_(VarnScriptRepository::dataDocumentPath(scriptID)),
@@ -58,7 +60,7 @@ void RequestFiles::beforeFileUse(const std::string& path) {
     recordedPath_ = recordedPathOf(scriptID_);
     std::error_code error;
     mark_.make(recordedPath_, error);
-    if (error) throw std::system_error(error, "can't make " + mark_.path());
+    if (error) throw std::system_error(error, markNotMade(mark_));
     return;
   }
   // The list is replaced whole and read once; only scripts are held.

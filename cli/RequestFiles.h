@@ -14,6 +14,9 @@
 
 namespace VarnScripts {
 
+/// What is wrong when the mark of a data document that is about to be replaced can't be made.
+[[nodiscard]] std::string markNotMade(const DocumentMark& mark);
+
 /// The files of the script `scriptID`, whose turn `turn` has.
 class RequestFiles {
  public:

@@ -117,8 +117,10 @@ int report(const CommandLine& line, const Settings& settings, const Outcome& out
   return exitStatusOf(outcome);
 }
 
+Outcome notRun(Reason reason) { return {{}, std::move(reason), std::nullopt}; }
+
 Outcome notRun(ReasonCode code, std::string sentence) {
-  return {{}, Reason{code, std::move(sentence)}, std::nullopt};
+  return notRun({code, std::move(sentence)});
 }
 
 Outcome request(const CommandLine& line, const Settings& settings, RunWatch& watch,
@@ -135,21 +137,13 @@ Outcome request(const CommandLine& line, const Settings& settings, RunWatch& wat
   turn.take({line.scriptID}, error);
   if (error) {
     // Without its turn a request could run what another one is just replacing.
-    if (error == std::errc::resource_unavailable_try_again) {
-      return notRun(ReasonCode::lockedOut,
-                    "Script " + line.scriptID + " is in use by " + processText(turn.holder()));
-    }
-    return notRun(ReasonCode::lockedOut, "Request lock " + VarnScriptRepository::requestLockPath() +
-                                             " can't be taken: " + error.message());
+    return notRun(error == std::errc::resource_unavailable_try_again
+                      ? inUse(line.scriptID, turn.holder())
+                      : lockNotTaken(VarnScriptRepository::requestLockPath(), error));
   }
   files.begin(error);
-  if (error) {
-    // The document may belong to another version than the one that is recorded.
-    return notRun(ReasonCode::localStateFailed, "Data document of script " + line.scriptID +
-                                                    ", whose version is not recorded, or " +
-                                                    files.mark().path() +
-                                                    " can't be removed: " + error.message());
-  }
+  // The document may belong to another version than the one that is recorded.
+  if (error) return notRun(documentStays(line.scriptID, files.mark().path(), error));
   ScriptRepositoryProcessor processor(line.scriptID);
   if (line.acceptCodes) processor.overrideExpectedReturnCode = line.acceptCodes;
   ProcessingResult result = processor.processScript();

@@ -73,7 +73,7 @@ std::variant<Settings, SettingsError> settingsFor(const CommandLine& line,
     std::error_code none;
     return std::filesystem::exists(path, none);
   };
-  auto layered = VarnScripts::layerSettings(sources, line.command->needed);
+  auto layered = VarnScripts::layerSettings(sources, line.needed());
   auto* const settings = std::get_if<Settings>(&layered);
   if (settings != nullptr && !isInput) settings->settingsFile = sources.filePath;
   return layered;

@@ -102,6 +102,8 @@ install(FILES ${PROJECT_SOURCE_DIR}/completions/varn-scripts.bash
 install(FILES ${PROJECT_SOURCE_DIR}/completions/varn-scripts.zsh
   DESTINATION ${VARN_ZSH_COMPLETIONS_DIR} COMPONENT runtime
   RENAME _varn-scripts)
+install(FILES ${PROJECT_SOURCE_DIR}/completions/varn-scripts.fish
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/examples/README.md ${PROJECT_SOURCE_DIR}/examples/varn-scripts.toml
   DESTINATION ${documents}/examples COMPONENT runtime)
 install(PROGRAMS ${PROJECT_SOURCE_DIR}/examples/demo

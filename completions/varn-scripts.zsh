@@ -2,14 +2,27 @@
 # Completion of varn-scripts for zsh.
 
 _varn_scripts_known() {
-  # The scripts that this computer knows, when the environment's settings tell where to look.
-  local -a known
-  known=(${(f)"$(_call_program scripts varn-scripts --quiet list --json 2>/dev/null |
+  # The scripts that this computer knows, as the settings on the line and the environment's tell
+  # where to look.
+  local -a known places
+  local word option
+  for word in "${(@)typed[2,-1]}"; do
+    case $word in
+      --(config|base-path|data-path|customer)) option=$word; continue ;;
+      --(config|base-path|data-path|customer)=*)
+        places+=("${word%%=*}" "${${(Q)${word#*=}}/#\~\//$HOME/}") ;;
+      *) [[ -n $option ]] && places+=("$option" "${${(Q)word}/#\~\//$HOME/}") ;;
+    esac
+    option=
+  done
+  known=(${(f)"$(_call_program scripts varn-scripts --quiet ${(q)places} list --json 2>/dev/null |
     grep -o '"script_id":"[A-Za-z0-9._-]*"' | cut -d '"' -f 4)"})
   compadd -a known
 }
 
 _varn_scripts() {
+  # The words before the cursor, also those that stand before the command.
+  local -a typed=("${(@)words[1,CURRENT-1]}")
   local -a settings commands
   settings=(
     '--config[settings file]:file:_files'
@@ -38,7 +51,7 @@ _varn_scripts() {
     'run:fetch, verify and run one script'
     'plan:tell what run would do now'
     'prune:remove local copies of scripts the server dropped'
-    'list:list the local records'
+    "list:list the local records, or the server's scripts"
     "publish:turn a directory of scripts into a server's tree"
   )
 
@@ -62,8 +75,18 @@ _varn_scripts() {
           _arguments $settings '--json[print the plan as one JSON object]' \
             '1:script:_varn_scripts_known'
           ;;
-        list) _arguments $settings '--json[print the records as a JSON array]' ;;
-        prune) _arguments $settings ;;
+        prune)
+          _arguments $settings \
+            '--dry-run[print what would be removed, remove nothing]' \
+            '--json[print what is removed as one JSON object]'
+          ;;
+        list)
+          # Its --server takes a value or none.
+          settings=(${settings:#--server*})
+          _arguments $settings \
+            '--server[list what the server has]::location:(https\: http\: file\:)' \
+            '--json[print a JSON array]'
+          ;;
         publish)
           _arguments $settings \
             '--keep-for[how long files stay that the list no longer names]:time:' \

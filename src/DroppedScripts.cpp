@@ -153,9 +153,9 @@ ScriptRemoval remove(ScriptTurn& turn) {
     std::error_code error;
     takeTurns(dropped, turn, error);
     if (error) {
-      return {
-          {},
-          "Request lock " + requestLockPath() + " can't be taken: " + files::description(error)};
+      return {{},
+              "Request lock " + requestLockPath() + " can't be taken: " + files::description(error),
+              error};
     }
   }
 }

@@ -14,6 +14,7 @@
 #include <list>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <set>
 #include <thread>
 #include <utility>
@@ -132,12 +133,13 @@ int lockByte(const LockFile& file, std::int64_t offset, int command, short type 
   return lockByte(file, offset, command, range);
 }
 
-/// The process that has the byte; 0 when the system does not say.
-int holderOf(const LockFile& file, std::int64_t offset) {
+/// The process that keeps others from the byte, 0 when the system does not say which; nothing when
+/// none does.
+std::optional<int> holderOf(const LockFile& file, std::int64_t offset) {
   struct flock range {};
   range.l_type = F_WRLCK;
-  const bool isKnown = lockByte(file, offset, F_GETLK, range) == 0 && range.l_type != F_UNLCK;
-  return isKnown && range.l_pid > 0 ? static_cast<int>(range.l_pid) : 0;
+  if (lockByte(file, offset, F_GETLK, range) != 0 || range.l_type == F_UNLCK) return std::nullopt;
+  return std::max(static_cast<int>(range.l_pid), 0);
 }
 
 bool isHeld(int error) { return error == EAGAIN || error == EACCES; }
@@ -164,6 +166,14 @@ std::int64_t fileLockOffset(std::string_view fileName) {
 
 std::string requestLockPath() {
   return customerDirectory(basePath(), customerID()) + "/varn-scripts.lock";
+}
+
+std::optional<int> turnHolder(std::string_view scriptID) {
+  // Without waiting: a FIFO would hold whoever opens it.
+  const int opened =
+      ::open(requestLockPath().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  const LockFile file{posix::FileDescriptor(opened), 0};
+  return file.descriptor ? holderOf(file, lockOffset(scriptID)) : std::nullopt;
 }
 
 // ---- One turn --------------------------------------------------------------------------------
@@ -247,7 +257,7 @@ int HeldTurns::takeAmongProcesses(std::int64_t offset, bool mayWait) {
     if (!mayWait) break;
     std::this_thread::sleep_for(kPause);
   }
-  holder = holderOf(*file, offset);
+  holder = holderOf(*file, offset).value_or(0);
   if (!mayWait) return EAGAIN;
   report(holder);
   if (lockByte(*file, offset, F_SETLKW) == 0) return 0;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -20,5 +21,10 @@ namespace VarnScriptRepository {
 
 /// The file whose ranges are locked, of this process's customer. Any thread.
 [[nodiscard]] std::string requestLockPath();
+
+/// The process that has the turn of `scriptID` now; 0 when the system does not say which, nothing
+/// when nobody has it or that can't be found out. Takes and makes nothing. For a process that has
+/// no turn itself: that would end with it.
+[[nodiscard]] std::optional<int> turnHolder(std::string_view scriptID);
 
 }  // namespace VarnScriptRepository

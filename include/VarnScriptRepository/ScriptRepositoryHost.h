@@ -105,6 +105,8 @@ struct ScriptRemoval {
   std::vector<std::string> scriptIDs;
   /// Why nothing was removed, a sentence; otherwise empty.
   std::string reason;
+  /// Why the turns could not be taken, when that is the reason.
+  std::error_code turnError{};
 };
 
 /// Removes the script files, data documents and records of all scripts that the list lacks, which

@@ -145,17 +145,58 @@ TEST(ParseCommandLine, AnyTextIsAScriptId) {
   EXPECT_TRUE(lineFrom({"run", "--json", "--", "--json"}).json);
 }
 
-TEST(ParseCommandLine, JsonBelongsToRunAndList) {
+TEST(ParseCommandLine, JsonBelongsToAllButPublish) {
   EXPECT_TRUE(lineFrom({"run", "42", "--json"}).json);
   EXPECT_TRUE(lineFrom({"list", "--json"}).json);
-  EXPECT_EQ(replyTo({"prune", "--json"}).exitStatus, 2);
+  EXPECT_TRUE(lineFrom({"prune", "--json"}).json);
+  EXPECT_EQ(replyTo({"publish", "a", "b", "--json"}).exitStatus, 2);
+}
+
+TEST(ParseCommandLine, ServerIsAFlagOfListWhenNoUrlFollows) {
+  struct Case {
+    Arguments arguments;
+    bool listServer;
+    SettingTexts flags;
+  };
+  for (const Case& each :
+       {Case{{"list", "--server"}, true, {}}, Case{{"list", "--server", "--json"}, true, {}},
+        Case{{"list", "--json", "--server"}, true, {}},
+        Case{{"--server", "file:///a", "list"}, false, {{"server", "file:///a"}}},
+        Case{{"list", "--server", "file:///a"}, false, {{"server", "file:///a"}}},
+        Case{{"list", "--server=file:///a"}, false, {{"server", "file:///a"}}},
+        Case{{"list", "--server", "--server", "file:///a", "--quiet"},
+             true,
+             {{"server", "file:///a"}, {"quiet", "true"}}},
+        Case{{"list", "--server=file:///a", "--server"}, true, {{"server", "file:///a"}}},
+        Case{{"--server", "file:///a", "list", "--server"}, true, {{"server", "file:///a"}}}}) {
+    const CommandLine line = lineFrom(each.arguments);
+    const std::string shown = testing::PrintToString(each.arguments);
+    EXPECT_EQ(line.listServer, each.listServer) << shown;
+    EXPECT_EQ(line.flags, each.flags) << shown;
+    EXPECT_EQ(line.needed() == NeededSettings::request, each.listServer) << shown;
+  }
+  EXPECT_EQ(lineFrom({"run", "42", "--server", "file:///a"}).flags,
+            (SettingTexts{{"server", "file:///a"}}));
+  EXPECT_EQ(lineFrom({"run", "--", "list"}).scriptID, "list");
+  for (const Arguments& wrong :
+       {Arguments{"run", "42", "--server"}, Arguments{"list", "--server", ""},
+        Arguments{"list", "--server="}, Arguments{"prune", "--server"}}) {
+    EXPECT_EQ(replyTo(wrong).exitStatus, 2) << testing::PrintToString(wrong);
+  }
+}
+
+TEST(ParseCommandLine, ADryRunBelongsToPrune) {
+  EXPECT_TRUE(lineFrom({"prune", "--dry-run"}).dryRun);
+  EXPECT_TRUE(lineFrom({"prune", "--dry-run", "--json"}).json);
+  EXPECT_FALSE(lineFrom({"prune"}).dryRun);
+  EXPECT_EQ(replyTo({"list", "--dry-run"}).exitStatus, 2);
 }
 
 TEST(ParseCommandLine, AMistakeIsAUsageError) {
   for (const Arguments& arguments :
        {Arguments{}, Arguments{"publish"}, Arguments{"run"}, Arguments{"run", ""},
         Arguments{"run", "1", "2"}, Arguments{"--nope", "list"}, Arguments{"run", "42", "-x"},
-        Arguments{"list", "--server"}, Arguments{"list", "prune"}, Arguments{"list", "extra"},
+        Arguments{"prune", "--server"}, Arguments{"list", "prune"}, Arguments{"list", "extra"},
         Arguments{"--customer", "1", "list", "--customer", "2"},
         Arguments{"list", "--accept-codes", "0"}}) {
     const Reply reply = replyTo(arguments);

@@ -13,6 +13,8 @@ import unittest
 
 RUNTIME = [
     "usr/bin/varn-scripts",
+    "usr/lib/systemd/system/varn-scripts-prune.service",
+    "usr/lib/systemd/system/varn-scripts-prune.timer",
     "usr/lib/systemd/system/varn-scripts@.service",
     "usr/lib/systemd/system/varn-scripts@.timer",
     "usr/share/bash-completion/completions/varn-scripts",
@@ -21,6 +23,7 @@ RUNTIME = [
     "usr/share/doc/varn-scripts/examples/demo",
     "usr/share/doc/varn-scripts/examples/look-only.conf",
     "usr/share/doc/varn-scripts/examples/varn-scripts.toml",
+    "usr/share/fish/vendor_completions.d/varn-scripts.fish",
     "usr/share/man/man1/varn-scripts.1.gz",
     "usr/share/man/man5/varn-scripts.toml.5.gz",
     "usr/share/zsh/{zsh}/_varn-scripts",
