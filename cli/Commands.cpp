@@ -109,9 +109,11 @@ void addPublishOptions(CLI::App& to, CommandLine& line) {
       ->transform(durationInSeconds())
       ->type_name("TIME");
   to.add_flag("--strict", options.strict, "Refuse what is a warning otherwise");
-  to.add_flag("--check", options.check, "Check everything and write nothing");
+  to.add_flag("--check", options.check,
+              "Check everything, tell what would be published, and write nothing");
   to.add_flag("--allow-removal", options.allowRemoval,
-              "Publish a manifest without a script, so that computers remove all theirs");
+              "Drop all published scripts, or more than a third of ten or more, so that computers "
+              "remove them; replace a list that publish has not made");
   to.add_option("--digest", options.digest,
                 "Digest of the checksums (default: the manifest's, or sha256)")
       ->type_name("NAME");
@@ -132,8 +134,8 @@ constexpr Command kCommands[] = {
      "server's list can't be had.",
      NeededSettings::localState, addListOptions, list},
     {"publish", "Turn a directory of scripts into a server's tree",
-     "0 published, or nothing has changed; 2 usage or settings error, or the\n"
-     "source is refused; 3 the tree can't be written.",
+     "0 published, or nothing has changed; 2 usage or settings error, or refused;\n"
+     "3 the tree can't be read or written; 4 --check: there is something to publish.",
      NeededSettings::customer, addPublishOptions, publish},
 };
 

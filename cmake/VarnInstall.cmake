@@ -94,7 +94,8 @@ install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md
 install(TARGETS varn-scripts RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/docs/man/varn-scripts.1
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
-install(FILES ${PROJECT_SOURCE_DIR}/docs/man/varn-scripts.toml.5
+install(FILES ${PROJECT_SOURCE_DIR}/docs/man/scripts.toml.5
+              ${PROJECT_SOURCE_DIR}/docs/man/varn-scripts.toml.5
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/completions/varn-scripts.bash
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT runtime

@@ -92,8 +92,8 @@ _varn_scripts() {
             '--keep-for[how long files stay that the list no longer names]:time:' \
             '--digest[digest of the checksums]:digest:(md5 sha1 sha224 sha256 sha384 sha512)' \
             '--strict[refuse what is a warning otherwise]' \
-            '--check[check only, write nothing]' \
-            '--allow-removal[publish a manifest without a script]' \
+            '--check[check, tell what would be published, write nothing]' \
+            '--allow-removal[drop many scripts or all, replace a foreign list]' \
             '1:source directory:_files -/' '2:output directory:_files -/'
           ;;
       esac

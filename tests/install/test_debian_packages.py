@@ -25,6 +25,7 @@ RUNTIME = [
     "usr/share/doc/varn-scripts/examples/varn-scripts.toml",
     "usr/share/fish/vendor_completions.d/varn-scripts.fish",
     "usr/share/man/man1/varn-scripts.1.gz",
+    "usr/share/man/man5/scripts.toml.5.gz",
     "usr/share/man/man5/varn-scripts.toml.5.gz",
     "usr/share/zsh/{zsh}/_varn-scripts",
 ]

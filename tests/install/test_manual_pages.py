@@ -15,6 +15,7 @@ import unittest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 COMMAND_PAGE = ROOT / "docs/man/varn-scripts.1"
 SETTINGS_PAGE = ROOT / "docs/man/varn-scripts.toml.5"
+MANIFEST_PAGE = ROOT / "docs/man/scripts.toml.5"
 SERVICE_DIRECTORY = ROOT / "examples/systemd"
 COMMANDS = ["run", "plan", "prune", "list", "publish"]
 ANYWHERE = {"--help", "--version", "--config"}
@@ -87,12 +88,46 @@ class SettingsPage(unittest.TestCase):
         self.assertEqual({name[2:].replace("-", "_") for name in settings()}, keys)
 
 
+class ManifestPage(unittest.TestCase):
+    def refusals(self, manifest):
+        with tempfile.TemporaryDirectory() as directory:
+            pathlib.Path(directory, "scripts.toml").write_text(manifest, encoding="utf-8")
+            return subprocess.run(
+                [os.environ["VARN_TESTED_COMMAND"], "--customer", "7", "publish", "--check",
+                 directory, directory + "/tree"],
+                check=False, capture_output=True, encoding="utf-8", timeout=60).stderr
+
+    def keys(self, manifest, beginning):
+        """The keys that the command names when it meets one that it does not know."""
+        listed = re.search(f"{beginning} are (.*)", self.refusals(manifest)).group(1)
+        return re.split(", | and ", listed)
+
+    def test_describes_every_key_of_a_script_and_of_the_manifest_and_no_other(self):
+        of_script = self.keys('[[script]]\nid = "1"\nfile = "a.sh"\nx = 1\n', "a script's keys")
+        of_manifest = self.keys("x = 1\n", "the manifest's keys")
+        self.assertEqual(["id", "file"], of_script[:2])
+        self.assertEqual(["digest", "script"], of_manifest)
+        page = MANIFEST_PAGE.read_text(encoding="utf-8")
+        self.assertEqual(["digest", *of_script], re.findall(r"^\.It Ic ([a-z_]+)", page, re.MULTILINE))
+        self.assertIn(".Ic [[script]]", page)
+        table = (ROOT / "docs/formats.md").read_text(encoding="utf-8").split("| key |")[1]
+        self.assertEqual(["digest", *of_script],
+                         re.findall(r"^\| `([a-z_]+)` \|", table.split("\n\n")[0], re.MULTILINE))
+
+    def test_each_key_that_it_describes_is_taken(self):
+        page = MANIFEST_PAGE.read_text(encoding="utf-8")
+        for key, form in re.findall(r"^\.It Ic ([a-z_]+) Pq (.*)$", page, re.MULTILINE):
+            place = ("" if key == "digest" else "[[script]]\n") + f"{key} = true\n"
+            self.assertIn(f"{key} must be a text" + (" or a list" if "list" in form else ""),
+                          self.refusals(place))
+
+
 class Pages(unittest.TestCase):
     def test_are_formatted_without_a_warning(self):
         formatters = [name for name in ("mandoc", "groff") if shutil.which(name)]
         if not formatters:
             self.skipTest("neither mandoc nor groff is installed")
-        for page in (COMMAND_PAGE, SETTINGS_PAGE):
+        for page in (COMMAND_PAGE, SETTINGS_PAGE, MANIFEST_PAGE):
             for formatter in formatters:
                 lint = {"mandoc": ["mandoc", "-T", "lint", "-W", "warning"],
                         "groff": ["groff", "-mdoc", "-ww", "-z", "-K", "utf8"]}[formatter]
