@@ -59,7 +59,7 @@ PruneAnswer removeDropped(const Settings& settings) {
     std::error_code ignored;
     DocumentMark(scriptID).remove(ignored);
   }
-  return {false, removedOf(scripts), std::nullopt};
+  return {false, removedOf(removal.scriptIDs), std::nullopt};
 }
 
 }  // namespace
