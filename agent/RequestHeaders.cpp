@@ -1,6 +1,7 @@
 #include "RequestHeaders.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace AgentUtils {
 namespace {

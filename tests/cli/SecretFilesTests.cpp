@@ -80,7 +80,7 @@ TEST_F(SecretFiles, AWrongLineIsNamedByItsNumberAlone) {
 }
 
 TEST_F(SecretFiles, AreForNobodyElse) {
-  for (const mode_t mode : {0640, 0620, 0604, 0602, 0644, 0660}) {
+  for (const mode_t mode : {0640u, 0620u, 0604u, 0602u, 0644u, 0660u}) {
     const std::string path = write("X-Token: secret\n", mode);
     const std::string why =
         " is refused: other users may read or write it; chmod 600 keeps them out";
