@@ -180,7 +180,7 @@ class UsageTest(CommandCase):
 
     def test_usage_errors_have_status_2_and_write_to_standard_error(self):
         for arguments in ((), ("run",), ("run", ""), ("run", "1", "2"), ("unknown",),
-                          ("--unknown", "list"), ("prune", "--json"), ("publish", "", "tree"),
+                          ("--unknown", "list"), ("prune", "--server"), ("publish", "", "tree"),
                           ("--config", "", "list"), ("list", "--data-path=")):
             with self.subTest(arguments=arguments):
                 result = self.run_command(*arguments)
