@@ -56,6 +56,14 @@ std::string equalityKey(std::string_view text) {
 }
 
 std::string foldedName(std::string_view name) {
+  if (isASCII(name)) {
+    // Of these nothing but the letters has another form.
+    std::string folded(name);
+    for (char& c : folded) {
+      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return folded;
+  }
   return decomposed(name, UTF8PROC_CASEFOLD).value_or(std::string(name));
 }
 
