@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <set>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -13,7 +12,6 @@
 #include "Directories.h"
 #include "DocumentMark.h"
 #include "ExitStatus.h"
-#include "List.h"
 #include "PathGuard.h"
 #include "Progress.h"
 #include "PruneAnswer.h"
@@ -34,15 +32,6 @@ using VarnScriptRepository::ScriptRepositoryConstants;
 using VarnScriptRepository::ScriptRepositoryProcessor;
 using VarnScriptRepository::ScriptTurn;
 
-// Those of the scripts that are recorded no more; of two ways to write an ID the first.
-std::vector<std::string> removedOf(std::vector<std::string> scriptIDs) {
-  std::optional<std::string> ignored;
-  std::set<std::string> left;
-  for (const ListedScript& script : listedScripts(ignored)) left.insert(script.scriptID);
-  std::erase_if(scriptIDs, [&left](const std::string& id) { return left.contains(id); });
-  return removalIDs(scriptIDs);
-}
-
 // The removal with the turns of all that it removes.
 PruneAnswer removeDropped(const Settings& settings) {
   ScriptTurn turn({true, [&settings](int processID) {
@@ -52,14 +41,14 @@ PruneAnswer removeDropped(const Settings& settings) {
   if (!removal.reason.empty()) {
     return {false,
             {},
-            Reason{removal.turnError ? ReasonCode::lockedOut : ReasonCode::localStateFailed,
+            Reason{removal.isLockedOut ? ReasonCode::lockedOut : ReasonCode::localStateFailed,
                    "Nothing is removed: " + removal.reason}};
   }
   for (const std::string& scriptID : removal.scriptIDs) {
     std::error_code ignored;
     DocumentMark(scriptID).remove(ignored);
   }
-  return {false, removedOf(removal.scriptIDs), std::nullopt};
+  return {false, removalIDs(removal.scriptIDs), std::nullopt};
 }
 
 }  // namespace

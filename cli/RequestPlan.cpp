@@ -75,7 +75,7 @@ class PlanMaker {
     if (auto refusal = inquiry_.refusal({scriptID_})) return stop(std::move(*refusal));
     const std::string lock = VarnScriptRepository::requestLockPath();
     if (const auto error = whyNotOpened(lock)) return stop(lockNotTaken(lock, error));
-    if (const auto holder = VarnScriptRepository::turnHolder(scriptID_))
+    if (const auto holder = VarnScriptRepository::turnHolder(lock, scriptID_))
       plan_.waitsFor = inUse(scriptID_, *holder);
     if (!mark_.isThere()) return true;
     std::error_code error = whyNotRemoved(VarnScriptRepository::dataDocumentPath(scriptID_));

@@ -125,6 +125,19 @@ std::vector<std::string> idsOf(const std::vector<Dropped>& scripts) {
   return ids;
 }
 
+/// The removal itself. What is still recorded afterwards is not among the result's scripts.
+ScriptRemoval removeNow(Store& store, const std::vector<Dropped>& dropped) {
+  // Made before: without memory for it nothing is removed.
+  ScriptRemoval removal{idsOf(dropped), ""};
+  keepWhatLiesElsewhere(store, dropped);
+  ScriptRepositoryProcessor::removeServerRemovedScripts();
+  guarded([&] {
+    const auto left = store.fetchTableAsDictionary();
+    std::erase_if(removal.scriptIDs, [&left](const auto& id) { return left.contains(id); });
+  });
+  return removal;
+}
+
 ScriptRemoval remove(ScriptTurn& turn) {
   const std::unique_ptr<Store> store = openStore();
   Taken taken;
@@ -140,11 +153,7 @@ ScriptRemoval remove(ScriptTurn& turn) {
       }
       dropped = droppedScripts(*store, *serverIDs);
       if (std::ranges::all_of(dropped, [&taken](const auto& one) { return isIn(taken, one); })) {
-        // Made before: without memory for it nothing is removed.
-        ScriptRemoval removal{idsOf(dropped), ""};
-        keepWhatLiesElsewhere(*store, dropped);
-        ScriptRepositoryProcessor::removeServerRemovedScripts();
-        return removal;
+        return removeNow(*store, dropped);
       }
     }
     // During the wait another list may be loaded, and records be written; then there is another.
@@ -155,7 +164,7 @@ ScriptRemoval remove(ScriptTurn& turn) {
     if (error) {
       return {{},
               "Request lock " + requestLockPath() + " can't be taken: " + files::description(error),
-              error};
+              true};
     }
   }
 }

@@ -14,7 +14,6 @@
 #include <list>
 #include <mutex>
 #include <new>
-#include <optional>
 #include <set>
 #include <thread>
 #include <utility>
@@ -120,22 +119,21 @@ LockFile* useFile(const std::string& path, std::error_code& error) {
   return &*found;
 }
 
-int lockByte(const LockFile& file, std::int64_t offset, int command, struct flock& range) {
+int lockByte(int file, std::int64_t offset, int command, struct flock& range) {
   range.l_whence = SEEK_SET;
   range.l_start = static_cast<off_t>(offset);
   range.l_len = 1;
-  return retryOnInterrupt([&] { return ::fcntl(file.descriptor.get(), command, &range); });
+  return retryOnInterrupt([&] { return ::fcntl(file, command, &range); });
 }
 
 int lockByte(const LockFile& file, std::int64_t offset, int command, short type = F_WRLCK) {
   struct flock range {};
   range.l_type = type;
-  return lockByte(file, offset, command, range);
+  return lockByte(file.descriptor.get(), offset, command, range);
 }
 
-/// The process that keeps others from the byte, 0 when the system does not say which; nothing when
-/// none does.
-std::optional<int> holderOf(const LockFile& file, std::int64_t offset) {
+/// The process that has the byte, 0 when the system does not say which; nothing when nobody has.
+std::optional<int> holderOf(int file, std::int64_t offset) {
   struct flock range {};
   range.l_type = F_WRLCK;
   if (lockByte(file, offset, F_GETLK, range) != 0 || range.l_type == F_UNLCK) return std::nullopt;
@@ -164,16 +162,17 @@ std::int64_t fileLockOffset(std::string_view fileName) {
   return upperHalf + lockOffset(canonicalPath(fileName));
 }
 
-std::string requestLockPath() {
-  return customerDirectory(basePath(), customerID()) + "/varn-scripts.lock";
+std::string requestLockPath(const std::string& basePath, const std::string& customerID) {
+  return customerDirectory(basePath, customerID) + "/varn-scripts.lock";
 }
 
-std::optional<int> turnHolder(std::string_view scriptID) {
+std::string requestLockPath() { return requestLockPath(basePath(), customerID()); }
+
+std::optional<int> turnHolder(const std::string& lockPath, std::string_view scriptID) {
   // Without waiting: a FIFO would hold whoever opens it.
-  const int opened =
-      ::open(requestLockPath().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  const LockFile file{posix::FileDescriptor(opened), 0};
-  return file.descriptor ? holderOf(file, lockOffset(scriptID)) : std::nullopt;
+  const posix::FileDescriptor file(
+      ::open(lockPath.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  return file ? holderOf(file.get(), lockOffset(scriptID)) : std::nullopt;
 }
 
 // ---- One turn --------------------------------------------------------------------------------
@@ -257,7 +256,7 @@ int HeldTurns::takeAmongProcesses(std::int64_t offset, bool mayWait) {
     if (!mayWait) break;
     std::this_thread::sleep_for(kPause);
   }
-  holder = holderOf(*file, offset).value_or(0);
+  holder = holderOf(file->descriptor.get(), offset).value_or(0);
   if (!mayWait) return EAGAIN;
   report(holder);
   if (lockByte(*file, offset, F_SETLKW) == 0) return 0;

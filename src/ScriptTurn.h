@@ -19,12 +19,14 @@ namespace VarnScriptRepository {
 /// reached by several paths. Any thread.
 [[nodiscard]] std::int64_t fileLockOffset(std::string_view fileName);
 
-/// The file whose ranges are locked, of this process's customer. Any thread.
+/// The file whose ranges are locked, of any customer and of this process's. Any thread.
+[[nodiscard]] std::string requestLockPath(const std::string& basePath,
+                                          const std::string& customerID);
 [[nodiscard]] std::string requestLockPath();
 
-/// The process that has the turn of `scriptID` now; 0 when the system does not say which, nothing
-/// when nobody has it or that can't be found out. Takes and makes nothing. For a process that has
-/// no turn itself: that would end with it.
-[[nodiscard]] std::optional<int> turnHolder(std::string_view scriptID);
+/// The process that has the turn of `scriptID` now, by the lock file at `lockPath`; 0 when the
+/// system does not say which, nothing when nobody has it or that can't be found out. Takes and
+/// makes nothing. For a process that has no turn itself: the end of the look would end it.
+[[nodiscard]] std::optional<int> turnHolder(const std::string& lockPath, std::string_view scriptID);
 
 }  // namespace VarnScriptRepository

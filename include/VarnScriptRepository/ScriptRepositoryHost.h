@@ -100,13 +100,13 @@ class VARN_EXPORT ScriptTurn {
 
 /// What became of a removal.
 struct ScriptRemoval {
-  /// The IDs of the scripts that the list lacks, as their records have them, sorted. The log tells
+  /// The IDs of the scripts that the list lacks and whose records are gone, sorted. The log tells
   /// of a file of theirs that could not be removed.
   std::vector<std::string> scriptIDs;
   /// Why nothing was removed, a sentence; otherwise empty.
   std::string reason;
-  /// Why the turns could not be taken, when that is the reason.
-  std::error_code turnError{};
+  /// Whether the reason is a turn that could not be taken.
+  bool isLockedOut = false;
 };
 
 /// Removes the script files, data documents and records of all scripts that the list lacks, which

@@ -57,7 +57,7 @@ std::string equalityKey(std::string_view text) {
 
 std::string foldedName(std::string_view name) {
   if (isASCII(name)) {
-    // Nothing but the letters has another form.
+    // Of these nothing but the letters has another form.
     std::string folded(name);
     for (char& c : folded) {
       if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');

@@ -151,6 +151,23 @@ TEST_F(ScriptTurnTest, AFileThatAnotherProcessHoldsIsNotTaken) {
   EXPECT_TRUE(turn.tryTakeFile("job.sh"));
 }
 
+TEST_F(ScriptTurnTest, WhoHasOneIsToldWithoutTakingIt) {
+  const std::string path = requestLockPath(base_, "7");
+  EXPECT_EQ(path, base_ + "/client-data/7/varn-scripts.lock");
+  EXPECT_EQ(turnHolder(path, "42"), std::nullopt);
+  EXPECT_FALSE(std::filesystem::exists(path));
+  ScriptTurn turn;
+  ASSERT_EQ(take(turn, "42"), std::error_code());
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const bool told = turnHolder(path, "42") == ::getppid() && !turnHolder(path, "43");
+    ::_exit(told ? 0 : 1);
+  }
+  int status = 0;
+  EXPECT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
 TEST_F(ScriptTurnTest, FileAndDirectoriesAreForTheOwnerAloneWhateverTheUmask) {
   for (const mode_t mask : {0000U, 0022U, 0277U}) {
     std::filesystem::remove_all(base_ + "/client-data");

@@ -256,6 +256,7 @@ TEST_F(RemoveDroppedScripts, RemovesNothingWhenTheTurnOfOneIsNotToBeHad) {
   EXPECT_EQ(removal.reason, "Request lock " + globals.vyagentBasePath +
                                 "/client-data/7/varn-scripts.lock can't be taken: Resource "
                                 "temporarily unavailable");
+  EXPECT_TRUE(removal.isLockedOut);
   EXPECT_TRUE(isThere("41"));
   EXPECT_TRUE(isThere("43"));
 }
@@ -322,10 +323,21 @@ TEST_F(RemoveDroppedScripts, AStoreThatCanNotBeWrittenKeepsThatFile) {
   ASSERT_TRUE(reloadServerList());
   journal.throwAlways("update");
 
-  EXPECT_NE(removeDroppedScripts(turn).reason, "");
+  const ScriptRemoval removal = removeDroppedScripts(turn);
 
+  EXPECT_NE(removal.reason, "");
+  EXPECT_FALSE(removal.isLockedOut);
   EXPECT_TRUE(doubles::exists(victim));
   EXPECT_TRUE(store.rows.contains("41"));
+}
+
+TEST_F(RemoveDroppedScripts, ARecordThatStaysIsNotToldAsRemoved) {
+  for (const char* const id : {"41", "43"}) leaveScript(id);
+  serveList("");
+  ASSERT_TRUE(reloadServerList());
+  journal.throwAlways("delete");
+
+  EXPECT_THAT(removeDroppedScripts(turn).scriptIDs, IsEmpty());
 }
 
 TEST_F(RemoveDroppedScripts, NothingDroppedIsNothingDone) {
