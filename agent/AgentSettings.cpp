@@ -1,6 +1,7 @@
 #include "AgentSettings.h"
 
-#include <optional>
+#include <stdexcept>
+#include <string>
 #include <utility>
 
 namespace AgentUtils {
@@ -21,14 +22,41 @@ Configuration& configuration() {
   return instance;
 }
 
+[[noreturn]] void refuse(const std::string& member, const std::string& why) {
+  throw std::invalid_argument("AgentSettings::" + member + " " + why);
+}
+
+void requireDirectory(const std::string& member, const std::string& path) {
+  if (path.find('\0') != std::string::npos) refuse(member, "contains a NUL byte");
+  if (!path.starts_with('/')) refuse(member, "is relative: " + path);
+}
+
+/// Refuses what would put directories, files or the store where the host did not mean, and fills in
+/// what has a meaning by itself.
+void complete(AgentSettings& settings) {
+  if (settings.basePath.empty()) refuse("basePath", "is not given");
+  requireDirectory("basePath", settings.basePath);
+  const std::string& customer = settings.customerID;
+  if (customer == "." || customer == ".." || customer.find('/') != std::string::npos ||
+      customer.find('\0') != std::string::npos) {
+    refuse("customerID", "is no one component of a path: " + customer);
+  }
+  if (settings.dataPath.empty()) {
+    const std::string& base = settings.basePath;
+    settings.dataPath = base + (base.ends_with('/') ? "data" : "/data");
+    if (!customer.empty()) settings.dataPath += "/" + customer;
+  }
+  requireDirectory("dataPath", settings.dataPath);
+}
+
 }  // namespace
 
 void configure(AgentSettings settings) {
+  complete(settings);
   Configuration& current = configuration();
   current.settings = std::move(settings);
   const AgentSettings& given = current.settings;
-  current.variables = {given.basePath, given.customerID,
-                       given.dataPath.empty() ? std::nullopt : std::optional(given.dataPath)};
+  current.variables = {given.basePath, given.customerID, given.dataPath};
   gv_globvars = &current.variables;
 }
 

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -15,6 +16,7 @@
 
 #include "AgentDirectories.h"
 #include "Calls.h"
+#include "ServerURL.h"
 
 namespace AgentUtils {
 namespace {
@@ -42,6 +44,10 @@ void requireReplaceable(const std::string& path) {
   throw DownloadFailure(path + " is not a file and stays");
 }
 
+bool mayMakeFileIn(const std::string& directory) {
+  return ::faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) == 0;
+}
+
 void removeUnlessLive(const std::string& path) {
   // Opened without following links or waiting: anybody may have put anything under that name.
   const FileDescriptor file(::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -51,7 +57,29 @@ void removeUnlessLive(const std::string& path) {
   ::unlink(path.c_str());
 }
 
+[[noreturn]] void failToMakeFileIn(const std::string& directory, int error) {
+  fail("can't create a file in " + directory, error);
+}
+
 }  // namespace
+
+void requireInside(const std::string& toPath, const std::string& basePath) {
+  if (toPath.find('\0') != toPath.npos) throw DownloadFailure("the target's name holds a NUL");
+  if (toPath.starts_with(basePath + '/') && hasParentComponent(toPath.substr(basePath.size()))) {
+    throw DownloadFailure("the target leads out of its directory: " + toPath);
+  }
+}
+
+void requireTarget(const std::string& path, const std::string& basePath) {
+  requireInside(path, basePath);
+  requireReplaceable(path);
+  const std::string directory = posix::directoryOf(path);
+  if (mayMakeFileIn(directory)) return;
+  if (errno != ENOENT) failToMakeFileIn(directory, errno);
+  if (!mayMakeFileIn(posix::directoryOf(directory)) && errno != ENOENT) {
+    failToMakeFileIn(directory, ENOENT);
+  }
+}
 
 DownloadTarget::DownloadTarget(std::string path, std::uint64_t mostBytes)
     : path_(std::move(path)), directory_(posix::directoryOf(path_)), mostBytes_(mostBytes) {
@@ -73,7 +101,7 @@ void DownloadTarget::makeTemporaryFile() {
   for (int attempt = 0; attempt < attempts; ++attempt) {
     std::string name = directory_ + '/' + std::string(kDownloadPrefix) + "XXXXXX";
     FileDescriptor file(mkostemp(name.data(), O_CLOEXEC));
-    if (!file) fail("can't create a file in " + directory_, errno);
+    if (!file) failToMakeFileIn(directory_, errno);
     // From here on the destructor removes it.
     temporaryPath_ = std::move(name);
     file_ = std::move(file);

@@ -20,6 +20,15 @@ class DownloadFailure : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// Throws `DownloadFailure` when a target leads out of the agent's directories: a document may name
+/// any path.
+void requireInside(const std::string& toPath, const std::string& basePath);
+
+/// Throws the `DownloadFailure` of a download to `path` that this computer will not take, whatever
+/// the server sends, as far as it can be told without making anything. A missing directory is one
+/// that the agent makes.
+void requireTarget(const std::string& path, const std::string& basePath);
+
 /// One temporary file, made in the directory of the target when it is first needed. Its name begins
 /// with `kDownloadPrefix`, and it is locked for as long as its download lives, so that what a
 /// killed process left behind can be told from it.

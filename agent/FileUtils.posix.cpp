@@ -67,6 +67,7 @@ bool FileUtils::createDirectory(const std::string& atPath, bool withIntermediate
     start = slash + 1;
     if (name.empty() || (!parent && isDirectory(directory))) continue;
     if (!parent) parent = openedParent(directory);
+    if (!parent) return false;
     parent = makeDirectory(parent, name, true);
     if (!parent) return false;
   }

@@ -7,7 +7,7 @@
 #include <limits>
 #include <utility>
 
-#include "DownloadTarget.h"
+#include "DownloadRetries.h"
 
 namespace AgentUtils {
 namespace {
@@ -57,7 +57,7 @@ void GzipDecoder::write(const char* bytes, std::size_t count) {
 
 void GzipDecoder::finish() {
   if (!stream_->isBetweenMembers || !stream_->hasMember) {
-    throw DownloadFailure("the compressed body is cut short");
+    throw TransientFailure("the compressed body is cut short");
   }
 }
 

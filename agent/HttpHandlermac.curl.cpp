@@ -1,16 +1,19 @@
 // The bundled downloader: a server path becomes a URL, the URL's file arrives in a temporary file,
 // the temporary file takes the target's place. What the target already is, byte for byte, the
-// server is not asked to send again. The only state is the settings and the connections that wait
-// for the next download. Any thread; nothing throws.
+// server is not asked to send again. What may have failed by chance is tried again. The only state
+// is the settings and the connections that wait for the next download. Any thread; nothing throws.
 
+#include <chrono>
 #include <exception>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "AgentLog.h"
 #include "AgentSettings.h"
 #include "AgentUtils.h"
 #include "Calls.h"
+#include "DownloadRetries.h"
 #include "DownloadTarget.h"
 #include "FileServer.h"
 #include "HttpTransfer.h"
@@ -24,14 +27,6 @@ namespace {
 constexpr const char* kSource = "HttpHandlermac";
 constexpr const char* kOperation = "downloadFileWithRootPermission(fromURL:toPath:)";
 constexpr int kMostRedirects = 5;
-
-/// A document may name any path; what it names must not lead out of the agent's directories.
-void requireInside(const std::string& toPath, const std::string& basePath) {
-  if (toPath.find('\0') != toPath.npos) throw DownloadFailure("the target's name holds a NUL");
-  if (toPath.starts_with(basePath + '/') && hasParentComponent(toPath.substr(basePath.size()))) {
-    throw DownloadFailure("the target leads out of its directory: " + toPath);
-  }
-}
 
 /// What a download found to do.
 enum class Outcome {
@@ -88,17 +83,56 @@ Outcome fetch(const std::string& url, const std::string& fromURL, const AgentSet
   return Outcome::arrived;
 }
 
+/// One try, with a temporary file of its own, which is gone when it has failed.
+void downloadOnce(const std::string& fromURL, const std::string& toPath,
+                  const AgentSettings& settings) {
+  DownloadTarget target(toPath, settings.maxDownload);
+  const std::string url = urlOfServerPath(settings.serverURL, fromURL);
+  if (fetch(url, fromURL, settings, target) != Outcome::arrived) return;
+  if (settings.beforeFileUse) settings.beforeFileUse(toPath);
+  target.commit();
+}
+
+/// "1.5" for 1500.
+std::string secondsText(std::chrono::milliseconds time) {
+  return std::to_string(time.count() / 1000) + '.' + std::to_string(time.count() % 1000 / 100);
+}
+
+/// The pause before the next try, and nothing when there was no need for one. Throws what the last
+/// try threw.
+std::optional<std::chrono::milliseconds> pauseAfterTry(const std::string& fromURL,
+                                                       const std::string& toPath,
+                                                       const AgentSettings& settings,
+                                                       DownloadRetries& retries) {
+  try {
+    downloadOnce(fromURL, toPath, settings);
+    return std::nullopt;
+  } catch (const TransientFailure& failure) {
+    const auto now = DownloadRetries::Clock::now();
+    // No two computers have the same fraction of a second.
+    const std::chrono::duration<double> chance = now.time_since_epoch() % std::chrono::seconds(1);
+    const auto pause = retries.next(failure.askedPause(), chance.count(), now);
+    if (!pause) throw;
+    AgentLog::logInfo("Trying again in " + secondsText(*pause) + " s: the download of " + fromURL +
+                          " failed: " + failure.what(),
+                      kSource, kOperation, __LINE__);
+    return pause;
+  }
+}
+
+void waitForRetry(std::chrono::milliseconds pause, const AgentSettings& settings) {
+  if (settings.waitForRetry) return settings.waitForRetry(pause);
+  std::this_thread::sleep_for(pause);
+}
+
 void download(const std::string& fromURL, const std::string& toPath) {
   const AgentSettings& current = settings();
   requireInside(toPath, current.basePath);
   const std::string directory = posix::directoryOf(toPath);
   reportWhenWritableByOthers(directory, kSource, kOperation);
-  DownloadTarget target(toPath, current.maxDownload);
-  const std::string url = urlOfServerPath(current.serverURL, fromURL);
-  if (fetch(url, fromURL, current, target) == Outcome::arrived) {
-    if (current.beforeFileUse) current.beforeFileUse(toPath);
-    target.commit();
-  }
+  DownloadRetries retries(current.retries, DownloadRetries::Clock::now());
+  while (const auto pause = pauseAfterTry(fromURL, toPath, current, retries))
+    waitForRetry(*pause, current);
   sweepTemporaryFiles(directory);
 }
 

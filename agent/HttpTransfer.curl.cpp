@@ -13,7 +13,9 @@
 #include <utility>
 #include <vector>
 
+#include "DownloadRetries.h"
 #include "GzipDecoder.h"
+#include "RequestHeaders.h"
 #include "ServerURL.h"
 #include "SigpipeGuard.h"
 
@@ -23,6 +25,7 @@ namespace {
 constexpr long kConnectSeconds = 30;
 constexpr long kStallSeconds = 60;
 constexpr std::size_t kMostHeaderBytes = std::size_t{256} << 10;
+constexpr const char* kUserAgent = "VarnScriptRepository/" VARN_VERSION;
 // The body of an error page or a redirect is of no use; a short one is read to its end, so that the
 // connection can serve the next download.
 constexpr std::size_t kMostIgnoredBytes = std::size_t{64} << 10;
@@ -104,6 +107,13 @@ std::string lowerCase(std::string_view text) {
   return lower;
 }
 
+/// Whether curl's words for a connection that broke off say that TLS is why, a certificate that the
+/// server does not take among it, and not the way to the server.
+bool isRefusedByTLS(std::string_view words) {
+  if (words.find("fatal alert") != words.npos) return true;
+  return words.find("SSL routines") != words.npos && words.find("unexpected eof") == words.npos;
+}
+
 /// A weak tag and a strong one of the same text are about the same file.
 std::string_view withoutWeakness(std::string_view entityTag) {
   if (entityTag.starts_with("W/")) entityTag.remove_prefix(2);
@@ -140,11 +150,40 @@ class Exchange {
     // Our own reason first: curl knows of it only that a write was refused.
     if (thrown_) std::rethrow_exception(thrown_);
     if (result == CURLE_OUT_OF_MEMORY) throw DownloadFailure("out of memory");
-    if (result != CURLE_OK) throw DownloadFailure(wordsFor(result));
+    if (result != CURLE_OK) fail(result);
     return judge();
   }
 
  private:
+  [[noreturn]] void fail(CURLcode result) const {
+    if (mayPass(result)) throw TransientFailure(wordsFor(result));
+    throw DownloadFailure(wordsFor(result));
+  }
+
+  /// Whether the failure is one of the way to the server, and so another try may go better.
+  [[nodiscard]] bool mayPass(CURLcode result) const {
+    long proxyStatus = 0;
+    curl_easy_getinfo(handle_.get(), CURLINFO_HTTP_CONNECTCODE, &proxyStatus);
+    if (proxyStatus >= 300) return isTransientStatus(proxyStatus);
+    switch (result) {
+      case CURLE_COULDNT_RESOLVE_PROXY:
+      case CURLE_COULDNT_RESOLVE_HOST:
+      case CURLE_COULDNT_CONNECT:
+      case CURLE_OPERATION_TIMEDOUT:
+      case CURLE_PARTIAL_FILE:
+      case CURLE_GOT_NOTHING:
+      case CURLE_HTTP2:
+      case CURLE_HTTP2_STREAM:
+        return true;
+      case CURLE_SSL_CONNECT_ERROR:
+      case CURLE_SEND_ERROR:
+      case CURLE_RECV_ERROR:
+        return !isRefusedByTLS(error_);
+      default:
+        return false;
+    }
+  }
+
   /// curl's words for a failure. They may quote a URL or a proxy with its password; then its
   /// general ones have to do.
   [[nodiscard]] const char* wordsFor(CURLcode result) const {
@@ -167,7 +206,7 @@ class Exchange {
     set(CURLOPT_PROTOCOLS_STR, "http,https");
     // A redirect is not to choose what this client logs in with.
     set(CURLOPT_DISALLOW_USERNAME_IN_URL, 1L);
-    set(CURLOPT_USERAGENT, "varn-scripts");
+    setUpUserAgent();
     // No signal handler of curl's own: this is a guest in the process.
     set(CURLOPT_NOSIGNAL, 1L);
     set(CURLOPT_FOLLOWLOCATION, 0L);
@@ -179,7 +218,8 @@ class Exchange {
     // Decoded here and not by curl, which does not see that a compressed body is cut short.
     set(CURLOPT_ACCEPT_ENCODING, "gzip");
     set(CURLOPT_HTTP_CONTENT_DECODING, 0L);
-    setUpCondition();
+    const bool isOwnServer = isSameServer(url, settings_.serverURL);
+    setUpHeaders(isOwnServer);
     set(CURLOPT_WRITEFUNCTION, &onBody);
     set(CURLOPT_WRITEDATA, this);
     set(CURLOPT_HEADERFUNCTION, &onHeader);
@@ -187,22 +227,58 @@ class Exchange {
     set(CURLOPT_VERBOSE, 1L);
     set(CURLOPT_DEBUGFUNCTION, &onRemark);
     set(CURLOPT_DEBUGDATA, this);
-    setUpTLS(url);
+    setUpTLS();
+    if (isOwnServer) setUpCredentials();
     if (!settings_.proxy.empty()) set(CURLOPT_PROXY, settings_.proxy.c_str());
     set(CURLOPT_XFERINFOFUNCTION, &onProgress);
     set(CURLOPT_XFERINFODATA, this);
     set(CURLOPT_NOPROGRESS, 0L);
   }
 
-  void setUpCondition() {
-    const std::string header = conditionalHeader(known_);
-    if (header.empty()) return;
-    headers_.reset(curl_slist_append(nullptr, header.c_str()));
-    if (!headers_) throw DownloadFailure("out of memory");
-    set(CURLOPT_HTTPHEADER, headers_.get());
+  void setUpUserAgent() {
+    const std::string& given = settings_.userAgent;
+    requireSendable("User-Agent: " + (given.empty() ? kUserAgent : given));
+    set(CURLOPT_USERAGENT, given.empty() ? kUserAgent : given.c_str());
   }
 
-  void setUpTLS(const std::string& url) {
+  void setUpHeaders(bool isOwnServer) {
+    const std::string condition = conditionalHeader(known_);
+    if (!condition.empty()) addHeader(condition);
+    if (isOwnServer) {
+      for (const std::string& header : settings_.requestHeaders) {
+        requireSendable(header);
+        addHeader(header);
+      }
+    }
+    if (!headers_) return;
+    set(CURLOPT_HTTPHEADER, headers_.get());
+    // A proxy that only passes the connection on does not get them.
+    set(CURLOPT_HEADEROPT, static_cast<long>(CURLHEADER_SEPARATE));
+  }
+
+  void addHeader(const std::string& header) {
+    curl_slist* const longer = curl_slist_append(headers_.get(), header.c_str());
+    if (longer == nullptr) throw DownloadFailure("out of memory");
+    static_cast<void>(headers_.release());
+    headers_.reset(longer);
+  }
+
+  static void requireSendable(const std::string& header) {
+    if (const auto complaint = complaintAboutRequestHeader(header)) {
+      throw DownloadFailure("a header can't be sent: " + *complaint);
+    }
+  }
+
+  /// What shows a server who this computer is. A redirect's server is not to learn that.
+  void setUpCredentials() {
+    if (!settings_.clientCert.empty()) set(CURLOPT_SSLCERT, settings_.clientCert.c_str());
+    if (!settings_.clientKey.empty()) set(CURLOPT_SSLKEY, settings_.clientKey.c_str());
+    if (settings_.netrcFile.empty()) return;
+    set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_OPTIONAL));
+    set(CURLOPT_NETRC_FILE, settings_.netrcFile.c_str());
+  }
+
+  void setUpTLS() {
     set(CURLOPT_SSL_VERIFYPEER, 1L);
     set(CURLOPT_SSL_VERIFYHOST, 2L);
     set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
@@ -211,10 +287,6 @@ class Exchange {
       // Those authorities alone, not the system's directory of them as well.
       set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
     }
-    // A redirect's server is not to learn who this computer is.
-    if (!isSameServer(url, settings_.serverURL)) return;
-    if (!settings_.clientCert.empty()) set(CURLOPT_SSLCERT, settings_.clientCert.c_str());
-    if (!settings_.clientKey.empty()) set(CURLOPT_SSLKEY, settings_.clientKey.c_str());
   }
 
   /// Runs one of curl's calls into this object; an exception ends the transfer and is kept.
@@ -271,6 +343,8 @@ class Exchange {
     if (line.starts_with("HTTP/")) {
       encoding_.clear();
       validators_ = {};
+      retryAfter_.clear();
+      date_.clear();
       isHeadWhole_ = false;
     }
     if (line == "\r\n" || line == "\n") isHeadWhole_ = true;
@@ -279,6 +353,8 @@ class Exchange {
     const std::string name = lowerCase(line.substr(0, colon));
     const std::string_view value = trimmedBlanks(line.substr(colon + 1));
     if (name == "content-encoding") encoding_ = lowerCase(value);
+    if (name == "retry-after") retryAfter_ = value;
+    if (name == "date") date_ = value;
     validators_.take(name, value);
   }
 
@@ -287,7 +363,7 @@ class Exchange {
     if (status() != 200) {
       ignoredBytes_ += count;
       // Enough is known; `judge` can't be reached from here.
-      if (ignoredBytes_ > kMostIgnoredBytes) throw DownloadFailure(statusText());
+      if (ignoredBytes_ > kMostIgnoredBytes) failWithStatus();
       return;
     }
     target_.receive(count);
@@ -307,7 +383,7 @@ class Exchange {
 
   Reply judge() {
     // To curl, the connection's end is the headers' end as well.
-    if (!isHeadWhole_) throw DownloadFailure("the response's headers are cut short");
+    if (!isHeadWhole_) throw TransientFailure("the response's headers are cut short");
     const char* redirect = nullptr;
     curl_easy_getinfo(handle_.get(), CURLINFO_REDIRECT_URL, &redirect);
     if (redirect != nullptr) return {Reply::Kind::redirect, redirect};
@@ -316,7 +392,7 @@ class Exchange {
     }
     // Not for a GET, but there are servers that answer so.
     if (status() == 412 && !known_.isEmpty()) return {Reply::Kind::refused};
-    if (status() != 200) throw DownloadFailure(statusText());
+    if (status() != 200) failWithStatus();
     finishBody();
     return {Reply::Kind::body, {}, validators_.lasting()};
   }
@@ -339,7 +415,7 @@ class Exchange {
     if (decoder_) {
       decoder_->finish();
     } else if (encoding_ == "gzip" || encoding_ == "x-gzip") {
-      throw DownloadFailure("the compressed body is cut short");
+      throw TransientFailure("the compressed body is cut short");
     }
   }
 
@@ -349,8 +425,10 @@ class Exchange {
     return code;
   }
 
-  std::string statusText() const {
-    return "the server answered with status " + std::to_string(status());
+  [[noreturn]] void failWithStatus() const {
+    const std::string text = "the server answered with status " + std::to_string(status());
+    if (isTransientStatus(status())) throw TransientFailure(text, askedPause(retryAfter_, date_));
+    throw DownloadFailure(text);
   }
 
   const Validators& known_;
@@ -362,6 +440,8 @@ class Exchange {
   std::unique_ptr<GzipDecoder> decoder_;
   std::string encoding_;  ///< of the body, in lower case; empty when it has none
   AnswerValidators validators_;
+  std::string retryAfter_;
+  std::string date_;
   bool isHeadWhole_ = false;  ///< whether the blank line after the headers has come
   std::size_t headerBytes_ = 0;
   std::size_t ignoredBytes_ = 0;

@@ -31,7 +31,7 @@ void startTransfers();
 /// is that of the whole download, to which this exchange belongs. Throws `DownloadFailure` on
 /// anything else than a reply: another status than 200 (a 304 that nobody asked for is one),
 /// headers without their end, a body that is shorter than announced, a certificate that does not
-/// verify, a stall.
+/// verify, a stall. It is a `TransientFailure` when another try may go better.
 [[nodiscard]] Reply transfer(const std::string& url, const Validators& known,
                              const AgentSettings& settings, DownloadTarget& target,
                              DownloadPace& pace);

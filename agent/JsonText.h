@@ -28,7 +28,7 @@ enum class NotUTF8 {
 /// Adds `text` as a JSON text to `to`, with its quotation marks, a part at a time; bytes that are
 /// not UTF-8 are replaced. As `jsonText` gives the whole, and printable.
 inline void addJSONText(std::string_view text, Pieces& to) {
-  constexpr std::size_t part = 64 * 1024;
+  constexpr std::size_t part = std::size_t{64} * 1024;
   const auto continues = [](char byte) { return (byte & 0xC0) == 0x80; };
   to.add("\"");
   while (!text.empty()) {

@@ -1,5 +1,6 @@
 #include "RecordDecoder.h"
 
+#include <algorithm>
 #include <cassert>
 
 namespace MarkupParser {
@@ -13,9 +14,9 @@ bool isContinuation(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0
 char32_t codePoint(std::string_view sequence) {
   const auto lead = static_cast<unsigned char>(sequence.front());
   if (sequence.size() == 1) return lead;
-  char32_t point = lead & (0x7Fu >> sequence.size());
+  char32_t point = lead & (0x7FU >> sequence.size());
   for (const char c : sequence.substr(1)) {
-    point = (point << 6) | (static_cast<unsigned char>(c) & 0x3Fu);
+    point = (point << 6) | (static_cast<unsigned char>(c) & 0x3FU);
   }
   return point;
 }
@@ -103,11 +104,10 @@ void RecordDecoder::open(const RecordSchema& schema, void* record, const char** 
 }
 
 bool RecordDecoder::isComplete(const Frame& frame) {
-  for (const RecordField& field : frame.schema->fields) {
-    if (!field.required || field.kind != RecordField::Kind::text) continue;
-    if (((frame.asElement | frame.asAttribute) & bit(frame, field)) == 0) return false;
-  }
-  return true;
+  return std::ranges::all_of(frame.schema->fields, [&frame](const RecordField& field) {
+    if (!field.required || field.kind != RecordField::Kind::text) return true;
+    return ((frame.asElement | frame.asAttribute) & bit(frame, field)) != 0;
+  });
 }
 
 const RecordField* RecordDecoder::find(Frame& frame, std::string_view name) {

@@ -106,7 +106,7 @@ std::string preparedPath(const std::string& storagePath) {
   if (!FileUtils().createDirectory(directory, true)) {
     throwError(errno, "can't create the directory " + directory);
   }
-  const std::string path = pathWithoutLinks(directory, storagePath.substr(slash + 1));
+  std::string path = pathWithoutLinks(directory, storagePath.substr(slash + 1));
   ensureRegularFile(path);
   requireRegularCompanions(path);
   reportWhenWritableByOthers(directory, kUnit, kOpening);
@@ -170,7 +170,7 @@ class Connection {
  private:
   using Clock = std::chrono::steady_clock;
 
-  void requireOnly(const std::string& container, const std::string& table) {
+  void requireOnly(const std::string& container, const std::string& table) const {
     SQLite::Statement parts(database,
                             "SELECT sql FROM sqlite_master WHERE tbl_name = ? COLLATE NOCASE AND "
                             "sql IS NOT NULL");

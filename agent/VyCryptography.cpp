@@ -8,6 +8,7 @@
 
 #include "AgentSettings.h"
 #include "AgentUtils.h"
+#include "ChecksumTest.h"
 #include "Digest.h"
 #include "FileDescriptor.h"
 #include "KeptCopy.h"
@@ -17,9 +18,10 @@ namespace {
 
 using posix::FileDescriptor;
 
-/// Why the file is not what the checksum says; null when it is.
-const char* complaint(const std::string& path, const std::string& type,
-                      const std::string& checksum) {
+}  // namespace
+
+const char* complaintAboutFile(const std::string& path, const std::string& type,
+                               const std::string& checksum) {
   // A name with a NUL would open the file that its beginning names.
   if (path.find('\0') != std::string::npos) return "its name holds a NUL";
   const DigestKind* const kind = digestKind(type);
@@ -35,12 +37,10 @@ const char* complaint(const std::string& path, const std::string& type,
   return isDigest(checksum, *digest) ? nullptr : "its content is another";
 }
 
-}  // namespace
-
 bool VyCryptography::validateCheckSumForFile(const std::string& path, const std::string& Type,
                                              const std::string& Checksum) {
   try {
-    const char* const wrong = complaint(path, Type, Checksum);
+    const char* const wrong = complaintAboutFile(path, Type, Checksum);
     const bool isValid = wrong == nullptr;
     // Were it asked for conditionally again, a damaged answer, or a server that takes its new file
     // for the old one, would keep it wrong for ever.

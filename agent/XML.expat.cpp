@@ -81,7 +81,7 @@ CodeUnits codeUnits(std::string_view data) {
 bool isUTF16(std::string_view data, CodeUnits units) {
   bool isInPair = false;
   for (std::size_t at = 0; at + 1 < data.size(); at += 2) {
-    const unsigned part = static_cast<unsigned char>(data[at + 1 - units.asciiByte]) & 0xFCu;
+    const unsigned part = static_cast<unsigned char>(data[at + 1 - units.asciiByte]) & 0xFCU;
     if ((part == 0xDC) != isInPair) return false;
     isInPair = part == 0xD8;
   }
@@ -158,8 +158,8 @@ class Reader {
     while (true) {
       const std::size_t size = std::min(piece, data_.size() - at);
       const bool isLast = at + size == data_.size();
-      if (XML_Parse(parser_.get(), data_.data() + at, static_cast<int>(size), isLast) !=
-          XML_STATUS_OK) {
+      if (XML_Parse(parser_.get(), data_.data() + at, static_cast<int>(size),
+                    isLast ? XML_TRUE : XML_FALSE) != XML_STATUS_OK) {
         return false;
       }
       if (isLast) return true;

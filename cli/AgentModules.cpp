@@ -14,6 +14,7 @@
 #include "NamedFiles.h"
 #include "Reason.h"
 #include "RecordSeverity.h"
+#include "SecretFiles.h"
 #include "StandardStreams.h"
 
 // The system's, which no header declares everywhere.
@@ -85,6 +86,8 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
   };
   std::vector<std::string> writableByGroup;
   if (auto complaint = complaintAboutNamedFiles(settings, writableByGroup)) return complaint;
+  AgentUtils::AgentSettings agent = settings.agent;
+  if (auto error = takeSecretFiles(settings, agent)) return error;
   try {
     AgentLog::configure(std::move(log));
   } catch (const std::invalid_argument& error) {
@@ -96,14 +99,20 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
   }
   for (const std::string& path : writableByGroup) AgentUtils::reportOpenDirectory(path);
 
-  AgentUtils::AgentSettings agent = settings.agent;
+  agent.userAgent = "varn-scripts/" VARN_VERSION;
   agent.onDownloadProgress = std::move(observers.onDownloadProgress);
   agent.beforeFileUse = std::move(observers.beforeFileUse);
   agent.afterChecksumTest = std::move(observers.afterChecksumTest);
   agent.afterRowWrite = std::move(observers.afterRowWrite);
   agent.onFailure = std::move(observers.onFailure);
   agent.beforeServerFileUse = std::move(observers.beforeServerFileUse);
-  AgentUtils::configure(std::move(agent));
+  // `list` needs the data path alone, and uses nothing below the other.
+  if (agent.basePath.empty()) agent.basePath = agent.dataPath;
+  try {
+    AgentUtils::configure(std::move(agent));
+  } catch (const std::invalid_argument& error) {
+    return SettingsError{error.what()};
+  }
   return std::nullopt;
 }
 

@@ -12,6 +12,24 @@ namespace {
 
 constexpr int kUsageError = 2;
 
+// Moves `--server URL` from behind `list` to the front, where it can be nothing but the setting:
+// without a URL it is a flag of that command.
+std::vector<std::string> withServerInFront(std::vector<std::string> arguments) {
+  const auto end = std::find(arguments.begin(), arguments.end(), "--");
+  auto at = std::find(arguments.begin(), end, kList);
+  std::vector<std::string> front;
+  std::vector<std::string> rest(arguments.begin(), at);
+  for (; at != end; ++at) {
+    const bool isPair = *at == kServer && at + 1 != end && !(at + 1)->starts_with('-');
+    const bool isOne = at->starts_with(std::string(kServer) + '=');
+    (isPair || isOne ? front : rest).push_back(*at);
+    if (isPair) front.push_back(*++at);
+  }
+  rest.insert(rest.end(), end, arguments.end());
+  front.insert(front.end(), rest.begin(), rest.end());
+  return front;
+}
+
 // The parser takes "--name=" for a name whose value is the next argument, so an empty value is
 // handed to it as an argument of its own. It wants the arguments in reverse order.
 std::vector<std::string> forParser(const std::vector<std::string>& arguments) {
@@ -70,7 +88,7 @@ class Parser {
 
   std::variant<CommandLine, Reply> parse(const std::vector<std::string>& arguments) {
     try {
-      app_.parse(forParser(arguments));
+      app_.parse(forParser(withServerInFront(arguments)));
     } catch (const CLI::CallForHelp&) {
       return Reply{0, app_.help(), ""};
     } catch (const CLI::CallForVersion&) {

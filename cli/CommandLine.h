@@ -23,9 +23,16 @@ struct CommandLine {
   /// `--accept-codes`, split at its commas and nothing trimmed; an empty text is an empty list.
   std::optional<std::vector<std::string>> acceptCodes;
   bool json = false;
-  bool follow = false;     ///< of `run`: writes the output as it comes, wherever it goes
-  bool noWait = false;     ///< of `run`: fails when it is not its turn
-  PublishOptions publish;  ///< of `publish`
+  bool follow = false;      ///< of `run`: writes the output as it comes, wherever it goes
+  bool noWait = false;      ///< of `run`: fails when it is not its turn
+  bool listServer = false;  ///< of `list`: what the server lists
+  bool dryRun = false;      ///< of `prune`: removes nothing
+  PublishOptions publish;   ///< of `publish`
+
+  /// The settings that it can't do without.
+  [[nodiscard]] NeededSettings needed() const {
+    return listServer ? NeededSettings::request : command->needed;
+  }
 };
 
 /// A command line that is answered at once: help, the version, or a mistake in it.

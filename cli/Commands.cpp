@@ -38,12 +38,12 @@ std::vector<std::string> splitCodes(const std::string& list) {
 
 // Takes "7d" for 604800 seconds.
 CLI::Validator durationInSeconds() {
-  constexpr std::uint64_t kMost = 100 * 366 * 86400ULL;
+  constexpr std::uint64_t kMost = std::uint64_t{100} * 366 * 86400;
   const std::map<std::string, std::uint64_t> units = {
       {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
   return CLI::Validator(
       [units](std::string& text) -> std::string {
-        const std::string what = "must be a time such as 7d, 12h, 30m or 45s: " + text;
+        std::string what = "must be a time such as 7d, 12h, 30m or 45s: " + text;
         std::uint64_t number = 0;
         const char* const end = text.data() + text.size();
         const auto [rest, failure] = std::from_chars(text.data(), end, number);
@@ -82,8 +82,16 @@ void addPlanOptions(CLI::App& to, CommandLine& line) {
   to.add_flag("--json", line.json, "Print the plan as one JSON object");
 }
 
+void addPruneOptions(CLI::App& to, CommandLine& line) {
+  to.add_flag("--dry-run", line.dryRun, "Print the IDs of what would be removed, remove nothing");
+  to.add_flag("--json", line.json, "Print what is removed as one JSON object");
+}
+
 void addListOptions(CLI::App& to, CommandLine& line) {
-  to.add_flag("--json", line.json, "Print the records as a JSON array");
+  to.add_flag(std::string(kServer), line.listServer,
+              "List what the server has, and whether this computer is up to date; with a URL "
+              "behind it, it is the setting");
+  to.add_flag("--json", line.json, "Print a JSON array");
 }
 
 void addPublishOptions(CLI::App& to, CommandLine& line) {
@@ -101,9 +109,11 @@ void addPublishOptions(CLI::App& to, CommandLine& line) {
       ->transform(durationInSeconds())
       ->type_name("TIME");
   to.add_flag("--strict", options.strict, "Refuse what is a warning otherwise");
-  to.add_flag("--check", options.check, "Check everything and write nothing");
+  to.add_flag("--check", options.check,
+              "Check everything, tell what would be published, and write nothing");
   to.add_flag("--allow-removal", options.allowRemoval,
-              "Publish a manifest without a script, so that computers remove all theirs");
+              "Drop all published scripts, or more than a third of ten or more, so that computers "
+              "remove them; replace a list that publish has not made");
   to.add_option("--digest", options.digest,
                 "Digest of the checksums (default: the manifest's, or sha256)")
       ->type_name("NAME");
@@ -118,13 +128,14 @@ constexpr Command kCommands[] = {
      NeededSettings::request, addPlanOptions, plan},
     {"prune", "Remove local copies of scripts the server dropped",
      "0 done, 2 usage or settings error, 3 the server's list can't be had.",
-     NeededSettings::request, nullptr, prune},
-    {"list", "List the local records",
-     "0 done, 2 usage or settings error, 3 the store can't be read.", NeededSettings::localState,
-     addListOptions, list},
+     NeededSettings::request, addPruneOptions, prune},
+    {"list", "List the local records, or the server's scripts",
+     "0 done, 2 usage or settings error, 3 the store can't be read, or the\n"
+     "server's list can't be had.",
+     NeededSettings::localState, addListOptions, list},
     {"publish", "Turn a directory of scripts into a server's tree",
-     "0 published, or nothing has changed; 2 usage or settings error, or the\n"
-     "source is refused; 3 the tree can't be written.",
+     "0 published, or nothing has changed; 2 usage or settings error, or refused;\n"
+     "3 the tree can't be read or written; 4 --check: there is something to publish.",
      NeededSettings::customer, addPublishOptions, publish},
 };
 

@@ -33,4 +33,8 @@ struct Command {
 /// The option whose empty text means something.
 inline constexpr std::string_view kAcceptCodes = "--accept-codes";
 
+/// The command whose `--server` is a flag of its own when no URL follows, and that option.
+inline constexpr std::string_view kList = "list";
+inline constexpr std::string_view kServer = "--server";
+
 }  // namespace VarnScripts

@@ -1,7 +1,9 @@
 #include "NamedFiles.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <system_error>
 
@@ -36,6 +38,18 @@ std::optional<SettingsError> complaintAbout(const NamedFile& file,
   return SettingsError{file.name + " is refused: " + verdict.refusal};
 }
 
+// What is wrong with a directory that a setting names: it may be missing, since it is made, and
+// nothing else can be made in its place.
+std::optional<SettingsError> complaintAboutDirectory(const std::string& key,
+                                                     const std::string& path) {
+  if (path.empty()) return std::nullopt;
+  struct stat status {};
+  const bool isThere = ::stat(path.c_str(), &status) == 0;
+  if (isThere ? S_ISDIR(status.st_mode) : errno != ENOTDIR) return std::nullopt;
+  return SettingsError{fileOf(key, path, PathEnd::directory).name + " is no directory: " + path +
+                       (isThere ? "" : ": " + std::generic_category().message(ENOTDIR))};
+}
+
 // The TLS library would ask a person for the passphrase. A file that can't be read is reported
 // where it is used.
 std::optional<SettingsError> complaintAboutKey(const Settings& settings) {
@@ -64,12 +78,20 @@ std::optional<SettingsError> complaintAboutSettingsFile(const std::string& path)
 
 std::optional<SettingsError> complaintAboutNamedFiles(const Settings& settings,
                                                       std::vector<std::string>& writableByGroup) {
+  const AgentUtils::AgentSettings& agent = settings.agent;
+  if (auto complaint = complaintAboutDirectory("base_path", agent.basePath)) return complaint;
+  // One that nobody gave is a matter of the base path's content.
+  if (agent.dataPath != ownDataPath(agent.basePath, agent.customerID)) {
+    if (auto complaint = complaintAboutDirectory("data_path", agent.dataPath)) return complaint;
+  }
   for (const NamedFile& file :
        {settingsFile(settings.settingsFile),
         fileOf("log_file", settings.log.file, PathEnd::ownFile),
         fileOf("ca_file", settings.agent.caFile, PathEnd::givenFile),
         fileOf("client_cert", settings.agent.clientCert, PathEnd::givenFile),
-        fileOf("client_key", settings.agent.clientKey, PathEnd::givenFile)}) {
+        fileOf("client_key", settings.agent.clientKey, PathEnd::givenFile),
+        fileOf("header_file", settings.headerFile, PathEnd::givenFile),
+        fileOf("netrc_file", settings.agent.netrcFile, PathEnd::givenFile)}) {
     if (auto complaint = complaintAbout(file, writableByGroup)) return complaint;
   }
   return complaintAboutKey(settings);

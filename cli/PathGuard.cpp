@@ -10,14 +10,13 @@
 #include "AgentLog.h"
 #include "Directories.h"
 #include "DocumentMark.h"
-#include "RequestLock.h"
+#include "ScriptTurn.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
 
 namespace VarnScripts {
 
 using VarnScriptRepository::ScriptRepositoryConstants;
-using VarnScriptRepository::ScriptRepositoryProcessor;
 
 std::vector<UsedPath> pathsOfStore() {
   const std::string& store = ScriptRepositoryConstants::FilePath::scriptRepository();
@@ -29,8 +28,7 @@ std::vector<UsedPath> pathsOfStore() {
 }
 
 std::vector<UsedPath> pathsOfRequests() {
-  const std::string lock =
-      requestLockPath(VarnScriptRepository::basePath(), VarnScriptRepository::customerID());
+  const std::string lock = VarnScriptRepository::requestLockPath();
   const std::string& documents = VarnScriptRepository::scriptRepoDataDirectory();
   std::vector<UsedPath> paths = pathsOfStore();
   paths.insert(paths.end(),

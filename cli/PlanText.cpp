@@ -77,7 +77,10 @@ std::string planText(const RequestPlan& plan) {
   if (plan.interpreter) addLine(text, "interpreter", *plan.interpreter);
   if (plan.arguments) addLine(text, "arguments", dumped(*plan.arguments));
   if (plan.acceptedCodes) addLine(text, "accepted codes", dumped(*plan.acceptedCodes));
-  if (!plan.problem.empty()) addLine(text, "not run", plan.problem);
+  if (plan.waitsFor) {
+    addLine(text, "waits", plan.waitsFor->sentence + " (with --no-wait it is not run)");
+  }
+  if (plan.problem) addLine(text, "not run", plan.problem->sentence);
   return text;
 }
 
@@ -93,7 +96,13 @@ std::string planJson(const RequestPlan& plan) {
   object["interpreter"] = orNull(plan.interpreter);
   object["arguments"] = orNull(plan.arguments);
   object["accepted_codes"] = orNull(plan.acceptedCodes);
-  object["problem"] = orNull(plan.problem);
+  object["waits_for"] = ordered_json();
+  if (plan.waitsFor) {
+    object["waits_for"] = {{"reason", plan.waitsFor->sentence},
+                           {"reason_code", nameOf(plan.waitsFor->code)}};
+  }
+  object["problem"] = plan.problem ? orNull(plan.problem->sentence) : ordered_json();
+  object["reason_code"] = plan.problem ? ordered_json(nameOf(plan.problem->code)) : ordered_json();
   return dumped(object) + "\n";
 }
 

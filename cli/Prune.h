@@ -7,8 +7,9 @@
 
 namespace VarnScripts {
 
-/// Fetches the server's list, hands it to the library and has it remove what the list lacks. Gives
-/// the exit status: 3 when the list could not be had, and then nothing was removed.
+/// Fetches the server's list, hands it to the library and has it remove what the list lacks; with
+/// `--dry-run` it only tells what that would be. Gives the exit status: 3 when the list could not
+/// be had, and then nothing was removed.
 [[nodiscard]] int prune(const CommandLine& line, const Settings& settings);
 
 }  // namespace VarnScripts

@@ -105,6 +105,22 @@ bool hasRecords(const AgentLog::LogSettings& log) {
 std::string_view nameOf(ReasonCode code) { return kCodeNames[static_cast<std::size_t>(code)]; }
 static_assert(std::size(kCodeNames) == static_cast<std::size_t>(ReasonCode::outOfMemory) + 1);
 
+Reason inUse(const std::string& scriptID, int processID) {
+  return {ReasonCode::lockedOut, "Script " + scriptID + " is in use by " + processText(processID)};
+}
+
+Reason lockNotTaken(const std::string& lockPath, const std::error_code& error) {
+  return {ReasonCode::lockedOut,
+          "Request lock " + lockPath + " can't be taken: " + error.message()};
+}
+
+Reason documentStays(const std::string& scriptID, const std::string& markPath,
+                     const std::error_code& error) {
+  return {ReasonCode::localStateFailed, "Data document of script " + scriptID +
+                                            ", whose version is not recorded, or " + markPath +
+                                            " can't be removed: " + error.message()};
+}
+
 void ReasonFinder::moduleFailed(const std::string& subject, const std::string& cause) {
   failedSubject_ = subject;
   failedCause_ = cause;
@@ -176,6 +192,10 @@ void writeRemark(const std::string& remark, const Settings& settings) {
   if (!isJSONOnStandardError(settings.log) && !settings.log.quiet) {
     writeErrorLine("varn-scripts: " + remark);
   }
+}
+
+std::string processText(int processID) {
+  return processID > 0 ? "process " + std::to_string(processID) : "another process";
 }
 
 }  // namespace VarnScripts

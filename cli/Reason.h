@@ -5,6 +5,7 @@
 
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "Settings.h"
@@ -41,6 +42,16 @@ struct Reason {
   std::string sentence;
 };
 
+// ---- The host's own reasons, for what it does before the library's first step ----------------
+
+/// Another process runs the script; 0 for one that is not known.
+[[nodiscard]] Reason inUse(const std::string& scriptID, int processID);
+/// The lock file can't be made, opened or locked.
+[[nodiscard]] Reason lockNotTaken(const std::string& lockPath, const std::error_code& error);
+/// The data document that an interrupted request has left, or its mark, can't be removed.
+[[nodiscard]] Reason documentStays(const std::string& scriptID, const std::string& markPath,
+                                   const std::error_code& error);
+
 /// Watches one request, on its thread, and gives the reason when nothing was run.
 class ReasonFinder : public VarnScriptRepository::ScriptRunObserver {
  public:
@@ -52,12 +63,12 @@ class ReasonFinder : public VarnScriptRepository::ScriptRunObserver {
   /// request is about that comes next.
   void moduleFailed(const std::string& subject, const std::string& cause);
 
-  void stepFailed(const VarnScriptRepository::FailedStep& step) override;
+  void stepFailed(const VarnScriptRepository::FailedStep& failed) override;
   void scriptStarts(const VarnScriptRepository::ScriptStart& start) override;
   void scriptEnded(const VarnScriptRepository::ScriptEnd& end) override;
   void interpreterMissing(const std::string& launchPath);
 
-  /// Why nothing was run. When nothing was told, there was no memory to tell it.
+  /// Why nothing was run. When nothing was reported, there was no memory for it.
   [[nodiscard]] const Reason& reason() const { return reason_; }
 
  private:
@@ -82,5 +93,8 @@ void writeReason(std::string_view sentence, const Settings& settings);
 
 /// Writes a remark on a request that went well, likewise, and nothing of it when quiet.
 void writeRemark(const std::string& remark, const Settings& settings);
+
+/// "process 12", or "another process" where the system does not say which.
+[[nodiscard]] std::string processText(int processID);
 
 }  // namespace VarnScripts

@@ -1,4 +1,4 @@
-// Whole-file reads that neither wait nor follow where they should not. Any thread.
+// Reads of whole files. Any thread.
 
 #pragma once
 
@@ -9,14 +9,17 @@
 #include <string>
 #include <system_error>
 
+#include "FileDescriptor.h"
+
 namespace VarnScripts {
 
 enum class LastLink { follow, refuse };
 
-/// A regular file's bytes and permission bits.
+/// A regular file's bytes, permission bits and owner.
 struct RegularFile {
   std::string bytes;
   mode_t permissions = 0;
+  uid_t owner = 0;
 };
 
 /// The regular file at `path`; `link` says what becomes of a symbolic link there. Something else
@@ -26,6 +29,11 @@ struct RegularFile {
 [[nodiscard]] RegularFile readRegularFile(
     const std::string& path, LastLink link, std::error_code& error,
     std::uint64_t mostBytes = std::numeric_limits<std::uint64_t>::max());
+
+/// What comes from `file` until its end, which is waited for. More than `mostBytes` is the error
+/// `std::errc::file_too_large`.
+[[nodiscard]] std::string readToEnd(const posix::FileDescriptor& file, std::error_code& error,
+                                    std::uint64_t mostBytes);
 
 /// An error of `readRegularFile` in words.
 [[nodiscard]] std::string whyNotRead(const std::error_code& error);

@@ -1,32 +1,27 @@
 #include "RequestFiles.h"
 
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <memory>
 #include <optional>
 #include <utility>
 
 #include "AgentDirectories.h"
 #include "Directories.h"
 #include "List.h"
-#include "VarnScriptRepository/ScriptRepositoryProcessor.h"
+#include "ScriptTurn.h"
+#include "support/Files.h"
 
 namespace VarnScripts {
 namespace {
 
-using VarnScriptRepository::ScriptRepositoryProcessor;
+using VarnScriptRepository::fileLockOffset;
+using VarnScriptRepository::ScriptTurn;
+using VarnScriptRepository::files::nameBelow;
+using VarnScriptRepository::files::resolvedDirectory;
 
 const std::string& scriptsDirectory() { return VarnScriptRepository::scriptRepoScriptsDirectory(); }
-
-// The directory with its links resolved and a slash; empty when there is none.
-std::string resolvedDirectory(const std::string& path) {
-  const std::unique_ptr<char, decltype(&::free)> resolved(::realpath(path.c_str(), nullptr),
-                                                          &::free);
-  return resolved ? std::string(resolved.get()) + '/' : "";
-}
 
 std::string recordedPathOf(const std::string& scriptID) {
   std::optional<std::string> unreadable;
@@ -36,20 +31,13 @@ std::string recordedPathOf(const std::string& scriptID) {
 
 }  // namespace
 
-std::string nameBelow(const std::string& directory, const std::string& path) {
-  const std::string top = resolvedDirectory(directory);
-  const auto slash = path.rfind('/');
-  const std::string last = path.substr(slash + 1);
-  if (top.empty() || slash == path.npos || last.empty() || last == "." || last == "..") return "";
-  const std::string place = resolvedDirectory(path.substr(0, slash + 1)) + last;
-  return place.starts_with(top) ? place.substr(top.size()) : "";
-}
+std::string markNotMade(const DocumentMark& mark) { return "can't make " + mark.path(); }
 
-RequestFiles::RequestFiles(const std::string& scriptID, RequestLock& lock)
+RequestFiles::RequestFiles(const std::string& scriptID, ScriptTurn& turn)
     : scriptID_(scriptID),
       documentPath_(VarnScriptRepository::dataDocumentPath(scriptID)),
       mark_(scriptID),
-      lock_(lock) {}
+      turn_(turn) {}
 
 void RequestFiles::begin(std::error_code& error) {
   error.clear();
@@ -72,13 +60,15 @@ void RequestFiles::beforeFileUse(const std::string& path) {
     recordedPath_ = recordedPathOf(scriptID_);
     std::error_code error;
     mark_.make(recordedPath_, error);
-    if (error) throw std::system_error(error, "can't make " + mark_.path());
+    if (error) throw std::system_error(error, markNotMade(mark_));
     return;
   }
   // The list is replaced whole and read once; only scripts are held.
   const std::string& scripts = scriptsDirectory();
   if (!path.starts_with(scripts + '/')) return;
-  lock_.holdFile(path.substr(scripts.size() + 1));
+  std::error_code error;
+  turn_.takeFile(path.substr(scripts.size() + 1), error);
+  if (error) throw std::system_error(error, "can't take " + path);
   unverifiedPath_ = path;
   // A script that is up to date is not downloaded, and nobody else would look at its directory.
   AgentUtils::reportOpenDirectory(scripts);
@@ -128,9 +118,9 @@ void RequestFiles::removeOutgrown() {
 void RequestFiles::removeScriptFile(const std::string& path) const {
   const std::string name = nameBelow(scriptsDirectory(), path);
   // Whoever else holds it has fetched or tested it for an ID of its own.
-  if (name.empty() || !lock_.tryHoldFile(name)) return;
+  if (name.empty() || !turn_.tryTakeFile(name)) return;
   ::unlink((resolvedDirectory(scriptsDirectory()) + name).c_str());
-  lock_.releaseFile(name);
+  turn_.leaveFile(name);
 }
 
 }  // namespace VarnScripts

@@ -10,18 +10,17 @@
 #include <system_error>
 
 #include "DocumentMark.h"
-#include "RequestLock.h"
+#include "VarnScriptRepository/ScriptRepositoryHost.h"
 
 namespace VarnScripts {
 
-/// How `path` is called from `directory`, the links of all directories resolved ("job.sh"). Empty
-/// when it is not below it: it names the directory itself or something elsewhere, if anything.
-[[nodiscard]] std::string nameBelow(const std::string& directory, const std::string& path);
+/// What is wrong when the mark of a data document that is about to be replaced can't be made.
+[[nodiscard]] std::string markNotMade(const DocumentMark& mark);
 
-/// The files of the script `scriptID`, whose turn `lock` holds.
+/// The files of the script `scriptID`, whose turn `turn` has.
 class RequestFiles {
  public:
-  RequestFiles(const std::string& scriptID, RequestLock& lock);
+  RequestFiles(const std::string& scriptID, VarnScriptRepository::ScriptTurn& turn);
   RequestFiles(const RequestFiles&) = delete;
   RequestFiles& operator=(const RequestFiles&) = delete;
 
@@ -53,7 +52,7 @@ class RequestFiles {
   const std::string scriptID_;
   const std::string documentPath_;
   const DocumentMark mark_;
-  RequestLock& lock_;
+  VarnScriptRepository::ScriptTurn& turn_;
   std::string recordedPath_;    // what the record named before this request; empty when unknown
   std::string unverifiedPath_;  // the script file whose checksum was not accepted, or not yet
   std::string verifiedPath_;    // the one whose checksum was accepted last

@@ -1,23 +1,30 @@
 #include "RequestPlan.h"
 
 #include <exception>
+#include <stdexcept>
+#include <system_error>
+#include <type_traits>
 #include <utility>
 
 #include "AgentUtils.h"
+#include "Calls.h"
+#include "ChecksumTest.h"
 #include "Directories.h"
 #include "DocumentMark.h"
+#include "DownloadTarget.h"
+#include "RequestFiles.h"
 #include "ScriptRepositoryMetaProcessor.h"
 #include "ScriptRules.h"
-#include "StoreCopy.h"
+#include "ScriptTurn.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
-#include "support/Files.h"
+#include "Writability.h"
 
 namespace VarnScripts {
 namespace {
 
 using AgentUtils::FileUtils;
 using AgentUtils::HttpHandlermac;
-using MarkupParser::XML;
+using VarnScriptRepository::ChecksumValue;
 using VarnScriptRepository::RequestStep;
 using VarnScriptRepository::ScriptItem;
 using VarnScriptRepository::ScriptLocalData;
@@ -25,122 +32,131 @@ using VarnScriptRepository::ScriptRepo;
 using VarnScriptRepository::ScriptRepositoryConstants;
 using VarnScriptRepository::ScriptRepositoryMetaProcessor;
 using VarnScriptRepository::ScriptRoot;
-using VarnScriptRepository::ScriptsRepoMetaRoot;
 using VarnScriptRepository::VyFile;
 
 // Each step says true when the next one is to follow.
 class PlanMaker {
  public:
-  PlanMaker(const std::string& scriptID, const std::string& customer,
-            const TemporaryDirectory& temporary, ReasonFinder& reason)
-      : customer_(customer), temporary_(temporary), reason_(reason) {
+  PlanMaker(const std::string& scriptID, Inquiry& inquiry)
+      : scriptID_(scriptID), inquiry_(inquiry), mark_(scriptID) {
     plan_.scriptID = scriptID;
   }
 
   RequestPlan make() {
-    if (findEntry() && findLocalVersion()) {
+    if (mayBegin() && findEntry()) {
+      findLocalVersion();
       decideStep();
       ScriptItem item;
       if (takeDocument(item)) followDocument(item);
     }
+    // As in a request: it is the reason, whatever failed because of it.
+    const std::string& refusal = inquiry_.guard().refusal();
+    if (!refusal.empty()) plan_.problem = {ReasonCode::unsafeDirectory, refusal};
     return std::move(plan_);
   }
 
  private:
-  bool stop() {
-    plan_.problem = reason_.reason().sentence;
+  bool stop(Reason reason) {
+    plan_.problem = std::move(reason);
     return false;
   }
 
-  bool stop(RequestStep step, const std::string& subject, const std::string& cause = "") {
-    reason_.stepFailed({step, subject, cause});
-    return stop();
-  }
+  bool stop() { return stop(inquiry_.reason().reason()); }
 
-  // The document at `path`, or nothing and the problem.
-  template <class Root>
-  std::optional<Root> decodedFile(const std::string& path, RequestStep read, RequestStep decode) {
-    std::error_code error;
-    std::string document = VarnScriptRepository::files::readWhole(path, error);
-    if (error) {
-      stop(read, path, VarnScriptRepository::files::description(error));
-      return std::nullopt;
-    }
-    auto roots = XML::parse(std::move(document), std::nullopt, false).toStruct<Root>();
-    if (roots) return std::move(roots->front());
-    stop(decode, path);
-    return std::nullopt;
+  bool stop(RequestStep step, const std::string& subject, const std::string& cause = "") {
+    inquiry_.reason().stepFailed({step, subject, cause});
+    return stop();
   }
 
   [[nodiscard]] bool upToDate() const { return plan_.step == RequestPlan::Step::upToDate; }
 
-  bool findEntry() {
-    const std::string path =
-        VarnScriptRepository::serverDirectory(customer_) + "/" + VarnScriptRepository::kListName;
-    const std::string copy = temporary_.pathOf("list.xml");
-    if (!HttpHandlermac::initWithServerInfo().downloadFileWithRootPermission(path, copy)) {
-      return stop(RequestStep::listDownload, path);
-    }
-    auto root =
-        decodedFile<ScriptsRepoMetaRoot>(copy, RequestStep::listRead, RequestStep::listDecode);
-    if (!root) return false;
-    if (root->scriptsMeta.empty()) return stop(RequestStep::listDecode, copy);
-    auto& metadata = ScriptRepositoryMetaProcessor::shared();
-    metadata.setScriptRepoMetaData(std::move(root->scriptsMeta.front().scriptRepo));
-    plan_.entry = metadata.getScriptRepoForID(plan_.scriptID);
-    return plan_.entry ? true : stop(RequestStep::listLookUp, plan_.scriptID);
+  // What the host of a request does before the library's first step.
+  bool mayBegin() {
+    if (auto refusal = inquiry_.refusal({scriptID_})) return stop(std::move(*refusal));
+    const std::string lock = VarnScriptRepository::requestLockPath();
+    if (const auto error = whyNotOpened(lock)) return stop(lockNotTaken(lock, error));
+    if (const auto holder = VarnScriptRepository::turnHolder(scriptID_))
+      plan_.waitsFor = inUse(scriptID_, *holder);
+    if (!mark_.isThere()) return true;
+    std::error_code error = whyNotRemoved(VarnScriptRepository::dataDocumentPath(scriptID_));
+    if (!error) error = whyNotRemoved(mark_.path());
+    return error ? stop(documentStays(scriptID_, mark_.path(), error)) : true;
   }
 
-  bool findLocalVersion() {
-    const std::string& store = ScriptRepositoryConstants::FilePath::scriptRepository();
-    if (!FileUtils().isFileExists(store)) return true;
+  // Why this computer would not take a download to `path`; empty when it would.
+  [[nodiscard]] std::string whyNotTaken(const std::string& path) const {
     try {
-      const std::string copy = temporary_.pathOf("store");
-      copyStore(store, copy);
+      AgentUtils::requireTarget(path, inquiry_.settings().agent.basePath);
+      return "";
+    } catch (const AgentUtils::DownloadFailure& failure) {
+      return failure.what();
+    }
+  }
+
+  bool findEntry() {
+    auto entries = inquiry_.fetchServerList();
+    if (!entries) return stop(inquiry_.whyNoList());
+    const std::string list = std::string("/") + VarnScriptRepository::kListName;
+    const std::string why = whyNotTaken(VarnScriptRepository::scriptRepoDataDirectory() + list);
+    if (!why.empty()) {
+      return stop(
+          RequestStep::listDownload,
+          VarnScriptRepository::serverDirectory(inquiry_.settings().agent.customerID) + list, why);
+    }
+    auto& metadata = ScriptRepositoryMetaProcessor::shared();
+    metadata.setScriptRepoMetaData(std::move(*entries));
+    plan_.entry = metadata.getScriptRepoForID(scriptID_);
+    return plan_.entry ? true : stop(RequestStep::listLookUp, scriptID_);
+  }
+
+  void findLocalVersion() {
+    try {
+      const std::string& copy = inquiry_.copyOfStore();
+      if (copy.empty()) return;
       AgentUtils::RootAccessKeyValueStorage storage(
           copy, ScriptRepositoryConstants::TableNames::scriptToMeta);
-      const auto record = storage.fetchValue(plan_.scriptID, std::type_identity<ScriptLocalData>{});
+      const auto record = storage.fetchValue(scriptID_, std::type_identity<ScriptLocalData>{});
       if (record) plan_.localVersion = record->version();
     } catch (const std::exception&) {
       // A request takes a store or a row that can't be read for none at all.
     }
-    return true;
   }
 
   void decideStep() {
-    plan_.step = RequestPlan::Step::download;
-    if (!plan_.localVersion) {
-      plan_.reason = "no version is recorded";
-    } else if (!VarnScriptRepository::isSameVersion(plan_.localVersion,
-                                                    plan_.entry->modifiedTime)) {
-      plan_.reason = "the versions differ";
-    } else if (!FileUtils().isFileExists(VarnScriptRepository::dataDocumentPath(plan_.scriptID))) {
-      plan_.reason = "the data document is missing";
-    } else if (DocumentMark(plan_.scriptID).isThere()) {
-      plan_.reason = "the data document's version is not recorded";
-    } else {
-      plan_.step = RequestPlan::Step::upToDate;
-    }
+    const LocalCopy copy = localCopyOf(scriptID_, plan_.localVersion, plan_.entry->modifiedTime);
+    plan_.step =
+        copy == LocalCopy::upToDate ? RequestPlan::Step::upToDate : RequestPlan::Step::download;
+    plan_.reason = whyFetched(copy);
   }
 
   bool takeDocument(ScriptItem& item) {
-    std::string path = VarnScriptRepository::dataDocumentPath(plan_.scriptID);
-    if (!upToDate()) {
-      const auto& mapping = plan_.entry->scriptPathMapping;
-      if (!mapping || mapping->empty()) return stop(RequestStep::documentLookUp, plan_.scriptID);
-      const std::string& filepath = mapping->front().filepath;
-      plan_.downloads.push_back(filepath);
-      path = temporary_.pathOf("document.xml");
-      if (!HttpHandlermac::initWithServerInfo().downloadFileWithRootPermission(filepath, path)) {
-        return stop(RequestStep::documentDownload, filepath);
-      }
-    }
-    auto root =
-        decodedFile<ScriptRoot>(path, RequestStep::documentRead, RequestStep::documentDecode);
-    if (!root) return false;
+    std::string path = VarnScriptRepository::dataDocumentPath(scriptID_);
+    if (!upToDate() && !fetchDocument(path)) return false;
+    auto root = decodedFile<ScriptRoot>(path, RequestStep::documentRead,
+                                        RequestStep::documentDecode, inquiry_.reason());
+    if (!root) return stop();
     if (root->script.empty()) return stop(RequestStep::documentDecode, path);
     item = std::move(root->script.front());
     return true;
+  }
+
+  // Fetches the data document, whose place would be `path`, and makes `path` where it is now.
+  bool fetchDocument(std::string& path) {
+    const auto& mapping = plan_.entry->scriptPathMapping;
+    if (!mapping || mapping->empty()) return stop(RequestStep::documentLookUp, scriptID_);
+    const std::string& filepath = mapping->front().filepath;
+    plan_.downloads.push_back(filepath);
+    const std::string copy = inquiry_.temporaryPath("document.xml");
+    if (!HttpHandlermac::initWithServerInfo().downloadFileWithRootPermission(filepath, copy)) {
+      return stop(RequestStep::documentDownload, filepath);
+    }
+    std::string why = whyNotTaken(path);
+    if (why.empty()) {
+      const auto error = whyNoFileIn(posix::directoryOf(mark_.path()));
+      if (error) why = markNotMade(mark_) + ": " + error.message();
+    }
+    path = copy;
+    return why.empty() ? true : stop(RequestStep::documentDownload, filepath, why);
   }
 
   void followDocument(const ScriptItem& item) {
@@ -151,26 +167,41 @@ class PlanMaker {
     }
     plan_.scriptFile = VarnScriptRepository::scriptFilePath(file->fileName);
     if (!checkScriptFile(item, *file)) return;
-    if (const auto repo = item.getScriptRepo(plan_.scriptID)) {
+    if (const auto repo = item.getScriptRepo(scriptID_)) {
       describeRun(*repo);
     } else {
-      stop(RequestStep::definitionLookUp, plan_.scriptID);
+      stop(RequestStep::definitionLookUp, scriptID_);
     }
   }
 
   // Whether the script's file is there as it must be, or would be fetched.
   bool checkScriptFile(const ScriptItem& item, const VyFile& file) {
+    if (!inquiry_.guard().allows({{*plan_.scriptFile, PathEnd::ownFile}})) return false;
     const auto* const checksum = VarnScriptRepository::checksumOf(file, item.checksumValues);
-    const bool verified = upToDate() && checksum != nullptr &&
-                          AgentUtils::VyCryptography::validateCheckSumForFile(
-                              *plan_.scriptFile, checksum->checksumType, checksum->checksumVal);
-    if (verified) return true;
-    if (upToDate()) {
-      plan_.reason = FileUtils().isFileExists(*plan_.scriptFile) ? "the script file is not verified"
-                                                                 : "the script file is missing";
-    }
-    plan_.downloads.push_back(VarnScriptRepository::serverPath(file.fileSystemLocation));
+    if (upToDate() && checksum != nullptr && isVerified(*checksum)) return true;
+    const std::string location = VarnScriptRepository::serverPath(file.fileSystemLocation);
+    plan_.downloads.push_back(location);
+    const std::string why = whyNotTaken(*plan_.scriptFile);
+    if (!why.empty()) return stop(RequestStep::fileDownload, location, why);
     return checksum != nullptr ? true : stop(RequestStep::checksumLookUp, *plan_.scriptFile);
+  }
+
+  // Whether the local file is what its checksum says. Whether the one that would be fetched in its
+  // place is can't be known without fetching it.
+  bool isVerified(const ChecksumValue& checksum) {
+    const std::string& path = *plan_.scriptFile;
+    const char* wrong = "";
+    try {
+      wrong = AgentUtils::complaintAboutFile(path, checksum.checksumType, checksum.checksumVal);
+    } catch (const std::runtime_error&) {
+      return false;  // refused by the guard, which is told at the end
+    }
+    if (wrong == nullptr) return true;
+    inquiry_.reason().stepFailed({RequestStep::checksumTest, path, wrong});
+    plan_.reason = FileUtils().isFileExists(path) ? inquiry_.reason().reason().sentence
+                                                  : "the script file is missing";
+    plan_.reason += "; it would be fetched again";
+    return false;
   }
 
   void describeRun(const ScriptRepo& repo) {
@@ -180,22 +211,21 @@ class PlanMaker {
     if (!plan_.interpreter) {
       stop(RequestStep::interpreterLookUp, repo.scriptName);
     } else if (!FileUtils().isFileExists(*plan_.interpreter)) {
-      reason_.interpreterMissing(*plan_.interpreter);
+      inquiry_.reason().interpreterMissing(*plan_.interpreter);
       stop();
     }
   }
 
-  const std::string& customer_;
-  const TemporaryDirectory& temporary_;
-  ReasonFinder& reason_;
+  const std::string& scriptID_;
+  Inquiry& inquiry_;
+  const DocumentMark mark_;
   RequestPlan plan_;
 };
 
 }  // namespace
 
-RequestPlan makePlan(const std::string& scriptID, const std::string& customer,
-                     const TemporaryDirectory& temporary, ReasonFinder& reason) {
-  return PlanMaker(scriptID, customer, temporary, reason).make();
+RequestPlan makePlan(const std::string& scriptID, Inquiry& inquiry) {
+  return PlanMaker(scriptID, inquiry).make();
 }
 
 }  // namespace VarnScripts

@@ -7,9 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "Inquiry.h"
+#include "LocalCopy.h"
 #include "Reason.h"
 #include "ScriptRepositoryRecords.h"
-#include "TemporaryDirectory.h"
 
 namespace VarnScripts {
 
@@ -30,12 +31,12 @@ struct RequestPlan {
   std::optional<std::string> interpreter;
   std::optional<std::vector<std::string>> arguments;
   std::optional<std::vector<std::string>> acceptedCodes;
-  std::string problem;  ///< why no script would be run; empty when one would
+  /// What keeps the request waiting now, and would end it if it must not wait.
+  std::optional<Reason> waitsFor;
+  std::optional<Reason> problem;  ///< why no script would be run; absent when one would
 };
 
-/// What a request for `scriptID` would do now. The agent modules are configured, and what they say
-/// of failures comes to `reason`; documents of the server are fetched into `temporary`.
-[[nodiscard]] RequestPlan makePlan(const std::string& scriptID, const std::string& customer,
-                                   const TemporaryDirectory& temporary, ReasonFinder& reason);
+/// What a request for `scriptID` would do now, asked with `inquiry`, which has begun.
+[[nodiscard]] RequestPlan makePlan(const std::string& scriptID, Inquiry& inquiry);
 
 }  // namespace VarnScripts

@@ -22,10 +22,11 @@
 #include "Reason.h"
 #include "RecordOwner.h"
 #include "RequestFiles.h"
-#include "RequestLock.h"
 #include "ScriptRepositoryMetaProcessor.h"
+#include "ScriptTurn.h"
 #include "SignalForwarding.h"
 #include "StandardStreams.h"
+#include "VarnScriptRepository/ScriptRepositoryHost.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
 #include "VarnScriptRepository/ScriptRunObserver.h"
@@ -37,6 +38,7 @@ using VarnScriptRepository::ProcessingResult;
 using VarnScriptRepository::ScriptRepositoryConstants;
 using VarnScriptRepository::ScriptRepositoryMetaProcessor;
 using VarnScriptRepository::ScriptRepositoryProcessor;
+using VarnScriptRepository::ScriptTurn;
 
 // The version that a request runs is the one that the list names.
 std::string versionOnServer(const std::string& scriptID) {
@@ -115,12 +117,14 @@ int report(const CommandLine& line, const Settings& settings, const Outcome& out
   return exitStatusOf(outcome);
 }
 
+Outcome notRun(Reason reason) { return {{}, std::move(reason), std::nullopt}; }
+
 Outcome notRun(ReasonCode code, std::string sentence) {
-  return {{}, Reason{code, std::move(sentence)}, std::nullopt};
+  return notRun({code, std::move(sentence)});
 }
 
 Outcome request(const CommandLine& line, const Settings& settings, RunWatch& watch,
-                const ReasonFinder& reason, RequestLock& lock, RequestFiles& files,
+                const ReasonFinder& reason, ScriptTurn& turn, RequestFiles& files,
                 PathGuard& guard) {
   std::vector<UsedPath> paths = pathsOfRequests();
   for (UsedPath& path : pathsOfScript(line.scriptID)) paths.push_back(std::move(path));
@@ -130,24 +134,16 @@ Outcome request(const CommandLine& line, const Settings& settings, RunWatch& wat
     return notRun(ReasonCode::foreignRecord, std::move(*complaint));
   }
   std::error_code error;
-  lock.acquire(settings.agent.basePath, settings.agent.customerID, {line.scriptID}, error);
+  turn.take({line.scriptID}, error);
   if (error) {
     // Without its turn a request could run what another one is just replacing.
-    if (error == std::errc::resource_unavailable_try_again) {
-      return notRun(ReasonCode::lockedOut,
-                    "Script " + line.scriptID + " is in use by " + processText(lock.holder()));
-    }
-    return notRun(ReasonCode::lockedOut,
-                  "Request lock " + lock.path() + " can't be taken: " + error.message());
+    return notRun(error == std::errc::resource_unavailable_try_again
+                      ? inUse(line.scriptID, turn.holder())
+                      : lockNotTaken(VarnScriptRepository::requestLockPath(), error));
   }
   files.begin(error);
-  if (error) {
-    // The document may belong to another version than the one that is recorded.
-    return notRun(ReasonCode::localStateFailed, "Data document of script " + line.scriptID +
-                                                    ", whose version is not recorded, or " +
-                                                    files.mark().path() +
-                                                    " can't be removed: " + error.message());
-  }
+  // The document may belong to another version than the one that is recorded.
+  if (error) return notRun(documentStays(line.scriptID, files.mark().path(), error));
   ScriptRepositoryProcessor processor(line.scriptID);
   if (line.acceptCodes) processor.overrideExpectedReturnCode = line.acceptCodes;
   ProcessingResult result = processor.processScript();
@@ -170,9 +166,9 @@ int run(const CommandLine& line, const Settings& settings) {
   // Before any other thread, and never destroyed: its thread runs until the process ends.
   auto& signals = *new SignalForwarding;
   ReasonFinder reason(line.scriptID, settings);
-  RequestLock lock({!line.noWait, [&settings](int processID) {
-                      writeRemark("waiting for " + processText(processID), settings);
-                    }});
+  ScriptTurn turn({!line.noWait, [&settings](int processID) {
+                     writeRemark("waiting for " + processText(processID), settings);
+                   }});
   Progress progress(Progress::isPossible() && !settings.log.quiet);
   LiveOutput output(!line.json && (line.follow || isOutputTerminal()), settings.maxOutput);
   RunWatch watch(line.scriptID, signals, progress, output, reason);
@@ -198,8 +194,8 @@ int run(const CommandLine& line, const Settings& settings) {
     return kExitUsage;
   }
   prepareDownloads();
-  files.emplace(line.scriptID, lock);
-  const Outcome outcome = request(line, settings, watch, reason, lock, *files, guard);
+  files.emplace(line.scriptID, turn);
+  const Outcome outcome = request(line, settings, watch, reason, turn, *files, guard);
   WrittenOutput written;
   written.length = output.finish(written.error);
   progress.finish();

@@ -58,7 +58,7 @@ std::optional<GivenText> given(const SettingSources& sources, const std::string&
     }
   }
   if (auto text = textIn(sources.file, key)) {
-    return GivenText{std::move(*text), "settings file " + sources.filePath, Place::file};
+    return GivenText{std::move(*text), nameOfSettingsFile(sources.filePath), Place::file};
   }
   return std::nullopt;
 }
@@ -89,7 +89,7 @@ std::string below(const std::string& directory, const std::string& name) {
 // The data path when none is given; empty when it depends on a customer and there is none.
 std::string defaultDataPath(const SettingSources& sources, const Settings& settings) {
   // Older installations have one record for the base path, and go on with it.
-  const std::string shared = below(settings.agent.basePath, "data");
+  std::string shared = below(settings.agent.basePath, "data");
   const bool isOlder =
       sources.exists && sources.exists(shared + "/Configuration-Framework/ScriptRepository");
   if (isOlder) return shared;
@@ -152,11 +152,11 @@ std::optional<bool> toggleFrom(const std::string& text) {
   return std::nullopt;
 }
 
-std::optional<std::uint64_t> bytesFrom(const std::string& text) {
+std::optional<std::uint64_t> numberFrom(const std::string& text) {
   std::uint64_t value = 0;
   const char* const end = text.data() + text.size();
   const auto [stop, error] = std::from_chars(text.data(), end, value);
-  if (error != std::errc{} || stop != end || value == 0) return std::nullopt;
+  if (error != std::errc{} || stop != end) return std::nullopt;
   return value;
 }
 
@@ -186,13 +186,22 @@ class Taking {
   }
 
   Complaint operator()(std::uint64_t* to) const {
-    const auto bytes = bytesFrom(text_);
-    if (!bytes) return "must be a number of bytes above zero, not \"" + text_ + "\"";
+    const auto bytes = numberFrom(text_);
+    if (!bytes || *bytes == 0) return "must be a number of bytes above zero, not \"" + text_ + "\"";
     *to = *bytes;
     return std::nullopt;
   }
 
   Complaint operator()(std::optional<std::uint64_t>* to) const { return (*this)(&to->emplace()); }
+
+  Complaint operator()(std::uint32_t* to) const {
+    const auto times = numberFrom(text_);
+    if (!times || *times > kMostTimes) {
+      return "must be a number from 0 to " + std::to_string(kMostTimes) + ", not \"" + text_ + "\"";
+    }
+    *to = static_cast<std::uint32_t>(*times);
+    return std::nullopt;
+  }
 
   Complaint operator()(bool* to) const {
     const auto toggle = toggleFrom(text_);
@@ -216,6 +225,8 @@ class Taking {
   }
 
  private:
+  static constexpr std::uint32_t kMostTimes = 10;
+
   [[nodiscard]] std::string complaintAboutChoice(const std::vector<std::string_view>& names) const {
     std::string complaint = "must be ";
     for (const std::string_view& name : names) {
@@ -281,6 +292,12 @@ constexpr SettingDefinition kSettings[] = {
      [](Settings& s) -> SettingMember { return &s.agent.clientKey; }, complaintAboutPath},
     {"proxy", "URL", "Proxy (default: the environment's)",
      [](Settings& s) -> SettingMember { return &s.agent.proxy; }},
+    {"header_file", "FILE", "More headers for the server, a line \"Name: value\" for each",
+     [](Settings& s) -> SettingMember { return &s.headerFile; }, complaintAboutPath},
+    {"netrc_file", "FILE", "Login for the server, in the netrc format (default: none)",
+     [](Settings& s) -> SettingMember { return &s.agent.netrcFile; }, complaintAboutPath},
+    {"retry", "N", "How often a download that failed is tried again (default: 2)",
+     [](Settings& s) -> SettingMember { return &s.agent.retries; }},
     {"max_download", "BYTES",
      "Most bytes that one download may receive or write (default: 1073741824)",
      [](Settings& s) -> SettingMember { return &s.agent.maxDownload; }},
@@ -317,6 +334,10 @@ SettingDefinition::Kind SettingDefinition::kind() const {
 std::string flagOf(std::string_view key) { return "--" + inAscii(key, '_', '-'); }
 
 std::string variableOf(std::string_view key) { return "VARN_" + upperCase(std::string(key)); }
+
+std::string nameOfSettingsFile(std::string_view path) {
+  return path == kStandardInput ? "standard input" : "settings file " + std::string(path);
+}
 
 std::string ownDataPath(const std::string& basePath, const std::string& customer) {
   return below(below(basePath, "data"), customer);

@@ -20,6 +20,9 @@
 
 namespace VarnScripts {
 
+/// The path of a settings file that means standard input.
+inline constexpr std::string_view kStandardInput = "-";
+
 /// All settings of one invocation. An empty text means "not given".
 struct Settings {
   /// What the bundled modules take. The two directories are absolute, without a trailing slash but
@@ -30,21 +33,23 @@ struct Settings {
   bool verbose = false;  ///< the log on standard error
   /// The most bytes of a script's output that are written and logged.
   std::optional<std::uint64_t> maxOutput;
-  std::string settingsFile;  ///< where some of them may come from
+  std::string settingsFile;  ///< where some of them may come from; never standard input
+  std::string headerFile;    ///< more headers for the server
 };
 
-/// A setting's value, by its kind: a text, a number of bytes, one that need not be given, a toggle,
-/// a choice of the log's.
-using SettingMember = std::variant<std::string*, std::uint64_t*, std::optional<std::uint64_t>*,
-                                   bool*, AgentLog::LogSettings::Format*, AgentLog::Severity*,
-                                   std::optional<AgentLog::LogSettings::Target>*>;
+/// A setting's value, by its kind: a text, a number of bytes, one that need not be given, how
+/// often, a toggle, a choice of the log's.
+using SettingMember =
+    std::variant<std::string*, std::uint64_t*, std::optional<std::uint64_t>*, std::uint32_t*, bool*,
+                 AgentLog::LogSettings::Format*, AgentLog::Severity*,
+                 std::optional<AgentLog::LogSettings::Target>*>;
 
 /// One setting. The key in the settings file ("base_path") gives the flag ("--base-path") and the
 /// environment variable ("VARN_BASE_PATH").
 struct SettingDefinition {
   enum class Kind {
     text,
-    number,  ///< a whole number of bytes
+    number,  ///< a whole number
     toggle,  ///< true or false; as a flag it takes no value
   };
 
@@ -71,6 +76,9 @@ struct SettingDefinition {
 
 /// The setting's environment variable: "VARN_BASE_PATH".
 [[nodiscard]] std::string variableOf(std::string_view key);
+
+/// How messages call the settings file at `path`: "settings file /etc/varn.toml".
+[[nodiscard]] std::string nameOfSettingsFile(std::string_view path);
 
 /// Why there are no settings: one line that names the setting and where it was or can be given.
 struct SettingsError {

@@ -58,11 +58,11 @@ std::string onOneLine(const std::string& text) {
 }
 
 SettingsError errorInFile(const std::string& path, std::uint32_t line, const std::string& what) {
-  return {"settings file " + path + ", line " + std::to_string(line) + ": " + onOneLine(what)};
+  return {nameOfSettingsFile(path) + ", line " + std::to_string(line) + ": " + onOneLine(what)};
 }
 
 SettingsError unreadable(const std::string& path, const std::string& why) {
-  return {"settings file " + path + " (given by --config or VARN_CONFIG) can't be read: " + why};
+  return {nameOfSettingsFile(path) + " (given by --config or VARN_CONFIG) can't be read: " + why};
 }
 
 std::variant<SettingTexts, SettingsError> textsOf(const toml::table& table,
@@ -93,9 +93,12 @@ std::variant<SettingTexts, SettingsError> parseSettingsFile(const std::string& t
   }
 }
 
-std::variant<SettingTexts, SettingsError> readSettingsFile(const std::string& path) {
+std::variant<SettingTexts, SettingsError> readSettingsFile(
+    const std::string& path, const posix::FileDescriptor& standardInput) {
   std::error_code error;
-  const std::string text = readRegularFile(path, LastLink::follow, error, kLargestFile).bytes;
+  const std::string text = path == kStandardInput
+                               ? readToEnd(standardInput, error, kLargestFile)
+                               : readRegularFile(path, LastLink::follow, error, kLargestFile).bytes;
   if (error == std::errc::file_too_large) return unreadable(path, "it is larger than 1 MiB");
   if (error) return unreadable(path, whyNotRead(error));
   return parseSettingsFile(text, path);

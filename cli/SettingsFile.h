@@ -5,6 +5,7 @@
 #include <string>
 #include <variant>
 
+#include "FileDescriptor.h"
 #include "Settings.h"
 
 namespace VarnScripts {
@@ -14,7 +15,9 @@ namespace VarnScripts {
 [[nodiscard]] std::variant<SettingTexts, SettingsError> parseSettingsFile(const std::string& text,
                                                                           const std::string& path);
 
-/// The settings in the file at `path`; files above 1 MiB are refused.
-[[nodiscard]] std::variant<SettingTexts, SettingsError> readSettingsFile(const std::string& path);
+/// The settings in the file at `path`, or all that comes from `standardInput` until its end when
+/// that is `kStandardInput`; above 1 MiB they are refused.
+[[nodiscard]] std::variant<SettingTexts, SettingsError> readSettingsFile(
+    const std::string& path, const posix::FileDescriptor& standardInput = {});
 
 }  // namespace VarnScripts

@@ -131,7 +131,7 @@ void SignalForwarding::passOn(int signal, std::unique_lock<std::mutex>& lock) {
     changed_.wait_for(lock, kLookAgain);
   }
   // One wish may come as two signals in one breath: timeout(1) sends one to its child and one to
-  // the group of both. What comes after the script was told is another wish.
+  // the group of both. What comes after the script was signalled is another wish.
   if (isPending(signal)) take(setOf(signal));
   signalScript(signal);
 }

@@ -88,11 +88,14 @@ bool isClosed(int descriptor) { return ::fcntl(descriptor, F_GETFD) == -1 && err
 
 }  // namespace
 
-void openStandardStreams() {
+posix::FileDescriptor openStandardStreams() {
+  // Not into the place of another closed one.
+  posix::FileDescriptor input(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
   openNullDevice(STDIN_FILENO, O_RDONLY);
   for (const int descriptor : {STDOUT_FILENO, STDERR_FILENO}) {
     if (isClosed(descriptor)) openNullDevice(descriptor, O_WRONLY);
   }
+  return input;
 }
 
 bool isOutputTerminal() { return ::isatty(STDOUT_FILENO) == 1; }

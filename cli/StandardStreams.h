@@ -7,12 +7,15 @@
 #include <string_view>
 #include <system_error>
 
+#include "FileDescriptor.h"
+
 namespace VarnScripts {
 
 /// Opens standard input on the null device, so that no script waits for a person, and gives a
 /// closed standard output or standard error the null device too, so that no file that is opened
-/// later gets its number. Called before anything else is opened.
-void openStandardStreams();
+/// later gets its number. Gives what standard input was, closed on exec; empty when it was closed.
+/// Called before anything else is opened.
+[[nodiscard]] posix::FileDescriptor openStandardStreams();
 
 /// Whether standard output, or standard error, is a terminal.
 [[nodiscard]] bool isOutputTerminal();

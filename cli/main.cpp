@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -43,7 +44,8 @@ void setSignalDispositions() {
   ::signal(SIGCHLD, SIG_DFL);
 }
 
-std::variant<Settings, SettingsError> settingsFor(const CommandLine& line) {
+std::variant<Settings, SettingsError> settingsFor(const CommandLine& line,
+                                                  posix::FileDescriptor standardInput) {
   VarnScripts::SettingSources sources;
   sources.flags = line.flags;
   sources.environment = environmentVariable;
@@ -55,9 +57,13 @@ std::variant<Settings, SettingsError> settingsFor(const CommandLine& line) {
   if (sources.filePath.empty() && std::filesystem::exists(kUsualSettingsFile, ignored)) {
     sources.filePath = kUsualSettingsFile;
   }
+  // Whoever writes to it could give the settings as options as well.
+  const bool isInput = sources.filePath == VarnScripts::kStandardInput;
   if (!sources.filePath.empty()) {
-    if (auto error = VarnScripts::complaintAboutSettingsFile(sources.filePath)) return *error;
-    auto file = VarnScripts::readSettingsFile(sources.filePath);
+    if (!isInput) {
+      if (auto error = VarnScripts::complaintAboutSettingsFile(sources.filePath)) return *error;
+    }
+    auto file = VarnScripts::readSettingsFile(sources.filePath, standardInput);
     if (const auto* error = std::get_if<SettingsError>(&file)) return *error;
     sources.file = std::get<VarnScripts::SettingTexts>(std::move(file));
   }
@@ -67,12 +73,13 @@ std::variant<Settings, SettingsError> settingsFor(const CommandLine& line) {
     std::error_code none;
     return std::filesystem::exists(path, none);
   };
-  auto layered = VarnScripts::layerSettings(sources, line.command->needed);
-  if (auto* settings = std::get_if<Settings>(&layered)) settings->settingsFile = sources.filePath;
+  auto layered = VarnScripts::layerSettings(sources, line.needed());
+  auto* const settings = std::get_if<Settings>(&layered);
+  if (settings != nullptr && !isInput) settings->settingsFile = sources.filePath;
   return layered;
 }
 
-int host(const std::vector<std::string>& arguments) {
+int host(const std::vector<std::string>& arguments, posix::FileDescriptor standardInput) {
   const auto parsed = VarnScripts::parseCommandLine(arguments);
   if (const auto* reply = std::get_if<VarnScripts::Reply>(&parsed)) {
     if (!reply->output.empty()) VarnScripts::writeOutput(reply->output);
@@ -81,7 +88,7 @@ int host(const std::vector<std::string>& arguments) {
     return reply->exitStatus;
   }
   const auto& line = std::get<CommandLine>(parsed);
-  const auto settings = settingsFor(line);
+  const auto settings = settingsFor(line, std::move(standardInput));
   if (const auto* error = std::get_if<SettingsError>(&settings)) {
     VarnScripts::writeErrorLine("varn-scripts: " + error->line);
     return VarnScripts::kExitUsage;
@@ -93,9 +100,9 @@ int host(const std::vector<std::string>& arguments) {
 
 int main(int argc, char** argv) {
   try {
-    VarnScripts::openStandardStreams();
+    posix::FileDescriptor standardInput = VarnScripts::openStandardStreams();
     setSignalDispositions();
-    return host({argv + (argc > 0 ? 1 : 0), argv + argc});
+    return host({argv + (argc > 0 ? 1 : 0), argv + argc}, std::move(standardInput));
   } catch (const std::exception&) {
     // Only being out of memory comes this far, so there may be none for a text either.
     VarnScripts::writeOutOfMemory();

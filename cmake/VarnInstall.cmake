@@ -1,5 +1,5 @@
-# What `cmake --install` puts where. Two components: "runtime" is the command with its library, manual
-# pages and examples, "development" is what another project builds against.
+# What `cmake --install` puts where. Three components: "library" is the shared library, "runtime" the
+# command with its manual pages and examples, "development" what another project builds against.
 
 include(CMakePackageConfigHelpers)
 
@@ -17,10 +17,11 @@ set(documents ${CMAKE_INSTALL_DATAROOTDIR}/doc/varn-scripts)
 # ---- Libraries and headers ------------------------------------------------------------------------
 
 install(TARGETS VarnScriptRepository EXPORT VarnScriptRepositoryTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library
     NAMELINK_COMPONENT development
-  FRAMEWORK DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime)
+  FRAMEWORK DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library)
 install(TARGETS VarnAgentInterfaces EXPORT VarnScriptRepositoryTargets COMPONENT development)
+install(TARGETS VarnContracts EXPORT VarnScriptRepositoryContractsTargets COMPONENT development)
 install(TARGETS VarnUnitsArchive EXPORT VarnScriptRepositoryUnitsTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 if(TARGET VarnMarkupParserArchive)
@@ -37,10 +38,20 @@ endif()
 install(FILES ${headers}
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/VarnScriptRepository COMPONENT development)
 
+# The suites, with the headers that they stand on; an agent compiles them itself.
+file(GLOB suites CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/contracts/*ContractTests.cpp)
+install(FILES ${suites} ${PROJECT_SOURCE_DIR}/tests/contracts/Contract.h
+  DESTINATION ${contracts} COMPONENT development)
+install(FILES
+  ${PROJECT_SOURCE_DIR}/src/support/KeyedCoding.h
+  ${PROJECT_SOURCE_DIR}/tests/agent/support/StoredRecord.h
+  ${PROJECT_SOURCE_DIR}/tests/support/SmallRecords.h
+  DESTINATION ${contracts}/support COMPONENT development)
+
 # ---- How other projects find them -----------------------------------------------------------------
 
 # One file per component, because each needs other libraries to be there.
-foreach(part IN ITEMS "" Units MarkupParser)
+foreach(part IN ITEMS "" Units MarkupParser Contracts)
   if(part STREQUAL "MarkupParser" AND NOT TARGET VarnMarkupParserArchive)
     continue()
   endif()
@@ -75,15 +86,16 @@ install(FILES ${PROJECT_BINARY_DIR}/VarnScriptRepository.pc
 
 # ---- The command, its manual pages and examples ---------------------------------------------------
 
-install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md
-  DESTINATION ${documents} COMPONENT runtime)
 if(NOT TARGET varn-scripts)
   return()
 endif()
+install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+  DESTINATION ${documents} COMPONENT runtime)
 install(TARGETS varn-scripts RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/docs/man/varn-scripts.1
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
-install(FILES ${PROJECT_SOURCE_DIR}/docs/man/varn-scripts.toml.5
+install(FILES ${PROJECT_SOURCE_DIR}/docs/man/scripts.toml.5
+              ${PROJECT_SOURCE_DIR}/docs/man/varn-scripts.toml.5
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/completions/varn-scripts.bash
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT runtime
@@ -91,13 +103,15 @@ install(FILES ${PROJECT_SOURCE_DIR}/completions/varn-scripts.bash
 install(FILES ${PROJECT_SOURCE_DIR}/completions/varn-scripts.zsh
   DESTINATION ${VARN_ZSH_COMPLETIONS_DIR} COMPONENT runtime
   RENAME _varn-scripts)
+install(FILES ${PROJECT_SOURCE_DIR}/completions/varn-scripts.fish
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/examples/README.md ${PROJECT_SOURCE_DIR}/examples/varn-scripts.toml
   DESTINATION ${documents}/examples COMPONENT runtime)
 install(PROGRAMS ${PROJECT_SOURCE_DIR}/examples/demo
   DESTINATION ${documents}/examples COMPONENT runtime)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/scripts
   DESTINATION ${documents}/examples COMPONENT runtime)
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/embed
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/embed ${PROJECT_SOURCE_DIR}/examples/resident
   DESTINATION ${documents}/examples COMPONENT development)
 
 # How the system runs a script now and then; enabled by nobody but its administrator.

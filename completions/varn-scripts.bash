@@ -1,5 +1,22 @@
 # Completion of varn-scripts for bash.
 
+# The IDs of the scripts that this computer knows, as the settings before the cursor ($2...) and the
+# environment's tell where to look; $1 is the command.
+_varn_scripts_known() {
+  "$1" --quiet "${@:2}" list --json 2>/dev/null </dev/null |
+    grep -o '"script_id":"[A-Za-z0-9._-]*"' | cut -d '"' -f 4
+}
+
+# A word as it was typed, as the shell would hand it on. Never evaluated: it may hold a command.
+_varn_scripts_unquoted() {
+  case $1 in
+    \"*\") printf %s "${1:1:${#1}-2}" ;;
+    \'*\') printf %s "${1:1:${#1}-2}" ;;
+    \~/*) printf %s "$HOME$(_varn_scripts_unquoted "${1:1}")" ;;
+    *) printf %s "${1//\\/}" ;;
+  esac
+}
+
 _varn_scripts() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   # In "--name=value" the shell makes three words of it.
@@ -10,15 +27,15 @@ _varn_scripts() {
   fi
 
   local settings="--config --base-path --data-path --customer --server --ca-file --client-cert
-    --client-key --proxy --max-download --max-output --verbose --log-level --log-format --log-file
-    --log-target --quiet --help"
+    --client-key --proxy --header-file --netrc-file --retry --max-download --max-output --verbose
+    --log-level --log-format --log-file --log-target --quiet --help"
   local with_value=" --config --base-path --data-path --customer --server --ca-file --client-cert
-    --client-key --proxy --max-download --max-output --log-level --log-format --log-file --log-target
-    --accept-codes --keep-for --digest "
+    --client-key --proxy --header-file --netrc-file --retry --max-download --max-output --log-level
+    --log-format --log-file --log-target --accept-codes --keep-for --digest "
 
   compopt +o default 2>/dev/null
   case $previous in
-    --config | --ca-file | --client-cert | --client-key | --log-file)
+    --config | --ca-file | --client-cert | --client-key | --header-file | --netrc-file | --log-file)
       compopt -o filenames 2>/dev/null
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
       return
@@ -45,23 +62,34 @@ _varn_scripts() {
       return
       ;;
     --server)
-      mapfile -t COMPREPLY < <(compgen -W "https:// http:// file://" -- "$current")
-      compopt -o nospace 2>/dev/null
-      return
+      # Behind `list` it may be without a URL, and another option may follow.
+      if [[ $current != -* ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "https:// http:// file://" -- "$current")
+        compopt -o nospace 2>/dev/null
+        return
+      fi
       ;;
-    --customer | --proxy | --max-download | --max-output | --accept-codes | --keep-for)
+    --customer | --proxy | --retry | --max-download | --max-output | --accept-codes | --keep-for)
       COMPREPLY=()
       return
       ;;
   esac
 
-  # The command among the words before this one, and how many arguments it has by now.
-  local word command="" arguments=0 skip=0
+  # The command among the words before this one, how many arguments it has by now, and the settings
+  # that tell where its records are.
+  local word command="" arguments=0 option="" places=()
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
-    if ((skip)) && [[ $word != "=" ]]; then
-      skip=0
+    if [[ -n $option && $word != "=" ]]; then
+      case $option in
+        --config | --base-path | --data-path | --customer)
+          places+=("$option" "$(_varn_scripts_unquoted "$word")")
+          ;;
+      esac
+      option=
     elif [[ $with_value == *[[:space:]]"$word"[[:space:]]* ]]; then
-      skip=1
+      option=$word
+      # Of `list` it needs no value.
+      if [[ $command == list && $word == --server ]]; then option=; fi
     elif [[ $word == -* || $word == "=" ]]; then
       continue
     elif [[ -z $command ]]; then
@@ -75,8 +103,9 @@ _varn_scripts() {
   case $command in
     "") options="$settings --version" ;;
     run) options="$settings --accept-codes --json --follow --no-wait" ;;
-    plan | list) options="$settings --json" ;;
-    prune) options=$settings ;;
+    plan) options="$settings --json" ;;
+    prune) options="$settings --dry-run --json" ;;
+    list) options="$settings --server --json" ;;
     publish) options="$settings --keep-for --digest --strict --check --allow-removal" ;;
     *) options= ;;
   esac
@@ -88,9 +117,8 @@ _varn_scripts() {
     compopt -o filenames 2>/dev/null
     mapfile -t COMPREPLY < <(compgen -d -- "$current")
   elif [[ $command == run || $command == plan ]] && ((arguments == 0)); then
-    # The scripts that this computer knows, when the environment's settings tell where to look.
-    mapfile -t COMPREPLY < <(compgen -W "$("${COMP_WORDS[0]}" --quiet list --json 2>/dev/null |
-      grep -o '"script_id":"[A-Za-z0-9._-]*"' | cut -d '"' -f 4)" -- "$current")
+    mapfile -t COMPREPLY < <(compgen -W \
+      "$(_varn_scripts_known "${COMP_WORDS[0]}" "${places[@]}")" -- "$current")
   else
     COMPREPLY=()
   fi

@@ -2,14 +2,27 @@
 # Completion of varn-scripts for zsh.
 
 _varn_scripts_known() {
-  # The scripts that this computer knows, when the environment's settings tell where to look.
-  local -a known
-  known=(${(f)"$(_call_program scripts varn-scripts --quiet list --json 2>/dev/null |
+  # The scripts that this computer knows, as the settings on the line and the environment's tell
+  # where to look.
+  local -a known places
+  local word option
+  for word in "${(@)typed[2,-1]}"; do
+    case $word in
+      --(config|base-path|data-path|customer)) option=$word; continue ;;
+      --(config|base-path|data-path|customer)=*)
+        places+=("${word%%=*}" "${${(Q)${word#*=}}/#\~\//$HOME/}") ;;
+      *) [[ -n $option ]] && places+=("$option" "${${(Q)word}/#\~\//$HOME/}") ;;
+    esac
+    option=
+  done
+  known=(${(f)"$(_call_program scripts varn-scripts --quiet ${(q)places} list --json 2>/dev/null |
     grep -o '"script_id":"[A-Za-z0-9._-]*"' | cut -d '"' -f 4)"})
   compadd -a known
 }
 
 _varn_scripts() {
+  # The words before the cursor, also those that stand before the command.
+  local -a typed=("${(@)words[1,CURRENT-1]}")
   local -a settings commands
   settings=(
     '--config[settings file]:file:_files'
@@ -21,6 +34,9 @@ _varn_scripts() {
     '--client-cert[client certificate]:file:_files'
     '--client-key[key of the client certificate]:file:_files'
     '--proxy[proxy]:location:'
+    '--header-file[more headers for the server]:file:_files'
+    '--netrc-file[login for the server]:file:_files'
+    '--retry[how often a download that failed is tried again]:number:'
     '--max-download[most bytes of one download]:bytes:'
     '--max-output[most bytes of the output that are written and logged]:bytes:'
     '(-v --verbose)'{-v,--verbose}'[log on standard error]'
@@ -35,7 +51,7 @@ _varn_scripts() {
     'run:fetch, verify and run one script'
     'plan:tell what run would do now'
     'prune:remove local copies of scripts the server dropped'
-    'list:list the local records'
+    "list:list the local records, or the server's scripts"
     "publish:turn a directory of scripts into a server's tree"
   )
 
@@ -59,15 +75,25 @@ _varn_scripts() {
           _arguments $settings '--json[print the plan as one JSON object]' \
             '1:script:_varn_scripts_known'
           ;;
-        list) _arguments $settings '--json[print the records as a JSON array]' ;;
-        prune) _arguments $settings ;;
+        prune)
+          _arguments $settings \
+            '--dry-run[print what would be removed, remove nothing]' \
+            '--json[print what is removed as one JSON object]'
+          ;;
+        list)
+          # Its --server takes a value or none.
+          settings=(${settings:#--server*})
+          _arguments $settings \
+            '--server[list what the server has]::location:(https\: http\: file\:)' \
+            '--json[print a JSON array]'
+          ;;
         publish)
           _arguments $settings \
             '--keep-for[how long files stay that the list no longer names]:time:' \
             '--digest[digest of the checksums]:digest:(md5 sha1 sha224 sha256 sha384 sha512)' \
             '--strict[refuse what is a warning otherwise]' \
-            '--check[check only, write nothing]' \
-            '--allow-removal[publish a manifest without a script]' \
+            '--check[check, tell what would be published, write nothing]' \
+            '--allow-removal[drop many scripts or all, replace a foreign list]' \
             '1:source directory:_files -/' '2:output directory:_files -/'
           ;;
       esac

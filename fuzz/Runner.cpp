@@ -26,7 +26,7 @@ std::size_t logged(std::string_view beginning) {
                     [&](const std::string& message) { return message.starts_with(beginning); }));
 }
 
-/// What an observer is told of a run.
+/// What is reported to an observer of a run.
 struct Watch : VarnScriptRepository::ScriptRunObserver {
   void outputTaken(std::string_view piece) override { output += piece; }
   void scriptEnded(const VarnScriptRepository::ScriptEnd& ended) override { end = ended; }
@@ -184,7 +184,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                         child.now()};
   FUZZ_REQUIRE(outcome == PlainRunner(same).run());
 
-  // What is told of the run is what becomes of it.
+  // What is reported of the run is what becomes of it.
   FUZZ_REQUIRE(watch.end && watch.output == *output && watch.end->outputBytes == output->size());
   FUZZ_REQUIRE(watch.end->code == *status && watch.end->lostBytes == 0);
   FUZZ_REQUIRE(watch.end->droppedBytes == child.written().size() - child.held() - output->size());

@@ -16,11 +16,11 @@ namespace AgentUtils {
 /// The agent's global settings. All texts are UTF-8 and are used as they stand.
 struct GlobalVariables {
   /// The agent's base directory, an absolute path without a trailing slash: "/opt/agent".
-  std::string vyagentBasePath;
+  std::string vyagentBasePath{};
   /// The customer's ID: "7".
-  std::string vyCustomerID;
+  std::string vyCustomerID{};
   /// The agent's data directory; absent when the agent has none.
-  std::optional<std::string> vyagentDataDictPath;
+  std::optional<std::string> vyagentDataDictPath{};
 };
 
 /// The global settings object. The agent sets it once, before the library's first operation, and

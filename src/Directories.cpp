@@ -1,5 +1,7 @@
 #include "Directories.h"
 
+#include "AgentUtils.h"
+#include "support/Guard.h"
 #include "support/Settings.h"
 
 namespace VarnScriptRepository {
@@ -42,6 +44,22 @@ const std::string& scriptRepoScriptsDirectory() {
   static const std::string& path =
       *new std::string(scriptsDirectoryIn(customerDirectory(basePath(), customerID())));
   return path;
+}
+
+namespace {
+
+void createWhenMissing(const std::string& directory) {
+  guarded([&] {
+    const AgentUtils::FileUtils fileUtils;
+    if (!fileUtils.isFileExists(directory)) fileUtils.createDirectory(directory, true);
+  });
+}
+
+}  // namespace
+
+void createMissingDirectories() {
+  createWhenMissing(scriptRepoDataDirectory());
+  createWhenMissing(scriptRepoScriptsDirectory());
 }
 
 std::string dataDocumentPath(const std::string& scriptID) {

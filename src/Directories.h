@@ -36,6 +36,9 @@ inline constexpr const char* kListName = "scripts-meta.xml";
 [[nodiscard]] const std::string& scriptRepoDataDirectory();
 [[nodiscard]] const std::string& scriptRepoScriptsDirectory();
 
+/// Creates these two where nothing exists; a failure shows when they are used.
+void createMissingDirectories();
+
 /// The data document of a script.
 [[nodiscard]] std::string dataDocumentPath(const std::string& scriptID);
 /// The script file of this name.

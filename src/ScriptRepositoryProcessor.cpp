@@ -11,10 +11,10 @@
 
 #include "AgentUtils.h"
 #include "Directories.h"
+#include "LoadedList.h"
 #include "MarkupParser.h"
 #include "ObjectRuntimeRegistration.h"
 #include "ScriptRepositoryLocalMetaProcessor.h"
-#include "ScriptRepositoryMetaProcessor.h"
 #include "ScriptRepositoryProcessorRequest.h"
 #include "ScriptRepositoryUtil.h"
 #include "ScriptRules.h"
@@ -37,24 +37,12 @@ constexpr std::int64_t kTimeLimit = 600;
 
 // ---- Construction ----------------------------------------------------------------------------
 
-namespace {
-
-void createWhenMissing(const std::string& directory) {
-  guarded([&] {
-    const AgentUtils::FileUtils fileUtils;
-    if (!fileUtils.isFileExists(directory)) fileUtils.createDirectory(directory, true);
-  });
-}
-
-}  // namespace
-
-ScriptRequest::ScriptRequest(const std::string& id,
+ScriptRequest::ScriptRequest(std::string id,
                              const std::optional<std::vector<std::string>>* overrideList)
-    : scriptID(id),
+    : scriptID(std::move(id)),
       overrideExpectedReturnCode(overrideList),
       scriptDataFilePath(dataDocumentPath(scriptID)) {
-  createWhenMissing(scriptRepoDataDirectory());
-  createWhenMissing(scriptRepoScriptsDirectory());
+  createMissingDirectories();
 }
 
 ScriptRepositoryProcessor::ScriptRepositoryProcessor(const std::string& scriptID)
@@ -74,19 +62,6 @@ ProcessingResult ScriptRepositoryProcessor::processScript() {
 
 namespace {
 
-/// The entry of the script in the server's metadata, which is fetched first when this process has
-/// none. Nothing without metadata or entry.
-std::optional<ScriptRepositoryMeta> serverEntry(const std::string& scriptID) {
-  auto& metaProcessor = ScriptRepositoryMetaProcessor::shared();
-  if (!metaProcessor.scriptRepoMetaData()) {
-    if (!metaProcessor.downloadScriptRepoMeta()) return std::nullopt;
-    metaProcessor.loadScriptRepoMetaData();
-  }
-  auto entry = metaProcessor.getScriptRepoForID(scriptID);
-  if (!entry && metaProcessor.scriptRepoMetaData()) tellFailure(RequestStep::listLookUp, scriptID);
-  return entry;
-}
-
 /// The line that ends a request. The output stands between its quotation marks as it is, not
 /// escaped.
 std::string statusLine(std::string_view beginning, const ProcessingResult& result) {
@@ -100,7 +75,8 @@ std::string statusLine(std::string_view beginning, const ProcessingResult& resul
 
 ProcessingResult ScriptRequest::processScript() {
   const UnitLog log{kUnit, "processScript()"};
-  const auto server = serverEntry(scriptID);
+  // Its own from here on: another list may take the place of the one that it is of.
+  const auto server = entryInList(scriptID);
   if (!server) {
     // Log searches match this line exactly; its spelling stays.
     log.info("Processing Script ID " + scriptID +
@@ -353,16 +329,15 @@ void removeWithLog(const std::string& path, const UnitLog& log, int line = __bui
 void ScriptRepositoryProcessor::removeServerRemovedScripts() {
   const UnitLog log{kUnit, "removeServerRemovedScripts()"};
   guarded([&] {
-    const auto& allMetaData = ScriptRepositoryMetaProcessor::shared().scriptRepoAllMetaData();
-    if (!allMetaData) {
+    const auto serverIDs = listedIDs();
+    if (!serverIDs) {
       // Nothing in the library sets the container, so removal is put off until the host does.
       log.info(
           "Removing Local Scripts, Script Repo Meta Data Not available, will be processed later");
       return;
     }
     const std::vector<std::string> dropped =
-        droppedIDs(ScriptRepositoryLocalMetaProcessor::shared().getAllScriptIDs(),
-                   allMetaData->getAllAvailableScriptIDs());
+        droppedIDs(ScriptRepositoryLocalMetaProcessor::shared().getAllScriptIDs(), *serverIDs);
     if (dropped.empty()) {
       log.info("No Scripts to remove from Script Repo");
       return;

@@ -23,7 +23,7 @@ struct ScriptRequest {
   /// Full path of this script's data document.
   const std::string scriptDataFilePath;
 
-  explicit ScriptRequest(const std::string& scriptID,
+  explicit ScriptRequest(std::string scriptID,
                          const std::optional<std::vector<std::string>>* overrideList = nullptr);
 
   // ---- Flow

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "AgentUtils.h"
 #include "VarnExport.h"
@@ -15,14 +16,33 @@ namespace AgentUtils {
 
 /// The settings of the bundled modules. An empty text means "not given".
 struct AgentSettings {
-  std::string basePath;  ///< absolute, no trailing slash
-  std::string dataPath;  ///< absolute, no trailing slash
-  std::string customerID;
-  std::string serverURL;  ///< https://, http:// or file://, without user name and password
-  std::string caFile;     ///< PEM file of the authorities that are trusted; the system's when empty
-  std::string clientCert;  ///< PEM file
-  std::string clientKey;   ///< PEM file
-  std::string proxy;       ///< proxy URL; the environment's proxies when empty
+  std::string basePath{};  ///< absolute, no trailing slash
+  /// As `basePath`; BASE/data/CUSTOMER, or BASE/data without a customer, when empty.
+  std::string dataPath{};
+  std::string customerID{};  ///< one component of a path: "acme"
+  std::string serverURL{};   ///< https://, http:// or file://, without user name and password
+  std::string caFile{};  ///< PEM file of the authorities that are trusted; the system's when empty
+  std::string clientCert{};  ///< PEM file
+  std::string clientKey{};   ///< PEM file
+  std::string proxy{};       ///< proxy URL; the environment's proxies when empty
+  /// Headers that every request to the server has beside the downloader's own, each "Name: value".
+  /// Like the client certificate and what `netrcFile` holds they are for that server alone, by its
+  /// scheme, host and port: none that it redirects to gets them. Nothing writes them anywhere.
+  std::vector<std::string> requestHeaders{};
+  /// A file in the netrc format with a login for the server's host; none is looked for when empty.
+  /// Read with every download. Who else may read it is the host's to look at.
+  std::string netrcFile{};
+  /// How the downloader names itself to servers; "VarnScriptRepository/" and the library's version
+  /// when empty.
+  std::string userAgent{};
+  /// How often a download over HTTP that failed for a reason that may pass is tried again: no
+  /// connection, one that broke off, status 408, 425, 429, 500, 502, 503 or 504. The pauses between
+  /// the tries grow from about 1 s on; a server's wish for up to a minute is followed, and one for
+  /// more is the end. No try begins more than five minutes after the first one.
+  std::uint32_t retries = 2;
+  /// Waits before a further try, on the downloading thread, in place of a sleep. What it throws
+  /// makes the download fail. May be empty.
+  std::function<void(std::chrono::milliseconds pause)> waitForRetry{};
   /// The most that one download may receive, and the most that it may write after any transfer
   /// decompression, in bytes.
   std::uint64_t maxDownload = std::uint64_t{1} << 30;
@@ -30,31 +50,37 @@ struct AgentSettings {
   std::chrono::milliseconds slowestWindow = std::chrono::minutes(5);
   /// Called now and then during a download with the bytes so far and the bytes announced (0 when
   /// unknown), on the downloading thread. May be empty.
-  std::function<void(std::uint64_t received, std::uint64_t total)> onDownloadProgress;
+  std::function<void(std::uint64_t received, std::uint64_t total)> onDownloadProgress{};
   /// Called with the full path of a file before a download replaces it and before its checksum is
   /// tested, on the thread that does so. A host that locks the file here keeps others from
   /// replacing what it has just verified. What it throws makes the download or the test fail. May
   /// be empty.
-  std::function<void(const std::string& path)> beforeFileUse;
+  std::function<void(const std::string& path)> beforeFileUse{};
   /// Called after the test of a file's checksum with its full path and the outcome, on the testing
   /// thread. May be empty.
-  std::function<void(const std::string& path, bool isValid)> afterChecksumTest;
+  std::function<void(const std::string& path, bool isValid)> afterChecksumTest{};
   /// Called with the server path of a download that failed, or the path of a file that did not pass
   /// the test of its checksum, and why, on that thread; after the log's line. May be empty; what it
   /// throws is of no consequence.
-  std::function<void(const std::string& subject, const std::string& cause)> onFailure;
+  std::function<void(const std::string& subject, const std::string& cause)> onFailure{};
   /// Called after a row of the store was written with its key, on the writing thread. What it
   /// throws reaches the writer as a failed write. May be empty.
-  std::function<void(const std::string& key)> afterRowWrite;
+  std::function<void(const std::string& key)> afterRowWrite{};
   /// Called with the path of a file of a file:// server before it is read, on the downloading
   /// thread. What it throws makes the download fail. May be empty.
-  std::function<void(const std::string& path)> beforeServerFileUse;
+  std::function<void(const std::string& path)> beforeServerFileUse{};
 };
 
 /// Takes over `settings` and sets `gv_globvars` from them.
+///
+/// Throws `std::invalid_argument` when they would put files where the host did not mean, such as
+/// into the root directory: without a base path, with a relative base or data path, and with a
+/// customer ID that is no one component of a path. `what()` is a sentence that names the member
+/// ("AgentSettings::basePath is relative: agent"). Then the settings taken over before are still in
+/// force.
 VARN_EXPORT void configure(AgentSettings settings);
 
-/// The settings taken over last; all empty before.
+/// The settings taken over last, the data path filled in; all empty before.
 [[nodiscard]] VARN_EXPORT const AgentSettings& settings();
 
 /// Starts the libraries behind downloads over HTTP and HTTPS, which otherwise start with the first

@@ -45,10 +45,10 @@ struct LogSettings {
   };
   Format format = Format::text;
   /// A rotating log file, mode 0600; none when empty.
-  std::string file;
+  std::string file{};
   /// The system's log. Its records carry their severity as their priority; a long message is cut as
   /// with `maxMessage`, since such a log loses or cuts long ones.
-  std::optional<Target> target;
+  std::optional<Target> target{};
   StandardError standardError = StandardError::otherwise;
   /// Writes nothing to standard error, whatever else is said.
   bool quiet = false;
@@ -56,10 +56,10 @@ struct LogSettings {
   Severity least = Severity::info;
   /// A message that is longer by more than a few words is cut: so much of it is kept, the words at
   /// its end, and how much was left out. Without a value messages are whole.
-  std::optional<std::uint64_t> maxMessage;
+  std::optional<std::uint64_t> maxMessage{};
   /// Sees every record after it was written, also with `quiet` and whatever its severity, on the
   /// writing thread. May be empty; must not throw.
-  std::function<void(const Record&)> observer;
+  std::function<void(const Record&)> observer{};
 
   /// Whether records are written to standard error.
   [[nodiscard]] bool writesToStandardError() const {

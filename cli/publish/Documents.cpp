@@ -88,6 +88,10 @@ bool isContentName(std::string_view name) {
   });
 }
 
+std::string_view digestIn(std::string_view name) {
+  return name.substr(name.find('/') + 1, kDigestLength);
+}
+
 std::string scriptFileName(const SourceScript& script) {
   return "files/" + script.sha256 + "." + script.extension;
 }

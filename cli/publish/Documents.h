@@ -26,6 +26,9 @@ using ContentNames = std::set<std::string>;
 /// Whether `name` is one that content is published under: "data/DIGEST.xml".
 [[nodiscard]] bool isContentName(std::string_view name);
 
+/// The digest of the bytes that lie under the content name `name`.
+[[nodiscard]] std::string_view digestIn(std::string_view name);
+
 /// The name of the script's file: "files/DIGEST.sh".
 [[nodiscard]] std::string scriptFileName(const SourceScript& script);
 

@@ -1,5 +1,6 @@
 #include "publish/Manifest.h"
 
+#include <iterator>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -9,22 +10,31 @@
 namespace VarnScripts::publishing {
 namespace {
 
-// One text of a script: its key and the member that takes it.
-struct TextKey {
-  std::string_view key;
+// One value of a script: its key and the member that takes it. In the order in which they are told.
+struct ScriptKey {
+  std::string_view name;
   ManifestText ManifestScript::*member;
 };
 
-constexpr TextKey kTextKeys[] = {
+constexpr ScriptKey kScriptKeys[] = {
     {"id", &ManifestScript::id},
     {"file", &ManifestScript::file},
     {"arguments", &ManifestScript::arguments},
+    {"accepted_codes", &ManifestScript::acceptedCodes},
     {"name", &ManifestScript::name},
     {"description", &ManifestScript::description},
     {"platform", &ManifestScript::platform},
 };
 
-constexpr std::string_view kCodesKey = "accepted_codes";
+// "a, b and c".
+std::string listedKeys() {
+  std::string text;
+  for (const ScriptKey& key : kScriptKeys) {
+    if (!text.empty()) text += &key == std::end(kScriptKeys) - 1 ? " and " : ", ";
+    text += key.name;
+  }
+  return text;
+}
 
 std::size_t lineOf(const toml::node& node) { return node.source().begin.line; }
 
@@ -105,8 +115,8 @@ class Reader {
   void takeScript(const toml::table& table, std::vector<ManifestScript>& to) {
     ManifestScript script;
     script.line = lineOf(table);
-    for (const TextKey& text : kTextKeys) (script.*text.member).line = script.line;
-    script.acceptedCodes = {"0", script.line};
+    for (const ScriptKey& key : kScriptKeys) (script.*key.member).line = script.line;
+    script.acceptedCodes.value = "0";
     script.platform.value = "Mac";
     for (const auto& [key, node] : table) takeValue(key, node, script);
 
@@ -122,13 +132,13 @@ class Reader {
   }
 
   void takeValue(const toml::key& key, const toml::node& node, ManifestScript& script) {
-    if (key == kCodesKey) return takeCodes(node, script.acceptedCodes);
-    for (const TextKey& text : kTextKeys) {
-      if (key == text.key) return take(node, text.key, script.*text.member);
+    for (const ScriptKey& known : kScriptKeys) {
+      if (key != known.name) continue;
+      ManifestText& to = script.*known.member;
+      return &to == &script.acceptedCodes ? takeCodes(node, to) : take(node, known.name, to);
     }
     refuse(key.source().begin.line, "unknown key " + quoted(key.str()),
-           "a script's keys are id, file, arguments, accepted_codes, name, description and "
-           "platform");
+           "a script's keys are " + listedKeys());
   }
 
   const std::string& file_;

@@ -1,9 +1,12 @@
 #include "publish/Publish.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <exception>
+#include <map>
+#include <set>
+#include <string>
 #include <system_error>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -13,8 +16,12 @@
 #include "ScriptRepositoryRecords.h"
 #include "StandardStreams.h"
 #include "publish/Documents.h"
+#include "publish/ListChanges.h"
+#include "publish/PublishedContent.h"
 #include "publish/ServerFiles.h"
 #include "publish/Source.h"
+#include "publish/SourceDirectory.h"
+#include "publish/Syntax.h"
 #include "publish/XMLDocument.h"
 
 namespace VarnScripts {
@@ -22,6 +29,7 @@ namespace {
 
 using MarkupParser::XML;
 using VarnScriptRepository::ScriptRepoAllMetaData;
+using VarnScriptRepository::ScriptRepositoryMeta;
 using VarnScriptRepository::ScriptRoot;
 using VarnScriptRepository::ScriptsRepoMetaRoot;
 using namespace publishing;
@@ -30,10 +38,25 @@ std::string counted(std::size_t count, const std::string& one, const std::string
   return std::to_string(count) + " " + (count == 1 ? one : many);
 }
 
-// A list and everything it names.
-struct PublishedState {
+// The list that the tree has.
+struct OldList {
+  enum class Kind {
+    none,
+    known,    ///< made by this command
+    foreign,  ///< anything else
+  };
+
+  Kind kind = Kind::none;
+  std::string bytes;
+  std::string complaint;     ///< of a foreign one
+  ScriptsRepoMetaRoot list;  ///< empty when it can't be decoded, or is that of the source
+};
+
+// The list of the source.
+struct NewList {
   ScriptsRepoMetaRoot list;
-  ContentNames content;
+  std::string bytes;
+  std::vector<std::string> documents;  ///< content names, in the order of the scripts
 };
 
 class Publisher {
@@ -41,7 +64,9 @@ class Publisher {
   Publisher(const PublishOptions& options, const Settings& settings)
       : options_(options),
         customer_(settings.agent.customerID),
-        largestScript_(settings.agent.maxDownload) {}
+        largestScript_(settings.agent.maxDownload),
+        directory_(options.sourceDirectory),
+        published_(files_, repositoryDirectory(customer_)) {}
 
   int publish() {
     if (const auto complaint = complaintAboutCustomer(customer_)) {
@@ -49,57 +74,198 @@ class Publisher {
                      "; no server tree can have a directory of this name");
       return kExitUsage;
     }
-    Source source;
-    if (!look(source)) return kExitUsage;
-    if (options_.check) return reportCheck(source);
-
+    const std::string repository = repositoryDirectory(customer_);
+    if (options_.check) {
+      files_.look(options_.outputDirectory, repository);
+      const auto trouble = prepare();
+      return trouble ? *trouble : check();
+    }
+    // A tree that is there already is taken before the source is looked at: whoever had it before
+    // may have published an older look. Another one is made only when there is something for it.
     std::error_code error;
-    files_.open(options_.outputDirectory, repositoryDirectory(customer_), error);
+    files_.openPublished(options_.outputDirectory, repository, error);
     if (error) return reportFailure(error);
-    // Looked at again with the lock held: whoever had it before may have published an older look.
-    if (!look(source)) return kExitUsage;
-    return write(source);
+    const bool wasOpen = files_.isOpen();
+    if (const auto trouble = prepare()) return *trouble;
+    files_.open(options_.outputDirectory, repository, error);
+    if (error) return reportFailure(error);
+    if (!wasOpen) {
+      if (const auto trouble = prepare()) return *trouble;
+    }
+    return write();
   }
 
  private:
+  // Looks at the source and at what is published, and compares them. An exit status when nothing
+  // can be done, which has been reported then.
+  std::optional<int> prepare() {
+    if (!look()) return kExitUsage;
+    if (const auto trouble = readOldList()) return trouble;
+    makeNewList();
+    judgeOldList();
+    changes_ = {};
+    if (old_.bytes != new_.bytes) {
+      changes_ = listChanges(
+          old_.list, new_.list, [this](const auto& entry) { return published_.documentOf(entry); },
+          [this](const auto& entry) { return newDocumentOf(entry); });
+    }
+    return options_.allowRemoval || allowed() ? std::nullopt : std::optional(kExitUsage);
+  }
+
   // Reads and checks the source. False when it is refused, which has been reported then.
-  bool look(Source& source) {
+  bool look() {
     Findings findings;
-    source = readSource(
+    source_ = readSource(
         {options_.sourceDirectory, options_.digest, options_.allowRemoval, largestScript_},
         findings);
+    if (findings.refusals() == 0) {
+      lookForScripts();
+      lookAtSyntax(findings);
+    }
     const bool refused = findings.refusals() > 0 || (options_.strict && findings.warnings() > 0);
     // What was reported at the first look is not reported again.
     if (refused || !told_) tell(findings);
     told_ = true;
     warnings_ = findings.warnings();
-    if (!refused) return true;
+    if (refused) reportRefusal(findings);
+    return !refused;
+  }
+
+  void lookForScripts() {
+    isThere_.clear();
+    for (const SourceScript& script : source_.scripts) {
+      isThere_.push_back(files_.holds(scriptFileName(script)));
+    }
+  }
+
+  // What is published already was looked at when it came, and is not again unless somebody wants to
+  // know.
+  void lookAtSyntax(Findings& findings) {
+    const bool isAsked = options_.check || options_.strict;
+    std::vector<std::string> paths;
+    for (std::size_t index = 0; index < source_.scripts.size(); ++index) {
+      const SourceScript& script = source_.scripts[index];
+      if (isThere_[index] && !isAsked) continue;
+      if (!read_.insert(scriptFileName(script) + script.entry.file.value).second) continue;
+      paths.push_back(options_.sourceDirectory + "/" + script.entry.file.value);
+    }
+    checkSyntax(paths, findings);
+  }
+
+  void reportRefusal(const Findings& findings) const {
     std::string line = "varn-scripts: nothing is published: " +
                        counted(findings.refusals(), "refusal", "refusals");
-    if (warnings_ > 0) line += " and " + counted(warnings_, "warning", "warnings");
+    if (findings.warnings() > 0) {
+      line += " and " + counted(findings.warnings(), "warning", "warnings");
+    }
     if (findings.refusals() == 0) line += ", refused by --strict";
     writeErrorLine(line);
-    return false;
   }
 
   void tell(const Findings& findings) const {
-    const std::string manifest = options_.sourceDirectory + "/" + kManifestName;
+    if (findings.all().empty()) return;
+    // In the order of the manifest's lines, and then file by file, its scripts first.
+    std::map<std::string, std::size_t> files = {
+        {options_.sourceDirectory + "/" + kManifestName, 0}};
+    for (const SourceScript& script : source_.scripts) {
+      files.try_emplace(options_.sourceDirectory + "/" + script.entry.file.value, files.size());
+    }
     std::vector<Finding> ordered = findings.all();
-    // In the order of the manifest's lines, and then what is in the scripts.
+    for (const Finding& finding : ordered) files.try_emplace(finding.place.file, files.size());
     std::stable_sort(ordered.begin(), ordered.end(), [&](const Finding& a, const Finding& b) {
-      const bool aInScript = a.place.file != manifest;
-      const bool bInScript = b.place.file != manifest;
-      if (aInScript != bInScript) return bInScript;
-      return !aInScript && a.place.line < b.place.line;
+      return std::pair(files[a.place.file], a.place.line) <
+             std::pair(files[b.place.file], b.place.line);
     });
     for (const Finding& finding : ordered) writeErrorLine(textOf(finding));
   }
 
-  [[nodiscard]] int reportCheck(const Source& source) const {
-    const bool written = writeOutput(
-        "Checked " + counted(source.scripts.size(), "script", "scripts") + ": " +
-        (warnings_ == 0 ? "nothing to say" : counted(warnings_, "warning", "warnings")) + ".\n");
-    return written ? kExitSuccess : kExitNotRun;
+  std::optional<int> readOldList() {
+    old_ = {};
+    std::error_code error;
+    auto bytes = files_.read(VarnScriptRepository::kListName, error);
+    if (error == std::errc::invalid_argument || error == std::errc::too_many_symbolic_link_levels) {
+      old_.kind = OldList::Kind::foreign;
+      old_.complaint = "it is no regular file";
+    } else if (error) {
+      writeErrorLine("varn-scripts: " + files_.failedPath() + " can't be read: " + error.message());
+      return kExitNotRun;
+    } else if (bytes) {
+      old_.kind = OldList::Kind::known;
+      old_.bytes = std::move(*bytes);
+    }
+    return std::nullopt;
+  }
+
+  void makeNewList() {
+    new_ = {};
+    ScriptRepoAllMetaData& all = new_.list.scriptsMeta.emplace_back();
+    all.scriptRepo.reserve(source_.scripts.size());
+    for (const SourceScript& script : source_.scripts) {
+      new_.documents.push_back(
+          documentName(xmlDocument(documentOf(script, source_.digest, customer_))));
+      all.scriptRepo.push_back(entryOf(script, new_.documents.back(), customer_));
+    }
+    new_.bytes = xmlDocument(new_.list);
+  }
+
+  void judgeOldList() {
+    // What is equal needs no decoding: nothing is taken from it.
+    if (old_.kind != OldList::Kind::known || old_.bytes == new_.bytes) return;
+    auto decoded = XML::parse(old_.bytes, std::nullopt, false).toStruct<ScriptsRepoMetaRoot>();
+    if (!decoded) {
+      old_.complaint = "it can't be decoded";
+    } else {
+      old_.list = std::move(decoded->front());
+      old_.complaint = complaintAboutList(old_.list, repositoryDirectory(customer_)).value_or("");
+    }
+    if (!old_.complaint.empty()) old_.kind = OldList::Kind::foreign;
+  }
+
+  // Whether the old list may go without being asked for. What is refused has been reported then.
+  bool allowed() {
+    Findings findings;
+    if (old_.kind == OldList::Kind::foreign) {
+      findings.refuse({files_.pathOf(VarnScriptRepository::kListName)},
+                      "the list there was not made by publish: " + old_.complaint,
+                      "publish to another directory, or give --allow-removal to replace it");
+    } else if (changes_.dropsMany()) {
+      announce();
+      findings.refuse({options_.sourceDirectory + "/" + kManifestName},
+                      "the manifest drops " + std::to_string(changes_.dropped) + " of " +
+                          counted(changes_.before, "published script", "published scripts") +
+                          ", and every computer would remove what it has of them",
+                      "list them, or give --allow-removal");
+    }
+    if (findings.refusals() == 0) return true;
+    tell(findings);
+    reportRefusal(findings);
+    return false;
+  }
+
+  // Says what becomes of each ID.
+  void announce() { announced_ = changes_.lines.empty() || writeOutput(changes_.lines); }
+
+  // What would be written, and whether there is any.
+  int check() {
+    std::set<std::string> missing;
+    if (old_.kind != OldList::Kind::none) {
+      for (std::size_t index = 0; index < source_.scripts.size(); ++index) {
+        if (!isThere_[index]) missing.insert(scriptFileName(source_.scripts[index]));
+        if (!files_.holds(new_.documents[index])) missing.insert(new_.documents[index]);
+      }
+    }
+    const bool replaces = old_.kind != OldList::Kind::none && old_.bytes != new_.bytes;
+    const bool pending = replaces || !missing.empty();
+    if (old_.kind != OldList::Kind::none) announce();
+    std::string text =
+        "Checked " + counted(source_.scripts.size(), "script", "scripts") + ": " +
+        (warnings_ == 0 ? "nothing to say" : counted(warnings_, "warning", "warnings"));
+    if (pending) {
+      text += "; " + counted(missing.size(), "file", "files") + " to be written, " +
+              (replaces ? "the list to be replaced" : "the list unchanged");
+    }
+    if (!announced_ || !writeOutput(text + ".\n")) return kExitNotRun;
+    return pending ? kExitPending : kExitSuccess;
   }
 
   [[nodiscard]] int reportFailure(const std::error_code& error) const {
@@ -108,30 +274,45 @@ class Publisher {
     return kExitNotRun;
   }
 
-  int write(const Source& source) {
+  int write() {
+    announce();
+    for (std::size_t index = 0; index < source_.scripts.size(); ++index) {
+      if (const auto trouble = addContent(index)) return *trouble;
+    }
+    const bool isNew = old_.bytes != new_.bytes;
+    if (isNew && !decodesTo(new_.bytes, new_.list)) {
+      return reportRoundTrip(VarnScriptRepository::kListName);
+    }
     std::error_code error;
-    const std::string oldList = files_.read(VarnScriptRepository::kListName, error);
-    if (error) return reportFailure(error);
-    PublishedState current;
-    const auto trouble = addContent(source, current);
-    if (trouble) return *trouble;
-
-    const std::string document = xmlDocument(current.list);
-    if (!decodesTo(document, current.list)) return reportRoundTrip(VarnScriptRepository::kListName);
     files_.commit(error);
     if (error) return reportFailure(error);
     const std::size_t content = files_.written();
-    const ContentNames dropped = droppedContent(oldList, current);
-    files_.add(VarnScriptRepository::kListName, document, error);
+    files_.add(VarnScriptRepository::kListName, new_.bytes, error);
     if (error) return reportFailure(error);
     const bool replaces = files_.pending() > 0;
-    if (replaces) replaceList(dropped, error);
-    if (!error) removeContent(replaces, dropped, std::move(current.content), error);
+    if (replaces || options_.keepFor) {
+      replaceContent(replaces, error);
+    } else {
+      files_.removeLeftovers(error);
+    }
     if (error) return reportFailure(error);
-    return report(source, content, replaces);
+    return report(content, replaces);
   }
 
-  // Last: what the list names is all there.
+  // Last: what the list names is all there. A computer that has fetched the list that is replaced
+  // fetches what that one names.
+  void replaceContent(bool listToo, std::error_code& error) {
+    ContentNames named(new_.documents.begin(), new_.documents.end());
+    for (const SourceScript& script : source_.scripts) named.insert(scriptFileName(script));
+    if (listToo) {
+      const ContentNames dropped = published_.contentOf(old_.list, named);
+      replaceList(dropped, error);
+      if (error) return;
+      named.insert(dropped.begin(), dropped.end());
+    }
+    files_.removeContentBut(named, options_.keepFor.value_or(std::chrono::seconds(0)), error);
+  }
+
   void replaceList(const ContentNames& dropped, std::error_code& error) {
     // Before they have dropped out: an interruption must not shorten their grace.
     files_.noteDropped(dropped, error);
@@ -141,39 +322,29 @@ class Publisher {
     if (!error) files_.commit(error);
   }
 
-  // A computer that has fetched the list that was replaced just now fetches what that one names.
-  void removeContent(bool replaced, const ContentNames& dropped, ContentNames named,
-                     std::error_code& error) {
-    if (!replaced && !options_.keepFor) return files_.removeLeftovers(error);
-    if (replaced) named.insert(dropped.begin(), dropped.end());
-    files_.removeContentBut(named, options_.keepFor.value_or(std::chrono::seconds(0)), error);
-  }
-
-  // Adds every script's file and data document; an exit status when that went wrong.
-  std::optional<int> addContent(const Source& source, PublishedState& state) {
-    ScriptRepoAllMetaData& all = state.list.scriptsMeta.emplace_back();
-    all.scriptRepo.reserve(source.scripts.size());
-    for (const SourceScript& script : source.scripts) {
-      std::error_code error;
+  // Adds a script's file and its data document where the tree does not have them yet; an exit
+  // status when that went wrong.
+  std::optional<int> addContent(std::size_t index) {
+    const SourceScript& script = source_.scripts[index];
+    const std::string& documentsName = new_.documents[index];
+    std::error_code error;
+    if (!isThere_[index]) {
       const std::string& file = script.entry.file.value;
-      const std::string bytes =
-          readScriptFile(options_.sourceDirectory, file, error, largestScript_);
+      const std::string bytes = directory_.read(file, error, largestScript_);
       if (error || AgentUtils::hexDigest(AgentUtils::usualDigest(), bytes) != script.sha256) {
         writeErrorLine("varn-scripts: " + options_.sourceDirectory + "/" + file +
                        " has changed while it was published; publish again");
         return kExitUsage;
       }
-      const ScriptRoot root = documentOf(script, source.digest, customer_);
-      const std::string document = xmlDocument(root);
-      const std::string name = documentName(document);
-      if (!decodesTo(document, root)) return reportRoundTrip(name);
-
       files_.add(scriptFileName(script), bytes, error);
-      if (!error) files_.add(name, document, error);
       if (error) return reportFailure(error);
-      state.content.insert({scriptFileName(script), name});
-      all.scriptRepo.push_back(entryOf(script, name, customer_));
     }
+    if (files_.holds(documentsName)) return std::nullopt;
+    const ScriptRoot root = documentOf(script, source_.digest, customer_);
+    const std::string document = xmlDocument(root);
+    if (!decodesTo(document, root)) return reportRoundTrip(documentsName);
+    files_.add(documentsName, document, error);
+    if (error) return reportFailure(error);
     return std::nullopt;
   }
 
@@ -189,52 +360,16 @@ class Publisher {
     return kExitNotRun;
   }
 
-  // What the list so far names and the new one does not.
-  [[nodiscard]] ContentNames droppedContent(const std::string& oldList,
-                                            const PublishedState& current) {
-    const auto decoded = XML::parse(oldList, std::nullopt, false).toStruct<ScriptsRepoMetaRoot>();
-    if (!decoded) return {};
-    return contentOf(decoded->front(), current.content);
+  // The document of the source for an entry of the new list.
+  std::optional<ScriptRoot> newDocumentOf(const ScriptRepositoryMeta& entry) {
+    const auto index = &entry - new_.list.scriptsMeta.front().scriptRepo.data();
+    return documentOf(source_.scripts[static_cast<std::size_t>(index)], source_.digest, customer_);
   }
 
-  // What a list names and `current` does not: its data documents, and the script files that these
-  // name in turn.
-  [[nodiscard]] ContentNames contentOf(const ScriptsRepoMetaRoot& list,
-                                       const ContentNames& current) {
-    ContentNames content;
-    for (const auto& all : list.scriptsMeta) {
-      for (const auto& entry : all.scriptRepo) {
-        if (!entry.scriptPathMapping) continue;
-        for (const auto& mapping : *entry.scriptPathMapping) {
-          addContentAt(mapping.filepath, current, content);
-        }
-      }
-    }
-    return content;
-  }
-
-  void addContentAt(const std::string& filepath, const ContentNames& current,
-                    ContentNames& content) {
-    const std::string directory = repositoryDirectory(customer_);
-    const auto document = contentNameIn(filepath, directory);
-    // The script file of a document that stays is that of the new list too.
-    if (!document || current.contains(*document)) return;
-    content.insert(*document);
-    // A damaged document tells nothing of its script, and no client can take it either.
-    std::error_code ignored;
-    const auto roots =
-        XML::parse(files_.read(*document, ignored), std::nullopt, false).toStruct<ScriptRoot>();
-    if (!roots) return;
-    for (const auto& item : roots->front().script) {
-      for (const auto& file : item.files) {
-        const auto name = contentNameIn(file.fileSystemLocation, directory);
-        if (name && !current.contains(*name)) content.insert(*name);
-      }
-    }
-  }
-
-  [[nodiscard]] int report(const Source& source, std::size_t content, bool listWritten) const {
-    std::string text = "Published " + counted(source.scripts.size(), "script", "scripts") +
+  [[nodiscard]] int report(std::size_t content, bool listWritten) const {
+    // Nobody reads it.
+    if (!announced_) return kExitNotRun;
+    std::string text = "Published " + counted(source_.scripts.size(), "script", "scripts") +
                        " for customer " + customer_ + ": ";
     if (content == 0 && !listWritten && files_.removed() == 0) {
       text += "nothing has changed";
@@ -250,7 +385,16 @@ class Publisher {
   const PublishOptions& options_;
   const std::string customer_;
   const std::uint64_t largestScript_;
+  SourceDirectory directory_;
   ServerFiles files_;
+  PublishedContent published_;
+  Source source_;
+  OldList old_;
+  NewList new_;
+  ListChanges changes_;
+  std::vector<bool> isThere_;   ///< of each script, whether the tree holds its file
+  std::set<std::string> read_;  ///< whose syntax was looked at: content and file name
+  bool announced_ = true;       ///< what was to be said so far could be
   bool told_ = false;
   std::size_t warnings_ = 0;
 };

@@ -24,14 +24,15 @@ struct PublishOptions {
   std::optional<std::chrono::seconds> keepFor;
   bool strict = false;                ///< refuse what is a warning otherwise
   bool check = false;                 ///< look, and write nothing
-  bool allowRemoval = false;          ///< publish a list without a script
+  bool allowRemoval = false;          ///< drop many scripts or all, replace a tree of others
   std::optional<std::string> digest;  ///< wins over the manifest's
 };
 
 /// Publishes what `line.publish` asks for, for `settings.agent.customerID`. Findings go to standard
-/// error, the outcome to standard output. The exit status: 0 published, or nothing to change; 2
-/// refused, and the output is as it was; 3 the output could not be written, and then the list is
-/// the old one or the new one.
+/// error, what becomes of each script and the outcome to standard output. The exit status: 0
+/// published, or nothing to change; 2 refused, and the output is as it was; 3 the output could not
+/// be read or written, and then the list is the old one or the new one; 4 when only looking, and
+/// the output is not what publishing would make of it.
 [[nodiscard]] int publish(const CommandLine& line, const Settings& settings);
 
 }  // namespace VarnScripts

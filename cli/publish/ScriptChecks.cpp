@@ -5,10 +5,11 @@
 #include <vector>
 
 #include "AgentDirectories.h"
-#include "FoldedName.h"
 #include "ScriptRules.h"
 #include "publish/ModuleNames.h"
 #include "publish/Names.h"
+#include "publish/ShellCommands.h"
+#include "support/Text.h"
 
 namespace VarnScripts::publishing {
 namespace {
@@ -16,16 +17,92 @@ namespace {
 using VarnScriptRepository::codesIn;
 using VarnScriptRepository::interpreterFor;
 using VarnScriptRepository::splitWithQuotes;
+using VarnScriptRepository::text::foldedName;
 
 constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
 // What a compiled AppleScript begins with; it is no text.
 constexpr std::string_view kCompiledScript = "FasdUAS";
 
-std::string inLowerCase(std::string text) {
-  for (char& c : text) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+// The words of a line, which blanks separate.
+std::vector<std::string_view> wordsOf(std::string_view line) {
+  std::vector<std::string_view> words;
+  while (true) {
+    const std::size_t start = line.find_first_not_of(" \t\r");
+    if (start == line.npos) return words;
+    line.remove_prefix(start);
+    words.push_back(line.substr(0, line.find_first_of(" \t\r")));
+    line.remove_prefix(words.back().size());
   }
-  return text;
+}
+
+std::string_view baseName(std::string_view path) { return path.substr(path.rfind('/') + 1); }
+
+// What a script's first line asks to be started with.
+struct FirstLine {
+  std::string_view program;  ///< "/bin/bash", or "python3" of "/usr/bin/env python3"
+  std::string_view option;   ///< the first one, "-e"; empty without any
+};
+
+// Nothing when the first line does not begin with "#!" and a program.
+std::optional<FirstLine> firstLineOf(std::string_view bytes) {
+  if (!bytes.starts_with("#!")) return std::nullopt;
+  const auto words = wordsOf(bytes.substr(2, bytes.find('\n') - 2));
+  auto word = words.begin();
+  if (word != words.end() && baseName(*word) == "env") {
+    ++word;
+    while (word != words.end() && (word->starts_with('-') || word->find('=') != word->npos)) ++word;
+  }
+  if (word == words.end()) return std::nullopt;
+  FirstLine line{*word, {}};
+  // "-" and "--" only say that no options follow.
+  if (++word != words.end() && word->starts_with('-') && *word != "-" && *word != "--") {
+    line.option = *word;
+  }
+  return line;
+}
+
+// Whether computers that start `launchPath` start what the line names.
+bool isStarted(std::string_view program, std::string_view launchPath) {
+  const std::string_view name = baseName(program);
+  const std::string_view started = baseName(launchPath);
+  const bool isPython = name == "python" && started == "python3";
+  if (name != started && !isPython) return false;
+  const std::string_view directory = program.substr(0, program.size() - name.size());
+  return directory.empty() || directory == "/bin/" || directory == "/usr/bin/";
+}
+
+void checkFirstLine(const std::string& path, std::string_view extension, std::string_view bytes,
+                    Findings& findings) {
+  const auto line = firstLineOf(bytes);
+  const auto* const interpreter = interpreterFor("." + std::string(extension));
+  if (!line || interpreter == nullptr) return;
+  const std::string launchPath(interpreter->launchPath);
+  if (!isStarted(line->program, launchPath)) {
+    findings.warn({path, 1},
+                  "the first line names " + quoted(line->program) +
+                      ", but computers start the script with " + launchPath,
+                  "write it for " + launchPath + ", and name that in the first line");
+    return;
+  }
+  // Perl reads its options from there itself.
+  if (line->option.empty() || extension == "pl") return;
+  findings.warn({path, 1},
+                "the first line has the option " + quoted(line->option) +
+                    ", but computers start the script with " + launchPath + " alone",
+                extension == "sh" ? "write it with set into a line of its own, such as \"set -e\""
+                                  : "do without it");
+}
+
+// Whether there are blank lines and comments alone.
+bool isWithoutCode(std::string_view extension, std::string_view bytes) {
+  const bool hasComments = extension != "scpt";
+  while (!bytes.empty()) {
+    const std::string_view line = bytes.substr(0, bytes.find('\n'));
+    bytes.remove_prefix(std::min(line.size() + 1, bytes.size()));
+    const std::size_t start = line.find_first_not_of(" \t\r\f\v");
+    if (start != line.npos && (line[start] != '#' || !hasComments)) return false;
+  }
+  return true;
 }
 
 std::size_t lineAt(std::string_view bytes, std::size_t position) {
@@ -114,7 +191,7 @@ bool checkFileName(const ManifestText& file, const std::string& manifest, Findin
                   "give the script's file another name");
   }
   if (interpreterExtension(file.value)) return true;
-  if (const auto meant = interpreterExtension(inLowerCase(file.value))) {
+  if (const auto meant = interpreterExtension(foldedName(file.value))) {
     findings.refuse(place,
                     "the extension of " + quoted(file.value) +
                         " has no interpreter, because its letter case counts",
@@ -181,9 +258,25 @@ void checkScriptText(const std::string& path, std::string_view extension, std::s
                   "save the file with LF at the ends of its lines");
   }
   if (bytes.starts_with(kCompiledScript)) return;
+  checkFirstLine(path, extension, bytes, findings);
+  if (isWithoutCode(extension, bytes)) {
+    findings.warn({path}, "there is nothing to run in the script",
+                  "write it, or take its entry out of the manifest");
+  }
   if (const auto position = firstByteThatIsNotUTF8(bytes)) {
     findings.warn({path, lineAt(bytes, *position)}, "the line is not UTF-8",
                   "save the file as UTF-8");
+  }
+}
+
+void checkCommands(const std::string& path, std::string_view extension, std::string_view platform,
+                   std::string_view bytes, Findings& findings) {
+  if (extension != "sh" || !foldedName(platform).starts_with("mac")) return;
+  for (const ShellCommand& command : commandsThatMacOSLacks(bytes)) {
+    findings.warn(
+        {path, command.line},
+        "macOS has no " + command.name + ", and the script's platform is " + quoted(platform),
+        "use what macOS has, or name the platform that the script is for");
   }
 }
 

@@ -30,8 +30,16 @@ void checkAcceptedCodes(const ManifestText& codes, const std::string& manifest, 
 /// Warns of arguments with a quotation mark that is never closed.
 void checkArguments(const ManifestText& arguments, const std::string& manifest, Findings& findings);
 
-/// Warns of what the interpreter would stumble over in the script's own text. `path` is shown.
+/// Warns of what the interpreter would stumble over in the script's own text, of a first line that
+/// asks for something else than the computers start the script with, and of a script without
+/// anything to run. `path` is shown.
 void checkScriptText(const std::string& path, std::string_view extension, std::string_view bytes,
                      Findings& findings);
+
+/// Warns of commands that a shell script for `platform` uses and that its computers do not have.
+/// Only macOS is known, and what never comes with it; a script that asks which system it is on, or
+/// whether the command is there, is left alone.
+void checkCommands(const std::string& path, std::string_view extension, std::string_view platform,
+                   std::string_view bytes, Findings& findings);
 
 }  // namespace VarnScripts::publishing

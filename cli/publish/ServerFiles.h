@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -29,14 +30,33 @@ class ServerFiles {
   /// Removes what has been added and not been committed.
   ~ServerFiles();
 
+  /// Looks at `outputDirectory`/`repository` without taking it: for `read` and `holds`.
+  void look(const std::string& outputDirectory, const std::string& repository);
+
+  /// `look`, and takes the directory as `open` does when something has been published there;
+  /// nothing is made. Whether it is taken tells `isOpen`.
+  void openPublished(const std::string& outputDirectory, const std::string& repository,
+                     std::error_code& error);
+
   /// Creates what is missing of `outputDirectory`/`repository`, waits until no other process
   /// publishes there, which it tells on standard error, and takes the directory. Its lock file,
   /// ".publishing.lock" in it, can be opened by its owner alone, and stays.
   void open(const std::string& outputDirectory, const std::string& repository,
             std::error_code& error);
 
-  /// The bytes of the regular file `name`; empty when there is none.
-  [[nodiscard]] std::string read(const std::string& name, std::error_code& error);
+  [[nodiscard]] bool isOpen() const { return lock_ >= 0; }
+
+  /// The path of the file `name`, for messages.
+  [[nodiscard]] std::string pathOf(const std::string& name) const;
+
+  /// The bytes of the regular file `name`; nothing when there is no such name. A symbolic link is
+  /// the error `std::errc::too_many_symbolic_link_levels`, another thing than a file
+  /// `std::errc::invalid_argument`.
+  [[nodiscard]] std::optional<std::string> read(const std::string& name, std::error_code& error);
+
+  /// Whether the file of the content name `name` has the bytes that the name tells, and everybody
+  /// may read it.
+  [[nodiscard]] bool holds(const std::string& name) const;
 
   /// Makes `name` hold `bytes` once `commit` has succeeded. A file that holds them already stays as
   /// it is.
@@ -73,10 +93,9 @@ class ServerFiles {
     std::string name;
   };
 
-  [[nodiscard]] std::string pathOf(const std::string& name) const;
   void fail(const std::string& path, std::error_code& error);
   void createDirectories(const std::string& path, std::error_code& error);
-  void lock(std::error_code& error);
+  void lock(int flags, std::error_code& error);
   void writeTemporary(const std::string& path, std::string_view bytes, std::error_code& error);
   void syncDirectory(const std::string& path, std::error_code& error);
   void remove(const std::function<bool(const std::string& name)>& isUnneeded,

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "Calls.h"
+#include "Digest.h"
 #include "RegularFile.h"
 #include "StandardStreams.h"
 #include "publish/SyncFiles.h"
@@ -57,6 +58,11 @@ bool makeDirectory(const std::string& path) {
   return made && ::fchmod(made.get(), kDirectoryMode) == 0;
 }
 
+// Whether the error says that there is no such name.
+bool isNone(const std::error_code& error) {
+  return error == std::errc::no_such_file_or_directory || error == std::errc::not_a_directory;
+}
+
 int lockWhole(int file, int command, struct flock& lock) {
   lock = {};
   lock.l_type = F_WRLCK;
@@ -78,13 +84,23 @@ void ServerFiles::fail(const std::string& path, std::error_code& error) {
   failedPath_ = path;
 }
 
+void ServerFiles::look(const std::string& outputDirectory, const std::string& repository) {
+  directory_ = outputDirectory + "/" + repository;
+}
+
+void ServerFiles::openPublished(const std::string& outputDirectory, const std::string& repository,
+                                std::error_code& error) {
+  look(outputDirectory, repository);
+  lock(0, error);
+  if (isNone(error)) error.clear();
+}
+
 void ServerFiles::open(const std::string& outputDirectory, const std::string& repository,
                        std::error_code& error) {
   error.clear();
-  directory_ = outputDirectory + "/" + repository;
+  look(outputDirectory, repository);
   createDirectories(directory_, error);
-  if (error) return;
-  lock(error);
+  if (!error && !isOpen()) lock(O_CREAT, error);
   if (error) return;
   for (const char* const part : kContentParts) {
     createDirectories(pathOf(part), error);
@@ -111,11 +127,12 @@ void ServerFiles::createDirectories(const std::string& path, std::error_code& er
 
 // A file of its own, because whoever may open a file can lock it for ever, and everybody may open
 // what is served.
-void ServerFiles::lock(std::error_code& error) {
+void ServerFiles::lock(int flags, std::error_code& error) {
+  error.clear();
   const std::string path = pathOf(kLockName);
   // Without waiting: somebody may have put a FIFO there.
   lock_ = retryOnInterrupt([&] {
-    return ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kLockMode);
+    return ::open(path.c_str(), flags | O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kLockMode);
   });
   struct stat file {};
   struct stat directory {};
@@ -142,14 +159,22 @@ void ServerFiles::lock(std::error_code& error) {
   if (lockWhole(lock_, F_SETLKW, held) != 0) fail(path, error);
 }
 
-std::string ServerFiles::read(const std::string& name, std::error_code& error) {
+std::optional<std::string> ServerFiles::read(const std::string& name, std::error_code& error) {
   RegularFile file = readRegularFile(pathOf(name), LastLink::refuse, error);
-  const bool none = error == std::errc::no_such_file_or_directory ||
-                    error == std::errc::too_many_symbolic_link_levels ||
-                    error == std::errc::invalid_argument;
-  if (none) error.clear();
-  if (error) failedPath_ = pathOf(name);
-  return std::move(file.bytes);
+  if (!error) return std::move(file.bytes);
+  if (isNone(error)) {
+    error.clear();
+  } else {
+    failedPath_ = pathOf(name);
+  }
+  return std::nullopt;
+}
+
+bool ServerFiles::holds(const std::string& name) const {
+  std::error_code unreadable;
+  const RegularFile file = readRegularFile(pathOf(name), LastLink::refuse, unreadable);
+  return !unreadable && file.permissions == kFileMode &&
+         AgentUtils::hexDigest(AgentUtils::usualDigest(), file.bytes) == digestIn(name);
 }
 
 void ServerFiles::add(const std::string& name, std::string_view bytes, std::error_code& error) {

@@ -1,31 +1,23 @@
 #include "publish/Source.h"
 
-#include <cerrno>
-#include <cstdlib>
-#include <map>
-#include <memory>
+#include <algorithm>
+#include <string_view>
+#include <system_error>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
-#include "Calls.h"
-#include "FoldedName.h"
 #include "RegularFile.h"
 #include "publish/Names.h"
 #include "publish/ScriptChecks.h"
+#include "publish/SourceDirectory.h"
 #include "support/Text.h"
 
 namespace VarnScripts::publishing {
 namespace {
 
 using AgentUtils::DigestKind;
-
-// The path with every symbolic link followed.
-std::string resolved(const std::string& path, std::error_code& error) {
-  const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr),
-                                                         &std::free);
-  if (real) return real.get();
-  error = posix::lastError();
-  return {};
-}
+using VarnScriptRepository::text::foldedName;
 
 // The first use of each name, so that a second one can name the line of the first.
 class FirstUses {
@@ -42,14 +34,27 @@ class FirstUses {
   }
 
  private:
-  std::map<std::string, Use> uses_;
+  std::unordered_map<std::string, Use> uses_;
 };
+
+// Of more it is enough to know how many there are.
+constexpr std::size_t kMostUnnamedFiles = 10;
+
+// Whether a file of this name beside the manifest is known to be for people and their tools.
+bool isNoScriptsPart(const std::string& name) {
+  if (name == kManifestName || name.starts_with('.') || name.ends_with(".md")) return true;
+  const std::string stem = name.substr(0, name.find('.'));
+  const auto known = {"README",    "LICENSE",    "COPYING", "NOTICE",
+                      "CHANGELOG", "CODEOWNERS", "Makefile"};
+  return std::find(known.begin(), known.end(), stem) != known.end();
+}
 
 class SourceReader {
  public:
   SourceReader(const SourceOptions& options, Findings& findings)
       : options_(options),
         manifestPath_(options.directory + "/" + kManifestName),
+        directory_(options.directory),
         findings_(findings) {}
 
   Source read() {
@@ -71,6 +76,8 @@ class SourceReader {
           "list at least one, or give --allow-removal");
     }
     for (const ManifestScript& script : manifest.scripts) takeScript(script, source);
+    // Of a manifest that can't be taken nobody knows what it would name.
+    if (findings_.refusals() == 0) checkUnnamedFiles(manifest);
     return source;
   }
 
@@ -145,11 +152,12 @@ class SourceReader {
 
   void takeScriptFile(const ManifestScript& script, Source& source) {
     std::error_code error;
-    const std::string bytes =
-        readScriptFile(options_.directory, script.file.value, error, options_.largestScript);
+    const std::string bytes = directory_.read(script.file.value, error, options_.largestScript);
     if (error) return refuseScriptFile(script.file, error);
     const std::string extension = interpreterExtension(script.file.value).value_or("");
-    checkScriptText(options_.directory + "/" + script.file.value, extension, bytes, findings_);
+    const std::string path = options_.directory + "/" + script.file.value;
+    checkScriptText(path, extension, bytes, findings_);
+    checkCommands(path, extension, script.platform.value, bytes, findings_);
     const DigestKind& usual = AgentUtils::usualDigest();
     const std::string sha256 = hexDigest(usual, bytes);
     source.scripts.push_back(
@@ -180,8 +188,32 @@ class SourceReader {
     }
   }
 
+  // What a script looks for beside itself has to be published as well.
+  void checkUnnamedFiles(const Manifest& manifest) {
+    std::unordered_set<std::string_view> named;
+    for (const ManifestScript& script : manifest.scripts) named.insert(script.file.value);
+    auto unnamed = directory_.files();
+    std::erase_if(unnamed, [&named](const std::string& name) {
+      return named.contains(name) || isNoScriptsPart(name);
+    });
+    std::sort(unnamed.begin(), unnamed.end());
+    const std::string remedy = "give it an entry, or move it out of the directory";
+    std::size_t told = 0;
+    for (const std::string& name : unnamed) {
+      if (++told > kMostUnnamedFiles) break;
+      findings_.warn({options_.directory + "/" + name},
+                     "no entry of the manifest names the file, so it is not published", remedy);
+    }
+    if (unnamed.size() <= kMostUnnamedFiles) return;
+    findings_.warn({options_.directory},
+                   "no entry of the manifest names " +
+                       std::to_string(unnamed.size() - kMostUnnamedFiles) + " more files",
+                   "give them entries, or move them out of the directory");
+  }
+
   const SourceOptions& options_;
   const std::string manifestPath_;
+  SourceDirectory directory_;
   Findings& findings_;
   FirstUses ids_;
   FirstUses files_;
@@ -191,20 +223,6 @@ class SourceReader {
 
 Source readSource(const SourceOptions& options, Findings& findings) {
   return SourceReader(options, findings).read();
-}
-
-std::string readScriptFile(const std::string& directory, const std::string& name,
-                           std::error_code& error, std::uint64_t mostBytes) {
-  error.clear();
-  const std::string root = resolved(directory, error);
-  if (error) return {};
-  const std::string path = resolved(directory + "/" + name, error);
-  if (error) return {};
-  if (!path.starts_with(root == "/" ? root : root + "/")) {
-    error = std::make_error_code(std::errc::operation_not_permitted);
-    return {};
-  }
-  return readRegularFile(path, LastLink::refuse, error, mostBytes).bytes;
 }
 
 std::optional<std::string> complaintAboutCustomer(const std::string& customer) {

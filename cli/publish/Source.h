@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include "Digest.h"
@@ -43,13 +42,6 @@ struct SourceOptions {
 /// Reads and checks the manifest and every script. The result is complete when `findings` has got
 /// no refusal. Throws `std::runtime_error` when the cryptography library lacks a digest.
 [[nodiscard]] Source readSource(const SourceOptions& options, Findings& findings);
-
-/// The bytes of the script file `name` in `directory`. A symbolic link that leads out of the
-/// directory is not followed: `error` is `std::errc::operation_not_permitted`. Something that is no
-/// regular file is `std::errc::invalid_argument`, one of more than `mostBytes`
-/// `std::errc::file_too_large`.
-[[nodiscard]] std::string readScriptFile(const std::string& directory, const std::string& name,
-                                         std::error_code& error, std::uint64_t mostBytes);
 
 /// What keeps `customer` from being a directory of the server's tree and a part of its locations,
 /// or nothing.

@@ -20,11 +20,11 @@ std::size_t sequenceLength(std::string_view text) {
   const auto lead = static_cast<unsigned char>(text.front());
   const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
   if (lead < 0xC2 || lead > 0xF4 || text.size() < length) throwNotXML();
-  char32_t point = lead & (0x7Fu >> length);
+  char32_t point = lead & (0x7FU >> length);
   for (const char c : text.substr(1, length - 1)) {
     const auto byte = static_cast<unsigned char>(c);
-    if ((byte & 0xC0u) != 0x80u) throwNotXML();
-    point = (point << 6) | (byte & 0x3Fu);
+    if ((byte & 0xC0U) != 0x80U) throwNotXML();
+    point = (point << 6) | (byte & 0x3FU);
   }
   const bool isOverlong = (length == 3 && point < 0x800) || (length == 4 && point < 0x10000);
   const bool isSurrogate = point >= 0xD800 && point <= 0xDFFF;
@@ -34,33 +34,40 @@ std::size_t sequenceLength(std::string_view text) {
   return length;
 }
 
-void appendASCII(std::string& document, char c) {
+// Whether a character stands for itself, on its own.
+bool isPlain(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return (byte >= 0x20 && byte < 0x80 && c != '&' && c != '<' && c != '>') || c == '\t' ||
+         c == '\n';
+}
+
+// What stands for the ASCII character `c`, which is not plain.
+std::string_view referenceTo(char c) {
   switch (c) {
     case '&':
-      document += "&amp;";
-      return;
+      return "&amp;";
     case '<':
-      document += "&lt;";
-      return;
+      return "&lt;";
     case '>':
-      document += "&gt;";
-      return;
+      return "&gt;";
     case '\r':
       // As a plain byte it would be read back as a line feed.
-      document += "&#13;";
-      return;
+      return "&#13;";
     default:
       // XML has no way to write other control characters, not even as a reference.
-      if (static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\n') throwNotXML();
-      document += c;
+      throwNotXML();
   }
 }
 
 void appendText(std::string& document, std::string_view text) {
   while (!text.empty()) {
-    std::size_t length = 1;
-    if (static_cast<unsigned char>(text.front()) < 0x80) {
-      appendASCII(document, text.front());
+    std::size_t length = 0;
+    while (length < text.size() && isPlain(text[length])) ++length;
+    if (length > 0) {
+      document += text.substr(0, length);
+    } else if (static_cast<unsigned char>(text.front()) < 0x80) {
+      length = 1;
+      document += referenceTo(text.front());
     } else {
       length = sequenceLength(text);
       document += text.substr(0, length);
@@ -105,7 +112,10 @@ void appendFields(std::string& document, const RecordSchema& schema, const void*
 }  // namespace
 
 std::string encodedRecord(const RecordSchema& schema, const void* record) {
-  std::string document = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+  std::string document;
+  // That of a script takes less as a rule.
+  document.reserve(4096);
+  document += "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
   appendFields(document, schema, record, 0);
   return document;
 }

@@ -1,7 +1,7 @@
 // A whole agent around the library, with agent modules of its own: its log, a store in memory, a
 // downloader that copies from a directory, checksums by OpenSSL. The XML parser is the bundled one.
 //     agent SERVER_DIRECTORY BASE_DIRECTORY CUSTOMER SCRIPT_ID
-// A module may throw: the library takes that for the failure of the operation.
+// `AgentUnderContract.cpp` runs the library's tests of such modules on these.
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 
@@ -42,14 +42,27 @@ struct Row : AgentStore::KeyedEncoder, AgentStore::KeyedDecoder {
   }
 };
 
-// Requests for different IDs may run on different threads, and all of them use the one table.
-struct RootAccessKeyValueStorage::Table {
+// Requests for different IDs may run on different threads, and all of them use the one table; so
+// does whoever opens it again.
+struct KeptTable {
   std::mutex mutex;
   std::map<string, Row> rows;
 };
 
-RootAccessKeyValueStorage::RootAccessKeyValueStorage(const string&, const string&)
-    : table_(std::make_unique<Table>()) {}
+struct RootAccessKeyValueStorage::Table {
+  std::mutex& mutex;
+  std::map<string, Row>& rows;
+};
+
+RootAccessKeyValueStorage::RootAccessKeyValueStorage(const string& storagePath,
+                                                     const string& container) {
+  static std::mutex opening;
+  static std::map<std::pair<string, string>, KeptTable> tables;
+  const std::lock_guard lock(opening);
+  KeptTable& kept = tables[{storagePath, container}];
+  table_.reset(new Table{kept.mutex, kept.rows});
+}
+
 RootAccessKeyValueStorage::~RootAccessKeyValueStorage() = default;
 void RootAccessKeyValueStorage::deleteValue(const string& forKey) {
   const std::lock_guard lock(table_->mutex);
@@ -77,12 +90,16 @@ void RootAccessKeyValueStorage::updateRow(
   table_->rows[forKey] = row;
 }
 
-bool FileUtils::isFileExists(const string& atPath) const { return fs::exists(atPath); }
+bool FileUtils::isFileExists(const string& atPath) const {
+  std::error_code ignored;
+  return fs::exists(atPath, ignored);
+}
 
 bool FileUtils::createDirectory(const string& atPath, bool withIntermediateDirectories) const {
-  if (!withIntermediateDirectories) return fs::create_directory(atPath);
-  fs::create_directories(atPath);
-  return true;
+  std::error_code error;
+  if (!withIntermediateDirectories) return fs::create_directory(atPath, error);
+  fs::create_directories(atPath, error);
+  return fs::is_directory(atPath, error);
 }
 
 HttpHandlermac HttpHandlermac::initWithServerInfo() { return {}; }
@@ -90,13 +107,18 @@ HttpHandlermac HttpHandlermac::initWithServerInfo() { return {}; }
 bool HttpHandlermac::downloadFileWithRootPermission(const string& fromURL, const string& toPath) {
   // The file takes its place in one step, so that a failure leaves what stood there.
   const auto replace = fs::copy_options::overwrite_existing;
-  fs::copy_file(serverDirectory + "/" + fromURL, toPath + ".partial", replace);
-  fs::rename(toPath + ".partial", toPath);
-  return true;
+  const string partial = toPath + ".partial";
+  std::error_code error, ignored;
+  fs::copy_file(serverDirectory + "/" + fromURL, partial, replace, error);
+  if (!error) fs::rename(partial, toPath, error);
+  if (error) fs::remove(partial, ignored);
+  return !error;
 }
 
 bool VyCryptography::validateCheckSumForFile(const string& path, const string& Type,
                                              const string& Checksum) {
+  std::error_code ignored;
+  if (!fs::is_regular_file(path, ignored)) return false;
   std::ifstream file(path, std::ios::binary);
   const string bytes(std::istreambuf_iterator<char>(file), {});
   unsigned char digest[EVP_MAX_MD_SIZE], wanted[EVP_MAX_MD_SIZE];

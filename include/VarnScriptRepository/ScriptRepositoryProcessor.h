@@ -31,9 +31,8 @@ struct ScriptRequest;
 /// One request for one script ID: construct, perhaps set `overrideExpectedReturnCode`, call
 /// `processScript()` once, read the result, drop.
 ///
-/// One instance is used from one thread. Instances for different IDs may run at the same time once
-/// the first request of the process has loaded the repository metadata; requests for the same ID
-/// are not coordinated.
+/// One instance is used from one thread. Instances for different IDs may run at the same time;
+/// requests for the same ID are not coordinated, see `ScriptTurn`.
 class VARN_EXPORT ScriptRepositoryProcessor {
  public:
   /// Makes a request for the script `scriptID` ("42") and creates the data and scripts directories
@@ -53,12 +52,14 @@ class VARN_EXPORT ScriptRepositoryProcessor {
   /// script, and returns what became of it.
   ///
   /// Blocks through downloads and the run; the script is asked to end after 600 seconds. The
-  /// metadata is fetched by the first request of the process and kept. Afterwards the files and
-  /// the local record of the script are the server's, also when the run failed.
+  /// metadata is fetched by the first request of the process and kept until `reloadServerList`.
+  /// Afterwards the files and the local record of the script are the server's, also when the run
+  /// failed.
   [[nodiscard]] ProcessingResult processScript();
 
   /// Removes the script files, data documents and local records of all scripts that the server no
-  /// longer lists, as far as the list of all scripts has been handed to the library.
+  /// longer lists, as far as the list of all scripts has been handed to the library, which
+  /// `reloadServerList` does. Takes no turns, see `removeDroppedScripts`.
   ///
   /// Downloads nothing and reports nothing but its log lines. Also a class method of the class
   /// `ScriptRepositoryProcessor` of the platform's object runtime, under the selector

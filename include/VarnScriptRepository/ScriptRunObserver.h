@@ -7,9 +7,9 @@
 //     static Watch watch;
 //     VarnScriptRepository::setScriptRunObserver(&watch);
 //
-// Each event is told on the thread of its request, which waits for the observer's return. Nothing
-// that an observer does or throws changes a request. Events of requests on different threads come
-// at the same time; those of one request in the order of the declarations below.
+// Each event is reported on the thread of its request, which waits for the observer's return.
+// Nothing that an observer does or throws changes a request. Events of requests on different
+// threads come at the same time; those of one request in the order of the declarations below.
 
 #pragma once
 
@@ -83,7 +83,7 @@ struct ScriptEnd {
   std::uint64_t lostBytes = 0;
 };
 
-/// What is told. Each operation does nothing unless it is overridden.
+/// What is reported. Each operation does nothing unless it is overridden.
 class VARN_EXPORT ScriptRunObserver {
  public:
   ScriptRunObserver() = default;
@@ -95,8 +95,8 @@ class VARN_EXPORT ScriptRunObserver {
 
   /// A script is about to be started. Until this has returned it is not.
   virtual void scriptStarts(const ScriptStart& start);
-  /// It runs, as the process `processID`, which leads a process group of its own. Not told when it
-  /// can't be started.
+  /// It runs, as the process `processID`, which leads a process group of its own. Not called when
+  /// it can't be started.
   virtual void scriptStarted(int processID);
   /// A piece of its output, UTF-8, which ends at the end of a character. All pieces together are
   /// the output that the request's result has. Lasts as long as the call.
@@ -104,7 +104,7 @@ class VARN_EXPORT ScriptRunObserver {
   /// The process has ended. When this has returned its process ID is given back, and nothing must
   /// be sent to it any more.
   virtual void processEnded();
-  /// All is known of the script. Told after every `scriptStarts`.
+  /// All is known of the script. Called after every `scriptStarts`.
   virtual void scriptEnded(const ScriptEnd& end);
 };
 

@@ -35,7 +35,8 @@ struct Pipe {
 /// pipe stays as it is.
 void enlargePipe(int fd) noexcept;
 
-/// How many bytes the pipe of `readingEnd` holds now; where that is not told, how many it can hold.
+/// How many bytes the pipe of `readingEnd` holds now; where the system does not say, how many it
+/// can hold.
 [[nodiscard]] std::size_t bytesHeld(int readingEnd) noexcept;
 
 /// What to start.

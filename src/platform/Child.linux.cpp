@@ -22,6 +22,7 @@
 
 // The C library's clone under its other name: sanitizers take the usual one for a fork, and their
 // bookkeeping for a fork would run in the shared memory.
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
 extern "C" int __clone(int (*function)(void*), void* stack, int flags, void* argument, ...);
 
 namespace VarnScriptRepository::platform {
@@ -49,7 +50,7 @@ class ChildStack {
   [[nodiscard]] void* top() const { return static_cast<char*>(base_) + kSize; }
 
  private:
-  static constexpr std::size_t kSize = 64 * 1024;
+  static constexpr std::size_t kSize = std::size_t{64} * 1024;
   static constexpr int kFlags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK;
   static inline std::atomic<void*> kept_{nullptr};
   void* base_;
@@ -209,7 +210,7 @@ Pipe makePipe(std::error_code& error) {
 }
 
 std::size_t pipeCapacity(int fd) noexcept {
-  constexpr std::size_t usual = 64 * 1024;
+  constexpr std::size_t usual = std::size_t{64} * 1024;
   const int capacity = ::fcntl(fd, F_GETPIPE_SZ);
   return capacity > 0 ? static_cast<std::size_t>(capacity) : usual;
 }

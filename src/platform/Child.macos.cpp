@@ -24,7 +24,7 @@ namespace {
 /// How often a child is asked for that is about to end.
 constexpr std::chrono::milliseconds kAskInterval{1};
 
-/// What posix_spawn is told beside the program. Each step's error ends the setting up.
+/// What posix_spawn is given beside the program. Each step's error ends the setting up.
 class SpawnSettings {
  public:
   SpawnSettings() {
@@ -110,7 +110,7 @@ std::optional<EndStatus> statusFromWatch(int queue) noexcept {
   return statusFromWait(static_cast<int>(event.data));
 }
 
-/// Whether the watch has told the end, which it goes on to tell.
+/// Whether the watch has reported the end, which it goes on to do.
 bool hasTold(int queue) noexcept {
   pollfd watched{queue, POLLIN, 0};
   return ::poll(&watched, 1, 0) == 1;
@@ -139,7 +139,7 @@ Pipe makePipe(std::error_code& error) {
 
 std::size_t pipeCapacity(int /*fd*/) noexcept {
   // The most that a pipe grows to here; the system does not tell its present size.
-  return 64 * 1024;
+  return std::size_t{64} * 1024;
 }
 
 void enlargePipe(int /*fd*/) noexcept {
@@ -166,7 +166,8 @@ Child Child::launch(const Program& program, std::error_code& error) {
     return {0, FileDescriptor()};
   }
   Child child(processID, watchEnd(processID));
-  // A child that was ending meanwhile may be watched and never be told of; then it is asked for.
+  // A child that was ending meanwhile may be watched and its end never reported; then it is asked
+  // for.
   if (child.hasEnded() && !hasTold(child.endDescriptor())) child.endDescriptor_.reset();
   return child;
 }

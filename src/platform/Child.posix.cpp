@@ -5,6 +5,7 @@
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <initializer_list>
 #include <string_view>
@@ -28,10 +29,7 @@ std::size_t bytesHeld(int readingEnd) noexcept {
 bool hasNUL(const Program& program) noexcept {
   const auto contains = [](std::string_view text) { return text.find('\0') != text.npos; };
   if (contains(program.launchPath) || contains(program.directory)) return true;
-  for (const std::string& argument : program.arguments) {
-    if (contains(argument)) return true;
-  }
-  return false;
+  return std::ranges::any_of(program.arguments, contains);
 }
 
 std::vector<char*> argumentPointers(const Program& program) {

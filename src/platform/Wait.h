@@ -18,8 +18,8 @@ struct Ready {
 };
 
 /// Waits for output or the end of the file in `readingEnd`, for the end of `child`, or until
-/// `deadline`. An empty `readingEnd` is not watched. There may be less output than told, even none,
-/// and the wait may be over before anything has come.
+/// `deadline`. An empty `readingEnd` is not watched. There may be less output than it says, even
+/// none, and the wait may be over before anything has come.
 [[nodiscard]] Ready waitForOutputOrEnd(const FileDescriptor& readingEnd, const Child& child,
                                        AwakeClock::time_point deadline) noexcept;
 

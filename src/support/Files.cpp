@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <locale.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -44,7 +45,7 @@ std::string readFrom(int fd, std::size_t size, std::error_code& error) {
   std::string bytes;
   bytes.reserve(size);
   platform::useLargePages(bytes.data(), bytes.capacity());
-  std::array<char, 16 * 1024> piece;
+  std::array<char, std::size_t{16} * 1024> piece;
   while (true) {
     const ssize_t got = retryOnInterrupt([&] { return ::read(fd, piece.data(), piece.size()); });
     if (got < 0) error = lastError();
@@ -200,6 +201,22 @@ void removeItem(const std::string& path, std::error_code& error) {
   error.clear();
   emptyDirectory(item, error);
   if (!error) error = removeOne(AT_FDCWD, item.c_str());
+}
+
+std::string resolvedDirectory(const std::string& path) {
+  if (!isPath(path)) return "";
+  const std::unique_ptr<char, decltype(&::free)> resolved(::realpath(path.c_str(), nullptr),
+                                                          &::free);
+  return resolved ? std::string(resolved.get()) + '/' : "";
+}
+
+std::string nameBelow(const std::string& directory, const std::string& path) {
+  const std::string top = resolvedDirectory(directory);
+  const auto slash = path.rfind('/');
+  const std::string last = path.substr(slash + 1);
+  if (top.empty() || slash == path.npos || last.empty() || last == "." || last == "..") return "";
+  const std::string place = resolvedDirectory(path.substr(0, slash + 1)) + last;
+  return place.starts_with(top) ? place.substr(top.size()) : "";
 }
 
 std::string description(const std::error_code& error) {

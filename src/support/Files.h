@@ -22,6 +22,13 @@ namespace VarnScriptRepository::files {
 /// it needs a descriptor. On failure `error` is set; on success it is cleared.
 void removeItem(const std::string& path, std::error_code& error);
 
+/// How `path` is called from `directory`, the links of all directories resolved ("job.sh"). Empty
+/// when it is not below it: it names the directory itself or something elsewhere, if anything.
+[[nodiscard]] std::string nameBelow(const std::string& directory, const std::string& path);
+
+/// The directory at `path` with its links resolved, and a slash; empty when there is none.
+[[nodiscard]] std::string resolvedDirectory(const std::string& path);
+
 /// What `error` says, in the C locale's words whatever the process's locale is: "Permission
 /// denied".
 [[nodiscard]] std::string description(const std::error_code& error);

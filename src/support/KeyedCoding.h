@@ -82,6 +82,7 @@ struct FieldAccess {
     }
   }
 
+  // NOLINTNEXTLINE(performance-unnecessary-value-param): it is moved from.
   static void setText(void* record, std::string text) { member(record) = std::move(text); }
 
   static const MarkupParser::RecordSchema& elementSchema() { return Value::value_type::schema(); }

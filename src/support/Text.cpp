@@ -29,17 +29,17 @@ CodePoint firstCodePoint(std::string_view text) {
   return {value, static_cast<std::size_t>(length)};
 }
 
-/// The text in canonical decomposition, or nothing when it is not UTF-8.
-std::optional<std::string> canonicallyDecomposed(std::string_view text) {
-  utf8proc_uint8_t* decomposed = nullptr;
+/// The text in canonical decomposition and as `more` asks for, or nothing when it is not UTF-8.
+std::optional<std::string> decomposed(std::string_view text, int more = 0) {
+  utf8proc_uint8_t* result = nullptr;
   const utf8proc_ssize_t length =
       utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
-                   static_cast<utf8proc_ssize_t>(text.size()), &decomposed,
-                   static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_DECOMPOSE));
-  const std::unique_ptr<utf8proc_uint8_t, decltype(&std::free)> owner(decomposed, &std::free);
+                   static_cast<utf8proc_ssize_t>(text.size()), &result,
+                   static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_DECOMPOSE | more));
+  const std::unique_ptr<utf8proc_uint8_t, decltype(&std::free)> owner(result, &std::free);
   if (length == UTF8PROC_ERROR_NOMEM) throw std::bad_alloc();
   if (length < 0) return std::nullopt;
-  return std::string(reinterpret_cast<const char*>(decomposed), static_cast<std::size_t>(length));
+  return std::string(reinterpret_cast<const char*>(result), static_cast<std::size_t>(length));
 }
 
 }  // namespace
@@ -52,7 +52,19 @@ bool equal(std::string_view a, std::string_view b) {
 
 std::string equalityKey(std::string_view text) {
   if (isASCII(text)) return std::string(text);
-  return canonicallyDecomposed(text).value_or(std::string(text));
+  return decomposed(text).value_or(std::string(text));
+}
+
+std::string foldedName(std::string_view name) {
+  if (isASCII(name)) {
+    // Nothing but the letters has another form.
+    std::string folded(name);
+    for (char& c : folded) {
+      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return folded;
+  }
+  return decomposed(name, UTF8PROC_CASEFOLD).value_or(std::string(name));
 }
 
 Characters::Characters(std::string_view text) : rest_(text), ascii_(isASCII(text)) {}

@@ -22,6 +22,10 @@ namespace VarnScriptRepository::text {
 /// A key that two texts share exactly when they are `equal`.
 [[nodiscard]] std::string equalityKey(std::string_view text);
 
+/// A key that two names share exactly when a file system that folds letter case and Unicode
+/// normalisation keeps them in one file. A name that is not UTF-8 is its own key.
+[[nodiscard]] std::string foldedName(std::string_view name);
+
 /// Walks over the user-perceived characters of a text, which must outlive the walk.
 class Characters {
  public:

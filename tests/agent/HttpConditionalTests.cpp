@@ -407,7 +407,7 @@ TEST_F(HttpConditional, AsksForTheWholeFileWhenTheTargetIsLargerThanAllowed) {
 
 TEST_F(HttpConditional, AsksForTheWholeFileWhenTheTargetChangesMeanwhile) {
   fetchFirst(kTag);
-  server.answerInTurn("/a", {"HTTP/1.1 304 Not Modified\r\n\r\n", httpAnswer("200 OK", "whole")});
+  server.answerInTurn("/a", {"HTTP/1.1 304 Not Modified\r\n\r\n"s, httpAnswer("200 OK", "whole")});
   bool isChanged = false;
   settings.onDownloadProgress = [&](std::uint64_t, std::uint64_t) {
     if (!std::exchange(isChanged, true)) writeFile(target, "first");

@@ -165,7 +165,12 @@ class AttackCase(CommandCase):
     def expect_refusal(self, attack, said, *command):
         self.tried += 1
         result = self.run_command(*command)
-        refused = result.status in (2, 3) and said in result.error and result.output == ""
+        # What a plan has to say it says on standard output, and that is all that it has.
+        told, expected = result.error, ""
+        if command[0] == "plan" and result.status == 3:
+            told, expected = result.output, "script:         42\nnot run:        Refused: "
+        refused = (result.status in (2, 3) and said in told
+                   and result.output[:len(expected) or None] == expected)
         alive = os.path.exists(self.victim)
         if not refused or not alive:
             self.got_through.append(f"{attack}, {' '.join(command)}: status {result.status}, "

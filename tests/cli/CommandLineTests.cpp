@@ -50,44 +50,18 @@ TEST(ParseCommandLine, GlobalOptionsStandBeforeAndAfterTheCommand) {
 }
 
 TEST(ParseCommandLine, EverySettingIsAFlag) {
-  const CommandLine line = lineFrom({"--config",
-                                     "f",
-                                     "--base-path",
-                                     "a",
-                                     "--data-path",
-                                     "b",
-                                     "--customer",
-                                     "c",
-                                     "--server",
-                                     "d",
-                                     "--ca-file",
-                                     "e",
-                                     "--client-cert",
-                                     "g",
-                                     "--client-key",
-                                     "h",
-                                     "--proxy",
-                                     "i",
-                                     "--max-download",
-                                     "j",
-                                     "--max-output",
-                                     "m",
-                                     "--log-format",
-                                     "k",
-                                     "--log-file",
-                                     "l",
-                                     "--quiet",
-                                     "--log-level",
-                                     "n",
-                                     "--log-target",
-                                     "o",
-                                     "--verbose",
-                                     "list"});
+  const CommandLine line = lineFrom(
+      {"--config",       "f", "--base-path",   "a", "--data-path",   "b",       "--customer",   "c",
+       "--server",       "d", "--ca-file",     "e", "--client-cert", "g",       "--client-key", "h",
+       "--proxy",        "i", "--header-file", "n", "--netrc-file",  "o",       "--retry",      "p",
+       "--max-download", "j", "--max-output",  "m", "--log-format",  "k",       "--log-file",   "l",
+       "--log-level",    "q", "--log-target",  "r", "--verbose",     "--quiet", "list"});
   const SettingTexts expected = {
-      {"base_path", "a"},    {"data_path", "b"},   {"customer", "c"},   {"server", "d"},
-      {"ca_file", "e"},      {"client_cert", "g"}, {"client_key", "h"}, {"proxy", "i"},
-      {"max_download", "j"}, {"max_output", "m"},  {"log_format", "k"}, {"log_file", "l"},
-      {"quiet", "true"},     {"log_level", "n"},   {"log_target", "o"}, {"verbose", "true"}};
+      {"base_path", "a"},   {"data_path", "b"},   {"customer", "c"},   {"server", "d"},
+      {"ca_file", "e"},     {"client_cert", "g"}, {"client_key", "h"}, {"proxy", "i"},
+      {"header_file", "n"}, {"netrc_file", "o"},  {"retry", "p"},      {"max_download", "j"},
+      {"max_output", "m"},  {"log_format", "k"},  {"log_file", "l"},   {"log_level", "q"},
+      {"log_target", "r"},  {"verbose", "true"},  {"quiet", "true"}};
   EXPECT_EQ(line.flags, expected);
   EXPECT_EQ(line.configFile, "f");
 }
@@ -171,17 +145,58 @@ TEST(ParseCommandLine, AnyTextIsAScriptId) {
   EXPECT_TRUE(lineFrom({"run", "--json", "--", "--json"}).json);
 }
 
-TEST(ParseCommandLine, JsonBelongsToRunAndList) {
+TEST(ParseCommandLine, JsonBelongsToAllButPublish) {
   EXPECT_TRUE(lineFrom({"run", "42", "--json"}).json);
   EXPECT_TRUE(lineFrom({"list", "--json"}).json);
-  EXPECT_EQ(replyTo({"prune", "--json"}).exitStatus, 2);
+  EXPECT_TRUE(lineFrom({"prune", "--json"}).json);
+  EXPECT_EQ(replyTo({"publish", "a", "b", "--json"}).exitStatus, 2);
+}
+
+TEST(ParseCommandLine, ServerIsAFlagOfListWhenNoUrlFollows) {
+  struct Case {
+    Arguments arguments;
+    bool listServer;
+    SettingTexts flags;
+  };
+  for (const Case& each :
+       {Case{{"list", "--server"}, true, {}}, Case{{"list", "--server", "--json"}, true, {}},
+        Case{{"list", "--json", "--server"}, true, {}},
+        Case{{"--server", "file:///a", "list"}, false, {{"server", "file:///a"}}},
+        Case{{"list", "--server", "file:///a"}, false, {{"server", "file:///a"}}},
+        Case{{"list", "--server=file:///a"}, false, {{"server", "file:///a"}}},
+        Case{{"list", "--server", "--server", "file:///a", "--quiet"},
+             true,
+             {{"server", "file:///a"}, {"quiet", "true"}}},
+        Case{{"list", "--server=file:///a", "--server"}, true, {{"server", "file:///a"}}},
+        Case{{"--server", "file:///a", "list", "--server"}, true, {{"server", "file:///a"}}}}) {
+    const CommandLine line = lineFrom(each.arguments);
+    const std::string shown = testing::PrintToString(each.arguments);
+    EXPECT_EQ(line.listServer, each.listServer) << shown;
+    EXPECT_EQ(line.flags, each.flags) << shown;
+    EXPECT_EQ(line.needed() == NeededSettings::request, each.listServer) << shown;
+  }
+  EXPECT_EQ(lineFrom({"run", "42", "--server", "file:///a"}).flags,
+            (SettingTexts{{"server", "file:///a"}}));
+  EXPECT_EQ(lineFrom({"run", "--", "list"}).scriptID, "list");
+  for (const Arguments& wrong :
+       {Arguments{"run", "42", "--server"}, Arguments{"list", "--server", ""},
+        Arguments{"list", "--server="}, Arguments{"prune", "--server"}}) {
+    EXPECT_EQ(replyTo(wrong).exitStatus, 2) << testing::PrintToString(wrong);
+  }
+}
+
+TEST(ParseCommandLine, ADryRunBelongsToPrune) {
+  EXPECT_TRUE(lineFrom({"prune", "--dry-run"}).dryRun);
+  EXPECT_TRUE(lineFrom({"prune", "--dry-run", "--json"}).json);
+  EXPECT_FALSE(lineFrom({"prune"}).dryRun);
+  EXPECT_EQ(replyTo({"list", "--dry-run"}).exitStatus, 2);
 }
 
 TEST(ParseCommandLine, AMistakeIsAUsageError) {
   for (const Arguments& arguments :
        {Arguments{}, Arguments{"publish"}, Arguments{"run"}, Arguments{"run", ""},
         Arguments{"run", "1", "2"}, Arguments{"--nope", "list"}, Arguments{"run", "42", "-x"},
-        Arguments{"list", "--server"}, Arguments{"list", "prune"}, Arguments{"list", "extra"},
+        Arguments{"prune", "--server"}, Arguments{"list", "prune"}, Arguments{"list", "extra"},
         Arguments{"--customer", "1", "list", "--customer", "2"},
         Arguments{"list", "--accept-codes", "0"}}) {
     const Reply reply = replyTo(arguments);
@@ -219,8 +234,8 @@ TEST(ParseCommandLine, AnEmptyOperandOrValueIsNamed) {
   }
   for (const std::string option :
        {"--config", "--base-path", "--data-path", "--customer", "--server", "--ca-file",
-        "--client-cert", "--client-key", "--proxy", "--max-download", "--max-output",
-        "--log-format", "--log-file"}) {
+        "--client-cert", "--client-key", "--proxy", "--header-file", "--netrc-file", "--retry",
+        "--max-download", "--max-output", "--log-format", "--log-file"}) {
     for (const Arguments& arguments :
          {Arguments{option, "", "list"}, Arguments{option + "=", "run", "42"},
           Arguments{"publish", "in", "out", option, ""}}) {

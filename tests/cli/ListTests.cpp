@@ -42,5 +42,31 @@ TEST(ListJson, BytesThatAreNotUtf8AreReplaced) {
 
 TEST(ListJson, NoRecordsGiveAnEmptyArray) { EXPECT_EQ(listJson({}), "[]\n"); }
 
+const std::vector<ServerScript> kServerScripts = {
+    {"42", "Cleaning", "17", "Linux", "16", "outdated"},
+    {"expiry", std::nullopt, "2024-01-01", std::nullopt, std::nullopt, "absent"},
+    {"7", "a\x1b[2J", "1", "Mac", "1", "up_to_date"}};
+
+TEST(ServerTable, HasTheNameLastAndWordsForTheState) {
+  EXPECT_EQ(serverTable(kServerScripts),
+            "SCRIPT ID  VERSION     HERE        PLATFORM  NAME\n"
+            "42         17          outdated    Linux     Cleaning\n"
+            "expiry     2024-01-01  absent      -         -\n"
+            "7          1           up to date  Mac       a?[2J\n");
+  EXPECT_EQ(serverTable({}), "");
+}
+
+TEST(ServerJson, KeysComeInOrderAndAbsentIsNull) {
+  EXPECT_EQ(serverJson(kServerScripts),
+            R"([{"script_id":"42","name":"Cleaning","version":"17","platform":"Linux",)"
+            R"("state":"outdated","local_version":"16"},)"
+            R"({"script_id":"expiry","name":null,"version":"2024-01-01","platform":null,)"
+            R"("state":"absent","local_version":null},)"
+            R"({"script_id":"7","name":"a\u001b[2J","version":"1","platform":"Mac",)"
+            R"("state":"up_to_date","local_version":"1"}])"
+            "\n");
+  EXPECT_EQ(serverJson({}), "[]\n");
+}
+
 }  // namespace
 }  // namespace VarnScripts

@@ -63,7 +63,7 @@ TEST(Plan, OfNothingToFetchSaysSo) {
 TEST(Plan, OfNoRunSaysWhy) {
   RequestPlan plan;
   plan.scriptID = "4\n2";
-  plan.problem = "The server's list can't be fetched";
+  plan.problem = {ReasonCode::listUnavailable, "The server's list can't be fetched"};
   EXPECT_EQ(planText(plan),
             "script:         4\\n2\n"
             "not run:        The server's list can't be fetched\n");
@@ -71,7 +71,8 @@ TEST(Plan, OfNoRunSaysWhy) {
             "{\"script_id\":\"4\\n2\",\"entry\":null,\"local_version\":null,\"step\":null,"
             "\"reason\":null,\"downloads\":[],\"script_file\":null,\"interpreter\":null,"
             "\"arguments\":null,\"accepted_codes\":null,"
-            "\"problem\":\"The server's list can't be fetched\"}\n");
+            "\"waits_for\":null,\"problem\":\"The server's list can't be fetched\","
+            "\"reason_code\":\"list_unavailable\"}\n");
 }
 
 TEST(Plan, IsOneJsonObject) {
@@ -83,7 +84,20 @@ TEST(Plan, IsOneJsonObject) {
             "\"downloads\":[\"/data/42.xml\",\"files/clean.sh\"],"
             "\"script_file\":\"/base/clean.sh\",\"interpreter\":\"/bin/sh\","
             "\"arguments\":[\"-a\",\"two words\",\"\"],\"accepted_codes\":[\"0\",\"3\"],"
-            "\"problem\":null}\n");
+            "\"waits_for\":null,\"problem\":null,\"reason_code\":null}\n");
+}
+
+TEST(Plan, SaysForWhomItWouldWait) {
+  RequestPlan plan;
+  plan.scriptID = "42";
+  plan.waitsFor = {ReasonCode::lockedOut, "Script 42 is in use by process 7"};
+  EXPECT_EQ(planText(plan),
+            "script:         42\n"
+            "waits:          Script 42 is in use by process 7 (with --no-wait it is not run)\n");
+  EXPECT_NE(planJson(plan).find("\"waits_for\":{\"reason\":\"Script 42 is in use by process 7\","
+                                "\"reason_code\":\"locked_out\"},\"problem\":null"),
+            std::string::npos)
+      << planJson(plan);
 }
 
 }  // namespace

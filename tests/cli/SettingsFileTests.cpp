@@ -1,18 +1,25 @@
 // What a settings file may hold, and what is said about one that is wrong.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <fstream>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <variant>
 
+#include "Calls.h"
 #include "SettingsFile.h"
 #include "support/TemporaryDirectory.h"
 
 namespace VarnScripts {
 namespace {
+
+using posix::FileDescriptor;
 
 SettingTexts textsFrom(const std::string& toml) {
   auto result = parseSettingsFile(toml, "/etc/varn.toml");
@@ -52,6 +59,9 @@ TEST(ParseSettingsFile, EveryKeyIsTakenInItsOwnType) {
                                  {"client_cert", "cert.pem"},
                                  {"client_key", "key.pem"},
                                  {"proxy", "http://proxy"},
+                                 {"header_file", "headers"},
+                                 {"netrc_file", "netrc"},
+                                 {"retry", "0"},
                                  {"max_download", "1000"},
                                  {"max_output", "2000"},
                                  {"log_format", "json"},
@@ -65,6 +75,9 @@ TEST(ParseSettingsFile, EveryKeyIsTakenInItsOwnType) {
                       "client_cert = \"cert.pem\"\n"
                       "client_key = \"key.pem\"\n"
                       "proxy = \"http://proxy\"\n"
+                      "header_file = \"headers\"\n"
+                      "netrc_file = \"netrc\"\n"
+                      "retry = 0\n"
                       "max_download = 1_000\n"
                       "max_output = 2_000\n"
                       "log_format = \"json\"\n"
@@ -95,6 +108,7 @@ TEST(ParseSettingsFile, AWrongKeyOrTypeIsNamedWithItsLine) {
        "settings file /etc/varn.toml, line 3: quiet must be true or false"},
       {"max_download = 1.5\n",
        "settings file /etc/varn.toml, line 1: max_download must be a whole number"},
+      {"retry = \"2\"\n", "settings file /etc/varn.toml, line 1: retry must be a whole number"},
   };
   for (const auto& row : rows) EXPECT_EQ(errorIn(row.toml), row.line) << row.toml;
 }
@@ -213,6 +227,64 @@ TEST_F(ReadSettingsFile, AFileAboveOneMebibyteIsRefused) {
   EXPECT_EQ(errorFrom(readSettingsFile(path)),
             "settings file " + path +
                 " (given by --config or VARN_CONFIG) can't be read: it is larger than 1 MiB");
+}
+
+class ReadStandardInput : public testing::Test {
+ protected:
+  void SetUp() override {
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    input_ = FileDescriptor(ends[0]);
+    writer_ = FileDescriptor(ends[1]);
+  }
+
+  // Writes all of it and closes the pipe, beside whoever reads.
+  std::thread write(const std::string& text) {
+    return std::thread([this, text] {
+      std::error_code ignored;
+      posix::writeAll(writer_.get(), text, ignored);
+      writer_.reset();
+    });
+  }
+
+  std::variant<SettingTexts, SettingsError> readAll(const std::string& text) {
+    std::thread writing = write(text);
+    auto result = readSettingsFile("-", input_);
+    input_.reset();
+    writing.join();
+    return result;
+  }
+
+  FileDescriptor input_;
+  FileDescriptor writer_;
+};
+
+TEST_F(ReadStandardInput, TakesWhatComesUntilItsEnd) {
+  EXPECT_EQ(std::get<SettingTexts>(readAll("customer = \"7\"\n#" + std::string(200000, 'x'))),
+            (SettingTexts{{"customer", "7"}}));
+}
+
+TEST_F(ReadStandardInput, WaitsWhenSomebodyHasLeftItNonBlocking) {
+  ASSERT_EQ(::fcntl(input_.get(), F_SETFL, O_NONBLOCK), 0);
+  EXPECT_EQ(std::get<SettingTexts>(readAll("customer = \"7\"\n")),
+            (SettingTexts{{"customer", "7"}}));
+}
+
+TEST_F(ReadStandardInput, NamesItselfInMistakes) {
+  EXPECT_EQ(errorFrom(readAll("\nservers = 1\n")),
+            "standard input, line 2: unknown setting servers");
+}
+
+TEST_F(ReadStandardInput, EndsAtOneMebibyteWhateverComes) {
+  ::signal(SIGPIPE, SIG_IGN);
+  EXPECT_EQ(errorFrom(readAll(std::string(4 << 20, '#'))),
+            "standard input (given by --config or VARN_CONFIG) can't be read: it is larger than 1 "
+            "MiB");
+}
+
+TEST_F(ReadStandardInput, IsAMistakeWhenItIsClosed) {
+  EXPECT_EQ(errorFrom(readSettingsFile("-", FileDescriptor())),
+            "standard input (given by --config or VARN_CONFIG) can't be read: Bad file descriptor");
 }
 
 }  // namespace

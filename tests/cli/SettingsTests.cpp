@@ -43,18 +43,19 @@ Settings settingsFrom(const SettingSources& sources,
 using Format = AgentLog::LogSettings::Format;
 using Severity = AgentLog::Severity;
 using Target = AgentLog::LogSettings::Target;
-using Values =
-    std::tuple<std::string, std::string, std::string, std::string, std::string, std::string,
-               std::string, std::string, std::uint64_t, std::optional<std::uint64_t>, bool,
-               Severity, Format, std::string, std::optional<Target>, bool>;
+using Values = std::tuple<std::string, std::string, std::string, std::string, std::string,
+                          std::string, std::string, std::string, std::string, std::string,
+                          std::uint32_t, std::uint64_t, std::optional<std::uint64_t>, bool,
+                          Severity, Format, std::string, std::optional<Target>, bool>;
 
 // In the order of their definitions.
 Values valuesOf(const Settings& settings) {
   const auto& agent = settings.agent;
-  return {agent.basePath,      agent.dataPath,     agent.customerID,    agent.serverURL,
-          agent.caFile,        agent.clientCert,   agent.clientKey,     agent.proxy,
-          agent.maxDownload,   settings.maxOutput, settings.verbose,    settings.log.least,
-          settings.log.format, settings.log.file,  settings.log.target, settings.log.quiet};
+  return {agent.basePath,      agent.dataPath,      agent.customerID,   agent.serverURL,
+          agent.caFile,        agent.clientCert,    agent.clientKey,    agent.proxy,
+          settings.headerFile, agent.netrcFile,     agent.retries,      agent.maxDownload,
+          settings.maxOutput,  settings.verbose,    settings.log.least, settings.log.format,
+          settings.log.file,   settings.log.target, settings.log.quiet};
 }
 
 std::string errorFrom(const SettingSources& sources,
@@ -72,14 +73,25 @@ TEST(SettingNames, FlagsAndVariablesAreMadeFromTheKey) {
 }
 
 TEST(LayerSettings, DefaultsStandWhereNothingIsGiven) {
-  const Values expected{"/opt/agent", "/opt/agent/data/7",
-                        "7",          "https://host",
-                        "",           "",
-                        "",           "",
-                        1073741824U,  std::nullopt,
-                        false,        Severity::info,
-                        Format::text, "",
-                        std::nullopt, false};
+  const Values expected{"/opt/agent",
+                        "/opt/agent/data/7",
+                        "7",
+                        "https://host",
+                        "",
+                        "",
+                        "",
+                        "",
+                        "",
+                        "",
+                        2U,
+                        1073741824U,
+                        std::nullopt,
+                        false,
+                        Severity::info,
+                        Format::text,
+                        "",
+                        std::nullopt,
+                        false};
   EXPECT_EQ(valuesOf(settingsFrom(complete())), expected);
 }
 
@@ -93,6 +105,9 @@ TEST(LayerSettings, EverySettingCanBeGivenInTheEnvironment) {
                                        {"VARN_CLIENT_CERT", "cert.pem"},
                                        {"VARN_CLIENT_KEY", "key.pem"},
                                        {"VARN_PROXY", "http://p:3128"},
+                                       {"VARN_HEADER_FILE", "headers"},
+                                       {"VARN_NETRC_FILE", "netrc"},
+                                       {"VARN_RETRY", "4"},
                                        {"VARN_MAX_DOWNLOAD", "5"},
                                        {"VARN_MAX_OUTPUT", "6"},
                                        {"VARN_VERBOSE", "true"},
@@ -109,6 +124,9 @@ TEST(LayerSettings, EverySettingCanBeGivenInTheEnvironment) {
                         "cert.pem",
                         "key.pem",
                         "http://p:3128",
+                        "headers",
+                        "netrc",
+                        4,
                         5,
                         6,
                         true,
@@ -224,8 +242,8 @@ TEST(LayerSettings, PathsBecomeAbsoluteWithoutATrailingSlash) {
 }
 
 TEST(LayerSettings, WhatOnlyAShellReplacesIsNoPath) {
-  for (const char* const key :
-       {"base_path", "data_path", "ca_file", "client_cert", "client_key", "log_file"}) {
+  for (const char* const key : {"base_path", "data_path", "ca_file", "client_cert", "client_key",
+                                "header_file", "netrc_file", "log_file"}) {
     for (const char* const given : {"~/agent", "~", "$HOME/agent", "/opt/${NAME}", "/opt/$(id)"}) {
       auto sources = complete();
       sources.flags[key] = given;
@@ -301,6 +319,14 @@ TEST(LayerSettings, AWrongLogFormatIsNamedWithTheSettingsFile) {
   sources.filePath = "/etc/varn.toml";
   EXPECT_EQ(errorFrom(sources),
             "log_format (given by settings file /etc/varn.toml) must be text or json, not \"xml\"");
+}
+
+TEST(LayerSettings, AWrongSettingOfStandardInputIsNamedWithIt) {
+  auto sources = complete();
+  sources.file = {{"log_format", "xml"}};
+  sources.filePath = "-";
+  EXPECT_EQ(errorFrom(sources),
+            "log_format (given by standard input) must be text or json, not \"xml\"");
 }
 
 TEST(LayerSettings, AWrongChoiceIsToldWhichThereAre) {
@@ -386,6 +412,19 @@ TEST(LayerSettings, NumbersOfBytesAreWholeAndAboveZero) {
                                         ") must be a number of bytes above zero, not \"" + bad +
                                         "\"");
     }
+  }
+}
+
+TEST(LayerSettings, TriesAreAWholeNumberUpToTen) {
+  auto sources = complete();
+  for (const std::string good : {"0", "1", "10"}) {
+    sources.flags["retry"] = good;
+    EXPECT_EQ(std::to_string(settingsFrom(sources).agent.retries), good);
+  }
+  for (const std::string bad : {"-1", "11", "1.5", "two", " 1", "4294967297"}) {
+    sources.flags["retry"] = bad;
+    EXPECT_EQ(errorFrom(sources),
+              "retry (given by --retry) must be a number from 0 to 10, not \"" + bad + "\"");
   }
 }
 

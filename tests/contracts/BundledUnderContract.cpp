@@ -42,11 +42,7 @@ class Bundled final : public contracts::Agent {
     writeFile(file, content);
   }
 
-  Checksum checksumOfABC() const override {
-    return {"SHA-256", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"};
-  }
-
-  void putElementThatIsNoText(const std::string& storagePath, const std::string& key,
+  bool putElementThatIsNoText(const std::string& storagePath, const std::string& key,
                               const std::string& element) override {
     sqlite3* database = nullptr;
     EXPECT_EQ(sqlite3_open_v2(storagePath.c_str(), &database, SQLITE_OPEN_READWRITE, nullptr),
@@ -56,18 +52,12 @@ class Bundled final : public contracts::Agent {
                            nullptr, nullptr),
               SQLITE_OK);
     sqlite3_close(database);
+    return true;
   }
 
-  std::vector<std::string> log() const override {
+  std::optional<std::vector<std::string>> log() const override {
     const std::lock_guard lock(mutex_);
     return log_;
-  }
-
-  std::string text(const std::string& name, const std::string& value) const override {
-    return "<" + name + "><![CDATA[" + value + "]]></" + name + ">";
-  }
-  std::string element(const std::string& name, const std::string& children) const override {
-    return "<" + name + ">\n" + children + " </" + name + ">\n";
   }
 
  private:

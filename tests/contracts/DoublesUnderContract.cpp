@@ -21,12 +21,13 @@ class Doubles final : public contracts::Agent {
 
   Checksum checksumOfABC() const override { return {"T", "3"}; }
 
-  void putElementThatIsNoText(const std::string&, const std::string& key,
+  bool putElementThatIsNoText(const std::string&, const std::string& key,
                               const std::string& element) override {
     doubles::Store::shared().rows[key] = {{element, std::nullopt}};
+    return true;
   }
 
-  std::vector<std::string> log() const override {
+  std::optional<std::vector<std::string>> log() const override {
     std::vector<std::string> lines;
     for (const doubles::LogRecord& record : doubles::Journal::shared().records()) {
       lines.push_back(record.level + " " + record.source + " " + record.operation + " " +

@@ -125,11 +125,11 @@ TEST_F(StoreContract, ARowThatDoesNotDecodeThrowsWhenFetchedButIsListed) {
   for (const char* const element : {"version", "scriptPath"}) {
     SCOPED_TRACE(element);
     const std::string key = "bad "s + element;
-    agent->putElementThatIsNoText(path, key, element);
+    if (!agent->putElementThatIsNoText(path, key, element)) continue;
     EXPECT_ANY_THROW(static_cast<void>(store->fetchValue(key, kRecord)));
     EXPECT_EQ(store->fetchTableAsDictionary().count(key), 1U);
     // Whoever does not ask for that element is not told of it, and the row can be replaced.
-    agent->putElementThatIsNoText(path, "other", "other");
+    EXPECT_TRUE(agent->putElementThatIsNoText(path, "other", "other"));
     EXPECT_EQ(fetched("other"), "");
     update(key, {"6", {}});
     EXPECT_EQ(fetched(key), "version 6");

@@ -5,6 +5,7 @@ A block's first line names its language and, after it, what it is for:
     ```console           a transcript: lines that begin with "$ " are commands, "> " continues
                          one, and all others are what it writes
     ```toml file=NAME    a file that is written to the page's directory (any language may have it)
+    ```cmake of=PATH     a piece of the file PATH of the tree (any language may be one)
     ```text              nothing that a machine reads
 
 In a transcript a line "…" stands for any number of lines, and "…" in a line for any text. Times and

@@ -22,8 +22,9 @@ class HttpsTest(CommandCase):
         self.put(text="echo safe\n")
 
     def assert_refused(self, *arguments, naming):
-        """Nothing is fetched, and one line of the downloader names the cause."""
-        result = self.run_json_log(*arguments, "run", "42", "--json")
+        """Nothing is fetched, and one line of the downloader names the cause: it is not tried
+        again."""
+        result = self.run_json_log("--retry", "2", *arguments, "run", "42", "--json")
         self.assertEqual(result.status, 3)
         self.assertEqual(json.loads(result.output)["status"], "not_run")
         causes = [r["message"] for r in result.records if r["source"] == "HttpHandlermac"]

@@ -9,7 +9,22 @@ from support.case import CommandCase
 from support.repository import CUSTOMER, LIST_PATH
 
 
-class PruneTest(CommandCase):
+class StateCase(CommandCase):
+    """A test that can tell whether anything here has changed."""
+
+    def traces(self):
+        """All that anybody could notice of the base path."""
+        found = {}
+        for directory, directories, files in os.walk(self.base):
+            for path in [directory, *(os.path.join(directory, name)
+                                      for name in directories + files)]:
+                status = os.lstat(path)
+                found[path] = (status.st_mode, status.st_ino, status.st_size, status.st_mtime_ns,
+                               status.st_ctime_ns)
+        return found
+
+
+class PruneTest(StateCase):
     """Removal of what the server's list lacks."""
 
     def setUp(self):
@@ -100,6 +115,78 @@ class PruneTest(CommandCase):
                           "file or directory"])
         self.assertEqual(len(self.listed()), 2)
 
+    def test_a_dry_run_names_what_a_removal_then_removes(self):
+        self.repository.drop("1")
+        before = self.traces()
+        for options, shown in (([], "1\n"),
+                               (["--json"], '{"dry_run":true,"removed":["1"]}\n')):
+            result = self.run_command("--quiet", "prune", "--dry-run", *options)
+            self.assertEqual((result.status, result.output, result.error), (0, shown, ""))
+        self.assertEqual(self.traces(), before)
+        result = self.run_command("--quiet", "prune", "--json")
+        self.assertEqual((result.status, result.output, result.error),
+                         (0, '{"dry_run":false,"removed":["1"]}\n', ""))
+        self.assertEqual([row["script_id"] for row in self.listed()], ["2"])
+        for options, shown in ((["--dry-run"], ""),
+                               (["--dry-run", "--json"], '{"dry_run":true,"removed":[]}\n'),
+                               (["--json"], '{"dry_run":false,"removed":[]}\n')):
+            result = self.run_command("--quiet", "prune", *options)
+            self.assertEqual((result.status, result.output, result.error), (0, shown, ""))
+
+    def test_a_dry_run_does_not_wait_for_a_script(self):
+        started, go = self.fifo("started"), self.fifo("go")
+        self.put(script_id="1", file_name="one.sh", version="2",
+                 text=f"echo $$ >{started}\nread line <{go}\n")
+        running = self.start("run", "1")
+        self.end_process_at_end(int(self.read_line_from(started)))
+        self.repository.drop("1")
+        result = self.run_command("--quiet", "prune", "--dry-run")
+        self.assertEqual((result.status, result.output), (0, "1\n"), result.error)
+        with open(go, "w", encoding="utf-8") as file:
+            file.write("go\n")
+        self.assertEqual(self.finish(running).status, 0)
+
+    def test_a_dry_run_guesses_nothing(self):
+        def expect(sentence, code):
+            for dry_run in (True, False):
+                option = ["--dry-run"] if dry_run else []
+                result = self.run_command("--quiet", "prune", *option)
+                self.assertEqual((result.status, result.output, result.error),
+                                 (3, "", sentence + "\n"))
+                result = self.run_command("--quiet", "prune", "--json", *option)
+                self.assertEqual((result.status, result.error), (3, ""))
+                self.assertEqual(json.loads(result.output), {
+                    "dry_run": dry_run, "removed": [], "reason": sentence, "reason_code": code})
+            self.assertEqual(len(self.listed()), 2)
+
+        with open(self.repository.root + LIST_PATH, encoding="utf-8") as file:
+            kept = file.read()
+        self.repository.write(LIST_PATH, "<html>Sign in</html>")
+        expect(f"The list of customer {CUSTOMER} is no list of scripts; it is damaged, or something "
+               "else came in its place", "list_unreadable")
+        self.repository.remove(LIST_PATH)
+        path = self.repository.root + LIST_PATH
+        expect(f"The list of customer {CUSTOMER} can't be fetched from {self.server}{LIST_PATH}: "
+               f"{path}: No such file or directory", "list_unavailable")
+        self.repository.write(LIST_PATH, kept)
+        os.chmod(path, 0o666)
+        expect(f"Refused: {path} may be written to by all users", "unsafe_directory")
+        os.chmod(path, 0o644)
+        documents = os.path.dirname(self.document_file("x"))
+        os.chmod(documents, 0o777)
+        expect(f"Refused: {documents} may be written to by all users", "unsafe_directory")
+        os.chmod(documents, 0o700)
+
+    def test_a_dry_run_with_a_store_that_can_not_be_read_says_so(self):
+        with open(self.store_file(), "wb") as file:
+            file.write(b"this is no database" * 100)
+        result = self.run_command("--quiet", "prune", "--dry-run", "--json")
+        answer = json.loads(result.output)
+        self.assertEqual((result.status, answer["removed"], answer["reason_code"]),
+                         (3, [], "local_state_failed"))
+        self.assertTrue(answer["reason"].startswith(
+            f"The store {self.store_file()} can't be read: "), answer)
+
     def test_a_list_that_does_not_decode_removes_nothing(self):
         self.repository.write(LIST_PATH, "<scripts-meta><ScriptRepo/></scripts-meta>")
         result = self.run_json_log("prune")
@@ -150,11 +237,44 @@ class ListTest(CommandCase):
             '"present":true}]\n'))
 
     def test_without_a_store_nothing_is_listed_and_nothing_created(self):
+        os.mkdir(self.base)
         result = self.run_command("list")
         self.assertEqual((result.status, result.output, result.error), (0, "", ""))
         result = self.run_command("list", "--json")
         self.assertEqual((result.status, result.output, result.error), (0, "[]\n", ""))
+        self.assertEqual(os.listdir(self.base), [])
+
+    def test_a_base_or_data_path_that_does_not_exist_is_told_of(self):
+        data = self.path("data")
+        for options, missing in (([], f"base_path {self.base}"),
+                                 (["--data-path", data], f"data_path {data}")):
+            remark = (f"varn-scripts: {missing} does not exist; without it there is nothing to "
+                      "list\n")
+            for form, output in (([], ""), (["--json"], "[]\n")):
+                result = self.run_command("list", *form, *options)
+                self.assertEqual((result.status, result.output, result.error), (0, output, remark))
+            result = self.run_command("--quiet", "list", *options)
+            self.assertEqual((result.status, result.output, result.error), (0, "", ""))
         self.assertFalse(os.path.exists(self.base))
+
+    def test_a_file_in_place_of_the_base_or_data_path_is_a_settings_error(self):
+        file = self.path("file")
+        with open(file, "w", encoding="utf-8"):
+            pass
+        base = ["--base-path", file]
+        data = ["--base-path", self.base, "--data-path", file]
+        below = ["--base-path", file + "/below"]
+        for options, said in (
+                (base, f"base_path (--base-path, VARN_BASE_PATH) is no directory: {file}"),
+                (data, f"data_path (--data-path, VARN_DATA_PATH) is no directory: {file}"),
+                (below, f"base_path (--base-path, VARN_BASE_PATH) is no directory: {file}/below: "
+                        "Not a directory")):
+            settings = ["--customer", CUSTOMER, "--server", self.server, *options]
+            for command in (["list"], ["list", "--server"], ["run", "42"], ["plan", "42"],
+                            ["prune"], ["prune", "--dry-run"]):
+                result = self.run_command(*command, settings=settings)
+                self.assertEqual((result.status, result.output, result.error),
+                                 (2, "", f"varn-scripts: {said}\n"), command)
 
     def test_the_data_path_is_enough(self):
         self.put()
@@ -184,6 +304,119 @@ class ListTest(CommandCase):
         self.assertEqual((result.status, result.output), (3, ""))
         self.assertTrue(result.error.startswith(
             f"The store {self.store_file()} can't be read: "), result.error)
+
+
+class ServerListTest(StateCase):
+    """What the server lists, and what of it is here."""
+
+    def rows(self):
+        result = self.run_command("--quiet", "list", "--server", "--json")
+        self.assertEqual((result.status, result.error), (0, ""))
+        return json.loads(result.output)
+
+    def states(self):
+        return {row["script_id"]: row["state"] for row in self.rows()}
+
+    def test_tells_of_each_script_whether_this_computer_has_it(self):
+        for script_id, version in (("b", "1"), ("a", "2024-01-01"), ("c", "3"), ("d", "4")):
+            self.put(script_id=script_id, file_name=script_id + ".sh", version=version)
+        for script_id in ("b", "c", "d"):
+            self.assertEqual(self.run_command("run", script_id).status, 0)
+        self.put(script_id="b", file_name="b.sh", version="2")
+        os.remove(self.document_file("c.xml"))
+        self.put(script_id="more", file_name="more.py")
+        before = self.traces()
+        result = self.run_command("--quiet", "list", "--server")
+        self.assertEqual((result.status, result.error), (0, ""))
+        self.assertEqual(result.output, (
+            "SCRIPT ID  VERSION     HERE        PLATFORM  NAME\n"
+            "b          2           outdated    Mac       b.sh\n"
+            "a          2024-01-01  absent      Mac       a.sh\n"
+            "c          3           incomplete  Mac       c.sh\n"
+            "d          4           up to date  Mac       d.sh\n"
+            "more       1           absent      Mac       more.py\n"))
+        self.assertEqual(self.rows()[0], {
+            "script_id": "b", "name": "b.sh", "version": "2", "platform": "Mac",
+            "state": "outdated", "local_version": "1"})
+        self.assertEqual(self.traces(), before)
+
+    def test_agrees_with_the_plan(self):
+        self.put()
+        steps = {"absent": "download", "outdated": "download", "incomplete": "download",
+                 "up_to_date": "up_to_date"}
+
+        def expect(state):
+            self.assertEqual(self.states(), {"42": state})
+            plan = json.loads(self.run_command("--quiet", "plan", "42", "--json").output)
+            self.assertEqual(plan["step"], steps[state])
+
+        expect("absent")
+        self.run_command("run", "42")
+        expect("up_to_date")
+        # A server that goes back is another version, too.
+        self.put(version="0")
+        expect("outdated")
+        self.run_command("run", "42")
+        expect("up_to_date")
+        os.remove(self.document_file("42.xml"))
+        expect("incomplete")
+        self.run_command("run", "42")
+        expect("up_to_date")
+        os.remove(self.script_file("job.sh"))
+        self.assertEqual(self.states(), {"42": "incomplete"})
+
+    def test_of_a_computer_that_has_nothing_creates_nothing(self):
+        self.put()
+        self.assertEqual(self.states(), {"42": "absent"})
+        self.assertFalse(os.path.exists(self.base))
+
+    def test_of_a_web_server_is_the_same(self):
+        self.put()
+        self.serve()
+        self.run_command("run", "42")
+        before = self.traces()
+        self.assertEqual(self.states(), {"42": "up_to_date"})
+        self.assertEqual(self.traces(), before)
+
+    def test_an_empty_list_gives_nothing(self):
+        result = self.run_command("--quiet", "list", "--server")
+        self.assertEqual((result.status, result.output, result.error), (0, "", ""))
+        self.assertEqual(self.rows(), [])
+
+    def test_without_the_list_says_why_and_lists_nothing(self):
+        self.put()
+        self.run_command("run", "42")
+        self.repository.remove(LIST_PATH)
+        path = self.repository.root + LIST_PATH
+        for form in ([], ["--json"]):
+            result = self.run_command("--quiet", "list", "--server", *form)
+            self.assertEqual((result.status, result.output, result.error), (
+                3, "", f"The list of customer {CUSTOMER} can't be fetched from "
+                       f"{self.server}{LIST_PATH}: {path}: No such file or directory\n"))
+
+    def test_without_a_readable_store_says_so(self):
+        self.put()
+        os.makedirs(os.path.dirname(self.store_file()))
+        with open(self.store_file(), "wb") as file:
+            file.write(b"this is no database" * 100)
+        result = self.run_command("--quiet", "list", "--server")
+        self.assertEqual((result.status, result.output), (3, ""))
+        self.assertTrue(result.error.startswith(
+            f"The store {self.store_file()} can't be read: "), result.error)
+
+    def test_needs_what_a_request_needs_and_takes_the_setting_of_the_same_name(self):
+        self.put()
+        settings = ["--base-path", self.base, "--customer", CUSTOMER]
+        result = self.run_command("list", "--server", settings=settings)
+        self.assertEqual((result.status, result.output), (2, ""))
+        self.assertIn("server is not set: give it with --server", result.error)
+        result = self.run_command("list", "--server", "--server", self.server, "--json",
+                                  settings=settings)
+        self.assertEqual([row["script_id"] for row in json.loads(result.output)], ["42"])
+        # Behind the command, too, a URL makes it the setting.
+        os.mkdir(self.base)
+        result = self.run_command("list", "--server", self.server, settings=settings)
+        self.assertEqual((result.status, result.output, result.error), (0, "", ""))
 
 
 class StoreTest(CommandCase):

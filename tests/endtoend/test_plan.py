@@ -59,7 +59,9 @@ class Plan(PublishCase):
             "interpreter": "/bin/sh",
             "arguments": ["-a", "two words"],
             "accepted_codes": ["0", "3"],
-            "problem": None})
+            "waits_for": None,
+            "problem": None,
+            "reason_code": None})
         self.assertFalse(os.path.exists(self.base))
 
     def test_is_a_text_for_people(self):
@@ -111,7 +113,8 @@ class Plan(PublishCase):
         os.remove(self.script_file("job.sh"))
         plan = self.plan_json()
         self.assertEqual((plan["step"], plan["reason"], plan["downloads"]),
-                         ("up_to_date", "the script file is missing", [self.script_location()]))
+                         ("up_to_date", "the script file is missing; it would be fetched again",
+                          [self.script_location()]))
 
     def test_with_a_changed_script_fetches_the_script_again(self):
         self.run_script()
@@ -119,7 +122,9 @@ class Plan(PublishCase):
             file.write("echo more\n")
         plan = self.plan_json()
         self.assertEqual((plan["step"], plan["reason"], plan["downloads"]),
-                         ("up_to_date", "the script file is not verified",
+                         ("up_to_date",
+                          f"{self.script_file('job.sh')} is not what the server's checksum says: "
+                          "its content is another; it would be fetched again",
                           [self.script_location()]))
 
     def test_of_an_unknown_script_says_so(self):

@@ -108,7 +108,7 @@ class RollbackTest(CommandCase):
         self.publish("echo ONE\n")
         with open(self.path("source", "scripts.toml"), "w", encoding="utf-8") as manifest:
             manifest.write('[[script]]\nid = "43"\nfile = "job.sh"\n')
-        self.run_command("publish", self.path("source"), self.path("www"),
+        self.run_command("publish", self.path("source"), self.path("www"), "--allow-removal",
                          settings=["--customer", CUSTOMER])
         self.assertEqual(self.run_command("prune").status, 0)
         self.assertEqual(self.marks(), [])

@@ -1,6 +1,10 @@
 """Settings from flags, environment and file; mistakes in them; exit statuses."""
 
-from support.case import CommandCase
+import os
+import signal
+import subprocess
+
+from support.case import DEADLINE, CommandCase
 
 
 class PlacesTest(CommandCase):
@@ -46,6 +50,67 @@ class PlacesTest(CommandCase):
     def test_options_may_stand_after_the_command(self):
         result = self.run_command("run", "42", *self.settings(), settings=[])
         self.assertEqual((result.status, result.output), (0, "done\n"), result.error)
+
+
+class StandardInputTest(CommandCase):
+    """--config -"""
+
+    def setUp(self):
+        super().setUp()
+        self.put(text="cat; readlink /proc/self/fd/0\n")
+        self.text = f'base_path = "base"\ncustomer = "7"\nserver = "{self.server}"\nquiet = true\n'
+
+    def run_with(self, text, *arguments, **options):
+        """Runs the command with the text on its standard input, which is a pipe."""
+        process = self.start(*arguments, settings=[], stdin=subprocess.PIPE, **options)
+        output, error = process.communicate(text.encode(), timeout=DEADLINE)
+        return process.returncode, output.decode(), error.decode()
+
+    def test_the_settings_are_read_and_scripts_have_none_of_it(self):
+        expected = (0, "/dev/null\n", "")
+        self.assertEqual(self.run_with(self.text, "--config", "-", "run", "42"), expected)
+        self.assertEqual(self.run_with(self.text, "run", "42",
+                                       environment=self.environment(VARN_CONFIG="-")), expected)
+
+    def test_a_file_is_fine(self):
+        path = self.path("settings")
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(self.text)
+        with open(path, "rb") as file:
+            result = self.run_command("--config", "-", "run", "42", settings=[], stdin=file)
+        self.assertEqual((result.status, result.output, result.error), (0, "/dev/null\n", ""))
+
+    def test_a_terminal_is_fine(self):
+        master, slave = os.openpty()
+        with os.fdopen(master, "wb", buffering=0) as terminal:
+            process = self.start("--config", "-", "run", "42", settings=[], stdin=slave)
+            os.close(slave)
+            terminal.write(self.text.encode() + b"\x04")
+            result = self.finish(process)
+        self.assertEqual((result.status, result.output, result.error), (0, "/dev/null\n", ""))
+
+    def test_mistakes_name_it(self):
+        for text, line in (("customer = 7\n", "standard input, line 1: customer must be a text in "
+                                              "quotation marks"),
+                           ('log_format = "xml"\n', "log_format (given by standard input) must be "
+                                                    'text or json, not "xml"'),
+                           ("#" * (2 << 20), "standard input (given by --config or VARN_CONFIG) "
+                                             "can't be read: it is larger than 1 MiB")):
+            self.assertEqual(self.run_with(text, "--config", "-", "list"),
+                             (2, "", f"varn-scripts: {line}\n"))
+
+    def test_a_closed_one_is_a_mistake(self):
+        result = self.run_command("--config", "-", "list", settings=[],
+                                  stdin=None, preexec_fn=lambda: os.close(0))
+        self.assertEqual((result.status, result.output, result.error),
+                         (2, "", "varn-scripts: standard input (given by --config or VARN_CONFIG) "
+                                 "can't be read: Bad file descriptor\n"))
+
+    def test_a_signal_ends_the_wait_for_it(self):
+        process = self.start("--config", "-", "run", "42", settings=[], stdin=subprocess.PIPE)
+        self.wait_until(lambda: self.state_of(process.pid) == "S", "the wait for settings")
+        process.send_signal(signal.SIGTERM)
+        self.assertEqual(process.wait(timeout=DEADLINE), -signal.SIGTERM)
 
 
 class MistakesTest(CommandCase):

@@ -271,14 +271,19 @@ class Settings(DirectoryCase):
         lines = [line[2:] if line.startswith("# ") and " = " in line else line
                  for line in text.splitlines()]
         keys = [line.split(" = ")[0] for line in lines if " = " in line]
-        config = self.file("all.toml", "\n".join(lines).replace("/var/log", str(self.directory)))
+        text = "\n".join(lines).replace("/var/log", str(self.directory))
+        for name in ("headers", "netrc"):
+            path = self.file(name, "")
+            path.chmod(0o600)
+            text = text.replace(f"/etc/varn-scripts/{name}", str(path))
+        config = self.file("all.toml", text)
         result = self.list_with(config)
         self.assertEqual((result.returncode, json.loads(result.stdout)), (0, []), result.stderr)
         self.assertEqual(
             sorted(keys),
             ["base_path", "ca_file", "client_cert", "client_key", "customer", "data_path"]
-            + ["log_file", "log_format", "log_level", "log_target", "max_download", "max_output"]
-            + ["proxy", "quiet", "server", "verbose"],
+            + ["header_file", "log_file", "log_format", "log_level", "log_target", "max_download"]
+            + ["max_output", "netrc_file", "proxy", "quiet", "retry", "server", "verbose"],
         )
 
 
@@ -286,18 +291,18 @@ class Demo(DirectoryCase):
     def demo(self, command, directory):
         return execute([EXAMPLES / "demo", command, directory])
 
-    def test_the_demonstration_goes_as_told_also_a_second_time(self):
+    def test_the_demonstration_goes_as_described_also_a_second_time(self):
         for _ in range(2):
             result = self.demo(tested_command(), self.directory / "demo")
             self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
-            self.assertIn("\nAll 10 steps went as told. ", result.stdout)
+            self.assertIn("\nAll 10 steps went as described. ", result.stdout)
 
     def test_the_demonstration_fails_with_a_command_that_does_nothing(self):
         program = self.file("nothing", "#!/bin/sh\nexit 0\n")
         program.chmod(0o755)
         result = self.demo(program, self.directory / "demo")
         self.assertEqual(result.returncode, 1)
-        self.assertIn("demo: not as told: ", result.stderr)
+        self.assertIn("demo: not as described: ", result.stderr)
 
     def test_the_demonstration_leaves_a_directory_of_somebody_else_alone(self):
         precious = self.file("home/precious", "mine")

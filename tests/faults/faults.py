@@ -71,6 +71,8 @@ class Harness:
         with open(settings, "w", encoding="utf-8") as file:
             file.write(
                 f'base_path = "{computer.base}"\ncustomer = "7"\nserver = "{self.server_url(server)}"\n'
+                # A disturbed download is to fail, not to go better after a pause.
+                "retry = 0\n"
             )
         return [self.command, "--config", settings, *arguments]
 

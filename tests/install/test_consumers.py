@@ -9,15 +9,19 @@ VARN_BUILD_TYPE.
 import json
 import os
 import pathlib
+import re
+import shutil
 import subprocess
 import tempfile
 import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 EMBED = ROOT / "examples/embed"
+RESIDENT = ROOT / "examples/resident"
 CONSUMERS = pathlib.Path(__file__).resolve().parent / "consumers"
 HEADERS = ["AgentLog.h", "AgentSettings.h", "AgentStore.h", "AgentUtils.h",
-           "LogSettings.h", "MarkupParser.h", "ScriptRepositoryLocalMeta.h",
+           "LogSettings.h", "MarkupParser.h", "ScriptRepositoryHost.h",
+           "ScriptRepositoryLocalMeta.h",
            "ScriptRepositoryProcessor.h", "ScriptRunObserver.h", "VarnExport.h"]
 
 
@@ -60,11 +64,15 @@ class DirectoryCase(unittest.TestCase):
         (self.directory / "first").rename(prefix)
         return prefix
 
-    def publish(self):
+    def publish(self, source=ROOT / "examples/scripts", *options):
         server = self.directory / "server"
         execute([pathlib.Path(os.environ["VARN_BUILD_DIRECTORY"]) / "bin/varn-scripts",
-                 "--customer", "acme", "publish", ROOT / "examples/scripts", server])
+                 "--customer", "acme", "publish", source, server, *options])
         return server
+
+    def library_environment(self, prefix):
+        library = next(prefix.rglob("libVarnScriptRepository.so")).parent
+        return {**os.environ, "LD_LIBRARY_PATH": str(library)}
 
     def check_agent(self, agent):
         base = self.directory / "base"
@@ -98,11 +106,10 @@ class Installed(DirectoryCase):
 
     def check_shared(self, program):
         base = self.directory / "shared base"
-        library = next(self.prefix.rglob("libVarnScriptRepository.so")).parent
         server = self.publish()
         for script, verdict in (("105", "accepted"), ("106", "rejected"), ("999", "not run")):
             done = execute([program, base, f"file://{server}", script],
-                           env={**os.environ, "LD_LIBRARY_PATH": str(library)})
+                           env=self.library_environment(self.prefix))
             self.assertEqual(f"{base}/data/Configuration-Framework/ScriptRepository\n"
                              f"{verdict}\n", done.stdout)
             self.assertEqual("", done.stderr)
@@ -150,11 +157,145 @@ class Installed(DirectoryCase):
             text = path.read_text(encoding="utf-8")
             self.assertEqual([], [place for place in places if place in text], path)
 
+    def test_settings_are_named_one_by_one_without_a_warning(self):
+        source = self.directory / "settings.cpp"
+        source.write_text(
+            '#include "AgentSettings.h"\n#include "LogSettings.h"\n'
+            'void set() {\n'
+            '  AgentUtils::configure({.basePath = "/opt/agent", .serverURL = "file:///srv"});\n'
+            '  AgentLog::configure({.quiet = true});\n'
+            '  static const AgentUtils::GlobalVariables own{.vyCustomerID = "7"};\n'
+            '  AgentUtils::gv_globvars = &own;\n'
+            '}\n', encoding="utf-8")
+        execute([os.environ["VARN_CXX"], "-std=c++20", "-fsyntax-only", "-Wall", "-Wextra",
+                 "-Wmissing-field-initializers", "-Werror", *self.pkg_config("--cflags"), source])
+
     def test_the_command_finds_its_library_beside_it(self):
         if "sanitize" in os.environ["VARN_CXX_FLAGS"]:
             self.skipTest("a sanitizer's runtime decides what is loaded")
         done = execute([self.prefix / "bin/varn-scripts", "--version"])
         self.assertEqual("varn-scripts 0.1.0\n", done.stdout)
+
+
+class Resident(DirectoryCase):
+    """A host on the installed library that lives for longer than one version of a script."""
+
+    def setUp(self):
+        super().setUp()
+        prefix = self.install()
+        build = self.directory / "build"
+        self.configure(RESIDENT, build, f"-DCMAKE_PREFIX_PATH={prefix}")
+        self.build(build)
+        self.host = build / "resident"
+        self.environment = self.library_environment(prefix)
+        self.source = self.directory / "source"
+        self.source.mkdir()
+        self.base = self.directory / "base"
+
+    def publish_scripts(self, **texts):
+        manifest = ""
+        for script_id, text in texts.items():
+            (self.source / f"{script_id}.sh").write_text(text, encoding="utf-8")
+            manifest += f'[[script]]\nid = "{script_id}"\nfile = "{script_id}.sh"\n'
+        (self.source / "scripts.toml").write_text(manifest, encoding="utf-8")
+        return self.publish(self.source, "--allow-removal")
+
+    def start(self, server):
+        process = subprocess.Popen(
+            [self.host, self.base, f"file://{server}", "acme"], stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, encoding="utf-8",
+            env=self.environment)
+        self.addCleanup(process.communicate)
+        return process
+
+    def ask(self, process, script_id):
+        """What the host writes for one ID."""
+        process.stdin.write(script_id + "\n")
+        process.stdin.flush()
+        lines = []
+        while not lines or lines[-1] not in ("done\n", ""):
+            lines.append(process.stdout.readline())
+        self.assertEqual("done\n", lines[-1])
+        return "".join(lines[:-1])
+
+    def test_it_runs_new_versions_and_removes_what_is_dropped(self):
+        server = self.publish_scripts(one="echo first\n", two="echo other\n")
+        process = self.start(server)
+        self.assertEqual("one accepted\nfirst\n", self.ask(process, "one"))
+        self.assertEqual("two accepted\nother\n", self.ask(process, "two"))
+        dropped = self.base / "client-data/acme/scripts-repository/two.sh"
+        self.assertTrue(dropped.exists())
+
+        self.publish_scripts(one="echo second\n")
+        self.assertEqual("one accepted\nsecond\ntwo removed\n", self.ask(process, "one"))
+        self.assertFalse(dropped.exists())
+        self.assertEqual("two not run\n", self.ask(process, "two"))
+
+        # Away with the server: what is there goes on running.
+        server.rename(self.directory / "gone")
+        self.assertEqual("one accepted\nsecond\n", self.ask(process, "one"))
+
+    def test_it_takes_turns_with_the_command(self):
+        go = self.directory / "go"
+        os.mkfifo(go)
+        server = self.publish_scripts(one=f"echo begun >'{go}.begun'\nread line <'{go}'\n"
+                                          "echo ended\n")
+        os.mkfifo(f"{go}.begun")
+        process = self.start(server)
+        process.stdin.write("one\n")
+        process.stdin.flush()
+        with open(f"{go}.begun", encoding="utf-8") as begun:
+            self.assertEqual("begun\n", begun.read())
+        command = pathlib.Path(os.environ["VARN_BUILD_DIRECTORY"]) / "bin/varn-scripts"
+        refused = execute([command, "--customer", "acme", "--base-path", self.base, "--server",
+                           f"file://{server}", "run", "one", "--no-wait"], expected=3)
+        self.assertIn(f"Script one is in use by process {process.pid}\n", refused.stderr)
+        with open(go, "w", encoding="utf-8") as file:
+            file.write("go\n")
+        self.assertEqual(["one accepted\n", "ended\n", "done\n"],
+                         [process.stdout.readline() for _ in range(3)])
+
+    def test_it_names_the_setting_that_is_wrong(self):
+        wrong = execute([self.host, "", "file:///srv", "acme"], expected=2, env=self.environment)
+        self.assertEqual("AgentSettings::basePath is not given\n", wrong.stderr)
+        wrong = execute([self.host, "base", "file:///srv", "acme"], expected=2,
+                        env=self.environment)
+        self.assertEqual("AgentSettings::basePath is relative: base\n", wrong.stderr)
+
+
+class Contracts(DirectoryCase):
+    """The suites of the four headers, installed, on an agent's own modules."""
+
+    def setUp(self):
+        super().setUp()
+        prefix = self.install()
+        self.agent = self.directory / "agent"
+        shutil.copytree(EMBED, self.agent)
+        self.configure(self.agent, self.directory / "build", f"-DCMAKE_PREFIX_PATH={prefix}",
+                       "-DAGENT_CONTRACTS=ON")
+
+    def outcomes(self, expected):
+        execute([os.environ["VARN_CMAKE"], "--build", self.directory / "build",
+                 "--target", "agent-contracts"])
+        written = execute([self.directory / "build/agent-contracts"], expected=expected).stdout
+        return {outcome: sorted(set(re.findall(rf"(?m)^\[ *{outcome} *\] (\w+\.\w+)", written)))
+                for outcome in ("OK", "SKIPPED", "FAILED")}
+
+    def test_the_example_agent_keeps_them_and_a_wrong_module_does_not(self):
+        right = self.outcomes(expected=0)
+        self.assertGreater(len(right["OK"]), 25)
+        self.assertEqual([], right["FAILED"])
+        self.assertEqual(["LogContract"], sorted({name.split(".")[0] for name in right["SKIPPED"]}))
+
+        source = self.agent / "agent.cpp"
+        text = source.read_text(encoding="utf-8")
+        digest = "std::equal(digest, digest + size, wanted, wanted + wantedSize)"
+        self.assertIn(digest, text)
+        source.write_text(text.replace(digest, "true"), encoding="utf-8")
+        wrong = self.outcomes(expected=1)
+        self.assertEqual(["ChecksumContract.IsOfTheFilesContent",
+                          "ChecksumContract.OfAnotherAlgorithmOrValueIsNone"], wrong["FAILED"])
+        self.assertEqual(len(right["OK"]) - 2, len(wrong["OK"]))
 
 
 class FromSources(DirectoryCase):

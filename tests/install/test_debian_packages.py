@@ -13,8 +13,8 @@ import unittest
 
 RUNTIME = [
     "usr/bin/varn-scripts",
-    "usr/{lib}/libVarnScriptRepository.so.0",
-    "usr/{lib}/libVarnScriptRepository.so.0.1.0",
+    "usr/lib/systemd/system/varn-scripts-prune.service",
+    "usr/lib/systemd/system/varn-scripts-prune.timer",
     "usr/lib/systemd/system/varn-scripts@.service",
     "usr/lib/systemd/system/varn-scripts@.timer",
     "usr/share/bash-completion/completions/varn-scripts",
@@ -23,9 +23,15 @@ RUNTIME = [
     "usr/share/doc/varn-scripts/examples/demo",
     "usr/share/doc/varn-scripts/examples/look-only.conf",
     "usr/share/doc/varn-scripts/examples/varn-scripts.toml",
+    "usr/share/fish/vendor_completions.d/varn-scripts.fish",
     "usr/share/man/man1/varn-scripts.1.gz",
+    "usr/share/man/man5/scripts.toml.5.gz",
     "usr/share/man/man5/varn-scripts.toml.5.gz",
     "usr/share/zsh/{zsh}/_varn-scripts",
+]
+LIBRARY = [
+    "usr/{lib}/libVarnScriptRepository.so.0",
+    "usr/{lib}/libVarnScriptRepository.so.0.1.0",
 ]
 DEVELOPMENT = [
     "usr/include/VarnScriptRepository/AgentLog.h",
@@ -34,6 +40,7 @@ DEVELOPMENT = [
     "usr/include/VarnScriptRepository/AgentUtils.h",
     "usr/include/VarnScriptRepository/LogSettings.h",
     "usr/include/VarnScriptRepository/MarkupParser.h",
+    "usr/include/VarnScriptRepository/ScriptRepositoryHost.h",
     "usr/include/VarnScriptRepository/ScriptRepositoryLocalMeta.h",
     "usr/include/VarnScriptRepository/ScriptRepositoryProcessor.h",
     "usr/include/VarnScriptRepository/ScriptRunObserver.h",
@@ -41,6 +48,7 @@ DEVELOPMENT = [
     "usr/{lib}/cmake/VarnScriptRepository/FindObjectRuntime.cmake",
     "usr/{lib}/cmake/VarnScriptRepository/VarnScriptRepositoryConfig.cmake",
     "usr/{lib}/cmake/VarnScriptRepository/VarnScriptRepositoryConfigVersion.cmake",
+    "usr/{lib}/cmake/VarnScriptRepository/VarnScriptRepositoryContractsTargets.cmake",
     "usr/{lib}/cmake/VarnScriptRepository/VarnScriptRepositoryMarkupParserTargets.cmake",
     "usr/{lib}/cmake/VarnScriptRepository/VarnScriptRepositoryTargets.cmake",
     "usr/{lib}/cmake/VarnScriptRepository/VarnScriptRepositoryUnitsTargets.cmake",
@@ -48,8 +56,19 @@ DEVELOPMENT = [
     "usr/{lib}/libVarnScriptRepository.so",
     "usr/{lib}/libVarnScriptRepositoryUnits.a",
     "usr/{lib}/pkgconfig/VarnScriptRepository.pc",
+    "usr/share/VarnScriptRepository/contracts/Contract.h",
+    "usr/share/VarnScriptRepository/contracts/LogContractTests.cpp",
+    "usr/share/VarnScriptRepository/contracts/ParserContractTests.cpp",
+    "usr/share/VarnScriptRepository/contracts/StoreContractTests.cpp",
+    "usr/share/VarnScriptRepository/contracts/UtilitiesContractTests.cpp",
+    "usr/share/VarnScriptRepository/contracts/support/KeyedCoding.h",
+    "usr/share/VarnScriptRepository/contracts/support/SmallRecords.h",
+    "usr/share/VarnScriptRepository/contracts/support/StoredRecord.h",
+    "usr/share/doc/varn-scripts/examples/embed/AgentUnderContract.cpp",
     "usr/share/doc/varn-scripts/examples/embed/CMakeLists.txt",
     "usr/share/doc/varn-scripts/examples/embed/agent.cpp",
+    "usr/share/doc/varn-scripts/examples/resident/CMakeLists.txt",
+    "usr/share/doc/varn-scripts/examples/resident/resident.cpp",
 ]
 # One file for each way of compiling, named after it.
 PER_CONFIGURATION = re.compile(r"Targets-[a-z]+\.cmake$")
@@ -87,13 +106,18 @@ class DebianPackages(unittest.TestCase):
     def expected(self, package, listed):
         """The list, with the directories that the prefix of the build decides about."""
         files = self.files(package)
-        library = next(path for path in files if "/libVarnScriptRepository" in path)
+        library = next((path for path in files if "/libVarnScriptRepository" in path), "usr//")
         zsh = [path.split("/")[3] for path in files if path.startswith("usr/share/zsh/")]
         return sorted(path.format(lib=library.split("/", 1)[1].rsplit("/", 1)[0], zsh=(*zsh, "")[0])
                       for path in listed)
 
-    def test_there_are_two(self):
-        self.assertEqual({"varn-scripts", "libvarnscriptrepository-dev"}, set(self.found))
+    def test_there_are_three(self):
+        self.assertEqual({"varn-scripts", "libvarnscriptrepository0", "libvarnscriptrepository-dev"},
+                         set(self.found))
+
+    def test_the_librarys_package_holds_the_library_alone(self):
+        package = "libvarnscriptrepository0"
+        self.assertEqual(self.expected(package, LIBRARY), self.files(package))
 
     def test_the_commands_package_holds_what_the_list_says(self):
         files = [path for path in self.files("varn-scripts") if not path.startswith(SCRIPTS)]
@@ -119,30 +143,48 @@ class DebianPackages(unittest.TestCase):
         self.assertEqual("0.1.0", self.field("varn-scripts", "Version"))
         self.assertEqual("admin", self.field("varn-scripts", "Section"))
         self.assertEqual("ca-certificates, python3", self.field("varn-scripts", "Recommends"))
-        depends = [one.split()[0] for one in self.field("varn-scripts", "Depends").split(", ")]
-        for library in ("libc6", "libcurl", "libexpat1", "libobjc4", "libspdlog", "libsqlite3-0",
-                        "libssl3", "libstdc++6", "libutf8proc"):
-            self.assertEqual(1, len([one for one in depends if one.startswith(library)]), library)
-        self.assertEqual([], [one for one in depends if one.endswith("-dev")])
+        for package in ("varn-scripts", "libvarnscriptrepository0"):
+            depends = [one.split()[0] for one in self.field(package, "Depends").split(", ")]
+            for library in ("libc6", "libcurl", "libexpat1", "libobjc4", "libspdlog",
+                            "libsqlite3-0", "libssl3", "libstdc++6", "libutf8proc"):
+                self.assertEqual(1, len([one for one in depends if one.startswith(library)]),
+                                 (package, library))
+            self.assertEqual([], [one for one in depends if one.endswith("-dev")])
+            # Neither of the two needs the other.
+            self.assertEqual([], [one for one in depends if "varn" in one])
+        self.assertEqual("libs", self.field("libvarnscriptrepository0", "Section"))
 
         package = "libvarnscriptrepository-dev"
         self.assertEqual("libdevel", self.field(package, "Section"))
         self.assertRegex(self.field(package, "Depends"),
-                         r"^varn-scripts \(= 0\.1\.0\), libexpat1-dev, libobjc-[0-9]+-dev, "
+                         r"^libvarnscriptrepository0 \(= 0\.1\.0\), libexpat1-dev, libobjc-[0-9]+-dev, "
                          r"libutf8proc-dev, pkgconf \| pkg-config$")
         self.assertTrue(self.field("varn-scripts", "Description").startswith(
             "Runs an organisation's scripts from a verified local copy\n The command"))
 
-    def test_installing_tells_the_loader_and_purging_takes_the_state_away(self):
-        with tempfile.TemporaryDirectory(prefix="varn-control-") as directory:
-            execute("dpkg-deb", "--control", self.found["varn-scripts"], directory)
-            control = pathlib.Path(directory)
-            self.assertEqual("activate-noawait ldconfig\n",
-                             (control / "triggers").read_text(encoding="utf-8"))
-            self.assertEqual("libVarnScriptRepository 0 varn-scripts (>= 0.1.0)\n",
-                             (control / "shlibs").read_text(encoding="utf-8"))
-            for script in ("postinst", "prerm", "postrm"):
-                execute("sh", "-n", control / script)
-                self.assertTrue(os.access(control / script, os.X_OK), script)
-            self.assertIn("rm -rf /var/lib/varn-scripts\n",
-                          (control / "postrm").read_text(encoding="utf-8"))
+    def control(self, package):
+        directory = tempfile.TemporaryDirectory(prefix="varn-control-")
+        self.addCleanup(directory.cleanup)
+        execute("dpkg-deb", "--control", self.found[package], directory.name)
+        return pathlib.Path(directory.name)
+
+    def test_installing_the_library_tells_the_loader(self):
+        control = self.control("libvarnscriptrepository0")
+        self.assertEqual("activate-noawait ldconfig\n",
+                         (control / "triggers").read_text(encoding="utf-8"))
+        self.assertEqual("libVarnScriptRepository 0 libvarnscriptrepository0 (>= 0.1.0)\n",
+                         (control / "shlibs").read_text(encoding="utf-8"))
+        # What CPack adds calls the loader as well; nothing else happens.
+        for script in ("postinst", "postrm"):
+            text = (control / script).read_text(encoding="utf-8")
+            self.assertNotIn("systemctl", text)
+            self.assertNotIn("rm -r", text)
+
+    def test_purging_the_command_takes_the_state_away(self):
+        control = self.control("varn-scripts")
+        self.assertFalse((control / "shlibs").exists())
+        for script in ("postinst", "prerm", "postrm"):
+            execute("sh", "-n", control / script)
+            self.assertTrue(os.access(control / script, os.X_OK), script)
+        self.assertIn("rm -rf /var/lib/varn-scripts\n",
+                      (control / "postrm").read_text(encoding="utf-8"))

@@ -11,7 +11,7 @@ set(varn_tests_of_never-unverified
   "^IsValidChecksumForFile\\."
   "^DownloadPath\\.WhoseScript" "^DownloadPath\\.WithoutAChecksum" "^LocalPath\\.WhoseScript"
   "^LocalPath\\.WithoutAChecksum" "^ThrowingDependencies\\.AValidator" "^FileLockOffset\\."
-  "^RequestLockTest\\." "^endtoend\\.test_turns\\." "^HttpConditional\\." "^endtoend\\.test_polls\\." "^faults/"
+  "^ScriptTurnTest\\." "^endtoend\\.test_turns\\." "^HttpConditional\\." "^endtoend\\.test_polls\\." "^faults/"
   "^fuzz.*whole-request")
 set(varn_tests_of_never-torn
   "^Download\\." "^bundled\\.(Download|Store)Contract\\." "^SharedStore\\." "^Store\\."
@@ -28,13 +28,14 @@ set(varn_tests_of_never-wider
   "^LogFile\\.(IsForTheOwner|IsNotWrittenThroughALink|IsNotInherited|IsNoFIFO|OfAnotherUser)"
   "^Files\\.(RemovalOfALink|WhatHasNoName|APathWithANUL)" "^SystemCallFaults\\.ADirectoryThat"
   "^LogFile\\.WithASecondName" "^LogFileReplaced\\."
-  "^RequestLockTest\\.(FileAndDirectories|ASymbolicLink)"
+  "^ScriptTurnTest\\.(FileAndDirectories|ASymbolicLink)"
   "^ShellProcess\\.(Sees|StartsWith|RunsWhenTheHostHasNoStandard)"
   "^endtoend\\.test_requests\\.FilesTest" "^endtoend\\.test_scripts\\.SurroundingsTest")
 set(varn_tests_of_never-fooled
-  "^HttpFailure\\." "^HttpDownload\\." "^HttpConditional\\." "^AnswerValidators\\."
+  "^HttpFailure\\." "^HttpDownload\\." "^HttpRetry\\." "^HttpConditional\\." "^AnswerValidators\\."
   "^EntityTag\\." "^HTTPDate\\." "^Condition\\." "^GzipDecoder\\." "^ServerURL\\." "^FileServer\\."
-  "^endtoend\\.test_https\\." "^endtoend\\.test_failures\\.LimitTest")
+  "^RequestHeaders\\." "^endtoend\\.test_https\\." "^endtoend\\.test_reaching\\."
+  "^endtoend\\.test_failures\\.LimitTest")
 set(varn_tests_of_never-steered
   "^LogTextLine\\." "^Printable(Text|JSON)\\." "^ListTable\\.WidthCounts")
 set(varn_tests_of_xml-is-data

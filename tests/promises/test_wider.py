@@ -175,9 +175,14 @@ class OpenPlacesTest(PromiseCase):
                     os.chmod(place, mode)
                     result = self.run_command(command, "42")
                     os.chmod(place, kept)
-                    self.assertEqual((result.status, result.output), (3, ""), result.error)
-                    self.assertIn(f"Refused: {place} may be written to by all users",
-                                  result.error_lines[-1])
+                    refusal = f"Refused: {place} may be written to by all users"
+                    self.assertEqual(result.status, 3, result.error)
+                    if command == "plan":
+                        self.assertEqual(result.output.splitlines()[-1],
+                                         "not run:        " + refusal)
+                        self.assertNotIn("interpreter:", result.output)
+                    else:
+                        self.assertEqual((result.output, result.error_lines[-1]), ("", refusal))
         self.figure(f"{len(places)} places open to all, in requests and plans: none is used, each "
                     "is named")
 

@@ -32,7 +32,7 @@ class ScriptIDs : public SourceTest {
   }
 
   std::vector<std::string> findingsOfID(const std::string& id) {
-    return findingsOf("[[script]]\nid = \"" + id + "\"\nfile = \"a.sh\"\n");
+    return findingsOf(twoScripts(id, "a.sh", "other", "b.sh"));
   }
 };
 
@@ -187,6 +187,7 @@ TEST_F(ScriptFiles, MayHaveAnyOfTheFourExtensions) {
   for (const std::string name : {"a.sh", "a.py", "a.pl", "a.scpt", ".sh", "a b.sh", "50%41.sh"}) {
     write(name, "x\n");
     EXPECT_THAT(findingsOfFile(name), IsEmpty()) << name;
+    std::filesystem::remove(path(name));
   }
 }
 
@@ -204,12 +205,14 @@ TEST_F(ScriptFiles, AreWarnedOfWhenOtherScriptsWouldLoadThemForAModule) {
                             "\" is that of a module of " + library +
                             "'s standard library, and other scripts may load the file in its "
                             "place; give the script's file another name"));
+    std::filesystem::remove(path(name));
   }
   for (const std::string name :
        {"json.sh", "json.pl", "bytes_heavy.py", "JSON.py", "json.tool.py", "jso.py", "jsons.py",
         "strict.pl", ".py", " .py", "abc ast.py", "zz.py", "_.py", "a.py"}) {
     write(name, "print 1\n");
     EXPECT_THAT(findingsOfFile(name), IsEmpty()) << name;
+    std::filesystem::remove(path(name));
   }
 }
 
@@ -266,6 +269,151 @@ TEST_F(ScriptFiles, AreRefusedWhenTheyAreLinksThatLeadOut) {
                             "\" is a symbolic link that leads out of S; put the script itself "
                             "there"));
   }
+}
+
+// ---- Files that no entry names ---------------------------------------------------------------
+
+using UnnamedFiles = SourceTest;
+
+TEST_F(UnnamedFiles, AreWarnedOfInTheOrderOfTheirNames) {
+  writeOneScript("");
+  for (const char* const name : {"old.sh", "data.csv", "helper.py", "a.sh~", "scripts.toml.orig"}) {
+    write(name, "x\n");
+  }
+  const std::string what =
+      ": warning: no entry of the manifest names the file, so it is not published; give it an "
+      "entry, or move it out of the directory";
+  EXPECT_THAT(findings(), ElementsAre("S/a.sh~" + what, "S/data.csv" + what, "S/helper.py" + what,
+                                      "S/old.sh" + what, "S/scripts.toml.orig" + what));
+}
+
+TEST_F(UnnamedFiles, MayBeForPeopleAndTheirTools) {
+  writeOneScript("");
+  for (const char* const name :
+       {".gitignore", ".hidden.sh", "README", "README.txt", "notes.md", "LICENSE", "COPYING",
+        "NOTICE", "CHANGELOG.rst", "CODEOWNERS", "Makefile"}) {
+    write(name, "x\n");
+  }
+  std::filesystem::create_directory(path("directory"));
+  write("directory/b.sh", "x\n");
+  std::filesystem::create_symlink("nowhere", path("link"));
+  EXPECT_THAT(findings(), IsEmpty());
+}
+
+TEST_F(UnnamedFiles, AreOnlyCountedWhenTheyAreMany) {
+  writeOneScript("");
+  for (int number = 10; number < 33; ++number) write(std::to_string(number), "x\n");
+  const auto found = findings();
+  ASSERT_EQ(found.size(), 11U);
+  EXPECT_EQ(found[9].substr(0, 5), "S/19:");
+  EXPECT_EQ(found[10],
+            "S: warning: no entry of the manifest names 13 more files; give them entries, or move "
+            "them out of the directory");
+}
+
+// ---- What the computers make of a script -----------------------------------------------------
+
+class ScriptLines : public SourceTest {
+ protected:
+  std::vector<std::string> findingsIn(const std::string& file, const std::string& text,
+                                      const std::string& keys = "") {
+    write(file, text);
+    auto found = findingsOf("[[script]]\nid = \"1\"\nfile = \"" + file + "\"\n" + keys);
+    std::filesystem::remove(path(file));
+    return found;
+  }
+};
+
+TEST_F(ScriptLines, MayNameTheInterpreterThatTheComputersStart) {
+  const struct {
+    std::string file;
+    std::vector<std::string> lines;
+  } files[] = {
+      {"a.sh",
+       {"#!/bin/sh", "#! /bin/sh", "#!/usr/bin/sh", "#!/usr/bin/env sh", "#!/bin/sh -",
+        "#!/bin/sh --", "#!/bin/sh\r", "#!sh", "#!", "#! ", "#!/usr/bin/env", "# /bin/bash", ""}},
+      {"a.py",
+       {"#!/usr/bin/python3", "#!/usr/bin/env python3", "#!/usr/bin/env python",
+        "#!/usr/bin/env -S python3", "#!/usr/bin/env A=b python3"}},
+      {"a.pl", {"#!/usr/bin/perl", "#!/usr/bin/perl -w", "#!/usr/bin/env perl"}},
+      {"a.scpt", {"#!/usr/bin/osascript", "#!/usr/bin/env osascript"}},
+  };
+  for (const auto& [file, lines] : files) {
+    for (const std::string& line : lines) {
+      for (const auto& finding : findingsIn(file, line + "\nx\n")) {
+        // A carriage return has a warning of its own.
+        EXPECT_NE(finding.find("CR LF"), finding.npos) << line << ": " << finding;
+      }
+    }
+  }
+}
+
+TEST_F(ScriptLines, AreWarnedOfWhenTheyNameAnotherInterpreter) {
+  const struct {
+    std::string file;
+    std::string line;
+    std::string named;
+    std::string started;
+  } rows[] = {
+      {"a.sh", "#!/bin/bash", "/bin/bash", "/bin/sh"},
+      {"a.sh", "#!/usr/bin/env bash", "bash", "/bin/sh"},
+      {"a.sh", "#!/usr/bin/env -S bash -e", "bash", "/bin/sh"},
+      {"a.sh", "#!/bin/zsh -f", "/bin/zsh", "/bin/sh"},
+      {"a.sh", "#!/usr/bin/python3", "/usr/bin/python3", "/bin/sh"},
+      {"a.py", "#!/usr/bin/python2", "/usr/bin/python2", "/usr/bin/python3"},
+      {"a.py", "#!/usr/bin/env python3.12", "python3.12", "/usr/bin/python3"},
+      {"a.py", "#!/opt/homebrew/bin/python3", "/opt/homebrew/bin/python3", "/usr/bin/python3"},
+      {"a.py", "#!/bin/sh", "/bin/sh", "/usr/bin/python3"},
+      {"a.pl", "#!/usr/local/bin/perl", "/usr/local/bin/perl", "/usr/bin/perl"},
+      {"a.scpt", "#!/bin/sh", "/bin/sh", "/usr/bin/osascript"},
+      {"a.sh", "#!\x1b[2J", "?[2J", "/bin/sh"},
+  };
+  for (const auto& [file, line, named, started] : rows) {
+    EXPECT_THAT(findingsIn(file, line + "\nx\n"),
+                ElementsAre("S/" + file + ":1: warning: the first line names \"" + named +
+                            "\", but computers start the script with " + started +
+                            "; write it for " + started + ", and name that in the first line"))
+        << line;
+  }
+}
+
+TEST_F(ScriptLines, AreWarnedOfWhenTheyHaveAnOptionThatNobodyGives) {
+  EXPECT_THAT(findingsIn("a.sh", "#!/bin/sh -eu\nx\n"),
+              ElementsAre("S/a.sh:1: warning: the first line has the option \"-eu\", but computers "
+                          "start the script with /bin/sh alone; write it with set into a line of "
+                          "its own, such as \"set -e\""));
+  EXPECT_THAT(findingsIn("a.py", "#!/usr/bin/env -S python3 -u\nx\n"),
+              ElementsAre("S/a.py:1: warning: the first line has the option \"-u\", but computers "
+                          "start the script with /usr/bin/python3 alone; do without it"));
+}
+
+TEST_F(ScriptLines, AreWarnedOfWhenNoneOfThemDoesAnything) {
+  const std::string what =
+      ": warning: there is nothing to run in the script; write it, or take its entry out of the "
+      "manifest";
+  for (const std::string text : {"", "\n", " \t\r\n\n", "#!/bin/sh\n# later\n", "#x"}) {
+    const auto found = findingsIn("a.sh", text);
+    EXPECT_THAT(found, testing::Contains("S/a.sh" + what)) << text;
+  }
+  EXPECT_THAT(findingsIn("a.py", "# later\n"), ElementsAre("S/a.py" + what));
+  EXPECT_THAT(findingsIn("a.scpt", "\n"), ElementsAre("S/a.scpt" + what));
+  EXPECT_THAT(findingsIn("a.sh", "# says\n  :"), IsEmpty());
+  EXPECT_THAT(findingsIn("a.scpt", "#x\n"), IsEmpty());
+}
+
+TEST_F(ScriptLines, AreWarnedOfWhenMacOSHasNoSuchCommand) {
+  const std::string text = "#!/bin/sh\napt-get update\n";
+  const std::string remedy = "; use what macOS has, or name the platform that the script is for";
+  EXPECT_THAT(findingsIn("a.sh", text),
+              ElementsAre("S/a.sh:2: warning: macOS has no apt-get, and the script's platform is "
+                          "\"Mac\"" +
+                          remedy));
+  EXPECT_THAT(findingsIn("a.sh", text, "platform = \"macOS\"\n"),
+              ElementsAre("S/a.sh:2: warning: macOS has no apt-get, and the script's platform is "
+                          "\"macOS\"" +
+                          remedy));
+  EXPECT_THAT(findingsIn("a.sh", text, "platform = \"Linux\"\n"), IsEmpty());
+  EXPECT_THAT(findingsIn("a.py", "apt-get\n"), IsEmpty());
 }
 
 // ---- Texts -----------------------------------------------------------------------------------
@@ -378,6 +526,7 @@ TEST_F(ScriptTexts, OfOtherInterpretersMayHaveTheirLineEndsAndMarks) {
           "\xef\xbb\xbf"
           "print 1\r\n");
     EXPECT_THAT(findingsOf("[[script]]\nid = \"1\"\nfile = \"" + name + "\"\n"), IsEmpty()) << name;
+    std::filesystem::remove(path(name));
   }
   write("c.scpt", "FasdUAS 1.101.10\x0e\xff\xfe");
   EXPECT_THAT(findingsOf("[[script]]\nid = \"1\"\nfile = \"c.scpt\"\n"), IsEmpty());

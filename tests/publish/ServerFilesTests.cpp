@@ -227,6 +227,70 @@ TEST_F(ServerFilesTest, TellWhichPathCouldNotBeMade) {
   EXPECT_EQ(error.message(), "Not a directory");
 }
 
+TEST_F(ServerFilesTest, AreTakenWithoutMakingAnythingWhereSomebodyHasPublished) {
+  const auto openPublished = [this] {
+    ServerFiles files;
+    std::error_code error;
+    files.openPublished(output_, "client-data/7/scriptrepo", error);
+    EXPECT_FALSE(error) << error.message();
+    return files.isOpen();
+  };
+  EXPECT_FALSE(openPublished());
+  EXPECT_FALSE(fs::exists(output_ + "/client-data"));
+  std::ofstream(output_ + "/client-data") << "a file";
+  EXPECT_FALSE(openPublished());
+  fs::remove(output_ + "/client-data");
+  {
+    ServerFiles files;
+    open(files);
+    EXPECT_TRUE(files.isOpen());
+  }
+  fs::remove(root_ + "/data");
+  EXPECT_TRUE(openPublished());
+  EXPECT_FALSE(fs::exists(root_ + "/data"));
+  fs::remove(root_ + "/.publishing.lock");
+  EXPECT_FALSE(openPublished());
+}
+
+TEST_F(ServerFilesTest, AreReadWhenTheyAreThereAndNoLinks) {
+  ServerFiles files;
+  open(files);
+  std::error_code error;
+  EXPECT_EQ(files.read("list", error), std::nullopt);
+  EXPECT_FALSE(error);
+  std::ofstream(root_ + "/list") << "bytes";
+  std::ofstream(root_ + "/empty");
+  EXPECT_EQ(files.read("list", error), "bytes");
+  EXPECT_EQ(files.read("empty", error), "");
+  EXPECT_FALSE(error);
+  fs::create_symlink("list", root_ + "/link");
+  EXPECT_EQ(files.read("link", error), std::nullopt);
+  EXPECT_EQ(error, std::errc::too_many_symbolic_link_levels);
+  EXPECT_EQ(files.failedPath(), root_ + "/link");
+  EXPECT_EQ(files.read("data", error), std::nullopt);
+  EXPECT_EQ(error, std::errc::invalid_argument);
+}
+
+TEST_F(ServerFilesTest, HoldWhatTheirNamesTellOrDoNot) {
+  const std::string name =
+      "files/914cefaded94d45f313fa21b0af05991c33df3566f4ca6814c3652f4b92b7c8c.sh";
+  ServerFiles files;
+  open(files);
+  EXPECT_FALSE(files.holds(name));
+  put(files, name, "echo a\n");
+  EXPECT_TRUE(files.holds(name));
+  fs::permissions(root_ + "/" + name, fs::perms::owner_all);
+  EXPECT_FALSE(files.holds(name));
+  fs::permissions(root_ + "/" + name, static_cast<fs::perms>(0644));
+  EXPECT_TRUE(files.holds(name));
+  std::ofstream(root_ + "/" + name) << "echo b\n";
+  EXPECT_FALSE(files.holds(name));
+  fs::remove(root_ + "/" + name);
+  std::ofstream(root_ + "/real") << "echo a\n";
+  fs::create_symlink("../real", root_ + "/" + name);
+  EXPECT_FALSE(files.holds(name));
+}
+
 TEST_F(ServerFilesTest, BelongToOnePublishingAtATime) {
   const auto isFree = [this] {
     // A process does not wait for its own locks.

@@ -23,7 +23,8 @@ class PublishedTree(PublishCase):
         self.write_script(arguments='-a "two words"', accepted_codes="0,3", name="Job",
                           description="A job.")
         output = self.must_publish()
-        self.assertEqual(output, "Published 1 script for customer 7: 2 files written, "
+        self.assertEqual(output, "+ 42\n"
+                                 "Published 1 script for customer 7: 2 files written, "
                                  "the list replaced, 0 files removed.\n")
         script = f"files/{sha256('echo done' + chr(10))}.sh"
         document = self.entries()["42"]["filepath"].removeprefix(DIRECTORY + "/")
@@ -112,6 +113,7 @@ class Repeated(PublishCase):
         versions = {key: entry["modified_time"] for key, entry in self.entries().items()}
         self.write("3.sh", "echo changed\n")
         self.assertEqual(self.must_publish(),
+                         "~ 3 (script)\n"
                          "Published 5 scripts for customer 7: 2 files written, the list replaced, "
                          "0 files removed.\n")
         after = self.tree()
@@ -295,7 +297,7 @@ class Retention(PublishCase):
         self.publish_text("1")
         with open(self.list_path, "w") as file:
             file.write("<scripts-meta><ScriptRepo>")
-        second = self.publish_text("2")
+        second = self.publish_text("2", "--allow-removal")
         self.assertEqual(self.content(), second)
 
 
@@ -314,6 +316,7 @@ class CompressedCopy(PublishCase):
     def test_goes_with_the_list_that_it_was_made_of(self):
         self.write_script(text="echo other\n")
         self.assertEqual(self.must_publish(),
+                         "~ 42 (script)\n"
                          "Published 1 script for customer 7: 2 files written, the list replaced and "
                          "its compressed copy removed, 0 files removed.\n")
         self.assertEqual([], [copy for copy in self.copies if os.path.exists(copy)])
@@ -332,7 +335,7 @@ class CompressedCopy(PublishCase):
         self.write_script(text="echo other\n")
         result = self.publish()
         self.assertEqual((result.status, result.output, result.error),
-                         (3, "", f"varn-scripts: {copy} can't be written: Is a directory\n"))
+                         (3, "~ 42 (script)\n", f"varn-scripts: {copy} can't be written: Is a directory\n"))
         self.assertEqual(self.entries(), before)
         os.rmdir(copy)
         self.must_publish()
@@ -401,8 +404,11 @@ class Refused(PublishCase):
                     "would remove all that it has; list at least one, or give --allow-removal",
                     "varn-scripts: nothing is published: 1 refusal"])
                 self.assertEqual(self.tree(), before)
-        self.assertEqual(self.publish("--check", "--allow-removal", "--strict").output,
-                         "Checked 0 scripts: nothing to say.\n")
+        os.remove(f"{self.source}/job.sh")
+        result = self.publish("--check", "--allow-removal", "--strict")
+        self.assertEqual((result.status, result.output, result.error),
+                         (4, "- 42\nChecked 0 scripts: nothing to say; 0 files to be written, the "
+                             "list to be replaced.\n", ""))
         self.assertEqual(self.tree(), before)
         self.must_publish("--allow-removal")
         self.assertEqual(self.entries(), {})
@@ -506,7 +512,7 @@ class Check(PublishCase):
         before, source = self.tree(), self.tree(self.source)
         self.write_script(text="echo other\n")
         source = self.tree(self.source)
-        self.assertEqual(self.publish("--check").status, 0)
+        self.assertEqual(self.publish("--check").status, 4)
         self.assertEqual(self.tree(), before)
         self.assertEqual(self.tree(self.source), source)
 
@@ -519,6 +525,271 @@ class Check(PublishCase):
         self.write_script(file="a.SH")
         self.assertEqual(self.publish("--check").status, 2)
         self.assertFalse(os.path.exists(self.output))
+
+
+class Changes(PublishCase):
+    """What becomes of each ID is said before it becomes so."""
+
+    def setUp(self):
+        super().setUp()
+        for number in ("17", "18", "42"):
+            self.write_script(number, f"{number}.sh", f"echo {number}\n")
+        self.must_publish()
+
+    def change(self):
+        self.drop_script("17")
+        self.write_script("42", "42.sh", "echo other\n", arguments="x")
+        self.write_script("43", "43.sh", "echo 43\n")
+
+    LINES = "~ 42 (script, arguments)\n+ 43\n- 17\n"
+
+    def test_are_told_for_each_id(self):
+        self.change()
+        self.assertEqual(self.must_publish(),
+                         self.LINES + "Published 3 scripts for customer 7: 4 files written, the "
+                                      "list replaced, 0 files removed.\n")
+        self.assertEqual(self.must_publish(),
+                         "Published 3 scripts for customer 7: nothing has changed.\n")
+
+    def test_are_told_by_a_check_that_writes_nothing(self):
+        self.change()
+        before = self.tree()
+        result = self.publish("--check")
+        self.assertEqual((result.status, result.error), (4, ""))
+        self.assertEqual(result.output, self.LINES + "Checked 3 scripts: nothing to say; 4 files to "
+                                                     "be written, the list to be replaced.\n")
+        self.assertEqual(self.tree(), before)
+        self.must_publish()
+        result = self.publish("--check")
+        self.assertEqual((result.status, result.output),
+                         (0, "Checked 3 scripts: nothing to say.\n"))
+
+    def test_of_a_digest_are_those_of_every_script(self):
+        lines = "".join(f"~ {number} (digest)\n" for number in ("17", "18", "42"))
+        self.assertTrue(self.must_publish("--digest", "sha512").startswith(lines + "Published"))
+
+    def test_of_the_order_alone_replace_the_list_and_name_nobody(self):
+        scripts = list(self._scripts.items())
+        self._scripts = dict(reversed(scripts))
+        self._write_manifest()
+        self.assertEqual(self.publish("--check").output,
+                         "Checked 3 scripts: nothing to say; 0 files to be written, the list to be "
+                         "replaced.\n")
+        self.assertEqual(self.publish("--check").status, 4)
+        self.assertEqual(self.must_publish(),
+                         "Published 3 scripts for customer 7: 0 files written, the list replaced, "
+                         "0 files removed.\n")
+
+    def test_that_mend_the_tree_alone_are_pending_and_name_nobody(self):
+        for name in self.content():
+            os.remove(f"{self.output}{DIRECTORY}/{name}")
+        result = self.publish("--check")
+        self.assertEqual((result.status, result.output),
+                         (4, "Checked 3 scripts: nothing to say; 6 files to be written, the list "
+                             "unchanged.\n"))
+
+    def test_of_a_document_that_was_damaged_name_what_the_list_tells(self):
+        with open(self.output + self.entries()["42"]["filepath"], "w") as file:
+            file.write("damaged")
+        self.write_script("42", "42.sh", "echo other\n", name="Other")
+        self.assertEqual(self.publish("--check").output.splitlines()[0], "~ 42 (name)")
+
+    def test_are_checked_without_a_turn_and_without_the_right_to_write(self):
+        self.change()
+        lock = open(f"{self.output}{DIRECTORY}/{LOCK_NAME}", "r+b")
+        self.addCleanup(lock.close)
+        fcntl.lockf(lock, fcntl.LOCK_EX)
+        before = self.tree()
+        self.assertEqual(self.publish("--check").status, 4)
+        self.assertEqual(self.tree(), before)
+        os.remove(f"{self.output}{DIRECTORY}/{LOCK_NAME}")
+        before = self.tree()
+        self.assertEqual(self.publish("--check").status, 4)
+        self.assertEqual(self.tree(), before)
+
+    def test_are_made_also_when_nobody_reads_them(self):
+        self.change()
+        with open("/dev/full", "wb") as full:
+            result = self.publish(stdout=full)
+        self.assertEqual((result.status, result.error),
+                         (3, "varn-scripts: standard output can't be written: No space left on "
+                             "device\n"))
+        self.assertEqual(self.entries().keys(), {"18", "42", "43"})
+
+
+class Guarded(PublishCase):
+    """What looks like a mistake needs leave."""
+
+    def refusal(self, sentence, lines=""):
+        for options in ([], ["--check"], ["--strict"]):
+            before = self.tree()
+            result = self.publish(*options)
+            self.assertEqual((result.status, result.output, result.error_lines),
+                             (2, lines, [sentence, "varn-scripts: nothing is published: 1 refusal"]),
+                             options)
+            self.assertEqual(self.tree(), before)
+
+    def dropping(self, what):
+        return (f"{self.source}/scripts.toml: the manifest drops {what}, and every computer would "
+                "remove what it has of them; list them, or give --allow-removal")
+
+    def test_dropping_every_script_for_others(self):
+        self.write_script("1", "a.sh")
+        self.write_script("2", "b.sh")
+        self.must_publish()
+        for script_id in ("1", "2"):
+            self.drop_script(script_id)
+        self.write_script("3", "c.sh")
+        self.refusal(self.dropping("2 of 2 published scripts"), "+ 3\n- 1\n- 2\n")
+        self.assertTrue(self.must_publish("--allow-removal").startswith("+ 3\n- 1\n- 2\n"))
+        self.assertEqual(self.entries().keys(), {"3"})
+
+    def test_dropping_more_than_a_third_of_ten_or_more(self):
+        for number in range(12):
+            self.write_script(str(number), f"{number}.sh")
+        self.must_publish()
+        for number in range(4):
+            self.drop_script(str(number))
+        self.assertEqual(self.publish("--check").status, 4)
+        self.drop_script("4")
+        self.refusal(self.dropping("5 of 12 published scripts"),
+                     "".join(f"- {number}\n" for number in range(5)))
+        self.must_publish("--allow-removal")
+        self.assertEqual(len(self.entries()), 7)
+        # Of seven it is no longer many.
+        for number in range(5, 9):
+            self.drop_script(str(number))
+        self.must_publish()
+
+    def test_a_tree_whose_lock_was_left_out_of_the_copy(self):
+        self.write_script("1", "a.sh")
+        self.must_publish()
+        os.remove(f"{self.output}{DIRECTORY}/{LOCK_NAME}")
+        self.drop_script("1")
+        self.write_script("2", "b.sh")
+        self.refusal(self.dropping("1 of 1 published script"), "+ 2\n- 1\n")
+
+    def foreign(self, complaint):
+        return (f"{self.list_path}: the list there was not made by publish: {complaint}; publish to "
+                "another directory, or give --allow-removal to replace it")
+
+    def put_list(self, text):
+        if os.path.lexists(self.list_path):
+            os.remove(self.list_path)
+        os.makedirs(os.path.dirname(self.list_path), exist_ok=True)
+        with open(self.list_path, "w", encoding="utf-8") as file:
+            file.write(text)
+
+    def test_a_list_of_somebody_else(self):
+        self.write_script("1", "a.sh")
+        for text, complaint in (
+                ("", "it can't be decoded"),
+                ("<scripts-meta><ScriptRepo>", "it can't be decoded"),
+                ("<html><body>Not found</body></html>", "its top element is not scripts-meta"),
+                ("<scripts-meta><ScriptRepo><script_id>1</script_id><file_id>1</file_id>"
+                 "<modified_time>1</modified_time></ScriptRepo></scripts-meta>",
+                 'the entry of "1" names no data document'),
+                ("<scripts-meta><ScriptRepo><script_id>1</script_id><file_id>1</file_id>"
+                 "<modified_time>1</modified_time><ScriptPathMapping><filepath>"
+                 f"{DIRECTORY}/data/1.xml</filepath></ScriptPathMapping></ScriptRepo>"
+                 "</scripts-meta>",
+                 f'the entry of "1" names the data document "{DIRECTORY}/data/1.xml"')):
+            self.put_list(text)
+            self.refusal(self.foreign(complaint))
+        self.must_publish("--allow-removal")
+        self.must_publish()
+
+    def test_the_tree_of_another_customer(self):
+        self.write_script("1", "a.sh")
+        self.must_publish()
+        other = self.output + "/client-data/8"
+        os.rename(self.output + "/client-data/7", other)
+        os.makedirs(self.output + DIRECTORY)
+        os.rename(other + "/scriptrepo/scripts-meta.xml", self.list_path)
+        document = self.entries()["1"]["filepath"]
+        with open(self.list_path, encoding="utf-8") as file:
+            text = file.read()
+        self.put_list(text.replace(document, document.replace("/7/", "/8/")))
+        self.refusal(self.foreign('the entry of "1" names the data document "'
+                                  + document.replace("/7/", "/8/") + '"'))
+
+    def test_a_link_in_the_place_of_the_list(self):
+        self.write_script("1", "a.sh")
+        self.must_publish()
+        os.rename(self.list_path, self.path("elsewhere.xml"))
+        os.symlink(self.path("elsewhere.xml"), self.list_path)
+        self.refusal(self.foreign("it is no regular file"))
+        with open(self.path("elsewhere.xml"), "rb") as file:
+            before = file.read()
+        self.write_script("2", "b.sh")
+        self.must_publish("--allow-removal")
+        self.assertFalse(os.path.islink(self.list_path))
+        with open(self.path("elsewhere.xml"), "rb") as file:
+            self.assertEqual(file.read(), before)
+
+    def test_a_list_that_no_memory_holds_is_no_missing_one(self):
+        self.write_script("1", "a.sh")
+        self.must_publish()
+        os.truncate(self.list_path, 8 << 40)
+        for options in ([], ["--check"], ["--allow-removal"]):
+            result = self.publish(*options)
+            self.assertEqual((result.status, result.output, result.error),
+                             (3, "", f"varn-scripts: {self.list_path} can't be read: Cannot allocate "
+                                     "memory\n"))
+
+    def test_an_empty_list_of_its_own_is_filled_again(self):
+        self.write_script("1", "a.sh")
+        self.must_publish()
+        self.drop_script("1")
+        self.must_publish("--allow-removal")
+        self.write_script("1", "a.sh")
+        self.assertTrue(self.must_publish().startswith("+ 1\nPublished 1 script"))
+
+
+class Mistakes(PublishCase):
+    """What the interpreters say of the scripts, and when they are asked."""
+
+    def setUp(self):
+        super().setUp()
+        self.write_script("1", "a.sh", "if true\n")
+        self.write_script("2", "b.py", "print 1\n")
+
+    def shown(self, result):
+        return [line.split(" can't read")[0] for line in result.error_lines]
+
+    EXPECTED = ["S/a.sh:2: warning: /bin/sh", "S/b.py:1: warning: /usr/bin/python3"]
+
+    def expected(self):
+        return [line.replace("S", self.source, 1) for line in self.EXPECTED]
+
+    def test_are_warned_of_and_refused_by_strict(self):
+        strict = self.publish("--strict")
+        self.assertEqual((strict.status, self.shown(strict)[:2]), (2, self.expected()))
+        self.assertEqual(
+            strict.error_lines[-1],
+            "varn-scripts: nothing is published: 0 refusals and 2 warnings, refused by --strict")
+        self.assertFalse(os.path.exists(self.output))
+        # Each once, though the source is looked at twice.
+        first = self.publish()
+        self.assertEqual((first.status, self.shown(first)), (0, self.expected()))
+
+    def test_are_looked_for_in_what_is_not_published_yet_or_when_asked(self):
+        self.publish()
+        self.assertEqual(self.publish().error, "")
+        check = self.publish("--check")
+        self.assertEqual((check.status, check.output), (0, "Checked 2 scripts: 2 warnings.\n"))
+        self.assertEqual(self.shown(check), self.expected())
+        self.assertEqual(self.publish("--strict").status, 2)
+        self.write_script("2", "b.py", "print 2\n")
+        again = self.publish()
+        self.assertEqual((again.status, self.shown(again)), (0, self.expected()[1:]))
+
+    def test_in_what_runs_while_it_is_looked_at_do_nothing(self):
+        self.write_script("1", "a.sh", f"touch {self.path('touched')}\n")
+        self.write_script("2", "b.py", f"open({self.path('touched')!r}, 'w')\n")
+        self.write_script("3", "c.pl", f"BEGIN {{ open F, '>', '{self.path('touched')}' }}\n")
+        self.must_publish("--strict")
+        self.assertFalse(os.path.exists(self.path("touched")))
 
 
 class Failures(PublishCase):
@@ -534,7 +805,7 @@ class Failures(PublishCase):
             resource.setrlimit(resource.RLIMIT_FSIZE, (50000, 50000))
 
         result = self.publish(preexec_fn=small_files_only)
-        self.assertEqual((result.status, result.output), (3, ""))
+        self.assertEqual((result.status, result.output), (3, "~ 42 (script)\n"))
         self.assertEqual(result.error,
                          f"varn-scripts: {self.output}{DIRECTORY}/files/.publishing-0 can't be "
                          "written: File too large\n")
@@ -601,7 +872,8 @@ class Turns(PublishCase):
                                 settings=["--customer", CUSTOMER]) for _ in range(8)]
         outputs = sorted(self.finish(process).output for process in processes)
         nothing = "Published 20 scripts for customer 7: nothing has changed.\n"
-        everything = ("Published 20 scripts for customer 7: 40 files written, the list replaced, "
+        everything = ("".join(f"+ {number}\n" for number in range(20)) +
+                      "Published 20 scripts for customer 7: 40 files written, the list replaced, "
                       "0 files removed.\n")
-        self.assertEqual(outputs, [everything] + [nothing] * 7)
+        self.assertEqual(sorted(outputs), [everything] + [nothing] * 7)
         self.assertEqual(len(self.content()), 40)

@@ -19,14 +19,18 @@ SUFFIXES = {".h", ".cpp", ".hpp", ".cc"}
 
 # The level of each unit; an include goes to a lower level, or stays within a unit.
 LEVELS = [
+    ("DroppedScripts", 70),
     ("ScriptRepositoryProcessor", 60),
+    ("LoadedList", 55),
     ("ScriptRepositoryMetaProcessor", 50),
     ("ScriptRepositoryLocalMeta", 50),
     ("ScriptRepositoryUtil", 40),
     ("ScriptRepositoryRecords", 40),
     ("ObjectRuntimeRegistration", 40),
     ("ScriptRules", 45),
+    ("ScriptTurn", 35),
     ("Directories", 30),
+    ("ScriptRepositoryHost", 15),
     ("ScriptRunObserver", 15),
 ]
 SUPPORT, PLATFORM, INTERFACES = 20, 10, 0

@@ -40,11 +40,9 @@ void HttpServer::answer(const std::string& path, const std::string& bytes, Then 
   answers_[path] = {{bytes, then}};
 }
 
-void HttpServer::answerInTurn(const std::string& path, const std::vector<std::string>& bytes) {
+void HttpServer::answerInTurn(const std::string& path, std::vector<Answer> answers) {
   const std::lock_guard lock(mutex_);
-  std::vector<Answer>& answers = answers_[path];
-  answers.clear();
-  for (const std::string& each : bytes) answers.push_back({each, Then::keep});
+  answers_[path] = std::move(answers);
 }
 
 std::vector<std::string> HttpServer::requests() const {
@@ -69,7 +67,7 @@ HttpServer::Answer HttpServer::answerTo(const std::string& head) {
   const std::lock_guard lock(mutex_);
   requests_.push_back(head);
   const auto found = answers_.find(path);
-  if (found == answers_.end()) return {httpAnswer("404 Not Found", "none")};
+  if (found == answers_.end()) return {httpAnswer("404 Not Found", "none"), Then::close};
   std::vector<Answer>& answers = found->second;
   Answer answer = answers.front();
   if (answers.size() > 1) answers.erase(answers.begin());

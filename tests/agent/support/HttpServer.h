@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 /// Serves from its own threads until it is destroyed, on a port that the system chose.
@@ -18,6 +19,16 @@ class HttpServer {
     close,  ///< it is closed
     reset,  ///< it is reset
     again,  ///< the answer is sent again, until the client has had enough
+  };
+
+  /// What a request is answered with, and what becomes of its connection.
+  struct Answer {
+    // Not explicit, so that a list of texts is a list of answers.
+    Answer(std::string answerBytes, Then afterwards = Then::keep)
+        : bytes(std::move(answerBytes)), then(afterwards) {}
+
+    std::string bytes;
+    Then then;
   };
 
   HttpServer();
@@ -32,8 +43,8 @@ class HttpServer {
   void answer(const std::string& path, const std::string& bytes, Then then = Then::close);
 
   /// Answers the first request for `path` with the first of these, the next with the second, and so
-  /// on; from the last one on always with that. The connection is kept.
-  void answerInTurn(const std::string& path, const std::vector<std::string>& bytes);
+  /// on; from the last one on always with that.
+  void answerInTurn(const std::string& path, std::vector<Answer> answers);
 
   /// The request heads so far, in the order of their arrival.
   [[nodiscard]] std::vector<std::string> requests() const;
@@ -41,11 +52,6 @@ class HttpServer {
   [[nodiscard]] int connections() const { return connections_; }
 
  private:
-  struct Answer {
-    std::string bytes;
-    Then then = Then::close;
-  };
-
   void acceptAll();
   void serve(int connection);
   [[nodiscard]] static bool sendAll(int connection, const std::string& bytes);

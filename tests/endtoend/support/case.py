@@ -90,12 +90,12 @@ class CommandCase(unittest.TestCase):
 
     def environment(self, **variables):
         """This process's environment without proxies, with `variables`, and of all settings with
-        the one for the log."""
+        the one for the log. What fails is not tried again unless a test wants it."""
         kept = {key: value for key, value in os.environ.items()
                 if not key.startswith("VARN_") and not key.lower().endswith("_proxy")}
         if self.verbose:
             kept["VARN_VERBOSE"] = "true"
-        return {**kept, **variables}
+        return {**kept, "VARN_RETRY": "0", **variables}
 
     def settings(self):
         return ["--base-path", self.base, "--customer", CUSTOMER, "--server", self.server]

@@ -36,13 +36,21 @@ class PublishCase(CommandCase):
 
     def write_script(self, script_id="42", file="job.sh", text="echo done\n", **keys):
         """Puts the script and its entry of the manifest; in place of one with the same ID."""
+        if script_id in self._scripts:
+            self._remove_file(script_id)
         self._scripts[script_id] = {"id": script_id, "file": file, **keys}
         self.write(file, text)
         self._write_manifest()
 
     def drop_script(self, script_id):
+        self._remove_file(script_id)
         del self._scripts[script_id]
         self._write_manifest()
+
+    def _remove_file(self, script_id):
+        path = os.path.join(self.source, self._scripts[script_id]["file"])
+        if os.path.exists(path):
+            os.remove(path)
 
     def _write_manifest(self):
         tables = ("".join(f"{key} = {toml(value)}\n" for key, value in script.items())

@@ -1,19 +1,32 @@
 """A relay on 127.0.0.1 that counts what passes through it."""
 
 import contextlib
+import dataclasses
 import socket
+import struct
 import threading
 
 # Far beyond what any step takes; reaching it is a failure.
 _DEADLINE = 120
 
 
+@dataclasses.dataclass
+class Reset:
+    """A connection that is reset after so many bytes of the server's."""
+
+    after: int
+
+
 class Relay:
     """Passes connections on to `port` from construction until `stop`, and counts them and their
-    bytes in both directions, TLS included."""
+    bytes in both directions, TLS included.
 
-    def __init__(self, port):
+    The first connections go where `first` says, one after the other: to another port, or, with a
+    `Reset`, to the same one until so many bytes of the answers have passed."""
+
+    def __init__(self, port, first=()):
         self._target = port
+        self._first = list(first)
         self._changed = threading.Condition()
         self._connections = 0
         self._ended = 0
@@ -46,11 +59,15 @@ class Relay:
                 return
             with self._changed:
                 self._connections += 1
-            threading.Thread(target=self._relay, args=(client,), daemon=True).start()
+            place = self._first.pop(0) if self._first else self._target
+            threading.Thread(target=self._relay, args=(client, place), daemon=True).start()
 
-    def _relay(self, client):
-        with client, socket.create_connection(("127.0.0.1", self._target)) as server:
-            back = threading.Thread(target=self._pass, args=(server, client))
+    def _relay(self, client, place):
+        most = None
+        if isinstance(place, Reset):
+            place, most = self._target, place.after
+        with client, socket.create_connection(("127.0.0.1", place)) as server:
+            back = threading.Thread(target=self._pass, args=(server, client, most))
             back.start()
             self._pass(client, server)
             back.join()
@@ -58,11 +75,21 @@ class Relay:
             self._ended += 1
             self._changed.notify_all()
 
-    def _pass(self, source, target):
+    def _pass(self, source, target, most=None):
+        passed = 0
         with contextlib.suppress(OSError):
             while data := source.recv(1 << 16):
+                data = data[:most - passed] if most is not None else data
+                passed += len(data)
                 with self._changed:
                     self._bytes += len(data)
                 target.sendall(data)
+                if passed == most:
+                    target.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
+                                      struct.pack("ii", 1, 0))
+                    # Ends the other direction, and with it the connection.
+                    source.shutdown(socket.SHUT_RDWR)
+                    target.shutdown(socket.SHUT_RD)
+                    return
         with contextlib.suppress(OSError):
             target.shutdown(socket.SHUT_WR)

@@ -22,6 +22,7 @@ class WebServer:
         the configuration's server block."""
         os.makedirs(directory)
         self._log = os.path.join(directory, "access.log")
+        self._agents = os.path.join(directory, "agents.log")
         self._errors = os.path.join(directory, "error.log")
         self._secure = certificate is not None
         with socket.socket() as listening:
@@ -58,6 +59,12 @@ class WebServer:
         """The requested paths so far."""
         return [request.split()[1] for request in self.requests()]
 
+    def agents(self):
+        """How the clients of the requests so far have named themselves."""
+        self.requests()
+        with open(self._agents, encoding="utf-8") as log:
+            return [line.rstrip("\n").split(" ", 1)[1] for line in log if _MARKER not in line]
+
     def stop(self):
         self._process.terminate()
         try:
@@ -86,7 +93,9 @@ events {{ worker_connections 64; }}
 http {{
   {places}
   log_format plain '$request_method $request_uri $status';
+  log_format agents '$request_uri $http_user_agent';
   access_log {self._log} plain;
+  access_log {self._agents} agents;
   server {{
     listen {listen};
     {tls}
