@@ -2,8 +2,8 @@
 
 # What takes a value, apart from the flags.
 set -g __varn_scripts_with_value --config --base-path --data-path --customer --server --ca-file \
-    --client-cert --client-key --proxy --max-download --max-output --log-level --log-format \
-    --log-file --log-target --accept-codes --keep-for --digest
+    --client-cert --client-key --proxy --header-file --netrc-file --retry --max-download \
+    --max-output --log-level --log-format --log-file --log-target --accept-codes --keep-for --digest
 
 # The words before the cursor without options and their values: the command and its arguments.
 function __varn_scripts_words
@@ -69,6 +69,9 @@ complete -c varn-scripts -l ca-file -r -F -d 'authorities to trust'
 complete -c varn-scripts -l client-cert -r -F -d 'client certificate'
 complete -c varn-scripts -l client-key -r -F -d 'key of the client certificate'
 complete -c varn-scripts -l proxy -x -d 'proxy'
+complete -c varn-scripts -l header-file -r -F -d 'more headers for the server'
+complete -c varn-scripts -l netrc-file -r -F -d 'login for the server'
+complete -c varn-scripts -l retry -x -d 'how often a download that failed is tried again'
 complete -c varn-scripts -l max-download -x -d 'most bytes of one download'
 complete -c varn-scripts -l max-output -x -d 'most bytes of the output that are written and logged'
 complete -c varn-scripts -s v -l verbose -d 'log on standard error'
