@@ -342,7 +342,8 @@ SettingDefinition::Kind SettingDefinition::kind() const {
   const SettingMember value = member(any);
   if (std::holds_alternative<bool*>(value)) return Kind::toggle;
   const bool isNumber = std::holds_alternative<std::uint64_t*>(value) ||
-                        std::holds_alternative<std::optional<std::uint64_t>*>(value);
+                        std::holds_alternative<std::optional<std::uint64_t>*>(value) ||
+                        std::holds_alternative<std::uint32_t*>(value);
   return isNumber ? Kind::number : Kind::text;
 }
 
