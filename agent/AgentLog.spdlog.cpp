@@ -252,11 +252,12 @@ spdlog::level::level_enum levelOf(const Record& record) {
   }
 }
 
-void writeTo(const Destination& destination, const Record& record, const std::string& message) {
+void writeTo(const Destination& destination, spdlog::log_clock::time_point time,
+             const Record& record, const std::string& message) {
   std::string room;
   const std::string_view text = shown(message, destination.most, room);
   destination.logger->log(
-      spdlog::source_loc(record.source.data(), record.line, record.operation.data()),
+      time, spdlog::source_loc(record.source.data(), record.line, record.operation.data()),
       levelOf(record), spdlog::string_view_t(text.data(), text.size()));
 }
 
@@ -266,7 +267,11 @@ void write(Record::Level level, const std::string& message, const std::string& s
     const Log& to = log();
     Record record{level, message, source, operation, line};
     if (severityOf(record) >= to.settings.least) {
-      for (const Destination& destination : to.destinations) writeTo(destination, record, message);
+      // One record has one time, wherever it stands.
+      const auto now = spdlog::log_clock::now();
+      for (const Destination& destination : to.destinations) {
+        writeTo(destination, now, record, message);
+      }
     }
     std::string room;
     record.message = shown(message, to.settings.maxMessage, room);

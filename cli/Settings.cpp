@@ -275,6 +275,21 @@ std::optional<std::string> missingKey(const Settings& settings, NeededSettings n
   return std::nullopt;
 }
 
+// Of a wish for the log on standard error and one for nothing there, the nearer one counts; when
+// both come from one place, it stays quiet.
+void decideAboutStandardError(const SettingSources& sources, Settings& settings) {
+  AgentLog::LogSettings& log = settings.log;
+  if (settings.verbose && log.quiet) {
+    log.quiet = given(sources, "quiet")->place >= given(sources, "verbose")->place;
+    settings.verbose = !log.quiet;
+  }
+  using StandardError = AgentLog::LogSettings::StandardError;
+  const bool hasFormat = given(sources, "log_format").has_value();
+  log.standardError = settings.verbose ? StandardError::always
+                      : hasFormat      ? StandardError::otherwise
+                                       : StandardError::never;
+}
+
 constexpr SettingDefinition kSettings[] = {
     {"base_path", "DIR", "Agent base directory",
      [](Settings& s) -> SettingMember { return &s.agent.basePath; }, complaintAboutPath, true},
@@ -327,7 +342,8 @@ SettingDefinition::Kind SettingDefinition::kind() const {
   const SettingMember value = member(any);
   if (std::holds_alternative<bool*>(value)) return Kind::toggle;
   const bool isNumber = std::holds_alternative<std::uint64_t*>(value) ||
-                        std::holds_alternative<std::optional<std::uint64_t>*>(value);
+                        std::holds_alternative<std::optional<std::uint64_t>*>(value) ||
+                        std::holds_alternative<std::uint32_t*>(value);
   return isNumber ? Kind::number : Kind::text;
 }
 
@@ -341,21 +357,6 @@ std::string nameOfSettingsFile(std::string_view path) {
 
 std::string ownDataPath(const std::string& basePath, const std::string& customer) {
   return below(below(basePath, "data"), customer);
-}
-
-// Of a wish for the log on standard error and one for nothing there, the nearer one counts; when
-// both come from one place, it stays quiet.
-void decideAboutStandardError(const SettingSources& sources, Settings& settings) {
-  AgentLog::LogSettings& log = settings.log;
-  if (settings.verbose && log.quiet) {
-    log.quiet = given(sources, "quiet")->place >= given(sources, "verbose")->place;
-    settings.verbose = !log.quiet;
-  }
-  using StandardError = AgentLog::LogSettings::StandardError;
-  const bool hasFormat = given(sources, "log_format").has_value();
-  log.standardError = settings.verbose ? StandardError::always
-                      : hasFormat      ? StandardError::otherwise
-                                       : StandardError::never;
 }
 
 // Layered here and not by CLI11, which lets the settings file win over the environment, and knows

@@ -2,8 +2,8 @@
 
 # What takes a value, apart from the flags.
 set -g __varn_scripts_with_value --config --base-path --data-path --customer --server --ca-file \
-    --client-cert --client-key --proxy --max-download --max-output --log-format --log-file \
-    --accept-codes --keep-for --digest
+    --client-cert --client-key --proxy --header-file --netrc-file --retry --max-download \
+    --max-output --log-level --log-format --log-file --log-target --accept-codes --keep-for --digest
 
 # The words before the cursor without options and their values: the command and its arguments.
 function __varn_scripts_words
@@ -69,11 +69,17 @@ complete -c varn-scripts -l ca-file -r -F -d 'authorities to trust'
 complete -c varn-scripts -l client-cert -r -F -d 'client certificate'
 complete -c varn-scripts -l client-key -r -F -d 'key of the client certificate'
 complete -c varn-scripts -l proxy -x -d 'proxy'
+complete -c varn-scripts -l header-file -r -F -d 'more headers for the server'
+complete -c varn-scripts -l netrc-file -r -F -d 'login for the server'
+complete -c varn-scripts -l retry -x -d 'how often a download that failed is tried again'
 complete -c varn-scripts -l max-download -x -d 'most bytes of one download'
 complete -c varn-scripts -l max-output -x -d 'most bytes of the output that are written and logged'
+complete -c varn-scripts -s v -l verbose -d 'log on standard error'
+complete -c varn-scripts -l log-level -x -a 'info warning error' -d 'least that is logged'
 complete -c varn-scripts -l log-format -x -a 'text json' -d 'form of the log'
 complete -c varn-scripts -l log-file -r -F -d 'log to a rotating file'
-complete -c varn-scripts -l quiet -d 'no log on standard error'
+complete -c varn-scripts -l log-target -x -a 'syslog journald' -d 'log to the system\'s log'
+complete -c varn-scripts -l quiet -d 'no progress, warnings or log on standard error'
 complete -c varn-scripts -s h -l help -d 'print a summary'
 complete -c varn-scripts -n __varn_scripts_needs_command -l version -d 'print the version'
 
@@ -92,6 +98,7 @@ complete -c varn-scripts -n '__varn_scripts_wants 2 publish' -a '(__fish_complet
 
 complete -c varn-scripts -n '__varn_scripts_after run' -l accept-codes -x -d 'exit codes that count as success'
 complete -c varn-scripts -n '__varn_scripts_after run' -l json -d 'print the result as one JSON object'
+complete -c varn-scripts -n '__varn_scripts_after run' -l follow -d 'write the output as it comes'
 complete -c varn-scripts -n '__varn_scripts_after run' -l no-wait -d 'fail when another process runs the script'
 
 complete -c varn-scripts -n '__varn_scripts_after plan' -l json -d 'print the plan as one JSON object'

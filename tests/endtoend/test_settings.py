@@ -55,6 +55,8 @@ class PlacesTest(CommandCase):
 class StandardInputTest(CommandCase):
     """--config -"""
 
+    verbose = False
+
     def setUp(self):
         super().setUp()
         self.put(text="cat; readlink /proc/self/fd/0\n")
@@ -180,7 +182,7 @@ class UsageTest(CommandCase):
 
     def test_usage_errors_have_status_2_and_write_to_standard_error(self):
         for arguments in ((), ("run",), ("run", ""), ("run", "1", "2"), ("unknown",),
-                          ("--unknown", "list"), ("prune", "--server"), ("publish", "", "tree"),
+                          ("--unknown", "list"), ("prune", "--follow"), ("publish", "", "tree"),
                           ("--config", "", "list"), ("list", "--data-path=")):
             with self.subTest(arguments=arguments):
                 result = self.run_command(*arguments)

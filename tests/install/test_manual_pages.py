@@ -226,8 +226,9 @@ class ZshCompletion(unittest.TestCase):
         return (ROOT / "completions/varn-scripts.zsh").read_text(encoding="utf-8")
 
     def offered(self, text):
-        return set(re.findall(r"'(--[a-z-]+)\[", text)) | set(re.findall(r",(--help)}", text)) | \
-            set(re.findall(r"\)(--version)\[", text))
+        # Alone, behind what it excludes, or behind its letter.
+        return set(re.findall(r"""['"](?:\([^)]*\))?(--[a-z-]+)\[""", text)) | \
+            set(re.findall(r",(--[a-z-]+)}", text))
 
     def test_offers_the_commands(self):
         commands = self.file().split("commands=(\n")[1].split("  )")[0]

@@ -54,9 +54,15 @@ class Terminal:
 
     def read_to_end(self):
         """Reads until the command has ended, and whoever else has the terminal."""
-        while self._read():
-            pass
-        return self.text
+        before, pieces = self.text, []
+        while True:
+            # Much may come: it is put together once.
+            self.text = ""
+            more = self._read()
+            pieces.append(self.text)
+            if not more:
+                self.text = before + "".join(pieces)
+                return self.text
 
     def seen(self):
         """The lines that a person sees; the last one is that of the cursor."""
