@@ -12,6 +12,7 @@
 
 #include "Calls.h"
 #include "Digest.h"
+#include "Reason.h"
 #include "RegularFile.h"
 #include "StandardStreams.h"
 #include "publish/SyncFiles.h"
@@ -153,9 +154,8 @@ void ServerFiles::lock(int flags, std::error_code& error) {
   if (errno != EAGAIN && errno != EACCES) return fail(path, error);
   const bool known = lockWhole(lock_, F_GETLK, held) == 0 && held.l_type != F_UNLCK;
   // The process may be one of another computer or container, which has no number here.
-  const std::string holder =
-      known && held.l_pid > 0 ? "process " + std::to_string(held.l_pid) : "another process";
-  writeErrorLine("varn-scripts: waiting for " + holder + ", which publishes to " + directory_);
+  writeErrorLine("varn-scripts: waiting for " + processText(known ? held.l_pid : 0) +
+                 ", which publishes to " + directory_);
   if (lockWhole(lock_, F_SETLKW, held) != 0) fail(path, error);
 }
 
