@@ -4,10 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 
 #include "Calls.h"
+#include "WholeFiles.h"
 #include "platform/Memory.h"
 
 namespace VarnScripts {
@@ -33,26 +33,15 @@ RegularFile readRegularFile(const std::string& path, LastLink link, std::error_c
   struct stat status {};
   if (!file || ::fstat(file.get(), &status) != 0) return fail(errno);
   if (!S_ISREG(status.st_mode)) return fail(EINVAL);
-  const auto isTooMuch = [mostBytes](auto size) {
-    return static_cast<std::uint64_t>(size) > mostBytes;
-  };
-  if (isTooMuch(status.st_size)) return fail(EFBIG);
+  if (static_cast<std::uint64_t>(status.st_size) > mostBytes) return fail(EFBIG);
   const auto size = static_cast<std::size_t>(status.st_size);
   if (!VarnScriptRepository::platform::canHold(size)) return fail(ENOMEM);
 
   RegularFile result;
   result.permissions = status.st_mode & kPermissionBits;
-  result.bytes.reserve(size);
-  std::array<char, 65536> part{};
-  while (true) {
-    const ssize_t count =
-        retryOnInterrupt([&] { return ::read(file.get(), part.data(), part.size()); });
-    if (count < 0) return fail(errno);
-    if (count == 0) return result;
-    result.bytes.append(part.data(), static_cast<std::size_t>(count));
-    // It grows.
-    if (isTooMuch(result.bytes.size())) return fail(EFBIG);
-  }
+  // It may grow.
+  result.bytes = posix::readAll(file.get(), mostBytes, error, size);
+  return error ? RegularFile{} : result;
 }
 
 std::string whyNotRead(const std::error_code& error) {
