@@ -10,6 +10,7 @@
 
 #include "Commands.h"
 #include "Settings.h"
+#include "key/Key.h"
 #include "publish/Publish.h"
 
 namespace VarnScripts {
@@ -25,6 +26,7 @@ struct CommandLine {
   bool json = false;
   bool noWait = false;     ///< of `run`: fails when it is not its turn
   PublishOptions publish;  ///< of `publish`
+  KeyOptions key;          ///< of the commands of `key`
 };
 
 /// A command line that is answered at once: help, the version, or a mistake in it.

@@ -12,11 +12,13 @@ _varn_scripts() {
   local settings="--config --base-path --data-path --customer --server --ca-file --client-cert
     --client-key --proxy --max-download --max-output --log-format --log-file --quiet --help"
   local with_value=" --config --base-path --data-path --customer --server --ca-file --client-cert
-    --client-key --proxy --max-download --max-output --log-format --log-file --accept-codes --keep-for --digest "
+    --client-key --proxy --max-download --max-output --log-format --log-file --accept-codes --keep-for --digest
+    --passphrase-file --trusted-key --signatures-needed --signature "
 
   compopt +o default 2>/dev/null
   case $previous in
-    --config | --ca-file | --client-cert | --client-key | --log-file)
+    --config | --ca-file | --client-cert | --client-key | --log-file | --passphrase-file | \
+      --trusted-key | --signature)
       compopt -o filenames 2>/dev/null
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
       return
@@ -39,7 +41,8 @@ _varn_scripts() {
       compopt -o nospace 2>/dev/null
       return
       ;;
-    --customer | --proxy | --max-download | --max-output | --accept-codes | --keep-for)
+    --customer | --proxy | --max-download | --max-output | --accept-codes | --keep-for | \
+      --signatures-needed)
       COMPREPLY=()
       return
       ;;
@@ -56,6 +59,8 @@ _varn_scripts() {
       continue
     elif [[ -z $command ]]; then
       command=$word
+    elif [[ $command == key ]]; then
+      command="key $word"
     else
       arguments=$((arguments + 1))
     fi
@@ -66,14 +71,22 @@ _varn_scripts() {
     "") options="$settings --version" ;;
     run) options="$settings --accept-codes --json --no-wait" ;;
     plan | list) options="$settings --json" ;;
-    prune) options=$settings ;;
+    prune | key) options=$settings ;;
     publish) options="$settings --keep-for --digest --strict --check --allow-removal" ;;
+    "key generate") options="$settings --no-passphrase --passphrase-file" ;;
+    "key show") options="$settings --passphrase-file" ;;
+    "key verify") options="$settings --trusted-key --signatures-needed --signature" ;;
     *) options= ;;
   esac
   if [[ $current == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
   elif [[ -z $command ]]; then
-    mapfile -t COMPREPLY < <(compgen -W "run plan prune list publish" -- "$current")
+    mapfile -t COMPREPLY < <(compgen -W "run plan prune list publish key" -- "$current")
+  elif [[ $command == key ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "generate show verify" -- "$current")
+  elif [[ $command == "key "* ]] && ((arguments == 0)); then
+    compopt -o filenames 2>/dev/null
+    mapfile -t COMPREPLY < <(compgen -f -- "$current")
   elif [[ $command == publish ]] && ((arguments < 2)); then
     compopt -o filenames 2>/dev/null
     mapfile -t COMPREPLY < <(compgen -d -- "$current")

@@ -9,6 +9,43 @@ _varn_scripts_known() {
   compadd -a known
 }
 
+# What follows the word "key".
+_varn_scripts_key() {
+  local -a keys
+  keys=(
+    'generate:make a key, secret and public'
+    'show:print the public key of a key'
+    'verify:tell whether a list is signed by trusted keys'
+  )
+  local curcontext=$curcontext state line
+  _arguments -C -A '-*' $settings '1:command:->command' '*::argument:->argument' && return 0
+  case $state in
+    command) _describe -t commands command keys ;;
+    argument)
+      curcontext=${curcontext%:*}-$line[1]:
+      case $line[1] in
+        generate)
+          _arguments $settings \
+            '--no-passphrase[leave the key unprotected]' \
+            '--passphrase-file[where the passphrase is]:file:_files' \
+            '1:new file:_files'
+          ;;
+        show)
+          _arguments $settings '--passphrase-file[where the passphrase is]:file:_files' \
+            '1:key:_files'
+          ;;
+        verify)
+          _arguments $settings \
+            '*--trusted-key[a key whose signature counts]:key:_files' \
+            '--signatures-needed[how many keys have to have signed]:number:' \
+            '*--signature[file of a signature]:file:_files' \
+            '1:list:_files'
+          ;;
+      esac
+      ;;
+  esac
+}
+
 _varn_scripts() {
   local -a settings commands
   settings=(
@@ -34,6 +71,7 @@ _varn_scripts() {
     'prune:remove local copies of scripts the server dropped'
     'list:list the local records'
     "publish:turn a directory of scripts into a server's tree"
+    'key:make, show and try keys'
   )
 
   local curcontext=$curcontext state line
@@ -57,6 +95,7 @@ _varn_scripts() {
           ;;
         list) _arguments $settings '--json[print the records as a JSON array]' ;;
         prune) _arguments $settings ;;
+        key) _varn_scripts_key ;;
         publish)
           _arguments $settings \
             '--keep-for[how long files stay that the list no longer names]:time:' \
