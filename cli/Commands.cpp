@@ -138,6 +138,7 @@ void addKeyVerifyOptions(CLI::App& to, CommandLine& line) {
       ->type_name("KEY");
   to.add_option("--signatures-needed", line.key.signaturesNeeded,
                 "How many of the keys have to have signed (default: 1)")
+      ->check(CLI::Range(std::size_t{1}, std::size_t{1000}).description(""))
       ->type_name("N");
   to.add_option("--signature", line.key.signatures,
                 "A signature's file, in place of those beside the list; may be given several times")

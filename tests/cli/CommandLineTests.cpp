@@ -66,6 +66,7 @@ TEST(ParseCommandLine, TheCommandsOfKeyRefuseWhatIsEmptyMissingOrTooMuch) {
         Arguments{"key", "generate", "k", "--passphrase", "p"}, Arguments{"key", "verify", "list"},
         Arguments{"key", "verify", "list", "--trusted-key="},
         Arguments{"key", "verify", "list", "--trusted-key", "k", "--signatures-needed", "-1"},
+        Arguments{"key", "verify", "list", "--trusted-key", "k", "--signatures-needed", "0"},
         Arguments{"key", "verify", "list", "--trusted-key", "k", "--signatures-needed", "two"}}) {
     EXPECT_EQ(replyTo(arguments).exitStatus, 2) << testing::PrintToString(arguments);
   }

@@ -329,10 +329,9 @@ class VerifyTest(KeysCase):
         self.assert_refused(2, f"{self.secret}: the public key is a secret key, which belongs to "
                                "whoever signs alone",
                             "verify", self.list, "--trusted-key", self.secret)
-        for needed in ("0", "2"):
-            self.assert_refused(
-                2, "--signatures-needed must be a number from 1 to that of the trusted keys",
-                "verify", self.list, "--trusted-key", self.public, "--signatures-needed", needed)
+        self.assert_refused(
+            2, "--signatures-needed must be a number from 1 to that of the trusted keys",
+            "verify", self.list, "--trusted-key", self.public, "--signatures-needed", "2")
         self.assert_refused(3, f"the list {self.path('none')} can't be read: No such file or "
                                "directory",
                             "verify", self.path("none"), "--trusted-key", self.public)
