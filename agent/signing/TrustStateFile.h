@@ -4,6 +4,8 @@
 
 #pragma once
 
+#include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -32,14 +34,25 @@ class TrustStateFile {
   [[nodiscard]] std::variant<TrustState, Refusal> read() const;
 
   /// `judgeList` with what is remembered. When the list is accepted, what it adds to that is on the
-  /// disk; a list whose state can't be written is refused. Missing directories on the way to the
-  /// file are made (0700).
+  /// disk, and then `use` is called, with the turn still held: a list that takes its place there is
+  /// never put behind a newer one of another request. What it throws comes out. A list whose state
+  /// can't be written is refused. Missing directories on the way to the file are made (0700).
   [[nodiscard]] Judgement accept(std::string_view list,
                                  const std::vector<std::string>& signatureFiles,
-                                 const TrustPolicy& policy, UTCTime clock) const;
+                                 const TrustPolicy& policy, UTCTime clock,
+                                 const std::function<void()>& use = {}) const;
+
+  /// `judgeKeptList` in the same way: nothing is added to what is remembered.
+  [[nodiscard]] Judgement acceptKept(std::string_view list, const TrustPolicy& policy,
+                                     UTCTime clock, const std::function<void()>& use = {}) const;
 
  private:
   [[nodiscard]] Refusal refusal(const std::string& why) const;
+  /// What `judge` says of what is remembered, with the turn held and `use` called as in `accept`.
+  [[nodiscard]] Judgement judged(const std::function<Judgement(const TrustState&)>& judge,
+                                 const std::function<void()>& use) const;
+  /// Has `state` on the disk; why not, when it is not.
+  [[nodiscard]] std::optional<Refusal> write(const TrustState& state) const;
 
   const std::string path_;
   const std::string customer_;

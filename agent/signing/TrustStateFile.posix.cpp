@@ -70,7 +70,23 @@ std::variant<TrustState, Refusal> TrustStateFile::read() const {
 
 Judgement TrustStateFile::accept(std::string_view list,
                                  const std::vector<std::string>& signatureFiles,
-                                 const TrustPolicy& policy, UTCTime clock) const {
+                                 const TrustPolicy& policy, UTCTime clock,
+                                 const std::function<void()>& use) const {
+  return judged(
+      [&](const TrustState& state) {
+        return judgeList(list, signatureFiles, policy, state, clock);
+      },
+      use);
+}
+
+Judgement TrustStateFile::acceptKept(std::string_view list, const TrustPolicy& policy,
+                                     UTCTime clock, const std::function<void()>& use) const {
+  return judged([&](const TrustState& state) { return judgeKeptList(list, policy, state, clock); },
+                use);
+}
+
+Judgement TrustStateFile::judged(const std::function<Judgement(const TrustState&)>& judge,
+                                 const std::function<void()>& use) const {
   // A parent that can't be made shows when the lock can't.
   static_cast<void>(FileUtils().createDirectory(posix::directoryOf(path_), true));
   const std::string lockPath = path_ + ".lock";
@@ -81,22 +97,30 @@ Judgement TrustStateFile::accept(std::string_view list,
   if (!lock) return refusal("can't be locked: " + lockPath + ": " + whyNotOpened());
   const std::string complaint = complaintAboutFile(lock);
   if (!complaint.empty()) return refusal("can't be locked: " + lockPath + ": " + complaint);
-  // Held until the state is in place: what another request remembers meanwhile is not lost.
+  // Held to the end: what another request remembers meanwhile is not lost.
   if (retryOnInterrupt([&] { return ::flock(lock.get(), LOCK_EX); }) != 0) {
     return refusal("can't be locked: " + lockPath + ": " + posix::lastError().message());
   }
   const auto remembered = read();
   if (const auto* const why = std::get_if<Refusal>(&remembered)) return *why;
   const auto& state = std::get<TrustState>(remembered);
-  Judgement judgement = judgeList(list, signatureFiles, policy, state, clock);
+  Judgement judgement = judge(state);
   const auto* const accepted = std::get_if<Acceptance>(&judgement);
-  if (accepted == nullptr || accepted->state == state) return judgement;
-  const std::string text = trustStateText(accepted->state);
+  if (accepted == nullptr) return judgement;
+  if (accepted->state != state) {
+    if (auto why = write(accepted->state)) return std::move(*why);
+  }
+  if (use) use();
+  return judgement;
+}
+
+std::optional<Refusal> TrustStateFile::write(const TrustState& state) const {
+  const std::string text = trustStateText(state);
   if (text.size() > kLargestTrustState) return refusal("would be too large: it has too many keys");
   std::error_code error;
   posix::replaceFile(path_, text, kFileMode, error);
   if (error) return refusal("can't be written: " + error.message());
-  return judgement;
+  return std::nullopt;
 }
 
 std::string trustStatePath(const std::string& dataPath) {

@@ -228,6 +228,23 @@ TEST(JudgeList, ThatHasExpiredIsNotRevivedByAClockThatIsSetBack) {
   EXPECT_EQ(computer.see(listOf("3"), {by("second", "3")}, kMeanwhile), "(accepted)");
 }
 
+TEST(JudgeList, TheLatestTimeIsNotLoweredByWhatIsAcceptedAfterIt) {
+  Computer computer({"first"});
+  const auto signedAt = [](const std::string& serial, const std::string& published,
+                           const std::string& expires) {
+    return Signer("first").sign(listOf(serial), commentWith(serial, published, expires));
+  };
+  const std::string late = signedAt("1", "2027-02-01T00:00:00Z", "2027-04-01T00:00:00Z");
+  const std::string early = signedAt("2", "2026-12-01T00:00:00Z", "2027-04-01T00:00:00Z");
+  const std::string brief = signedAt("3", "2026-12-01T00:00:00Z", "2027-01-01T00:00:00Z");
+  EXPECT_EQ(computer.see(listOf("1"), {late}, "2027-02-02T00:00:00Z"), "(accepted)");
+  EXPECT_EQ(computer.see(listOf("2"), {early}, "2027-02-02T00:00:00Z"), "(accepted)");
+  EXPECT_EQ(computer.see(listOf("3"), {brief}, "2026-12-02T00:00:00Z"),
+            "the signature by the key 808CC446AE5308A3 expired at 2027-01-01T00:00:00Z; the clock "
+            "of this computer stands at 2026-12-02T00:00:00Z, and a list of 2027-02-01T00:00:00Z "
+            "was accepted before");
+}
+
 TEST(JudgeList, UnderAClockThatStandsBeforeItsPublicationIsRefused) {
   Computer computer({"first"});
   EXPECT_EQ(computer.see(listOf("1"), {by("first", "1")}, "1970-01-01T00:00:07Z"),

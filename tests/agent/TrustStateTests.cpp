@@ -1,18 +1,24 @@
 // What is remembered of accepted lists: its one text, and its file, which nobody else may have
 // touched and which no interruption leaves with less in it.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <filesystem>
+#include <functional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "Digest.h"
+#include "FileDescriptor.h"
 #include "signing/TrustState.h"
 #include "signing/TrustStateFile.h"
 #include "support/Files.h"
@@ -247,6 +253,35 @@ TEST_F(TrustStateFileTest, WhoseLockOthersMayHoldIsRefused) {
   ASSERT_EQ(::chmod((path_ + ".lock").c_str(), 0666), 0);
   EXPECT_EQ(accept(7), "the record of accepted lists " + path_ + " can't be locked: " + path_ +
                            ".lock: others may write to it");
+}
+
+TEST_F(TrustStateFileTest, HasRememberedAListBeforeItIsUsedAndKeepsTheTurnMeanwhile) {
+  int uses = 0;
+  const auto acceptFor = [&](int serial, const std::function<void()>& use) {
+    const std::string text = std::to_string(serial);
+    return outcome(file().accept(text, {Signer("first").sign(text, commentWith(text))}, policy_,
+                                 at(kMeanwhile), use));
+  };
+  const auto look = [&] {
+    ++uses;
+    EXPECT_EQ(serial(), 7U);
+    const posix::FileDescriptor lock(::open((path_ + ".lock").c_str(), O_RDWR | O_CLOEXEC));
+    EXPECT_EQ(::flock(lock.get(), LOCK_EX | LOCK_NB), -1);
+    EXPECT_EQ(errno, EWOULDBLOCK);
+  };
+  EXPECT_EQ(acceptFor(7, look), "(accepted)");
+  // Also when there is nothing new to remember; never when it is refused.
+  EXPECT_EQ(acceptFor(7, look), "(accepted)");
+  EXPECT_NE(acceptFor(6, look), "(accepted)");
+  EXPECT_EQ(uses, 2);
+  EXPECT_EQ(outcome(file().acceptKept("7", policy_, at(kMeanwhile), look)), "(accepted)");
+  EXPECT_EQ(outcome(file().acceptKept("6", policy_, at(kMeanwhile), look)),
+            "the list is not the one that was accepted last");
+  EXPECT_EQ(uses, 3);
+  EXPECT_THROW(static_cast<void>(acceptFor(8, [] { throw std::runtime_error("no room"); })),
+               std::runtime_error);
+  EXPECT_EQ(serial(), 8U);
+  EXPECT_EQ(accept(9), "(accepted)");
 }
 
 TEST_F(TrustStateFileTest, KeepsTheHighestOfAllProcesses) {
