@@ -153,10 +153,20 @@ class TerminalTest(KeysCase):
         """Starts the command with a terminal of its own; gives its process ID and the terminal."""
         child, terminal = pty.fork()
         if child == 0:
+            # Whoever runs the tests in the background ignores what a terminal sends.
+            for number in (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP):
+                signal.signal(number, signal.SIG_DFL)
             os.execve(self.command, [self.command, *arguments], self.environment())
         self.addCleanup(os.close, terminal)
         self.shown = b""
         return child, terminal
+
+    def status_of(self, child):
+        """The exit status of the process, or the negative number of the signal that ended it."""
+        ended = []
+        self.wait_until(lambda: ended.extend(os.waitpid(child, os.WNOHANG)) or ended[-2],
+                        "the end of the command")
+        return os.waitstatus_to_exitcode(ended[-1])
 
     def read_until(self, terminal, words):
         deadline = time.monotonic() + DEADLINE
@@ -182,8 +192,7 @@ class TerminalTest(KeysCase):
         self.read_until(terminal, b"The same once more: ")
         os.write(terminal, b"one two\n")
         self.read_to_the_end(terminal)
-        _, status = os.waitpid(child, 0)
-        self.assertEqual(os.waitstatus_to_exitcode(status), 0, self.shown)
+        self.assertEqual(self.status_of(child), 0, self.shown)
         self.assertNotIn(b"one two", self.shown)
         self.assertIn(b"untrusted comment: minisign public key ", self.shown)
 
@@ -194,8 +203,7 @@ class TerminalTest(KeysCase):
         self.read_until(terminal, b"The same once more: ")
         os.write(terminal, b"two\n")
         self.read_to_the_end(terminal)
-        _, status = os.waitpid(child, 0)
-        self.assertEqual(os.waitstatus_to_exitcode(status), 2)
+        self.assertEqual(self.status_of(child), 2)
         self.assertIn(b"varn-scripts: the two passphrases are not the same", self.shown)
         self.assertFalse(os.path.exists(self.secret))
 
@@ -206,8 +214,7 @@ class TerminalTest(KeysCase):
                 self.read_until(terminal, b"Passphrase for ")
                 self.assertFalse(termios.tcgetattr(terminal)[3] & termios.ECHO)
                 os.write(terminal, b"on" + key)
-                _, status = os.waitpid(child, 0)
-                self.assertEqual(os.waitstatus_to_exitcode(status), -number)
+                self.assertEqual(self.status_of(child), -number)
                 self.assertTrue(termios.tcgetattr(terminal)[3] & termios.ECHO)
                 self.assertFalse(os.path.exists(self.secret))
 
