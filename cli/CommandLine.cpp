@@ -94,13 +94,11 @@ class Parser {
     } catch (const CLI::CallForVersion&) {
       return Reply{0, "varn-scripts " VARN_VERSION "\n", ""};
     } catch (const CLI::Error& error) {
-      const std::string what =
-          app_.get_subcommands().empty() ? withoutCommand(error) : error.what();
-      return usageError(what + suggestion());
+      return usageError(whatIsWrong(error) + suggestion());
     }
     if (const auto empty = nameOfEmptyText()) return usageError(*empty + " must not be empty");
     for (const Command& command : commands()) {
-      if (app_.got_subcommand(std::string(command.name))) result_.command = &command;
+      if (command.execute != nullptr && parserOf(command)->parsed()) result_.command = &command;
     }
     return result_;
   }
@@ -130,8 +128,12 @@ class Parser {
 
   void addCommand(const Command& command) {
     CLI::App& parser =
-        *app_.add_subcommand(std::string(command.name), std::string(command.meaning));
+        *parentOf(command)->add_subcommand(lastWordOf(command), std::string(command.meaning));
     parser.group("Commands");
+    if (command.execute == nullptr) {
+      parser.require_subcommand(1);
+      return;
+    }
     parser.footer(
         "varn-scripts --help lists the settings, which are options of every command.\n"
         "Exit status: " +
@@ -139,12 +141,34 @@ class Parser {
     if (command.addOptions != nullptr) command.addOptions(parser, result_);
   }
 
+  static std::string lastWordOf(const Command& command) {
+    return std::string(command.name.substr(command.name.rfind(' ') + 1));
+  }
+
+  // What the command is a command of: the whole program, or another command.
+  CLI::App* parentOf(const Command& command) {
+    const std::size_t blank = command.name.find(' ');
+    if (blank == command.name.npos) return &app_;
+    return app_.get_subcommand(std::string(command.name.substr(0, blank)));
+  }
+
+  CLI::App* parserOf(const Command& command) {
+    return parentOf(command)->get_subcommand(lastWordOf(command));
+  }
+
+  // The program and the commands that were given, each below the one before it.
+  [[nodiscard]] std::vector<const CLI::App*> given() const {
+    std::vector<const CLI::App*> apps = {&app_};
+    while (!apps.back()->get_subcommands().empty()) {
+      apps.push_back(apps.back()->get_subcommands().front());
+    }
+    return apps;
+  }
+
   // The first operand or option whose text is empty, as that of a shell's variable that is not set:
   // below an empty directory lies the root. An empty list of codes alone means something.
   [[nodiscard]] std::optional<std::string> nameOfEmptyText() const {
-    std::vector<const CLI::App*> apps = {&app_};
-    for (const CLI::App* const command : app_.get_subcommands()) apps.push_back(command);
-    for (const CLI::App* const app : apps) {
+    for (const CLI::App* const app : given()) {
       for (const CLI::Option* const option : app->get_options()) {
         const auto& texts = option->results();
         const bool isEmpty = std::find(texts.begin(), texts.end(), "") != texts.end();
@@ -154,35 +178,45 @@ class Parser {
     return std::nullopt;
   }
 
-  // What is wrong with a command line that names no command.
-  std::string withoutCommand(const CLI::Error& error) const {
-    if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::RequiredError)) {
-      return error.what();
-    }
-    const auto words = app_.remaining();
+  std::string whatIsWrong(const CLI::Error& error) {
+    const CLI::App* const last = given().back();
+    const bool lacksCommand =
+        error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError) &&
+        last->get_require_subcommand_min() > 0;
+    if (!lacksCommand) return error.what();
+    const auto words = app_.remaining(true);
     const auto unknown = std::find_if(words.begin(), words.end(),
                                       [](const auto& word) { return !word.starts_with('-'); });
-    std::string names;
+    const std::string of = last == &app_ ? "" : " of " + last->get_name();
+    return (unknown == words.end() ? "a command" + of + " is missing"
+                                   : "there is no command " + *unknown + of) +
+           "; the commands are " + namesBelow(last);
+  }
+
+  // "run, plan and list".
+  std::string namesBelow(const CLI::App* app) {
+    std::vector<std::string> names;
     for (const Command& command : commands()) {
-      if (!names.empty()) names += &command == &commands().back() ? " and " : ", ";
-      names += command.name;
+      if (parentOf(command) == app) names.push_back(lastWordOf(command));
     }
-    return (unknown == words.end() ? "a command is missing" : "there is no command " + *unknown) +
-           "; the commands are " + names;
+    std::string text;
+    for (const std::string& name : names) {
+      if (!text.empty()) text += &name == &names.back() ? " and " : ", ";
+      text += name;
+    }
+    return text;
   }
 
   // The option or command that was meant, as the end of a message; empty when there is no telling.
-  [[nodiscard]] std::string suggestion() const {
-    std::vector<const CLI::App*> apps = {&app_};
-    for (const CLI::App* const command : app_.get_subcommands()) apps.push_back(command);
+  [[nodiscard]] std::string suggestion() {
     std::vector<std::string> known;
-    for (const CLI::App* const app : apps) {
+    for (const CLI::App* const app : given()) {
       for (const CLI::Option* const option : app->get_options()) {
         known.push_back(option->get_name());
       }
     }
-    if (app_.get_subcommands().empty()) {
-      for (const Command& command : commands()) known.emplace_back(command.name);
+    for (const Command& command : commands()) {
+      if (parentOf(command) == given().back()) known.push_back(lastWordOf(command));
     }
     for (const std::string& word : app_.remaining(true)) {
       const std::string given = word.substr(0, std::min<std::size_t>(word.find('='), 64));

@@ -10,6 +10,7 @@
 
 #include "Commands.h"
 #include "Settings.h"
+#include "key/Key.h"
 #include "publish/Publish.h"
 
 namespace VarnScripts {
@@ -28,6 +29,7 @@ struct CommandLine {
   bool listServer = false;  ///< of `list`: what the server lists
   bool dryRun = false;      ///< of `prune`: removes nothing
   PublishOptions publish;   ///< of `publish`
+  KeyOptions key;           ///< of the commands of `key`
 
   /// The settings that it can't do without.
   [[nodiscard]] NeededSettings needed() const {

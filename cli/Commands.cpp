@@ -15,6 +15,7 @@
 #include "Prune.h"
 #include "Run.h"
 #include "ScriptRules.h"
+#include "key/Key.h"
 #include "publish/Publish.h"
 
 namespace VarnScripts {
@@ -119,6 +120,45 @@ void addPublishOptions(CLI::App& to, CommandLine& line) {
       ->type_name("NAME");
 }
 
+void addPassphraseFile(CLI::App& to, CommandLine& line) {
+  to.add_option("--passphrase-file", line.key.passphraseFile,
+                "Where the passphrase is, in place of asking the terminal: a file for its owner "
+                "alone, or a pipe such as /dev/fd/3")
+      ->type_name("FILE");
+}
+
+void addKeyGenerateOptions(CLI::App& to, CommandLine& line) {
+  addOperand(to, "KEY_FILE", line.key.file,
+             "The secret key's file; the public one is KEY_FILE.pub");
+  addPassphraseFile(to, line);
+  to.add_flag("--no-passphrase", line.key.noPassphrase,
+              "Leave the key unprotected but for the file's mode")
+      ->excludes("--passphrase-file");
+}
+
+void addKeyShowOptions(CLI::App& to, CommandLine& line) {
+  addOperand(to, "KEY", line.key.file, "The file of a key, or the line of a public one");
+  addPassphraseFile(to, line);
+}
+
+void addKeyVerifyOptions(CLI::App& to, CommandLine& line) {
+  addOperand(to, "LIST", line.key.file, "The list, scripts-meta.xml");
+  // A further KEY needs a further flag: what follows may be the list.
+  to.add_option("--trusted-key", line.key.trustedKeys,
+                "A key whose signature counts, its line or its file; may be given several times")
+      ->required()
+      ->allow_extra_args(false)
+      ->type_name("KEY");
+  to.add_option("--signatures-needed", line.key.signaturesNeeded,
+                "How many of the keys have to have signed (default: 1)")
+      ->check(CLI::Range(std::size_t{1}, std::size_t{1000}).description(""))
+      ->type_name("N");
+  to.add_option("--signature", line.key.signatures,
+                "A signature's file, in place of those beside the list; may be given several times")
+      ->allow_extra_args(false)
+      ->type_name("FILE");
+}
+
 constexpr Command kCommands[] = {
     {"run", "Fetch, verify and run one script",
      "0 accepted, 1 rejected, 2 usage or settings error, 3 not run.", NeededSettings::request,
@@ -137,6 +177,17 @@ constexpr Command kCommands[] = {
      "0 published, or nothing has changed; 2 usage or settings error, or refused;\n"
      "3 the tree can't be read or written; 4 --check: there is something to publish.",
      NeededSettings::customer, addPublishOptions, publish},
+    {"key", "Make, show and try the keys that lists are signed with", "", NeededSettings::nothing,
+     nullptr, nullptr},
+    {"key generate", "Make a key, secret and public",
+     "0 made, 2 usage or settings error, 3 the files can't be written.", NeededSettings::nothing,
+     addKeyGenerateOptions, generateKey},
+    {"key show", "Print the public key of a key",
+     "0 done, 2 usage or settings error, 3 the key can't be read.", NeededSettings::nothing,
+     addKeyShowOptions, showKey},
+    {"key verify", "Tell whether a list is signed by trusted keys",
+     "0 it is, 1 it is not, 2 usage or settings error, 3 a file can't be read.",
+     NeededSettings::nothing, addKeyVerifyOptions, verifyList},
 };
 
 }  // namespace

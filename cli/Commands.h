@@ -17,13 +17,14 @@ namespace VarnScripts {
 struct CommandLine;
 
 struct Command {
+  /// "run"; of one that is below another, "key show". The other stands before it.
   std::string_view name;
   std::string_view meaning;   ///< what help says of it
   std::string_view statuses;  ///< its exit statuses, for its own help
   NeededSettings needed;
   /// Adds what it takes beside the settings, to be parsed into `line`. Null when that is nothing.
   void (*addOptions)(CLI::App& to, CommandLine& line);
-  /// Does it, and gives the exit status.
+  /// Does it, and gives the exit status. Null for one that others are below.
   int (*execute)(const CommandLine& line, const Settings& settings);
 };
 

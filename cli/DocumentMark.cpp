@@ -10,6 +10,7 @@
 #include "Digest.h"
 #include "Directories.h"
 #include "RegularFile.h"
+#include "WholeFiles.h"
 
 namespace VarnScripts {
 namespace {
@@ -20,12 +21,6 @@ std::string customerDirectory() {
 }
 
 }  // namespace
-
-void syncDirectory(const std::string& directory, std::error_code& error) {
-  posix::syncPath(directory, error);
-  // Some file systems have no such operation; they keep their names as well as they can.
-  if (error == std::errc::invalid_argument) error.clear();
-}
 
 DocumentMark::DocumentMark(const std::string& scriptID)
     : path_(customerDirectory() + "/varn-scripts.unrecorded-" +
@@ -49,7 +44,7 @@ void DocumentMark::make(const std::string& recordedPath, std::error_code& error)
   if (!error && posix::retryOnInterrupt([&] { return ::fsync(file.get()); }) != 0) {
     error = posix::lastError();
   }
-  if (!error) syncDirectory(customerDirectory(), error);
+  if (!error) posix::syncDirectory(customerDirectory(), error);
 }
 
 std::string DocumentMark::recordedPath() const {

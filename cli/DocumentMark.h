@@ -9,9 +9,6 @@
 
 namespace VarnScripts {
 
-/// Returns when the names in `directory` are on the disk, where the file system can tell.
-void syncDirectory(const std::string& directory, std::error_code& error);
-
 /// The mark of one script ID: a file beside the lock file, of a name that every ID can have. Made
 /// and removed by whoever has the turn of that ID.
 class DocumentMark {

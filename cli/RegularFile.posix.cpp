@@ -10,6 +10,7 @@
 #include <cerrno>
 
 #include "Calls.h"
+#include "WholeFiles.h"
 #include "platform/Memory.h"
 
 namespace VarnScripts {

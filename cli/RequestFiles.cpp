@@ -11,6 +11,7 @@
 #include "Directories.h"
 #include "List.h"
 #include "ScriptTurn.h"
+#include "WholeFiles.h"
 #include "support/Files.h"
 
 namespace VarnScripts {
@@ -44,7 +45,7 @@ void RequestFiles::begin(std::error_code& error) {
   if (!mark_.isThere()) return;
   // Gone from the disk before the mark is: what remains is a document that nobody has fetched yet.
   if (::unlink(documentPath_.c_str()) == 0) {
-    syncDirectory(documentPath_.substr(0, documentPath_.rfind('/')), error);
+    posix::syncDirectory(documentPath_.substr(0, documentPath_.rfind('/')), error);
   } else if (errno != ENOENT) {
     error.assign(errno, std::generic_category());
   }

@@ -262,6 +262,7 @@ std::optional<SettingsError> take(const SettingDefinition& definition,
 
 // The key of the first setting that is needed and not there.
 std::optional<std::string> missingKey(const Settings& settings, NeededSettings needed) {
+  if (needed == NeededSettings::nothing) return std::nullopt;
   const auto& agent = settings.agent;
   const bool request = needed == NeededSettings::request;
   if (request && agent.basePath.empty()) return "base_path";

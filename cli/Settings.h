@@ -110,6 +110,7 @@ enum class NeededSettings {
   request,     ///< base path, customer and server
   localState,  ///< the data path, or the base path and the customer that give its default
   customer,    ///< the customer alone
+  nothing,
 };
 
 /// The data path that `customer` has by default, which no other customer has.

@@ -31,11 +31,13 @@ _varn_scripts() {
     --log-level --log-format --log-file --log-target --quiet --help"
   local with_value=" --config --base-path --data-path --customer --server --ca-file --client-cert
     --client-key --proxy --header-file --netrc-file --retry --max-download --max-output --log-level
-    --log-format --log-file --log-target --accept-codes --keep-for --digest "
+    --log-format --log-file --log-target --accept-codes --keep-for --digest --passphrase-file
+    --trusted-key --signatures-needed --signature "
 
   compopt +o default 2>/dev/null
   case $previous in
-    --config | --ca-file | --client-cert | --client-key | --header-file | --netrc-file | --log-file)
+    --config | --ca-file | --client-cert | --client-key | --header-file | --netrc-file | \
+      --log-file | --passphrase-file | --trusted-key | --signature)
       compopt -o filenames 2>/dev/null
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
       return
@@ -69,7 +71,8 @@ _varn_scripts() {
         return
       fi
       ;;
-    --customer | --proxy | --retry | --max-download | --max-output | --accept-codes | --keep-for)
+    --customer | --proxy | --retry | --max-download | --max-output | --accept-codes | --keep-for | \
+      --signatures-needed)
       COMPREPLY=()
       return
       ;;
@@ -94,6 +97,8 @@ _varn_scripts() {
       continue
     elif [[ -z $command ]]; then
       command=$word
+    elif [[ $command == key ]]; then
+      command="key $word"
     else
       arguments=$((arguments + 1))
     fi
@@ -106,13 +111,22 @@ _varn_scripts() {
     plan) options="$settings --json" ;;
     prune) options="$settings --dry-run --json" ;;
     list) options="$settings --server --json" ;;
+    key) options=$settings ;;
     publish) options="$settings --keep-for --digest --strict --check --allow-removal" ;;
+    "key generate") options="$settings --no-passphrase --passphrase-file" ;;
+    "key show") options="$settings --passphrase-file" ;;
+    "key verify") options="$settings --trusted-key --signatures-needed --signature" ;;
     *) options= ;;
   esac
   if [[ $current == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
   elif [[ -z $command ]]; then
-    mapfile -t COMPREPLY < <(compgen -W "run plan prune list publish" -- "$current")
+    mapfile -t COMPREPLY < <(compgen -W "run plan prune list publish key" -- "$current")
+  elif [[ $command == key ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "generate show verify" -- "$current")
+  elif [[ $command == "key "* ]] && ((arguments == 0)); then
+    compopt -o filenames 2>/dev/null
+    mapfile -t COMPREPLY < <(compgen -f -- "$current")
   elif [[ $command == publish ]] && ((arguments < 2)); then
     compopt -o filenames 2>/dev/null
     mapfile -t COMPREPLY < <(compgen -d -- "$current")

@@ -3,7 +3,8 @@
 # What takes a value, apart from the flags.
 set -g __varn_scripts_with_value --config --base-path --data-path --customer --server --ca-file \
     --client-cert --client-key --proxy --header-file --netrc-file --retry --max-download \
-    --max-output --log-level --log-format --log-file --log-target --accept-codes --keep-for --digest
+    --max-output --log-level --log-format --log-file --log-target --accept-codes --keep-for --digest \
+    --passphrase-file --trusted-key --signatures-needed --signature
 
 # The words before the cursor without options and their values: the command and its arguments.
 function __varn_scripts_words
@@ -23,10 +24,10 @@ function __varn_scripts_needs_command
     test (count (__varn_scripts_words)) -eq 0
 end
 
-# Whether the command is one of those given.
+# Whether the command is the given one, a word or two.
 function __varn_scripts_after
     set -l words (__varn_scripts_words)
-    test (count $words) -gt 0; and contains -- $words[1] $argv
+    test (count $words) -ge (count $argv); and test "$words[1..(count $argv)]" = "$argv"
 end
 
 # Whether the command is one of those given after a number, and has fewer arguments than that.
@@ -90,7 +91,10 @@ complete -c varn-scripts -n __varn_scripts_needs_command -a plan -d 'tell what r
 complete -c varn-scripts -n __varn_scripts_needs_command -a prune -d 'remove local copies of scripts the server dropped'
 complete -c varn-scripts -n __varn_scripts_needs_command -a list -d 'list the local records, or the server\'s scripts'
 complete -c varn-scripts -n __varn_scripts_needs_command -a publish -d 'turn a directory of scripts into a server\'s tree'
+complete -c varn-scripts -n __varn_scripts_needs_command -a key -d 'make, show and try keys'
 
+complete -c varn-scripts -n '__varn_scripts_wants 1 key' -a 'generate show verify' -d command
+complete -c varn-scripts -n '__varn_scripts_wants 2 key' -F
 complete -c varn-scripts -n '__varn_scripts_wants 1 run plan' -a '(__varn_scripts_known)' -d script
 complete -c varn-scripts -n '__varn_scripts_wants 2 publish' -a '(__fish_complete_directories)'
 
@@ -114,3 +118,12 @@ complete -c varn-scripts -n '__varn_scripts_after publish' -l digest -x -a 'md5 
 complete -c varn-scripts -n '__varn_scripts_after publish' -l strict -d 'refuse what is a warning otherwise'
 complete -c varn-scripts -n '__varn_scripts_after publish' -l check -d 'check only, write nothing'
 complete -c varn-scripts -n '__varn_scripts_after publish' -l allow-removal -d 'publish a manifest without a script'
+
+complete -c varn-scripts -n '__varn_scripts_after key generate' -l no-passphrase -d 'leave the key unprotected'
+complete -c varn-scripts -n '__varn_scripts_after key generate' -l passphrase-file -r -F -d 'where the passphrase is'
+
+complete -c varn-scripts -n '__varn_scripts_after key show' -l passphrase-file -r -F -d 'where the passphrase is'
+
+complete -c varn-scripts -n '__varn_scripts_after key verify' -l trusted-key -r -F -d 'a key whose signature counts'
+complete -c varn-scripts -n '__varn_scripts_after key verify' -l signatures-needed -x -d 'how many keys have to have signed'
+complete -c varn-scripts -n '__varn_scripts_after key verify' -l signature -r -F -d 'file of a signature'

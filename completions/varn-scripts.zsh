@@ -20,6 +20,43 @@ _varn_scripts_known() {
   compadd -a known
 }
 
+# What follows the word "key".
+_varn_scripts_key() {
+  local -a keys
+  keys=(
+    'generate:make a key, secret and public'
+    'show:print the public key of a key'
+    'verify:tell whether a list is signed by trusted keys'
+  )
+  local curcontext=$curcontext state line
+  _arguments -C -A '-*' $settings '1:command:->command' '*::argument:->argument' && return 0
+  case $state in
+    command) _describe -t commands command keys ;;
+    argument)
+      curcontext=${curcontext%:*}-$line[1]:
+      case $line[1] in
+        generate)
+          _arguments $settings \
+            '--no-passphrase[leave the key unprotected]' \
+            '--passphrase-file[where the passphrase is]:file:_files' \
+            '1:new file:_files'
+          ;;
+        show)
+          _arguments $settings '--passphrase-file[where the passphrase is]:file:_files' \
+            '1:key:_files'
+          ;;
+        verify)
+          _arguments $settings \
+            '*--trusted-key[a key whose signature counts]:key:_files' \
+            '--signatures-needed[how many keys have to have signed]:number:' \
+            '*--signature[file of a signature]:file:_files' \
+            '1:list:_files'
+          ;;
+      esac
+      ;;
+  esac
+}
+
 _varn_scripts() {
   # The words before the cursor, also those that stand before the command.
   local -a typed=("${(@)words[1,CURRENT-1]}")
@@ -53,6 +90,7 @@ _varn_scripts() {
     'prune:remove local copies of scripts the server dropped'
     "list:list the local records, or the server's scripts"
     "publish:turn a directory of scripts into a server's tree"
+    'key:make, show and try keys'
   )
 
   local curcontext=$curcontext state line
@@ -87,6 +125,7 @@ _varn_scripts() {
             '--server[list what the server has]::location:(https\: http\: file\:)' \
             '--json[print a JSON array]'
           ;;
+        key) _varn_scripts_key ;;
         publish)
           _arguments $settings \
             '--keep-for[how long files stay that the list no longer names]:time:' \

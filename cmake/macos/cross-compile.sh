@@ -21,9 +21,9 @@ readonly ARCHITECTURES="arm64 x86_64"
 PKG_CONFIG_LIBDIR=$SDK/usr/lib/pkgconfig
 export PKG_CONFIG_LIBDIR
 
-readonly HEADER_PACKAGES="libcli11-dev libcurl4-openssl-dev libexpat1-dev libfmt-dev libspdlog-dev
-  libsqlite3-dev libsqlitecpp-dev libssl-dev libtomlplusplus-dev libutf8proc-dev nlohmann-json3-dev
-  zlib1g-dev"
+readonly HEADER_PACKAGES="libcli11-dev libcurl4-openssl-dev libexpat1-dev libfmt-dev libsodium-dev
+  libspdlog-dev libsqlite3-dev libsqlitecpp-dev libssl-dev libtomlplusplus-dev libutf8proc-dev
+  nlohmann-json3-dev zlib1g-dev"
 
 say() { printf '==> %s\n' "$*"; }
 
@@ -123,6 +123,7 @@ stage_libraries() {
   cp "$HERE"/stubs/*.tbd "$SDK/usr/lib"
   # From Homebrew.
   stub_of_c_library crypto @rpath/libcrypto.3.dylib
+  stub_of_c_library sodium @rpath/libsodium.dylib
   stub_of_c_library utf8proc @rpath/libutf8proc.dylib
   printf '' | write_stub SQLiteCpp @rpath/libSQLiteCpp.dylib
   for file in "$HERE"/packages/*Config.cmake; do
@@ -130,12 +131,14 @@ stage_libraries() {
     mkdir -p "$SDK/usr/lib/cmake/$name"
     cp "$file" "$SDK/usr/lib/cmake/$name"
   done
-  for name in libutf8proc tomlplusplus; do
+  for name in libsodium libutf8proc tomlplusplus; do
     version=$(pkg_config_of_this_system --modversion "$name")
     {
       printf 'Name: %s\nDescription: %s\nVersion: %s\n' "$name" "$name" "$version"
       printf 'Cflags: -I%s\n' "$SDK/usr/include"
-      if [ "$name" = libutf8proc ]; then printf 'Libs: -L%s -lutf8proc\n' "$SDK/usr/lib"; fi
+      case $name in
+        lib*) printf 'Libs: -L%s -l%s\n' "$SDK/usr/lib" "${name#lib}" ;;
+      esac
     } >"$PKG_CONFIG_LIBDIR/$name.pc"
   done
 }

@@ -37,6 +37,41 @@ TEST(ParseCommandLine, TheThreeCommandsAreTaken) {
   EXPECT_EQ(lineFrom({"list"}).command->name, "list");
 }
 
+TEST(ParseCommandLine, TheCommandsOfKeyAreTaken) {
+  const CommandLine made = lineFrom({"key", "generate", "k", "--no-passphrase"});
+  EXPECT_EQ(made.command->name, "key generate");
+  EXPECT_EQ(made.key.file, "k");
+  EXPECT_TRUE(made.key.noPassphrase);
+  const CommandLine shown =
+      lineFrom({"--customer", "7", "key", "show", "k", "--passphrase-file=p"});
+  EXPECT_EQ(shown.command->name, "key show");
+  EXPECT_EQ(shown.key.passphraseFile, "p");
+  EXPECT_EQ(shown.flags, (SettingTexts{{"customer", "7"}}));
+  const CommandLine verified =
+      lineFrom({"key", "verify", "--trusted-key", "a", "list", "--trusted-key", "b", "--signature",
+                "s", "--signatures-needed", "2", "--quiet"});
+  EXPECT_EQ(verified.command->name, "key verify");
+  EXPECT_EQ(verified.key.file, "list");
+  EXPECT_EQ(verified.key.trustedKeys, (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(verified.key.signatures, std::vector<std::string>{"s"});
+  EXPECT_EQ(verified.key.signaturesNeeded, 2U);
+}
+
+TEST(ParseCommandLine, TheCommandsOfKeyRefuseWhatIsEmptyMissingOrTooMuch) {
+  for (const Arguments& arguments :
+       {Arguments{"key", "generate"}, Arguments{"key", "generate", ""},
+        Arguments{"key", "generate", "k", "more"},
+        Arguments{"key", "generate", "k", "--no-passphrase", "--passphrase-file", "p"},
+        Arguments{"key", "generate", "k", "--passphrase-file="},
+        Arguments{"key", "generate", "k", "--passphrase", "p"}, Arguments{"key", "verify", "list"},
+        Arguments{"key", "verify", "list", "--trusted-key="},
+        Arguments{"key", "verify", "list", "--trusted-key", "k", "--signatures-needed", "-1"},
+        Arguments{"key", "verify", "list", "--trusted-key", "k", "--signatures-needed", "0"},
+        Arguments{"key", "verify", "list", "--trusted-key", "k", "--signatures-needed", "two"}}) {
+    EXPECT_EQ(replyTo(arguments).exitStatus, 2) << testing::PrintToString(arguments);
+  }
+}
+
 TEST(ParseCommandLine, GlobalOptionsStandBeforeAndAfterTheCommand) {
   const SettingTexts expected = {{"base_path", "/b"}, {"customer", "7"}, {"quiet", "true"}};
   for (const Arguments& arguments :
@@ -252,8 +287,14 @@ TEST(ParseCommandLine, AnUnknownOrMissingCommandIsNamed) {
     return error.substr(0, error.find('\n'));
   };
   EXPECT_EQ(firstLine({"--quiet", "rnu", "42"}),
-            "varn-scripts: there is no command rnu; the commands are run, plan, prune, list and "
-            "publish; did you mean run?");
+            "varn-scripts: there is no command rnu; the commands are run, plan, prune, list, "
+            "publish and key; did you mean run?");
+  EXPECT_EQ(firstLine({"--quiet", "key", "shwo", "k"}),
+            "varn-scripts: there is no command shwo of key; the commands are generate, show and "
+            "verify; did you mean show?");
+  EXPECT_EQ(firstLine({"key"}),
+            "varn-scripts: a command of key is missing; the commands are generate, show and "
+            "verify");
   EXPECT_EQ(
       firstLine({"run", "42", "--accept-code", "0"}),
       "varn-scripts: The following arguments were not expected: 0 --accept-code; did you mean "
@@ -262,8 +303,8 @@ TEST(ParseCommandLine, AnUnknownOrMissingCommandIsNamed) {
             "varn-scripts: The following argument was not expected: --customr=7; did you mean "
             "--customer?");
   EXPECT_EQ(firstLine({"--quiet"}),
-            "varn-scripts: a command is missing; the commands are run, plan, prune, list and "
-            "publish");
+            "varn-scripts: a command is missing; the commands are run, plan, prune, list, "
+            "publish and key");
   EXPECT_EQ(firstLine({"--nope", "list"}),
             "varn-scripts: The following argument was not expected: --nope");
 }

@@ -157,7 +157,8 @@ class Options(unittest.TestCase):
 
     def test(self):
         page = (pages.DOCS / "use.md").read_text()
-        for command in ("", "run", "plan", "prune", "list", "publish"):
+        for command in ("", "run", "plan", "prune", "list", "publish", "key generate", "key show",
+                        "key verify"):
             text = subprocess.run([COMMAND, *command.split(), "--help"], capture_output=True,
                                   text=True, check=True).stdout
             if command:

@@ -17,19 +17,27 @@ COMMAND_PAGE = ROOT / "docs/man/varn-scripts.1"
 SETTINGS_PAGE = ROOT / "docs/man/varn-scripts.toml.5"
 MANIFEST_PAGE = ROOT / "docs/man/scripts.toml.5"
 SERVICE_DIRECTORY = ROOT / "examples/systemd"
-COMMANDS = ["run", "plan", "prune", "list", "publish"]
+GROUPS = {"key": ["key generate", "key show", "key verify"]}
+WORDS = ["run", "plan", "prune", "list", "publish", *GROUPS]
+COMMANDS = [name for word in WORDS for name in GROUPS.get(word, [word])]
 ANYWHERE = {"--help", "--version", "--config"}
 
 
-def help_text(*command):
+def help_text(command=""):
     return subprocess.run(
-        [os.environ["VARN_TESTED_COMMAND"], *command, "--help"],
+        [os.environ["VARN_TESTED_COMMAND"], *command.split(), "--help"],
         check=True, capture_output=True, encoding="utf-8", timeout=60).stdout
 
 
-def options(*command):
+def options(command=""):
     """The long options that the help lists, without those that are only mentioned."""
-    return set(re.findall(r"^  (?:-[a-z],)?(--[a-z-]+)", help_text(*command), re.MULTILINE))
+    return set(re.findall(r"^  (?:-[a-z],)?(--[a-z-]+)", help_text(command), re.MULTILINE))
+
+
+def commands(group=""):
+    """The commands that the help lists."""
+    part = help_text(group).split("Commands:")[1]
+    return re.findall(r"^  ([a-z]+)  ", part, re.MULTILINE)
 
 
 def settings():
@@ -40,8 +48,9 @@ class Help(unittest.TestCase):
     def test_the_reading_of_the_help_finds_what_is_known_to_be_there(self):
         self.assertLessEqual({"--base-path", "--quiet", "--help", "--version"}, options())
         self.assertEqual({"--help", "--json", "--follow", "--no-wait", "--accept-codes"}, options("run"))
-        listed = re.findall(r"^  ([a-z]+)  ", help_text().split("Commands:")[1], re.MULTILINE)
-        self.assertEqual(COMMANDS, listed)
+        self.assertEqual(WORDS, commands())
+        for group, members in GROUPS.items():
+            self.assertEqual(members, [f"{group} {name}" for name in commands(group)])
 
 
 class CommandPage(unittest.TestCase):
@@ -50,7 +59,8 @@ class CommandPage(unittest.TestCase):
 
     def part(self, command):
         """What the page says under the command, up to the next command or section."""
-        parts = re.split(r"^(?:\.It Cm ([a-z]+)|\.Sh ).*\n", self.page(), flags=re.MULTILINE)
+        parts = re.split(r"^(?:\.It Cm ((?:key )?[a-z]+)|\.Sh ).*\n", self.page(),
+                         flags=re.MULTILINE)
         return parts[parts.index(command) + 1]
 
     def described(self, text):
@@ -202,7 +212,10 @@ class BashCompletion(unittest.TestCase):
         self.assertEqual({"--json"}, self.complete("varn-scripts", "list", "--server", "--js"))
 
     def test_offers_the_commands(self):
-        self.assertEqual(set(COMMANDS), self.complete("varn-scripts", ""))
+        self.assertEqual(set(WORDS), self.complete("varn-scripts", ""))
+        for group in GROUPS:
+            self.assertEqual(set(commands(group)), self.complete("varn-scripts", group, ""))
+            self.assertEqual(options() - {"--version"}, self.complete("varn-scripts", group, "--"))
         self.assertEqual({"plan", "prune", "publish"},
                          self.complete("varn-scripts", "--customer", "run", "p"))
 
@@ -213,7 +226,7 @@ class BashCompletion(unittest.TestCase):
         for command in COMMANDS:
             with self.subTest(command=command):
                 self.assertEqual((options() | options(command)) - {"--version"},
-                                 self.complete("varn-scripts", command, "--"))
+                                 self.complete("varn-scripts", *command.split(), "--"))
 
     def test_offers_the_values_of_an_option(self):
         self.assertEqual({"text", "json"}, self.complete("varn-scripts", "--log-format", ""))
@@ -226,24 +239,24 @@ class ZshCompletion(unittest.TestCase):
         return (ROOT / "completions/varn-scripts.zsh").read_text(encoding="utf-8")
 
     def offered(self, text):
-        # Alone, behind what it excludes, or behind its letter.
-        return set(re.findall(r"""['"](?:\([^)]*\))?(--[a-z-]+)\[""", text)) | \
+        # Alone, several times, behind what it excludes, or behind its letter.
+        return set(re.findall(r"""['"]\*?(?:\([^)]*\))?(--[a-z-]+)\[""", text)) | \
             set(re.findall(r",(--[a-z-]+)}", text))
 
     def test_offers_the_commands(self):
-        commands = self.file().split("commands=(\n")[1].split("  )")[0]
-        self.assertEqual(COMMANDS, re.findall(r"""^    ['"]([a-z]+):""", commands, re.MULTILINE))
+        listed = self.file().split("commands=(\n")[1].split("  )")[0]
+        self.assertEqual(WORDS, re.findall(r"""^    ['"]([a-z]+):""", listed, re.MULTILINE))
 
     def test_offers_every_general_option(self):
-        general = self.file().split("local curcontext")[0]
+        general = self.file().split("settings=(\n")[1].split("\n  )")[0]
         self.assertEqual(options() - {"--version"}, self.offered(general))
         self.assertIn("(- *)--version[", self.file())
 
     def test_offers_a_commands_options(self):
         for command in COMMANDS:
             with self.subTest(command=command):
-                part = self.file().split(f"        {command})")[1].split(";;")[0]
-                self.assertIn("_arguments $settings", part)
+                part = self.file().split(f"        {command.split()[-1]})")[1].split(";;")[0]
+                self.assertIn("$settings", part)
                 self.assertEqual(options(command) - {"--help"}, self.offered(part))
 
     def test_is_read_without_a_complaint(self):
@@ -282,7 +295,7 @@ class FishCompletion(unittest.TestCase):
         return {"--" + name for line in lines for name in re.findall(r" -l ([a-z-]+) ", line)}
 
     def test_offers_the_commands(self):
-        self.assertEqual(COMMANDS, re.findall(r" -n __varn_scripts_needs_command -a ([a-z]+) ",
+        self.assertEqual(WORDS, re.findall(r" -n __varn_scripts_needs_command -a ([a-z]+) ",
                                               self.file()))
 
     def test_offers_every_general_option(self):
@@ -322,7 +335,8 @@ class FishCompletion(unittest.TestCase):
 
     def test_offers_what_fits(self):
         records = Records(self)
-        self.assertEqual(set(COMMANDS), self.complete("varn-scripts "))
+        self.assertEqual(set(WORDS), self.complete("varn-scripts "))
+        self.assertEqual({"generate", "show", "verify"}, self.complete("varn-scripts key "))
         self.assertEqual({"--json"}, self.complete("varn-scripts --customer run plan --js"))
         self.assertEqual({"text", "json"}, self.complete("varn-scripts --log-format "))
         for places in (f"--base-path '{records.base}' --customer acme",

@@ -1,0 +1,198 @@
+#include "key/Key.h"
+
+#include <chrono>
+#include <optional>
+#include <system_error>
+#include <utility>
+#include <variant>
+
+#include "Calls.h"
+#include "CommandLine.h"
+#include "Digest.h"
+#include "ExitStatus.h"
+#include "RegularFile.h"
+#include "StandardStreams.h"
+#include "key/KeyFiles.h"
+#include "key/Passphrase.h"
+#include "key/SecretKey.h"
+#include "signing/ListSignature.h"
+#include "signing/TrustDecision.h"
+
+namespace VarnScripts {
+namespace {
+
+namespace signing = AgentUtils::signing;
+using keys::Passphrase;
+using keys::PublicKey;
+using keys::Refusal;
+using keys::SecretKey;
+
+int report(const std::string& sentence, int exitStatus) {
+  writeErrorLine("varn-scripts: " + sentence);
+  return exitStatus;
+}
+
+int writePublicKey(const PublicKey& key) {
+  return writeOutput(publicKeyFile(key)) ? kExitSuccess : kExitNotRun;
+}
+
+// The passphrase for a new key, typed twice on a terminal.
+std::variant<Passphrase, Refusal> newPassphrase(const KeyOptions& options) {
+  if (!options.passphraseFile.empty()) return keys::passphraseIn(options.passphraseFile);
+  auto first = keys::askForPassphrase("Passphrase for " + options.file + ": ");
+  if (std::holds_alternative<Refusal>(first)) return first;
+  auto second = keys::askForPassphrase("The same once more: ");
+  if (std::holds_alternative<Refusal>(second)) return second;
+  if (std::get<Passphrase>(first).text() == std::get<Passphrase>(second).text()) return first;
+  return Refusal{"the two passphrases are not the same"};
+}
+
+keys::AskPassphrase passphraseOf(const KeyOptions& options) {
+  return [&options] {
+    return options.passphraseFile.empty()
+               ? keys::askForPassphrase("Passphrase of " + options.file + ": ")
+               : keys::passphraseIn(options.passphraseFile);
+  };
+}
+
+std::variant<PublicKey, Refusal> publicKeyOf(const KeyOptions& options) {
+  auto given = keys::publicKeyGiven(options.file);
+  if (std::holds_alternative<PublicKey>(given)) return given;
+  auto secret = keys::secretKeyIn(options.file, passphraseOf(options));
+  if (auto* const why = std::get_if<Refusal>(&secret)) return std::move(*why);
+  return std::get<SecretKey>(secret).publicKey();
+}
+
+// What the files at `paths` hold.
+std::variant<std::vector<std::string>, Refusal> signaturesAt(const std::vector<std::string>& paths,
+                                                             bool mayBeMissing) {
+  std::vector<std::string> files;
+  for (const std::string& path : paths) {
+    std::error_code error;
+    // One byte more than is taken, so that a long one is refused by its own sentence.
+    auto file = readRegularFile(path, LastLink::follow, error, signing::kLongestSignatureFile + 1);
+    if (error == std::errc::no_such_file_or_directory && mayBeMissing) continue;
+    if (error) return Refusal{"the signature " + path + " can't be read: " + whyNotRead(error)};
+    files.push_back(std::move(file.bytes));
+  }
+  return files;
+}
+
+std::vector<std::string> pathsBeside(const std::string& list, const std::string& bytes,
+                                     const signing::TrustPolicy& policy) {
+  std::vector<std::string> paths;
+  const std::string digest = AgentUtils::hexDigest(AgentUtils::usualDigest(), bytes);
+  for (const std::string& name : signing::signatureNames(digest, policy.keys)) {
+    paths.push_back(posix::directoryOf(list) + "/" + name);
+  }
+  return paths;
+}
+
+// The customer that the first of the signatures that names one is for.
+std::string customerOf(const std::vector<std::string>& signatureFiles) {
+  for (const std::string& file : signatureFiles) {
+    const auto signature = signing::parseSignature(file);
+    if (!std::holds_alternative<signing::ListSignature>(signature)) continue;
+    const auto comment =
+        signing::parseSignedComment(std::get<signing::ListSignature>(signature).comment);
+    if (const auto* const known = std::get_if<signing::SignedComment>(&comment)) {
+      return known->customer;
+    }
+  }
+  return {};
+}
+
+signing::UTCTime now() {
+  return std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
+}
+
+std::string whatIsSigned(const std::string& list, const signing::Acceptance& accepted) {
+  std::string text = list + ": signed by ";
+  for (const PublicKey& key : accepted.signedBy) {
+    if (key != accepted.signedBy.front()) text += " and ";
+    text += signing::keyName(key.number);
+  }
+  return text + " for the customer " + accepted.state.customer + ", serial " +
+         std::to_string(accepted.serial) + ", until " + signing::utcTimeText(accepted.expires);
+}
+
+std::variant<signing::TrustPolicy, Refusal> policyOf(const KeyOptions& options) {
+  signing::TrustPolicy policy;
+  policy.needed = options.signaturesNeeded;
+  for (const std::string& given : options.trustedKeys) {
+    auto key = keys::publicKeyGiven(given);
+    if (auto* const why = std::get_if<Refusal>(&key)) return std::move(*why);
+    policy.keys.push_back(std::get<PublicKey>(key));
+  }
+  return policy;
+}
+
+}  // namespace
+
+int generateKey(const CommandLine& line, const Settings& /*settings*/) {
+  const KeyOptions& options = line.key;
+  const std::string publicPath = options.file + ".pub";
+  if (const auto why = keys::complaintAboutNewKey(options.file, publicPath)) {
+    return report(why->sentence, kExitNotRun);
+  }
+  const SecretKey key = keys::makeSecretKey();
+  std::variant<keys::KeyText, Refusal> text;
+  if (options.noPassphrase) {
+    text = plainKeyText(key);
+  } else {
+    const auto passphrase = newPassphrase(options);
+    if (const auto* const why = std::get_if<Refusal>(&passphrase)) {
+      return report(why->sentence, kExitUsage);
+    }
+    text = protectedKeyText(key, std::get<Passphrase>(passphrase));
+  }
+  if (const auto* const why = std::get_if<Refusal>(&text)) {
+    return report(why->sentence, kExitNotRun);
+  }
+  const PublicKey publicKey = key.publicKey();
+  const auto why =
+      keys::writeKeyFiles(options.file, std::get<keys::KeyText>(text), publicPath, publicKey);
+  if (why) return report(why->sentence, kExitNotRun);
+  return writePublicKey(publicKey);
+}
+
+int showKey(const CommandLine& line, const Settings& /*settings*/) {
+  const auto key = publicKeyOf(line.key);
+  if (const auto* const why = std::get_if<Refusal>(&key)) return report(why->sentence, kExitNotRun);
+  return writePublicKey(std::get<PublicKey>(key));
+}
+
+int verifyList(const CommandLine& line, const Settings& settings) {
+  const KeyOptions& options = line.key;
+  auto policyOrWhy = policyOf(options);
+  if (const auto* const why = std::get_if<Refusal>(&policyOrWhy)) {
+    return report(why->sentence, kExitUsage);
+  }
+  auto& policy = std::get<signing::TrustPolicy>(policyOrWhy);
+  if (policy.needed == 0 || policy.needed > policy.keys.size()) {
+    return report("--signatures-needed must be a number from 1 to that of the trusted keys",
+                  kExitUsage);
+  }
+  std::error_code error;
+  const RegularFile list = readRegularFile(options.file, LastLink::follow, error);
+  if (error) {
+    return report("the list " + options.file + " can't be read: " + whyNotRead(error), kExitNotRun);
+  }
+  const bool beside = options.signatures.empty();
+  const auto files = signaturesAt(
+      beside ? pathsBeside(options.file, list.bytes, policy) : options.signatures, beside);
+  if (const auto* const why = std::get_if<Refusal>(&files)) {
+    return report(why->sentence, kExitNotRun);
+  }
+  const auto& signatures = std::get<std::vector<std::string>>(files);
+  policy.customer =
+      settings.agent.customerID.empty() ? customerOf(signatures) : settings.agent.customerID;
+  const auto judgement = judgeList(list.bytes, signatures, policy, {policy.customer, {}}, now());
+  if (const auto* const why = std::get_if<Refusal>(&judgement)) {
+    return report(options.file + ": " + why->sentence, kExitRejected);
+  }
+  const auto& accepted = std::get<signing::Acceptance>(judgement);
+  return writeOutput(whatIsSigned(options.file, accepted) + "\n") ? kExitSuccess : kExitNotRun;
+}
+
+}  // namespace VarnScripts

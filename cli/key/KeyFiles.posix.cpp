@@ -1,0 +1,128 @@
+#include "key/KeyFiles.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <system_error>
+#include <utility>
+
+#include "Calls.h"
+#include "FileDescriptor.h"
+#include "WholeFiles.h"
+
+namespace VarnScripts::keys {
+namespace {
+
+using posix::FileDescriptor;
+using posix::retryOnInterrupt;
+
+constexpr mode_t kSecretMode = S_IRUSR | S_IWUSR;
+constexpr mode_t kPublicMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH;
+
+std::string modeText(mode_t mode) {
+  std::string digits;
+  for (const int shift : {9, 6, 3, 0}) digits += static_cast<char>('0' + (mode >> shift & 7));
+  return digits;
+}
+
+// Why a file of this owner and mode is not one for a secret key; empty when it is.
+std::string openToOthers(const struct stat& status) {
+  if (status.st_uid != ::geteuid() && status.st_uid != 0) {
+    return "it belongs to user " + std::to_string(status.st_uid);
+  }
+  if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+    return "others than its owner may use it (mode " + modeText(status.st_mode) +
+           "); chmod 600 mends that";
+  }
+  return {};
+}
+
+Refusal notMade(const std::string& path, const std::error_code& error) {
+  const bool isThere = error == std::errc::file_exists;
+  return {"the key " + path + " can't be written: " +
+          (isThere ? "it is there already, and no key is overwritten" : error.message())};
+}
+
+}  // namespace
+
+std::variant<KeyFile, Refusal> readKeyFile(const std::string& path) {
+  const auto refusal = [&path](const std::string& why) {
+    return Refusal{"the key " + path + " can't be read: " + why};
+  };
+  // Without waiting: a FIFO would hold whoever opens it.
+  const FileDescriptor file(
+      retryOnInterrupt([&] { return ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }));
+  struct stat status {};
+  if (!file || ::fstat(file.get(), &status) != 0) return refusal(posix::lastError().message());
+  if (!S_ISREG(status.st_mode)) return refusal("it is not a regular file");
+  KeyFile result{{}, openToOthers(status)};
+  KeyText& text = result.text;
+  while (true) {
+    const std::size_t filled = text.size();
+    if (filled == kLongestKeyFile) return refusal("it is too long for a key");
+    const ssize_t count = retryOnInterrupt(
+        [&] { return ::read(file.get(), text.data() + filled, kLongestKeyFile - filled); });
+    if (count < 0) return refusal(posix::lastError().message());
+    if (count == 0) return result;
+    text.resize(filled + static_cast<std::size_t>(count));
+  }
+}
+
+std::variant<SecretKey, Refusal> secretKeyIn(const std::string& path, const AskPassphrase& ask) {
+  auto read = readKeyFile(path);
+  if (auto* const why = std::get_if<Refusal>(&read)) return std::move(*why);
+  const auto& file = std::get<KeyFile>(read);
+  if (!file.openToOthers.empty()) {
+    return Refusal{"the secret key " + path + " is not used: " + file.openToOthers};
+  }
+  auto key = parseSecretKey(file.text.text(), ask);
+  if (auto* const why = std::get_if<Refusal>(&key)) return Refusal{path + ": " + why->sentence};
+  return key;
+}
+
+std::variant<PublicKey, Refusal> publicKeyGiven(const std::string& given) {
+  auto key = AgentUtils::signing::parsePublicKey(given);
+  const bool isPath = given.find('/') != given.npos || ::access(given.c_str(), F_OK) == 0;
+  if (std::holds_alternative<PublicKey>(key)) return key;
+  if (!isPath) {
+    return Refusal{given + " is neither the line of a public key nor a file that is there"};
+  }
+  auto read = readKeyFile(given);
+  if (auto* const why = std::get_if<Refusal>(&read)) return std::move(*why);
+  key = AgentUtils::signing::parsePublicKey(std::get<KeyFile>(read).text.text());
+  if (auto* const why = std::get_if<Refusal>(&key)) return Refusal{given + ": " + why->sentence};
+  return key;
+}
+
+std::optional<Refusal> complaintAboutNewKey(const std::string& path,
+                                            const std::string& publicPath) {
+  for (const std::string& each : {path, publicPath}) {
+    struct stat status {};
+    if (::lstat(each.c_str(), &status) == 0) {
+      return notMade(each, std::make_error_code(std::errc::file_exists));
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<Refusal> writeKeyFiles(const std::string& path, const KeyText& secret,
+                                     const std::string& publicPath, const PublicKey& key) {
+  std::error_code error;
+  posix::makeFile(path, secret.text(), kSecretMode, error);
+  if (error) return notMade(path, error);
+  posix::makeFile(publicPath, publicKeyFile(key), kPublicMode, error);
+  if (error) {
+    ::unlink(path.c_str());
+    return notMade(publicPath, error);
+  }
+  posix::syncDirectory(posix::directoryOf(path), error);
+  if (error) {
+    ::unlink(path.c_str());
+    ::unlink(publicPath.c_str());
+    return notMade(path, error);
+  }
+  return std::nullopt;
+}
+
+}  // namespace VarnScripts::keys

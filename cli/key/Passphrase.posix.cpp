@@ -1,0 +1,142 @@
+#include "key/Passphrase.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+#include "Calls.h"
+#include "FileDescriptor.h"
+
+namespace VarnScripts::keys {
+namespace {
+
+using AgentUtils::signing::Refusal;
+using posix::FileDescriptor;
+
+using Answer = std::variant<Passphrase, Refusal>;
+
+Refusal refusal(const std::string& why) { return {"the passphrase " + why}; }
+
+// Bytes up to the first line break or the end, one at a time: nothing behind them is taken from a
+// pipe that others read as well. `wasStopped` is looked at when a signal has interrupted the wait.
+template <class WasStopped>
+Answer firstLine(int fd, const WasStopped& wasStopped) {
+  Passphrase line;
+  while (true) {
+    char c = '\0';
+    const ssize_t count = ::read(fd, &c, 1);
+    if (count < 0 && errno == EINTR && !wasStopped()) continue;
+    if (count < 0) return refusal("can't be read: " + posix::lastError().message());
+    if (count == 0 || c == '\n') break;
+    const bool fits = line.add({&c, 1});
+    wipe(&c, 1);
+    if (!fits) return refusal("is longer than " + std::to_string(kLongestPassphrase) + " bytes");
+  }
+  if (line.size() == 0) return refusal("is empty");
+  return line;
+}
+
+// Which signal has come since the terminal was asked.
+volatile sig_atomic_t caughtSignal = 0;
+
+void noteSignal(int signal) { caughtSignal = signal; }
+
+/// Has the signals that end a process noted, for as long as it lives.
+class NotedSignals {
+ public:
+  NotedSignals() {
+    caughtSignal = 0;
+    struct sigaction note {};
+    note.sa_handler = noteSignal;
+    for (std::size_t i = 0; i < kSignals.size(); ++i) {
+      ::sigaction(kSignals[i], nullptr, &before_[i]);
+      // What whoever started this process has it ignore goes on being ignored.
+      if (before_[i].sa_handler != SIG_IGN) ::sigaction(kSignals[i], &note, nullptr);
+    }
+  }
+  NotedSignals(const NotedSignals&) = delete;
+  NotedSignals& operator=(const NotedSignals&) = delete;
+  ~NotedSignals() {
+    for (std::size_t i = 0; i < kSignals.size(); ++i) {
+      ::sigaction(kSignals[i], &before_[i], nullptr);
+    }
+  }
+
+ private:
+  static constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+  std::array<struct sigaction, kSignals.size()> before_{};
+};
+
+/// A terminal that shows nothing of what is typed, for as long as it lives.
+class SilentTerminal {
+ public:
+  explicit SilentTerminal(int fd) : fd_(fd) {
+    if (::tcgetattr(fd_, &before_) != 0) return;
+    termios silent = before_;
+    silent.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHOE | ECHOK | ECHONL);
+    // A process that is suspended here would leave the terminal silent.
+    silent.c_cc[VSUSP] = _POSIX_VDISABLE;
+    // What was typed before the question is no answer to it.
+    isSilent_ = ::tcsetattr(fd_, TCSAFLUSH, &silent) == 0;
+  }
+  SilentTerminal(const SilentTerminal&) = delete;
+  SilentTerminal& operator=(const SilentTerminal&) = delete;
+  ~SilentTerminal() {
+    if (isSilent_) ::tcsetattr(fd_, TCSAFLUSH, &before_);
+  }
+
+  [[nodiscard]] bool isSilent() const { return isSilent_; }
+
+ private:
+  const int fd_;
+  termios before_{};
+  bool isSilent_ = false;
+};
+
+Answer ask(int terminal, const std::string& question) {
+  const NotedSignals signals;
+  const SilentTerminal silent(terminal);
+  if (!silent.isSilent()) return refusal("can't be asked for: the terminal can't be made silent");
+  std::error_code ignored;
+  posix::writeAll(terminal, question, ignored);
+  Answer answer = firstLine(terminal, [] { return caughtSignal != 0; });
+  // The line break that was typed was not shown either.
+  posix::writeAll(terminal, "\n", ignored);
+  return answer;
+}
+
+}  // namespace
+
+Answer askForPassphrase(const std::string& question) {
+  const FileDescriptor terminal(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
+  if (!terminal) {
+    return refusal("can't be asked for without a terminal: give it with --passphrase-file");
+  }
+  Answer answer = ask(terminal.get(), question);
+  if (caughtSignal != 0) ::raise(caughtSignal);
+  return answer;
+}
+
+Answer passphraseIn(const std::string& path) {
+  const auto unreadable = [&path](const std::string& why) {
+    return refusal("file " + path + " can't be read: " + why);
+  };
+  const FileDescriptor file(
+      posix::retryOnInterrupt([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
+  struct stat status {};
+  if (!file || ::fstat(file.get(), &status) != 0) return unreadable(posix::lastError().message());
+  const bool isOpen = (status.st_mode & (S_IRWXG | S_IRWXO)) != 0;
+  if (S_ISREG(status.st_mode) && isOpen) {
+    return unreadable("others than its owner may use it; chmod 600 mends that");
+  }
+  return firstLine(file.get(), [] { return false; });
+}
+
+}  // namespace VarnScripts::keys
