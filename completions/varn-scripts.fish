@@ -27,7 +27,8 @@ end
 # Whether the command is the given one, a word or two.
 function __varn_scripts_after
     set -l words (__varn_scripts_words)
-    test (count $words) -ge (count $argv); and test "$words[1..(count $argv)]" = "$argv"
+    set -l length (count $argv)
+    test (count $words) -ge $length; and test "$words[1..$length]" = "$argv"
 end
 
 # Whether the command is one of those given after a number, and has fewer arguments than that.
