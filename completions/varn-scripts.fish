@@ -95,7 +95,9 @@ complete -c varn-scripts -n __varn_scripts_needs_command -a publish -d 'turn a d
 complete -c varn-scripts -n __varn_scripts_needs_command -a key -d 'make, show and try keys'
 
 complete -c varn-scripts -n '__varn_scripts_wants 1 key' -a 'generate show verify' -d command
-complete -c varn-scripts -n '__varn_scripts_wants 2 key' -F
+for each in generate show verify
+    complete -c varn-scripts -n "__varn_scripts_after key $each" -F
+end
 complete -c varn-scripts -n '__varn_scripts_wants 1 run plan' -a '(__varn_scripts_known)' -d script
 complete -c varn-scripts -n '__varn_scripts_wants 2 publish' -a '(__fish_complete_directories)'
 
