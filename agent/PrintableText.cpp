@@ -6,10 +6,26 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 namespace {
 
 bool isPrintableASCII(char byte) { return byte >= 0x20 && byte < 0x7f; }
+
+/// How many printable ASCII characters `text` begins with, looked at a word at a time.
+std::size_t printableRun(std::string_view text) {
+  constexpr std::uint64_t each = 0x0101010101010101U;
+  std::size_t length = 0;
+  while (text.size() - length >= sizeof(std::uint64_t)) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, text.data() + length, sizeof word);
+    // The highest bit comes up in a byte that is below a blank, DEL, or no ASCII.
+    if ((((word - 0x20 * each) | (word + each) | word) & (0x80 * each)) != 0) break;
+    length += sizeof word;
+  }
+  while (length < text.size() && isPrintableASCII(text[length])) ++length;
+  return length;
+}
 
 bool steers(std::int32_t character) {
   const auto isBetween = [character](std::int32_t first, std::int32_t last) {
@@ -21,28 +37,35 @@ bool steers(std::int32_t character) {
          || isBetween(0x200e, 0x200f) || character == 0x061c;  // marks of a direction
 }
 
+struct CodePoint {
+  std::int32_t value;  ///< -1 for a byte that is no character
+  std::size_t length;  ///< in bytes
+};
+
+CodePoint codePointAt(std::string_view text, std::size_t at) {
+  if (const auto byte = static_cast<unsigned char>(text[at]); byte < 0x80) return {byte, 1};
+  // A sequence has at most four bytes; the function takes signed lengths.
+  const std::string_view rest = text.substr(at, 4);
+  std::int32_t value = -1;
+  const auto length = utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(rest.data()),
+                                       static_cast<utf8proc_ssize_t>(rest.size()), &value);
+  if (length <= 0) return {-1, 1};
+  return {value, static_cast<std::size_t>(length)};
+}
+
 /// Adds `text`; `addEscape` adds what is shown for a character that steers, or for a byte that is
 /// no character, with the code -1.
 template <class AddEscape>
 void addEscaped(std::string_view text, Pieces& to, const AddEscape& addEscape) {
   std::size_t shown = 0;  // what has been added
-  for (std::size_t at = 0; at < text.size();) {
-    if (isPrintableASCII(text[at])) {
-      ++at;
-      continue;
-    }
-    std::int32_t character = -1;
-    // A sequence has at most four bytes; the function takes signed lengths.
-    const std::string_view rest = text.substr(at, 4);
-    const auto length = utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(rest.data()),
-                                         static_cast<utf8proc_ssize_t>(rest.size()), &character);
-    const auto next = at + (length > 0 ? static_cast<std::size_t>(length) : 1);
-    if (length <= 0 || steers(character)) {
+  for (std::size_t at = printableRun(text); at < text.size(); at += printableRun(text.substr(at))) {
+    const CodePoint character = codePointAt(text, at);
+    if (steers(character.value)) {
       to.add(text.substr(shown, at - shown));
-      addEscape(length > 0 ? character : -1);
-      shown = next;
+      addEscape(character.value);
+      shown = at + character.length;
     }
-    at = next;
+    at += character.length;
   }
   to.add(text.substr(shown));
 }

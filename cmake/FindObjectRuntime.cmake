@@ -10,9 +10,18 @@ endif()
 find_path(ObjectRuntime_INCLUDE_DIR objc/runtime.h HINTS ${hints} PATH_SUFFIXES include)
 find_library(ObjectRuntime_LIBRARY objc HINTS ${hints})
 
+# In an archive the runtime sets itself up after the library has registered its class, and the program
+# ends before its main function.
+set(whyNot "")
+if(ObjectRuntime_LIBRARY MATCHES "\\.a$")
+  set(whyNot "${ObjectRuntime_LIBRARY} is an archive, and the object runtime must be a shared library")
+  set(ObjectRuntime_LIBRARY ObjectRuntime_LIBRARY-NOTFOUND)
+endif()
+
 include(FindPackageHandleStandardArgs)
 find_package_handle_standard_args(ObjectRuntime
-  REQUIRED_VARS ObjectRuntime_LIBRARY ObjectRuntime_INCLUDE_DIR)
+  REQUIRED_VARS ObjectRuntime_LIBRARY ObjectRuntime_INCLUDE_DIR
+  REASON_FAILURE_MESSAGE "${whyNot}")
 
 if(ObjectRuntime_FOUND AND NOT TARGET ObjectRuntime::ObjectRuntime)
   add_library(ObjectRuntime::ObjectRuntime UNKNOWN IMPORTED)

@@ -49,6 +49,18 @@ TEST(PrintableText, HasNoCharacterThatSteersATerminalAndEveryOther) {
   });
 }
 
+TEST(PrintableText, IsTheSameWhereverACharacterStands) {
+  for (int byte = 0; byte < 0x100; ++byte) {
+    const std::string one(1, static_cast<char>(byte));
+    for (std::size_t before = 0; before < 20; ++before) {
+      const std::string a(before, 'a');
+      const std::string b(20 - before, '~');
+      ASSERT_EQ(printable(a + one + b), a + printable(one) + b) << byte << " at " << before;
+      ASSERT_EQ(printable(a + one + one + b), a + printable(one + one) + b) << byte;
+    }
+  }
+}
+
 TEST(PrintableText, HasAMarkForEachByteThatIsNotUTF8) {
   const struct {
     std::string text, shown;

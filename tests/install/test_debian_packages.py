@@ -146,7 +146,7 @@ class DebianPackages(unittest.TestCase):
         for package in ("varn-scripts", "libvarnscriptrepository0"):
             depends = [one.split()[0] for one in self.field(package, "Depends").split(", ")]
             for library in ("libc6", "libcurl", "libexpat1", "libobjc4", "libsodium",
-                            "libspdlog", "libsqlite3-0", "libssl3", "libstdc++6", "libutf8proc"):
+                            "libsqlite3-0", "libssl3", "libstdc++6", "libutf8proc"):
                 self.assertEqual(1, len([one for one in depends if one.startswith(library)]),
                                  (package, library))
             self.assertEqual([], [one for one in depends if one.endswith("-dev")])
