@@ -37,13 +37,15 @@ std::vector<std::string> splitCodes(const std::string& list) {
   return codes;
 }
 
+enum class Zero { taken, refused };
+
 // Takes "7d" for 604800 seconds.
-CLI::Validator durationInSeconds() {
+CLI::Validator durationInSeconds(Zero zero) {
   constexpr std::uint64_t kMost = std::uint64_t{100} * 366 * 86400;
   const std::map<std::string, std::uint64_t> units = {
       {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
   return CLI::Validator(
-      [units](std::string& text) -> std::string {
+      [units, zero](std::string& text) -> std::string {
         std::string what = "must be a time such as 7d, 12h, 30m or 45s: " + text;
         std::uint64_t number = 0;
         const char* const end = text.data() + text.size();
@@ -51,15 +53,16 @@ CLI::Validator durationInSeconds() {
         const auto unit = units.find(std::string(rest, end));
         if (failure != std::errc() || unit == units.end()) return what;
         if (number > kMost / unit->second) return what + " (it is too long)";
+        if (number == 0 && zero == Zero::refused) return what + " (it is no time at all)";
         text = std::to_string(number * unit->second);
         return "";
       },
       "");
 }
 
-void addOperand(CLI::App& to, const std::string& name, std::string& text,
-                const std::string& meaning) {
-  to.add_option(name, text, meaning)->required()->type_name("");
+CLI::Option* addOperand(CLI::App& to, const std::string& name, std::string& text,
+                        const std::string& meaning) {
+  return to.add_option(name, text, meaning)->required()->type_name("");
 }
 
 void addRunOptions(CLI::App& to, CommandLine& line) {
@@ -95,11 +98,97 @@ void addListOptions(CLI::App& to, CommandLine& line) {
   to.add_flag("--json", line.json, "Print a JSON array");
 }
 
+// A name that may be given several times; what follows the first may be an operand.
+CLI::Option* addNames(CLI::App& to, const std::string& flag, std::vector<std::string>& names,
+                      const std::string& meaning, const std::string& form) {
+  return to.add_option(flag, names, meaning)->allow_extra_args(false)->type_name(form);
+}
+
+// Refuses one of the options without any of the others.
+void needsOneOf(CLI::App& to, const std::string& flag, const std::vector<std::string>& others) {
+  if (to.count(flag) == 0) return;
+  std::string named;
+  for (const std::string& other : others) {
+    if (to.count(other) > 0) return;
+    named += (named.empty() ? "" : " or ") + other;
+  }
+  throw CLI::ValidationError(flag, "needs " + named);
+}
+
+void refuseTogether(CLI::App& to, const std::string& flag, const std::vector<std::string>& others) {
+  if (to.count(flag) == 0) return;
+  for (const std::string& other : others) {
+    if (to.count(other) > 0) throw CLI::ValidationError(flag, "excludes " + other);
+  }
+}
+
+constexpr const char* kSignWith = "--sign-with";
+constexpr const char* kExpires = "--expires";
+constexpr const char* kRenew = "--renew";
+constexpr const char* kUnsignedFor = "--unsigned-for";
+constexpr const char* kAttach = "--attach";
+constexpr const char* kSignedBy = "--signed-by";
+constexpr const char* kUnsigned = "--unsigned";
+constexpr const char* kPassphraseFile = "--passphrase-file";
+
+// What can't be said of a row alone.
+void checkSigningOptions(CLI::App& to) {
+  needsOneOf(to, kExpires, {kSignWith, kUnsignedFor});
+  needsOneOf(to, kPassphraseFile, {kSignWith});
+  needsOneOf(to, kRenew, {kSignWith});
+  needsOneOf(to, kUnsignedFor, {kSignedBy});
+  needsOneOf(to, kAttach, {kSignedBy});
+  needsOneOf(to, kSignedBy, {kAttach, kUnsignedFor});
+  refuseTogether(to, kRenew, {kAttach, kUnsignedFor, kUnsigned});
+  refuseTogether(to, kUnsignedFor, {kSignWith, kAttach, kUnsigned, "--check"});
+  refuseTogether(to, kUnsigned, {kSignWith, kAttach});
+}
+
+void addSigningOptions(CLI::App& to, publishing::SigningOptions& options) {
+  addNames(to, kSignWith, options.keyFiles,
+           "Sign the list with this secret key; may be given several times", "KEY_FILE");
+  addNames(to, kPassphraseFile, options.passphraseFiles,
+           "Where the passphrase of a key is, in place of asking the terminal: a file for its "
+           "owner alone, or a pipe such as /dev/fd/3; once for each key, or once for all",
+           "FILE");
+  to.add_option_function<std::uint64_t>(
+        kExpires,
+        [&options](const std::uint64_t& seconds) {
+          options.lifetime = std::chrono::seconds(seconds);
+        },
+        "How long the signature counts: 30d, 12h, 30m or 45s (default: 30d)")
+      ->transform(durationInSeconds(Zero::refused))
+      ->type_name("TIME");
+  to.add_flag(kRenew, options.renew,
+              "Sign the published list anew with the keys that have signed it, and change nothing "
+              "else; SOURCE_DIR is not looked at and may be left out");
+  to.add_option(kUnsignedFor, options.leaveIn,
+                "Leave the list and what is to be signed with it in this directory, to be signed "
+                "elsewhere, and publish nothing")
+      ->type_name("DIR");
+  addNames(to, kAttach, options.attached,
+           "Publish with this signature, which was made elsewhere; may be given several times",
+           "SIGNATURE");
+  addNames(to, kSignedBy, options.signedBy,
+           "The public key of who signs elsewhere, its line or its file; may be given several "
+           "times",
+           "KEY");
+  to.add_flag(kUnsigned, options.withoutSignature,
+              "Publish without a signature though the published list has one");
+}
+
+// The two directories; with --renew the output alone may be named.
+void takeDirectories(CLI::App& to, PublishOptions& options) {
+  if (to.count("OUTPUT_DIR") > 0) return;
+  if (!options.signing.renew) throw CLI::RequiredError("OUTPUT_DIR");
+  options.outputDirectory.swap(options.sourceDirectory);
+}
+
 void addPublishOptions(CLI::App& to, CommandLine& line) {
   PublishOptions& options = line.publish;
   addOperand(to, "SOURCE_DIR", options.sourceDirectory, "Scripts and their manifest, scripts.toml");
-  addOperand(to, "OUTPUT_DIR", options.outputDirectory,
-             "What the server serves; made when missing");
+  addOperand(to, "OUTPUT_DIR", options.outputDirectory, "What the server serves; made when missing")
+      ->required(false);
   to.add_option_function<std::uint64_t>(
         "--keep-for",
         [&options](const std::uint64_t& seconds) {
@@ -107,7 +196,7 @@ void addPublishOptions(CLI::App& to, CommandLine& line) {
         },
         "How long content stays that the list no longer names: 7d, 12h, 30m or 45s (default: until "
         "the list is replaced once more)")
-      ->transform(durationInSeconds())
+      ->transform(durationInSeconds(Zero::taken))
       ->type_name("TIME");
   to.add_flag("--strict", options.strict, "Refuse what is a warning otherwise");
   to.add_flag("--check", options.check,
@@ -118,10 +207,15 @@ void addPublishOptions(CLI::App& to, CommandLine& line) {
   to.add_option("--digest", options.digest,
                 "Digest of the checksums (default: the manifest's, or sha256)")
       ->type_name("NAME");
+  addSigningOptions(to, options.signing);
+  to.final_callback([&to, &options] {
+    takeDirectories(to, options);
+    checkSigningOptions(to);
+  });
 }
 
 void addPassphraseFile(CLI::App& to, CommandLine& line) {
-  to.add_option("--passphrase-file", line.key.passphraseFile,
+  to.add_option(kPassphraseFile, line.key.passphraseFile,
                 "Where the passphrase is, in place of asking the terminal: a file for its owner "
                 "alone, or a pipe such as /dev/fd/3")
       ->type_name("FILE");
@@ -133,7 +227,7 @@ void addKeyGenerateOptions(CLI::App& to, CommandLine& line) {
   addPassphraseFile(to, line);
   to.add_flag("--no-passphrase", line.key.noPassphrase,
               "Leave the key unprotected but for the file's mode")
-      ->excludes("--passphrase-file");
+      ->excludes(kPassphraseFile);
 }
 
 void addKeyShowOptions(CLI::App& to, CommandLine& line) {
@@ -143,20 +237,16 @@ void addKeyShowOptions(CLI::App& to, CommandLine& line) {
 
 void addKeyVerifyOptions(CLI::App& to, CommandLine& line) {
   addOperand(to, "LIST", line.key.file, "The list, scripts-meta.xml");
-  // A further KEY needs a further flag: what follows may be the list.
-  to.add_option("--trusted-key", line.key.trustedKeys,
-                "A key whose signature counts, its line or its file; may be given several times")
-      ->required()
-      ->allow_extra_args(false)
-      ->type_name("KEY");
+  addNames(to, "--trusted-key", line.key.trustedKeys,
+           "A key whose signature counts, its line or its file; may be given several times", "KEY")
+      ->required();
   to.add_option("--signatures-needed", line.key.signaturesNeeded,
                 "How many of the keys have to have signed (default: 1)")
       ->check(CLI::Range(std::size_t{1}, std::size_t{1000}).description(""))
       ->type_name("N");
-  to.add_option("--signature", line.key.signatures,
-                "A signature's file, in place of those beside the list; may be given several times")
-      ->allow_extra_args(false)
-      ->type_name("FILE");
+  addNames(to, "--signature", line.key.signatures,
+           "A signature's file, in place of those beside the list; may be given several times",
+           "FILE");
 }
 
 constexpr Command kCommands[] = {

@@ -55,6 +55,9 @@ enum class Verdict {
 [[nodiscard]] Verdict verify(const ListSignature& signature, const PublicKey& key,
                              const ListHash& list);
 
+/// Whether `key` has signed the comment, whichever list the signature is over.
+[[nodiscard]] bool isCommentSigned(const ListSignature& signature, const PublicKey& key);
+
 /// What `ListSignature::overComment` is over.
 [[nodiscard]] std::string signedWithComment(const ListSignature& signature);
 

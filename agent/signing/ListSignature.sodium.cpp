@@ -109,9 +109,13 @@ std::vector<std::string> signatureNames(const std::string& digest,
 Verdict verify(const ListSignature& signature, const PublicKey& key, const ListHash& list) {
   startSodium();
   if (!isOver(signature.overList, list.data(), list.size(), key)) return Verdict::otherList;
+  return isCommentSigned(signature, key) ? Verdict::valid : Verdict::otherComment;
+}
+
+bool isCommentSigned(const ListSignature& signature, const PublicKey& key) {
+  startSodium();
   const std::string commented = signedWithComment(signature);
-  const bool holds = isOver(signature.overComment, commented.data(), commented.size(), key);
-  return holds ? Verdict::valid : Verdict::otherComment;
+  return isOver(signature.overComment, commented.data(), commented.size(), key);
 }
 
 std::string signedWithComment(const ListSignature& signature) {

@@ -47,18 +47,11 @@ std::variant<Passphrase, Refusal> newPassphrase(const KeyOptions& options) {
   return Refusal{"the two passphrases are not the same"};
 }
 
-keys::AskPassphrase passphraseOf(const KeyOptions& options) {
-  return [&options] {
-    return options.passphraseFile.empty()
-               ? keys::askForPassphrase("Passphrase of " + options.file + ": ")
-               : keys::passphraseIn(options.passphraseFile);
-  };
-}
-
 std::variant<PublicKey, Refusal> publicKeyOf(const KeyOptions& options) {
   auto given = keys::publicKeyGiven(options.file);
   if (std::holds_alternative<PublicKey>(given)) return given;
-  auto secret = keys::secretKeyIn(options.file, passphraseOf(options));
+  auto secret =
+      keys::secretKeyIn(options.file, keys::passphraseOf(options.file, options.passphraseFile));
   if (auto* const why = std::get_if<Refusal>(&secret)) return std::move(*why);
   return std::get<SecretKey>(secret).publicKey();
 }

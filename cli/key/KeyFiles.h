@@ -25,6 +25,10 @@ struct KeyFile {
 /// The file of a key, secret or public, at `path`: a regular file.
 [[nodiscard]] std::variant<KeyFile, Refusal> readKeyFile(const std::string& path);
 
+/// Takes the passphrase of the key at `path` from the file `passphraseFile`, or asks the terminal
+/// for it when that is empty.
+[[nodiscard]] AskPassphrase passphraseOf(std::string path, std::string passphraseFile);
+
 /// The secret key at `path`, in a file that is for its owner alone; `ask` gives the passphrase of
 /// one that is protected.
 [[nodiscard]] std::variant<SecretKey, Refusal> secretKeyIn(const std::string& path,

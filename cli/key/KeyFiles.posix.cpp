@@ -10,6 +10,7 @@
 #include "Calls.h"
 #include "FileDescriptor.h"
 #include "WholeFiles.h"
+#include "key/Passphrase.h"
 
 namespace VarnScripts::keys {
 namespace {
@@ -67,6 +68,13 @@ std::variant<KeyFile, Refusal> readKeyFile(const std::string& path) {
     if (count == 0) return result;
     text.resize(filled + static_cast<std::size_t>(count));
   }
+}
+
+AskPassphrase passphraseOf(std::string path, std::string passphraseFile) {
+  return [path = std::move(path), passphraseFile = std::move(passphraseFile)] {
+    return passphraseFile.empty() ? askForPassphrase("Passphrase of " + path + ": ")
+                                  : passphraseIn(passphraseFile);
+  };
 }
 
 std::variant<SecretKey, Refusal> secretKeyIn(const std::string& path, const AskPassphrase& ask) {

@@ -32,6 +32,8 @@ constexpr std::size_t kStampLength = 32;
 
 bool isHexDigit(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); }
 
+bool isUpperHexDigit(char c) { return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'); }
+
 // A text with its length before it, so that no two lists of texts look the same when joined.
 std::string framed(const std::string& text) { return std::to_string(text.size()) + ":" + text; }
 
@@ -86,6 +88,24 @@ bool isContentName(std::string_view name) {
   return std::ranges::any_of(interpreters(), [rest](const auto& interpreter) {
     return rest.starts_with('.') && rest.substr(1) == interpreter.extension;
   });
+}
+
+std::optional<std::string> signedListIn(std::string_view name) {
+  constexpr std::string_view kBeginning = "signatures/";
+  constexpr std::string_view kEnd = ".minisig";
+  constexpr std::size_t kNumberLength = 16;
+  if (!name.starts_with(kBeginning) || !name.ends_with(kEnd)) return std::nullopt;
+  name.remove_prefix(kBeginning.size());
+  const std::string_view digest = name.substr(0, kDigestLength);
+  if (digest.size() != kDigestLength || !std::ranges::all_of(digest, isHexDigit)) {
+    return std::nullopt;
+  }
+  const std::string_view rest = name.substr(kDigestLength);
+  if (rest == kEnd) return std::string(digest);
+  const std::string_view number = rest.substr(0, rest.size() - kEnd.size());
+  const bool isNumber = number.size() == kNumberLength + 1 && number.front() == '.' &&
+                        std::ranges::all_of(number.substr(1), isUpperHexDigit);
+  return isNumber ? std::optional(std::string(digest)) : std::nullopt;
 }
 
 std::string_view digestIn(std::string_view name) {

@@ -26,6 +26,11 @@ using ContentNames = std::set<std::string>;
 /// Whether `name` is one that content is published under: "data/DIGEST.xml".
 [[nodiscard]] bool isContentName(std::string_view name);
 
+/// The digest of the list over which the signature `name` of the tree is, as its name tells it:
+/// "signatures/DIGEST.minisig", or with a key's number "signatures/DIGEST.NUMBER.minisig". Nothing
+/// for any other name.
+[[nodiscard]] std::optional<std::string> signedListIn(std::string_view name);
+
 /// The digest of the bytes that lie under the content name `name`.
 [[nodiscard]] std::string_view digestIn(std::string_view name);
 

@@ -1,6 +1,7 @@
 #include "publish/Publish.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <exception>
 #include <map>
@@ -8,17 +9,23 @@
 #include <string>
 #include <system_error>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "CommandLine.h"
+#include "Digest.h"
 #include "Directories.h"
 #include "ExitStatus.h"
+#include "Reason.h"
 #include "ScriptRepositoryRecords.h"
 #include "StandardStreams.h"
 #include "publish/Documents.h"
 #include "publish/ListChanges.h"
+#include "publish/ListToSign.h"
 #include "publish/PublishedContent.h"
 #include "publish/ServerFiles.h"
+#include "publish/Signers.h"
+#include "publish/Signing.h"
 #include "publish/Source.h"
 #include "publish/SourceDirectory.h"
 #include "publish/Syntax.h"
@@ -63,6 +70,7 @@ class Publisher {
  public:
   Publisher(const PublishOptions& options, const Settings& settings)
       : options_(options),
+        settings_(settings),
         customer_(settings.agent.customerID),
         largestScript_(settings.agent.maxDownload),
         directory_(options.sourceDirectory),
@@ -74,11 +82,13 @@ class Publisher {
                      "; no server tree can have a directory of this name");
       return kExitUsage;
     }
+    if (const auto trouble = takeSigners()) return *trouble;
     const std::string repository = repositoryDirectory(customer_);
-    if (options_.check) {
+    if (options_.signing.renew) return renew(repository);
+    if (options_.check || leaves()) {
       files_.look(options_.outputDirectory, repository);
-      const auto trouble = prepare();
-      return trouble ? *trouble : check();
+      if (const auto trouble = prepare()) return *trouble;
+      return leaves() ? leave() : check();
     }
     // A tree that is there already is taken before the source is looked at: whoever had it before
     // may have published an older look. Another one is made only when there is something for it.
@@ -96,6 +106,34 @@ class Publisher {
   }
 
  private:
+  // Reads the keys, when anything is to be signed. An exit status when they can't be had, which has
+  // been reported then.
+  std::optional<int> takeSigners() {
+    if (!options_.signing.any()) return std::nullopt;
+    if (!AgentUtils::signing::canBeSigned(customer_)) {
+      return refuse("no signature can name the customer " + quoted(customer_));
+    }
+    auto signers = signersFor(options_.signing);
+    if (const auto* const why = std::get_if<NoSigners>(&signers)) {
+      writeErrorLine("varn-scripts: " + why->sentence);
+      return why->exitStatus;
+    }
+    signing_.emplace(std::move(std::get<Signers>(signers)), customer_, options_.signing.lifetime);
+    return std::nullopt;
+  }
+
+  // Whether the list is left to be signed elsewhere, and nothing is published.
+  [[nodiscard]] bool leaves() const { return !options_.signing.leaveIn.empty(); }
+
+  static UTCTime now() {
+    return std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
+  }
+
+  static int refuse(const std::string& sentence) {
+    writeErrorLine("varn-scripts: " + sentence);
+    return kExitUsage;
+  }
+
   // Looks at the source and at what is published, and compares them. An exit status when nothing
   // can be done, which has been reported then.
   std::optional<int> prepare() {
@@ -109,7 +147,36 @@ class Publisher {
           old_.list, new_.list, [this](const auto& entry) { return published_.documentOf(entry); },
           [this](const auto& entry) { return newDocumentOf(entry); });
     }
-    return options_.allowRemoval || allowed() ? std::nullopt : std::optional(kExitUsage);
+    if (const auto trouble = lookAtSignatures()) return trouble;
+    if (!allowed()) return kExitUsage;
+    if (!signing_ || leaves()) return std::nullopt;
+    const auto why = signing_->sign(new_.bytes, now());
+    return why ? std::optional(refuse(why->sentence)) : std::nullopt;
+  }
+
+  // What the tree has of signatures, whoever made them.
+  std::optional<int> lookAtSignatures() {
+    std::error_code error;
+    if (signing_) signing_->look(files_, error);
+    if (!error) oldSignatures_ = signaturesOf(old_.bytes, error);
+    return error ? std::optional(reportUnread(error)) : std::nullopt;
+  }
+
+  // The names of the tree's signatures over the list.
+  ContentNames signaturesOf(const std::string& list, std::error_code& error) {
+    ContentNames names;
+    const auto all = files_.signatures(error);
+    if (all.empty()) return names;
+    const std::string digest = AgentUtils::hexDigest(AgentUtils::usualDigest(), list);
+    for (const std::string& name : all) {
+      if (signedListIn(name) == digest) names.insert(name);
+    }
+    return names;
+  }
+
+  [[nodiscard]] int reportUnread(const std::error_code& error) const {
+    writeErrorLine("varn-scripts: " + files_.failedPath() + " can't be read: " + error.message());
+    return kExitNotRun;
   }
 
   // Reads and checks the source. False when it is refused, which has been reported then.
@@ -187,8 +254,7 @@ class Publisher {
       old_.kind = OldList::Kind::foreign;
       old_.complaint = "it is no regular file";
     } else if (error) {
-      writeErrorLine("varn-scripts: " + files_.failedPath() + " can't be read: " + error.message());
-      return kExitNotRun;
+      return reportUnread(error);
     } else if (bytes) {
       old_.kind = OldList::Kind::known;
       old_.bytes = std::move(*bytes);
@@ -224,9 +290,18 @@ class Publisher {
   // Whether the old list may go without being asked for. What is refused has been reported then.
   bool allowed() {
     Findings findings;
-    if (old_.kind == OldList::Kind::foreign) {
-      findings.refuse({files_.pathOf(VarnScriptRepository::kListName)},
-                      "the list there was not made by publish: " + old_.complaint,
+    const std::string list = files_.pathOf(VarnScriptRepository::kListName);
+    if (!signing_ && !options_.signing.withoutSignature && old_.bytes != new_.bytes &&
+        !oldSignatures_.empty()) {
+      findings.refuse({list},
+                      "the list there is signed, and computers that trust a key refuse one that is "
+                      "not",
+                      "give --sign-with, or --unsigned to publish without a signature");
+    }
+    if (options_.allowRemoval) {
+      // Whatever drops out has leave to.
+    } else if (old_.kind == OldList::Kind::foreign) {
+      findings.refuse({list}, "the list there was not made by publish: " + old_.complaint,
                       "publish to another directory, or give --allow-removal to replace it");
     } else if (changes_.dropsMany()) {
       announce();
@@ -255,7 +330,8 @@ class Publisher {
       }
     }
     const bool replaces = old_.kind != OldList::Kind::none && old_.bytes != new_.bytes;
-    const bool pending = replaces || !missing.empty();
+    const bool signs = old_.kind != OldList::Kind::none && signing_ && !signing_->files().empty();
+    const bool pending = replaces || signs || !missing.empty();
     if (old_.kind != OldList::Kind::none) announce();
     std::string text =
         "Checked " + counted(source_.scripts.size(), "script", "scripts") + ": " +
@@ -263,8 +339,10 @@ class Publisher {
     if (pending) {
       text += "; " + counted(missing.size(), "file", "files") + " to be written, " +
               (replaces ? "the list to be replaced" : "the list unchanged");
+      if (signs) text += ", to be signed " + signing_->summary();
     }
     if (!announced_ || !writeOutput(text + ".\n")) return kExitNotRun;
+    if (!pending) remark();
     return pending ? kExitPending : kExitSuccess;
   }
 
@@ -287,6 +365,8 @@ class Publisher {
     files_.commit(error);
     if (error) return reportFailure(error);
     const std::size_t content = files_.written();
+    addSignatures(error);
+    if (error) return reportFailure(error);
     files_.add(VarnScriptRepository::kListName, new_.bytes, error);
     if (error) return reportFailure(error);
     const bool replaces = files_.pending() > 0;
@@ -299,13 +379,82 @@ class Publisher {
     return report(content, replaces);
   }
 
+  // Before the list: one that is there has its signatures. A list that has been there before may
+  // have older ones, which are replaced one by one.
+  void addSignatures(std::error_code& error) {
+    if (!signing_ || signing_->files().empty()) return;
+    files_.makePlaceForSignatures(error);
+    for (const SignatureFile& file : signing_->files()) {
+      if (!error) files_.removeCompressedCopies(file.name, error);
+      if (!error) files_.add(file.name, file.bytes, error);
+    }
+    if (!error) files_.commit(error);
+    signatureCopies_ = files_.copiesRemoved();
+  }
+
+  // Signs the published list once more and leaves everything else as it is.
+  int renew(const std::string& repository) {
+    std::error_code error;
+    files_.look(options_.outputDirectory, repository);
+    if (!options_.check) files_.openPublished(options_.outputDirectory, repository, error);
+    if (error) return reportFailure(error);
+    if (const auto trouble = readOldList()) return *trouble;
+    if (old_.kind != OldList::Kind::known) {
+      return refuse(files_.pathOf(VarnScriptRepository::kListName) + " is no list to be renewed");
+    }
+    signing_->look(files_, error);
+    if (error) return reportUnread(error);
+    if (const auto why = signing_->renew(old_.bytes, now())) return refuse(why->sentence);
+    if (options_.check) {
+      const bool told = writeOutput("The list is to be signed " + signing_->summary() + ".\n");
+      return told ? kExitPending : kExitNotRun;
+    }
+    // A tree that was copied here has no lock yet.
+    if (!files_.isOpen()) files_.open(options_.outputDirectory, repository, error);
+    if (!error) addSignatures(error);
+    if (!error) files_.removeLeftovers(error);
+    if (error) return reportFailure(error);
+    return writeOutput("Signed " + signing_->summary() + ".\n") ? kExitSuccess : kExitNotRun;
+  }
+
+  // Leaves the list where somebody else takes it to be signed; the tree is not touched.
+  int leave() {
+    announce();
+    if (!decodesTo(new_.bytes, new_.list)) return reportRoundTrip(VarnScriptRepository::kListName);
+    const auto comment = signing_->commentFor(new_.bytes, now());
+    if (const auto* const why = std::get_if<Refusal>(&comment)) return refuse(why->sentence);
+    const auto& said = std::get<SignedComment>(comment);
+    std::error_code error;
+    std::string path;
+    leaveForSigning(options_.signing.leaveIn, new_.bytes, said, error, path);
+    if (error) {
+      writeErrorLine("varn-scripts: " + path + " can't be written: " + error.message());
+      return kExitNotRun;
+    }
+    const std::string text = "The list is in " + options_.signing.leaveIn +
+                             ", to be signed with the serial " + std::to_string(said.serial) +
+                             " until " + utcTimeText(said.expires) + ". There:\n" +
+                             signingCommand() + "\n";
+    return announced_ && writeOutput(text) ? kExitSuccess : kExitNotRun;
+  }
+
+  // Tells when a signature of the published list soon counts no more.
+  void remark() {
+    const auto text =
+        signing_ ? signing_->remark() : remarkOnSignatures(files_, oldSignatures_, now());
+    if (text) writeRemark(*text, settings_);
+  }
+
   // Last: what the list names is all there. A computer that has fetched the list that is replaced
   // fetches what that one names.
   void replaceContent(bool listToo, std::error_code& error) {
     ContentNames named(new_.documents.begin(), new_.documents.end());
     for (const SourceScript& script : source_.scripts) named.insert(scriptFileName(script));
+    named.merge(signaturesOf(new_.bytes, error));
+    if (error) return;
     if (listToo) {
-      const ContentNames dropped = published_.contentOf(old_.list, named);
+      ContentNames dropped = published_.contentOf(old_.list, named);
+      if (old_.bytes != new_.bytes) dropped.insert(oldSignatures_.begin(), oldSignatures_.end());
       replaceList(dropped, error);
       if (error) return;
       named.insert(dropped.begin(), dropped.end());
@@ -366,23 +515,30 @@ class Publisher {
     return documentOf(source_.scripts[static_cast<std::size_t>(index)], source_.digest, customer_);
   }
 
-  [[nodiscard]] int report(std::size_t content, bool listWritten) const {
+  [[nodiscard]] int report(std::size_t content, bool listWritten) {
     // Nobody reads it.
     if (!announced_) return kExitNotRun;
     std::string text = "Published " + counted(source_.scripts.size(), "script", "scripts") +
                        " for customer " + customer_ + ": ";
-    if (content == 0 && !listWritten && files_.removed() == 0) {
+    const bool isSigned = signing_ && !signing_->files().empty();
+    if (content == 0 && !listWritten && !isSigned && files_.removed() == 0) {
       text += "nothing has changed";
     } else {
       text += counted(content, "file", "files") + " written, " +
               (listWritten ? "the list replaced" : "the list unchanged") +
-              (files_.copiesRemoved() > 0 ? " and its compressed copy removed, " : ", ") +
+              (files_.copiesRemoved() > signatureCopies_ ? " and its compressed copy removed, "
+                                                         : ", ") +
               counted(files_.removed(), "file", "files") + " removed";
     }
-    return writeOutput(text + ".\n") ? kExitSuccess : kExitNotRun;
+    text += ".\n";
+    if (isSigned) text += "Signed " + signing_->summary() + ".\n";
+    if (!writeOutput(text)) return kExitNotRun;
+    if (!listWritten) remark();
+    return kExitSuccess;
   }
 
   const PublishOptions& options_;
+  const Settings& settings_;
   const std::string customer_;
   const std::uint64_t largestScript_;
   SourceDirectory directory_;
@@ -392,9 +548,12 @@ class Publisher {
   OldList old_;
   NewList new_;
   ListChanges changes_;
-  std::vector<bool> isThere_;   ///< of each script, whether the tree holds its file
-  std::set<std::string> read_;  ///< whose syntax was looked at: content and file name
-  bool announced_ = true;       ///< what was to be said so far could be
+  std::optional<Signing> signing_;   ///< when anything is to be signed
+  ContentNames oldSignatures_;       ///< of the old list
+  std::size_t signatureCopies_ = 0;  ///< compressed copies of signatures that were removed
+  std::vector<bool> isThere_;        ///< of each script, whether the tree holds its file
+  std::set<std::string> read_;       ///< whose syntax was looked at: content and file name
+  bool announced_ = true;            ///< what was to be said so far could be
   bool told_ = false;
   std::size_t warnings_ = 0;
 };

@@ -2,7 +2,8 @@
 //
 // The list of scripts is the one file that changes. Everything else has a name made of its bytes,
 // is in its place before a list names it, and stays at least until that list has been replaced
-// twice; so a client that reads while this runs gets the old state or the new one.
+// twice; so a client that reads while this runs gets the old state or the new one. The signatures
+// of a list lie under its digest, in their place before it is.
 
 #pragma once
 
@@ -11,6 +12,7 @@
 #include <string>
 
 #include "Settings.h"
+#include "publish/SigningOptions.h"
 
 namespace VarnScripts {
 
@@ -18,7 +20,7 @@ struct CommandLine;
 
 /// What `publish` is asked for on the command line.
 struct PublishOptions {
-  std::string sourceDirectory;
+  std::string sourceDirectory;  ///< empty: the published list alone is signed anew
   std::string outputDirectory;
   /// How long content stays that has dropped out of the list; absent: until the next one does.
   std::optional<std::chrono::seconds> keepFor;
@@ -26,6 +28,7 @@ struct PublishOptions {
   bool check = false;                 ///< look, and write nothing
   bool allowRemoval = false;          ///< drop many scripts or all, replace a tree of others
   std::optional<std::string> digest;  ///< wins over the manifest's
+  publishing::SigningOptions signing;
 };
 
 /// Publishes what `line.publish` asks for, for `settings.agent.customerID`. Findings go to standard

@@ -6,7 +6,9 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <limits>
 #include <optional>
 #include <set>
 #include <string>
@@ -51,8 +53,16 @@ class ServerFiles {
 
   /// The bytes of the regular file `name`; nothing when there is no such name. A symbolic link is
   /// the error `std::errc::too_many_symbolic_link_levels`, another thing than a file
-  /// `std::errc::invalid_argument`.
-  [[nodiscard]] std::optional<std::string> read(const std::string& name, std::error_code& error);
+  /// `std::errc::invalid_argument`, one of more than `mostBytes` `std::errc::file_too_large`.
+  [[nodiscard]] std::optional<std::string> read(
+      const std::string& name, std::error_code& error,
+      std::uint64_t mostBytes = std::numeric_limits<std::uint64_t>::max());
+
+  /// The signatures that the tree has, "signatures/DIGEST.minisig" and the like, in their order.
+  [[nodiscard]] std::vector<std::string> signatures(std::error_code& error);
+
+  /// Makes the place for signatures where it is missing. The directory is open.
+  void makePlaceForSignatures(std::error_code& error);
 
   /// Whether the file of the content name `name` has the bytes that the name tells, and everybody
   /// may read it.
@@ -65,7 +75,7 @@ class ServerFiles {
   /// Puts everything that has been added in its place, on the disk.
   void commit(std::error_code& error);
 
-  /// Removes the copies of the file `name` that somebody compressed beforehand for the web server:
+  /// Removes the copies of the file `name` that somebody compressed beforehand for a web server:
   /// `name` followed by ".gz", ".br" or ".zst". Gone from the disk when this has succeeded.
   void removeCompressedCopies(const std::string& name, std::error_code& error);
 
@@ -73,8 +83,8 @@ class ServerFiles {
   /// their last modification from now on.
   void noteDropped(const ContentNames& names, std::error_code& error);
 
-  /// Removes content that is not in `named` and has not been modified for `age`, and what
-  /// interrupted publishings have left. Other files stay.
+  /// Removes content and signatures that are not in `named` and have not been modified for `age`,
+  /// and what interrupted publishings have left. Other files stay.
   void removeContentBut(const ContentNames& named, std::chrono::seconds age,
                         std::error_code& error);
   /// Removes what interrupted publishings have left.

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <memory>
@@ -31,6 +32,7 @@ constexpr const char* kLockName = ".publishing.lock";
 constexpr mode_t kLockMode = S_IRUSR | S_IWUSR;
 
 constexpr const char* kContentParts[] = {"data", "files"};
+constexpr const char* kSignatures = "signatures";
 
 using posix::directoryOf;
 using posix::FileDescriptor;
@@ -159,8 +161,9 @@ void ServerFiles::lock(int flags, std::error_code& error) {
   if (lockWhole(lock_, F_SETLKW, held) != 0) fail(path, error);
 }
 
-std::optional<std::string> ServerFiles::read(const std::string& name, std::error_code& error) {
-  RegularFile file = readRegularFile(pathOf(name), LastLink::refuse, error);
+std::optional<std::string> ServerFiles::read(const std::string& name, std::error_code& error,
+                                             std::uint64_t mostBytes) {
+  RegularFile file = readRegularFile(pathOf(name), LastLink::refuse, error, mostBytes);
   if (!error) return std::move(file.bytes);
   if (isNone(error)) {
     error.clear();
@@ -168,6 +171,24 @@ std::optional<std::string> ServerFiles::read(const std::string& name, std::error
     failedPath_ = pathOf(name);
   }
   return std::nullopt;
+}
+
+std::vector<std::string> ServerFiles::signatures(std::error_code& error) {
+  error.clear();
+  std::vector<std::string> names;
+  for (const std::string& base : namesIn(pathOf(kSignatures), error)) {
+    std::string name = std::string(kSignatures) + "/" + base;
+    if (signedListIn(name)) names.push_back(std::move(name));
+  }
+  if (isNone(error)) error.clear();
+  if (error) failedPath_ = pathOf(kSignatures);
+  std::ranges::sort(names);
+  return names;
+}
+
+void ServerFiles::makePlaceForSignatures(std::error_code& error) {
+  error.clear();
+  createDirectories(pathOf(kSignatures), error);
 }
 
 bool ServerFiles::holds(const std::string& name) const {
@@ -235,7 +256,7 @@ void ServerFiles::removeCompressedCopies(const std::string& name, std::error_cod
       return fail(path, error);
     }
   }
-  if (copiesRemoved_ > 0) syncDirectory(directory_, error);
+  if (copiesRemoved_ > 0) syncDirectory(directoryOf(pathOf(name)), error);
 }
 
 void ServerFiles::noteDropped(const ContentNames& names, std::error_code& error) {
@@ -253,7 +274,8 @@ void ServerFiles::removeContentBut(const ContentNames& named, std::chrono::secon
   const std::time_t latest = std::time(nullptr) - age.count();
   remove(
       [&](const std::string& name) {
-        if (!isContentName(name) || named.contains(name)) return false;
+        const bool isPublished = isContentName(name) || signedListIn(name);
+        if (!isPublished || named.contains(name)) return false;
         struct stat status {};
         return ::lstat(pathOf(name).c_str(), &status) == 0 && status.st_mtime <= latest;
       },
@@ -268,9 +290,12 @@ void ServerFiles::removeLeftovers(std::error_code& error) {
 void ServerFiles::remove(const std::function<bool(const std::string& name)>& isUnneeded,
                          std::error_code& error) {
   error.clear();
-  for (const std::string part : {"", "data/", "files/"}) {
+  for (const std::string part : {"", "data/", "files/", "signatures/"}) {
     const std::string directory = part.empty() ? directory_ : directoryOf(pathOf(part));
     const auto names = namesIn(directory, error);
+    // A tree that was never signed has no such place.
+    const bool isMissing = part == std::string(kSignatures) + "/" && isNone(error);
+    if (isMissing) error.clear();
     if (error) {
       failedPath_ = directory;
       return;

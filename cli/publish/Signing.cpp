@@ -1,0 +1,268 @@
+#include "publish/Signing.h"
+
+#include <algorithm>
+#include <limits>
+#include <ranges>
+
+#include "Digest.h"
+
+namespace VarnScripts::publishing {
+namespace {
+
+namespace signing = AgentUtils::signing;
+
+// Other things than files are no signatures, and neither is what is longer than any.
+bool isNoSignature(const std::error_code& error) {
+  return error == std::errc::invalid_argument ||
+         error == std::errc::too_many_symbolic_link_levels || error == std::errc::file_too_large;
+}
+
+std::string nameOf(const PublicKey& key) { return "the key " + signing::keyName(key.number); }
+
+}  // namespace
+
+std::optional<std::string> remarkOnExpiry(const SignedComment& comment,
+                                          const signing::KeyNumber& number, UTCTime now) {
+  const std::string by = "the signature by the key " + signing::keyName(number) + " expire";
+  const std::string time = " at " + utcTimeText(comment.expires);
+  const std::string remedy = "; publish --renew makes a new one";
+  if (now >= comment.expires) {
+    return by + "d" + time + ", and computers that trust the key refuse the list" + remedy;
+  }
+  if (comment.expires - now >= (comment.expires - comment.published) / kLittleLeft) {
+    return std::nullopt;
+  }
+  return by + "s" + time + remedy;
+}
+
+std::optional<std::string> remarkOnSignatures(ServerFiles& files, const ContentNames& names,
+                                              UTCTime now) {
+  for (const std::string& name : names) {
+    std::error_code unread;
+    const auto text = files.read(name, unread, signing::kLongestSignatureFile);
+    if (!text) continue;
+    const auto signature = signing::parseSignature(*text);
+    const auto* const made = std::get_if<ListSignature>(&signature);
+    if (made == nullptr) continue;
+    const auto comment = signing::parseSignedComment(made->comment);
+    const auto* const said = std::get_if<SignedComment>(&comment);
+    if (said == nullptr) continue;
+    if (auto remark = remarkOnExpiry(*said, made->key, now)) return remark;
+  }
+  return std::nullopt;
+}
+
+void Signing::look(ServerFiles& files, std::error_code& error) {
+  published_.clear();
+  places_.clear();
+  const std::vector<std::string> names = files.signatures(error);
+  if (error) return;
+  for (const std::string& name : names) {
+    const auto text = files.read(name, error, signing::kLongestSignatureFile);
+    if (isNoSignature(error)) error.clear();
+    if (error) return;
+    if (text) take(name, *text);
+  }
+}
+
+// A comment proves that its key has signed it; whether that was over the list that the file's name
+// tells shows when there is that list.
+void Signing::take(const std::string& name, std::string_view text) {
+  const auto parsed = signing::parseSignature(text);
+  const auto* const signature = std::get_if<ListSignature>(&parsed);
+  if (signature == nullptr) return;
+  places_.insert_or_assign(name, signature->key);
+  for (const PublicKey& key : known_) {
+    if (key.number != signature->key || !isCommentSigned(*signature, key)) continue;
+    const auto comment = signing::parseSignedComment(signature->comment);
+    const auto* const said = std::get_if<SignedComment>(&comment);
+    if (said == nullptr || said->customer != customer_) continue;
+    published_.push_back({name, key, signedListIn(name).value_or(""), *signature, *said});
+  }
+}
+
+std::optional<Refusal> Signing::sign(std::string_view list, UTCTime now) {
+  beginWith(list);
+  if (auto why = attach(list, now)) return why;
+  const auto serial = serialFor(now);
+  if (const auto* const why = std::get_if<Refusal>(&serial)) return *why;
+  for (const keys::SecretKey& key : signers_.here) {
+    const Known* const there = over(key.publicKey());
+    const bool counts = there != nullptr && now < there->comment.expires &&
+                        there->comment.serial == std::get<std::uint64_t>(serial);
+    if (!counts) {
+      make(key, list, std::get<std::uint64_t>(serial), now);
+      continue;
+    }
+    texts_.push_back(signatureFile(there->signature));
+    signedBy_.push_back(there->key);
+    if (!remark_) remark_ = remarkOnExpiry(there->comment, there->key.number, now);
+  }
+  return conclude(list, now);
+}
+
+std::optional<Refusal> Signing::renew(std::string_view list, UTCTime now) {
+  beginWith(list);
+  for (const keys::SecretKey& key : signers_.here) {
+    const Known* const there = over(key.publicKey());
+    if (there == nullptr) {
+      return Refusal{nameOf(key.publicKey()) +
+                     " has not signed the list there; publish it with --sign-with, which does"};
+    }
+    if (now + lifetime_ < there->comment.expires) {
+      return Refusal{"the signature by " + nameOf(there->key) + " counts until " +
+                     utcTimeText(there->comment.expires) +
+                     " already, and would for less long; give a longer --expires"};
+    }
+    make(key, list, there->comment.serial, now);
+  }
+  return conclude(list, now);
+}
+
+std::variant<SignedComment, Refusal> Signing::commentFor(std::string_view list, UTCTime now) {
+  beginWith(list);
+  const auto serial = serialFor(now);
+  if (const auto* const why = std::get_if<Refusal>(&serial)) return *why;
+  return SignedComment{customer_, std::get<std::uint64_t>(serial), now, now + lifetime_};
+}
+
+std::string Signing::summary() const {
+  std::string text = "by";
+  for (const PublicKey& key : signedBy_) {
+    if (key != signedBy_.front()) text += " and";
+    text += " " + signing::keyName(key.number);
+  }
+  return text + " with the serial " + std::to_string(accepted_->serial) + " until " +
+         utcTimeText(accepted_->expires);
+}
+
+// Finds out which of the tree's signatures are over the list.
+void Signing::beginWith(std::string_view list) {
+  digest_ = AgentUtils::hexDigest(AgentUtils::usualDigest(), list);
+  const ListHash hash = signing::hashOfList(list);
+  covering_.clear();
+  for (const Known& known : published_) {
+    const bool isOver = known.digest == digest_ &&
+                        verify(known.signature, known.key, hash) == signing::Verdict::valid;
+    if (isOver) covering_.push_back(known);
+  }
+  texts_.clear();
+  signedBy_.clear();
+  attachedSerials_.clear();
+  files_.clear();
+  accepted_.reset();
+  remark_.reset();
+}
+
+const Signing::Known* Signing::newestOf(const PublicKey& key) const {
+  const Known* newest = nullptr;
+  for (const Known& known : published_) {
+    if (known.key != key) continue;
+    // A copy under the name of another list proves nothing.
+    const auto rank = [this](const Known& each) {
+      return std::pair(each.comment.serial, each.digest == digest_);
+    };
+    if (newest == nullptr || rank(known) > rank(*newest)) newest = &known;
+  }
+  return newest;
+}
+
+const Signing::Known* Signing::newest() const {
+  const auto found = std::ranges::max_element(
+      published_, {}, [](const Known& known) { return known.comment.serial; });
+  return found == published_.end() ? nullptr : &*found;
+}
+
+// The newest of the key's signatures over the list.
+const Signing::Known* Signing::over(const PublicKey& key) const {
+  const Known* newest = nullptr;
+  const auto rank = [](const Known& known) {
+    return std::pair(known.comment.serial, known.comment.expires);
+  };
+  for (const Known& known : covering_) {
+    if (known.key == key && (newest == nullptr || rank(known) > rank(*newest))) newest = &known;
+  }
+  return newest;
+}
+
+// What a computer remembers that has taken each publication.
+TrustState Signing::state() const {
+  TrustState state{customer_, {}};
+  for (const PublicKey& key : known_) {
+    const Known* const last = newestOf(key);
+    if (last == nullptr) continue;
+    state.keys[key] = {last->comment.serial, last->digest, last->comment.published,
+                       last->comment.expires};
+  }
+  return state;
+}
+
+// Takes in the signatures that were made elsewhere, each of which must count on its own.
+std::optional<Refusal> Signing::attach(std::string_view list, UTCTime now) {
+  for (const std::string& text : signers_.attached) {
+    const auto judgement =
+        judgeList(list, {text}, {signers_.elsewhere, 1, customer_}, state(), now);
+    if (const auto* const why = std::get_if<Refusal>(&judgement)) return *why;
+    const auto& accepted = std::get<signing::Acceptance>(judgement);
+    const PublicKey& key = accepted.signedBy.front();
+    if (std::ranges::find(signedBy_, key) != signedBy_.end()) {
+      return Refusal{"two of the signatures are by " + nameOf(key)};
+    }
+    attachedSerials_.push_back(accepted.serial);
+    put(key, text);
+  }
+  return std::nullopt;
+}
+
+std::variant<std::uint64_t, Refusal> Signing::serialFor(UTCTime now) const {
+  if (!attachedSerials_.empty()) return std::ranges::max(attachedSerials_);
+  constexpr std::uint64_t kLast = std::numeric_limits<std::uint64_t>::max();
+  const auto seconds =
+      static_cast<std::uint64_t>(std::max<std::int64_t>(1, now.time_since_epoch().count()));
+  const Known* const last = newest();
+  if (last == nullptr) return seconds;
+  const std::uint64_t highest = last->comment.serial;
+  const bool isNewest = std::ranges::any_of(
+      covering_, [highest](const Known& known) { return known.comment.serial == highest; });
+  if (isNewest) return highest;
+  if (highest == kLast) {
+    return Refusal{nameOf(last->key) + " has signed the serial " + std::to_string(kLast) +
+                   ", which none can follow; publish with other keys alone"};
+  }
+  return std::max(highest + 1, seconds);
+}
+
+void Signing::make(const keys::SecretKey& key, std::string_view list, std::uint64_t serial,
+                   UTCTime now) {
+  put(key.publicKey(), signedWith(key, list, {customer_, serial, now, now + lifetime_}));
+}
+
+void Signing::put(const PublicKey& key, std::string bytes) {
+  const Known* const there = over(key);
+  const auto parsed = signing::parseSignature(bytes);
+  const auto* const signature = std::get_if<ListSignature>(&parsed);
+  const bool isThere = there != nullptr && signature != nullptr && there->signature == *signature;
+  if (!isThere) files_.push_back({nameFor(key), bytes});
+  texts_.push_back(std::move(bytes));
+  signedBy_.push_back(key);
+}
+
+// Where the key's signature is already; otherwise the place that computers look at first, for the
+// first of the keys when no other key has it, or the key's own.
+std::string Signing::nameFor(const PublicKey& key) const {
+  if (const Known* const there = over(key)) return there->name;
+  const auto names = signing::signatureNames(digest_, {key});
+  const auto place = places_.find(names.front());
+  const bool isFree = place == places_.end() || place->second == key.number;
+  return key == known_.front() && isFree ? names.front() : names.back();
+}
+
+// Nothing goes out that computers would refuse.
+std::optional<Refusal> Signing::conclude(std::string_view list, UTCTime now) {
+  auto judgement = judgeList(list, texts_, {signedBy_, signedBy_.size(), customer_}, state(), now);
+  if (auto* const why = std::get_if<Refusal>(&judgement)) return std::move(*why);
+  accepted_ = std::move(std::get<signing::Acceptance>(judgement));
+  return std::nullopt;
+}
+
+}  // namespace VarnScripts::publishing

@@ -1,0 +1,25 @@
+// What the command line asks of a publication's signatures.
+
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace VarnScripts::publishing {
+
+struct SigningOptions {
+  std::vector<std::string> keyFiles;                      ///< `--sign-with`
+  std::vector<std::string> passphraseFiles;               ///< in place of asking the terminal
+  std::chrono::seconds lifetime = std::chrono::days(30);  ///< `--expires`
+  std::string leaveIn;                ///< `--unsigned-for`: where the list is left for signing
+  std::vector<std::string> attached;  ///< `--attach`: signature files that were made elsewhere
+  std::vector<std::string> signedBy;  ///< public keys of those who sign elsewhere, lines or files
+  bool renew = false;
+  bool withoutSignature = false;  ///< `--unsigned`, though the published list is signed
+
+  /// Whether anything is signed, here or elsewhere.
+  [[nodiscard]] bool any() const { return !keyFiles.empty() || !signedBy.empty(); }
+};
+
+}  // namespace VarnScripts::publishing
