@@ -32,17 +32,19 @@ _varn_scripts() {
   local with_value=" --config --base-path --data-path --customer --server --ca-file --client-cert
     --client-key --proxy --header-file --netrc-file --retry --max-download --max-output --log-level
     --log-format --log-file --log-target --accept-codes --keep-for --digest --passphrase-file
-    --trusted-key --signatures-needed --signature "
+    --trusted-key --signatures-needed --signature --sign-with --expires --unsigned-for --attach
+    --signed-by "
 
   compopt +o default 2>/dev/null
   case $previous in
     --config | --ca-file | --client-cert | --client-key | --header-file | --netrc-file | \
-      --log-file | --passphrase-file | --trusted-key | --signature)
+      --log-file | --passphrase-file | --trusted-key | --signature | --sign-with | --attach | \
+      --signed-by)
       compopt -o filenames 2>/dev/null
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
       return
       ;;
-    --base-path | --data-path)
+    --base-path | --data-path | --unsigned-for)
       compopt -o filenames 2>/dev/null
       mapfile -t COMPREPLY < <(compgen -d -- "$current")
       return
@@ -72,7 +74,7 @@ _varn_scripts() {
       fi
       ;;
     --customer | --proxy | --retry | --max-download | --max-output | --accept-codes | --keep-for | \
-      --signatures-needed)
+      --signatures-needed | --expires)
       COMPREPLY=()
       return
       ;;
@@ -112,7 +114,10 @@ _varn_scripts() {
     prune) options="$settings --dry-run --json" ;;
     list) options="$settings --server --json" ;;
     key) options=$settings ;;
-    publish) options="$settings --keep-for --digest --strict --check --allow-removal" ;;
+    publish)
+      options="$settings --keep-for --digest --strict --check --allow-removal --sign-with
+        --passphrase-file --expires --renew --unsigned-for --attach --signed-by --unsigned"
+      ;;
     "key generate") options="$settings --no-passphrase --passphrase-file" ;;
     "key show") options="$settings --passphrase-file" ;;
     "key verify") options="$settings --trusted-key --signatures-needed --signature" ;;

@@ -4,7 +4,8 @@
 set -g __varn_scripts_with_value --config --base-path --data-path --customer --server --ca-file \
     --client-cert --client-key --proxy --header-file --netrc-file --retry --max-download \
     --max-output --log-level --log-format --log-file --log-target --accept-codes --keep-for --digest \
-    --passphrase-file --trusted-key --signatures-needed --signature
+    --passphrase-file --trusted-key --signatures-needed --signature --sign-with --expires \
+    --unsigned-for --attach --signed-by
 
 # The words before the cursor without options and their values: the command and its arguments.
 function __varn_scripts_words
@@ -121,6 +122,14 @@ complete -c varn-scripts -n '__varn_scripts_after publish' -l digest -x -a 'md5 
 complete -c varn-scripts -n '__varn_scripts_after publish' -l strict -d 'refuse what is a warning otherwise'
 complete -c varn-scripts -n '__varn_scripts_after publish' -l check -d 'check only, write nothing'
 complete -c varn-scripts -n '__varn_scripts_after publish' -l allow-removal -d 'publish a manifest without a script'
+complete -c varn-scripts -n '__varn_scripts_after publish' -l sign-with -r -F -d 'sign the list with this secret key'
+complete -c varn-scripts -n '__varn_scripts_after publish' -l passphrase-file -r -F -d 'where the passphrase is'
+complete -c varn-scripts -n '__varn_scripts_after publish' -l expires -x -d 'how long the signature counts'
+complete -c varn-scripts -n '__varn_scripts_after publish' -l renew -d 'sign the published list anew, change nothing else'
+complete -c varn-scripts -n '__varn_scripts_after publish' -l unsigned-for -x -a '(__fish_complete_directories)' -d 'leave the list there to be signed elsewhere'
+complete -c varn-scripts -n '__varn_scripts_after publish' -l attach -r -F -d 'signature that was made elsewhere'
+complete -c varn-scripts -n '__varn_scripts_after publish' -l signed-by -r -F -d 'public key of who signs elsewhere'
+complete -c varn-scripts -n '__varn_scripts_after publish' -l unsigned -d 'replace a signed list by one that is not'
 
 complete -c varn-scripts -n '__varn_scripts_after key generate' -l no-passphrase -d 'leave the key unprotected'
 complete -c varn-scripts -n '__varn_scripts_after key generate' -l passphrase-file -r -F -d 'where the passphrase is'

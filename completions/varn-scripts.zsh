@@ -133,6 +133,14 @@ _varn_scripts() {
             '--strict[refuse what is a warning otherwise]' \
             '--check[check, tell what would be published, write nothing]' \
             '--allow-removal[drop many scripts or all, replace a foreign list]' \
+            '*--sign-with[sign the list with this secret key]:key:_files' \
+            '*--passphrase-file[where the passphrase is]:file:_files' \
+            '--expires[how long the signature counts]:time:' \
+            '--renew[sign the published list anew, change nothing else]' \
+            '--unsigned-for[leave the list there to be signed elsewhere]:directory:_files -/' \
+            '*--attach[signature that was made elsewhere]:file:_files' \
+            '*--signed-by[public key of who signs elsewhere]:key:_files' \
+            '--unsigned[replace a signed list by one that is not]' \
             '1:source directory:_files -/' '2:output directory:_files -/'
           ;;
       esac

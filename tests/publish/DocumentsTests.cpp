@@ -199,5 +199,24 @@ TEST(Location, BecomesAServerPathAsClientsRewriteIt) {
   EXPECT_EQ(serverPath("..\\webapps\\quillandermoor\\a"), "../webapps/quillandermoor/a");
 }
 
+TEST(Signatures, AreNamedByTheDigestOfTheirList) {
+  const std::string digest = kDigest;
+  const std::pair<std::string, std::optional<std::string>> rows[] = {
+      {"signatures/" + digest + ".minisig", digest},
+      {"signatures/" + digest + ".293CBC668E52E64C.minisig", digest},
+      {"signatures/" + digest + ".293cbc668e52e64c.minisig", std::nullopt},
+      {"signatures/" + digest + ".293CBC668E52E64.minisig", std::nullopt},
+      {"signatures/" + digest + "..minisig", std::nullopt},
+      {"signatures/" + digest + ".minisig.gz", std::nullopt},
+      {"signatures/" + digest, std::nullopt},
+      {"signatures/" + digest.substr(1) + ".minisig", std::nullopt},
+      {"signatures/A" + digest.substr(1) + ".minisig", std::nullopt},
+      {"signatures/", std::nullopt},
+      {digest + ".minisig", std::nullopt},
+      {"data/" + digest + ".minisig", std::nullopt},
+  };
+  for (const auto& [name, list] : rows) EXPECT_EQ(signedListIn(name), list) << name;
+}
+
 }  // namespace
 }  // namespace VarnScripts::publishing

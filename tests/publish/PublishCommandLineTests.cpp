@@ -62,6 +62,82 @@ TEST(PublishCommandLine, TakesTheTimeThatContentStaysWithItsUnit) {
   }
 }
 
+TEST(PublishCommandLine, TakesWhoSigns) {
+  const auto options = [](std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "publish");
+    return parsed(arguments).publish.signing;
+  };
+  EXPECT_FALSE(options({"in", "out"}).any());
+  const auto here = options({"--sign-with", "a.key", "in", "--sign-with", "b.key", "out",
+                             "--passphrase-file", "words", "--expires", "12h"});
+  EXPECT_TRUE(here.any());
+  EXPECT_EQ(here.keyFiles, (std::vector<std::string>{"a.key", "b.key"}));
+  EXPECT_EQ(here.passphraseFiles, std::vector<std::string>{"words"});
+  EXPECT_EQ(here.lifetime, std::chrono::hours(12));
+  const auto left = options({"in", "out", "--unsigned-for", "away", "--signed-by", "a.pub"});
+  EXPECT_TRUE(left.any());
+  EXPECT_EQ(left.leaveIn, "away");
+  EXPECT_EQ(left.lifetime, std::chrono::days(30));
+  const auto attached = options({"--attach", "a.minisig", "--attach", "b.minisig", "in", "out",
+                                 "--signed-by", "a.pub", "--signed-by", "b.pub"});
+  EXPECT_EQ(attached.attached, (std::vector<std::string>{"a.minisig", "b.minisig"}));
+  EXPECT_EQ(attached.signedBy, (std::vector<std::string>{"a.pub", "b.pub"}));
+  EXPECT_TRUE(options({"in", "out", "--unsigned"}).withoutSignature);
+}
+
+TEST(PublishCommandLine, TakesATimeForTheSignature) {
+  for (const std::string text :
+       {"0d", "0s", "-1d", "30", "d", "1.5h", "36601d", "1w", "18446744073709551616s"}) {
+    const Reply reply = refused({"publish", "--sign-with", "k", "--expires", text, "in", "out"});
+    EXPECT_EQ(reply.exitStatus, 2) << text;
+    EXPECT_NE(reply.error.find("--expires"), std::string::npos) << reply.error;
+  }
+  EXPECT_EQ(parsed({"publish", "--sign-with", "k", "--expires", "36600d", "in", "out"})
+                .publish.signing.lifetime,
+            std::chrono::days(36600));
+}
+
+TEST(PublishCommandLine, RenewsWithTheOutputDirectoryAlone) {
+  for (const std::vector<std::string>& arguments :
+       {std::vector<std::string>{"publish", "--renew", "--sign-with", "k", "out"},
+        {"publish", "in", "out", "--sign-with", "k", "--renew"}}) {
+    const CommandLine line = parsed(arguments);
+    EXPECT_TRUE(line.publish.signing.renew);
+    EXPECT_EQ(line.publish.outputDirectory, "out");
+  }
+  EXPECT_EQ(refused({"publish", "--renew", "--sign-with", "k", ""}).error,
+            "varn-scripts: SOURCE_DIR must not be empty\n"
+            "varn-scripts --help tells how it is used.\n");
+}
+
+TEST(PublishCommandLine, RefusesWhatDoesNotGoTogether) {
+  const std::pair<std::vector<std::string>, std::string> rows[] = {
+      {{"--expires", "1d"}, "--expires: needs --sign-with or --unsigned-for"},
+      {{"--passphrase-file", "w"}, "--passphrase-file: needs --sign-with"},
+      {{"--renew"}, "--renew: needs --sign-with"},
+      {{"--unsigned-for", "d"}, "--unsigned-for: needs --signed-by"},
+      {{"--attach", "s"}, "--attach: needs --signed-by"},
+      {{"--signed-by", "p"}, "--signed-by: needs --attach or --unsigned-for"},
+      {{"--signed-by", "p", "--sign-with", "k"}, "--signed-by: needs --attach or --unsigned-for"},
+      {{"--renew", "--sign-with", "k", "--attach", "s", "--signed-by", "p"},
+       "--renew: excludes --attach"},
+      {{"--unsigned-for", "d", "--signed-by", "p", "--sign-with", "k"},
+       "--unsigned-for: excludes --sign-with"},
+      {{"--unsigned-for", "d", "--signed-by", "p", "--check"}, "--unsigned-for: excludes --check"},
+      {{"--unsigned", "--sign-with", "k"}, "--unsigned: excludes --sign-with"},
+      {{"--sign-with", ""}, "--sign-with must not be empty"},
+      {{"--sign-with", "k", "--passphrase-file="}, "--passphrase-file must not be empty"},
+  };
+  for (const auto& [options, why] : rows) {
+    std::vector<std::string> arguments = {"publish", "in", "out"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    const Reply reply = refused(arguments);
+    EXPECT_EQ(reply.exitStatus, 2);
+    EXPECT_EQ(reply.error,
+              "varn-scripts: " + why + "\nvarn-scripts --help tells how it is used.\n");
+  }
+}
+
 TEST(PublishCommandLine, NeedsBothDirectories) {
   EXPECT_EQ(refused({"publish", "in"}).error,
             "varn-scripts: OUTPUT_DIR is required\n"

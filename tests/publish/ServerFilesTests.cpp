@@ -181,6 +181,31 @@ TEST_F(ServerFilesTest, StayForTheTimeAfterTheyHaveDroppedOut) {
   EXPECT_EQ(files.removed(), 1U);
 }
 
+TEST_F(ServerFilesTest, AreSignaturesWhenTheirNamesSaySo) {
+  const std::string signature = "signatures/" + std::string(64, 'a') + ".minisig";
+  const std::string other = "signatures/" + std::string(64, 'b') + ".293CBC668E52E64C.minisig";
+  ServerFiles files;
+  open(files);
+  std::error_code error;
+  EXPECT_EQ(files.signatures(error), std::vector<std::string>{});
+  EXPECT_FALSE(error);
+  files.makePlaceForSignatures(error);
+  EXPECT_FALSE(error);
+  EXPECT_EQ(modeOf(root_ + "/signatures"), 0755U);
+  for (const std::string& name : {other, signature, std::string("signatures/readme"),
+                                  std::string("signatures/.publishing-3")}) {
+    std::ofstream(root_ + "/" + name) << "x";
+  }
+  EXPECT_EQ(files.signatures(error), (std::vector{signature, other}));
+  files.removeContentBut({signature}, std::chrono::seconds(0), error);
+  EXPECT_FALSE(error);
+  EXPECT_EQ(names(),
+            (std::set<std::string>{"data", "files", "signatures", "signatures/readme", signature}));
+  std::ofstream(root_ + "/" + signature) << "more than four";
+  EXPECT_EQ(files.read(signature, error, 4), std::nullopt);
+  EXPECT_EQ(error, std::errc::file_too_large);
+}
+
 TEST_F(ServerFilesTest, LoseTheirCompressedCopiesAndNothingElse) {
   ServerFiles files;
   open(files);
