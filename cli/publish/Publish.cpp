@@ -520,7 +520,7 @@ class Publisher {
     if (!announced_) return kExitNotRun;
     std::string text = "Published " + counted(source_.scripts.size(), "script", "scripts") +
                        " for customer " + customer_ + ": ";
-    const bool isSigned = signing_ && !signing_->files().empty();
+    const bool isSigned = signing_ && (listWritten || !signing_->files().empty());
     if (content == 0 && !listWritten && !isSigned && files_.removed() == 0) {
       text += "nothing has changed";
     } else {

@@ -148,7 +148,7 @@ void Signing::beginWith(std::string_view list) {
   }
   texts_.clear();
   signedBy_.clear();
-  attachedSerials_.clear();
+  attachedSerial_.reset();
   files_.clear();
   accepted_.reset();
   remark_.reset();
@@ -208,14 +208,20 @@ std::optional<Refusal> Signing::attach(std::string_view list, UTCTime now) {
     if (std::ranges::find(signedBy_, key) != signedBy_.end()) {
       return Refusal{"two of the signatures are by " + nameOf(key)};
     }
-    attachedSerials_.push_back(accepted.serial);
+    // A computer that has taken the one takes no lower one afterwards, be it over the same list.
+    if (attachedSerial_.value_or(accepted.serial) != accepted.serial) {
+      return Refusal{"the signatures have different serials, " + std::to_string(*attachedSerial_) +
+                     " and " + std::to_string(accepted.serial) +
+                     "; all are to be made with the same comment"};
+    }
+    attachedSerial_ = accepted.serial;
     put(key, text);
   }
   return std::nullopt;
 }
 
 std::variant<std::uint64_t, Refusal> Signing::serialFor(UTCTime now) const {
-  if (!attachedSerials_.empty()) return std::ranges::max(attachedSerials_);
+  if (attachedSerial_) return *attachedSerial_;
   constexpr std::uint64_t kLast = std::numeric_limits<std::uint64_t>::max();
   const auto seconds =
       static_cast<std::uint64_t>(std::max<std::int64_t>(1, now.time_since_epoch().count()));

@@ -128,7 +128,7 @@ class Signing {
   std::vector<Known> covering_;      ///< those over it
   std::vector<std::string> texts_;   ///< the signatures that it has in the end
   std::vector<PublicKey> signedBy_;  ///< by whom these are
-  std::vector<std::uint64_t> attachedSerials_;
+  std::optional<std::uint64_t> attachedSerial_;
   std::vector<SignatureFile> files_;
   std::optional<AgentUtils::signing::Acceptance> accepted_;
   std::optional<std::string> remark_;

@@ -305,7 +305,7 @@ class AttachedSignatures : public SigningTest {
 };
 
 TEST_F(AttachedSignatures, AreTakenInAsTheyAre) {
-  const std::string first = made(key_, 7);
+  const std::string first = made(key_, 8);
   const std::string second = made(other_, 8);
   EXPECT_EQ(sign(elsewhere({second, first}), kList, kNoon),
             "by " + nameOf(other_) + " and " + nameOf(key_) +
@@ -358,6 +358,9 @@ TEST_F(AttachedSignatures, AreRefusedWithTheReason) {
   }
   EXPECT_EQ(sign(elsewhere({made(key_, 7), made(key_, 8)}), kList, kNoon),
             "refused: two of the signatures are by the key " + nameOf(key_));
+  EXPECT_EQ(sign(elsewhere({made(key_, 7), made(other_, 8)}), kList, kNoon),
+            "refused: the signatures have different serials, 7 and 8; all are to be made with the "
+            "same comment");
 }
 
 TEST_F(AttachedSignatures, MayFollowWithTheSameSerialOverTheSameList) {
