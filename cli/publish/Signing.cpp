@@ -19,6 +19,12 @@ bool isNoSignature(const std::error_code& error) {
 
 std::string nameOf(const PublicKey& key) { return "the key " + signing::keyName(key.number); }
 
+Refusal countsLonger(const PublicKey& key, const SignedComment& comment,
+                     const std::string& remedy) {
+  return {"the signature by " + nameOf(key) + " counts until " + utcTimeText(comment.expires) +
+          " already, and would for less long; " + remedy};
+}
+
 }  // namespace
 
 std::optional<std::string> remarkOnExpiry(const SignedComment& comment,
@@ -110,9 +116,7 @@ std::optional<Refusal> Signing::renew(std::string_view list, UTCTime now) {
                      " has not signed the list there; publish it with --sign-with, which does"};
     }
     if (now + lifetime_ < there->comment.expires) {
-      return Refusal{"the signature by " + nameOf(there->key) + " counts until " +
-                     utcTimeText(there->comment.expires) +
-                     " already, and would for less long; give a longer --expires"};
+      return countsLonger(there->key, there->comment, "give a longer --expires");
     }
     make(key, list, there->comment.serial, now);
   }
@@ -207,6 +211,11 @@ std::optional<Refusal> Signing::attach(std::string_view list, UTCTime now) {
     const PublicKey& key = accepted.signedBy.front();
     if (std::ranges::find(signedBy_, key) != signedBy_.end()) {
       return Refusal{"two of the signatures are by " + nameOf(key)};
+    }
+    const Known* const there = over(key);
+    const bool replaces = there != nullptr && there->comment.serial == accepted.serial;
+    if (replaces && accepted.expires < there->comment.expires) {
+      return countsLonger(key, there->comment, "have it signed for longer");
     }
     // A computer that has taken the one takes no lower one afterwards, be it over the same list.
     if (attachedSerial_.value_or(accepted.serial) != accepted.serial) {

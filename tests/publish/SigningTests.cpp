@@ -369,6 +369,14 @@ TEST_F(AttachedSignatures, MayFollowWithTheSameSerialOverTheSameList) {
             "by " + nameOf(key_) + " with the serial 7 until 2027-01-21T12:00:00Z");
 }
 
+TEST_F(AttachedSignatures, MakeNoTimeShorter) {
+  sign(elsewhere({made(key_, 7)}), kList, kNoon);
+  EXPECT_EQ(sign(elsewhere({made(key_, 7, kNoon, kNoon + std::chrono::hours(1))}), kList, kNoon),
+            "refused: the signature by the key " + nameOf(key_) +
+                " counts until 2026-12-22T12:00:00Z already, and would for less long; have it "
+                "signed for longer");
+}
+
 TEST_F(AttachedSignatures, AreAskedForWithTheSerialOfAPublicationHere) {
   const auto asked = [this](const std::string& list) {
     Signing signing(elsewhere({}), "acme", kMonth);
