@@ -44,14 +44,14 @@ int file(const std::string& path) {
   EVP_MD_CTX* const context = EVP_MD_CTX_new();
   const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
   return bench::serve([&] {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     EVP_DigestInit_ex2(context, algorithm, nullptr);
     while (true) {
-      const ssize_t got = read(fd, piece.data(), piece.size());
+      const ssize_t got = ::read(fd, piece.data(), piece.size());
       if (got <= 0) break;
       EVP_DigestUpdate(context, piece.data(), static_cast<std::size_t>(got));
     }
-    close(fd);
+    ::close(fd);
     Digest digest{};
     EVP_DigestFinal_ex(context, digest.data(), nullptr);
     return digest[0];
