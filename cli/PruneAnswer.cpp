@@ -26,6 +26,7 @@ PruneAnswer foreseen(Inquiry& inquiry) {
   const std::vector<ListedScript> records = inquiry.records(unreadable);
   if (unreadable) return {true, {}, Reason{ReasonCode::localStateFailed, *unreadable}};
   std::vector<std::string> recordedIDs;
+  recordedIDs.reserve(records.size());
   for (const ListedScript& script : records) recordedIDs.push_back(script.scriptID);
   return {true, removalIDs(droppedIDs(std::move(recordedIDs), *entries)), std::nullopt};
 }

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <span>
@@ -40,11 +41,10 @@ class Secret {
 
   /// Adds what there is room for. False when that was not all.
   bool add(std::string_view text) {
-    for (const char c : text) {
-      if (size_ == capacity) return false;
-      bytes_[size_++] = static_cast<unsigned char>(c);
-    }
-    return true;
+    const std::size_t added = std::min(text.size(), capacity - size_);
+    std::copy_n(text.begin(), added, bytes_.begin() + size_);
+    size_ += added;
+    return added == text.size();
   }
 
   void clear() {

@@ -199,9 +199,9 @@ class SourceReader {
     });
     std::sort(unnamed.begin(), unnamed.end());
     const std::string remedy = "give it an entry, or move it out of the directory";
-    std::size_t told = 0;
+    std::size_t reported = 0;
     for (const std::string& name : unnamed) {
-      if (++told > kMostUnnamedFiles) break;
+      if (++reported > kMostUnnamedFiles) break;
       findings_.warn({options_.directory + "/" + name},
                      "no entry of the manifest names the file, so it is not published", remedy);
     }

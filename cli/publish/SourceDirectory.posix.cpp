@@ -36,7 +36,7 @@ std::string SourceDirectory::read(const std::string& name, std::error_code& erro
 std::string SourceDirectory::resolvedLink(const std::string& name, std::error_code& error) {
   if (root_.empty()) root_ = resolved(path_, error);
   if (error) return {};
-  const std::string path = resolved(path_ + "/" + name, error);
+  std::string path = resolved(path_ + "/" + name, error);
   if (error) return {};
   const std::string beginning = root_ == "/" ? root_ : root_ + "/";
   if (!path.starts_with(beginning)) {
