@@ -59,7 +59,7 @@ enum class LastLink { follow, refuse };
 
 /// A file that is open, and what it was when it was opened.
 struct OpenedFile {
-  FileDescriptor file;
+  FileDescriptor descriptor;
   struct stat status {};
 };
 
@@ -72,7 +72,7 @@ struct OpenedFile {
   const int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | (link == LastLink::refuse ? O_NOFOLLOW : 0);
   OpenedFile opened{FileDescriptor(retryOnInterrupt([&] { return ::open(path.c_str(), flags); })),
                     {}};
-  if (!opened.file || ::fstat(opened.file.get(), &opened.status) != 0) {
+  if (!opened.descriptor || ::fstat(opened.descriptor.get(), &opened.status) != 0) {
     error = lastError();
   } else if (!S_ISREG(opened.status.st_mode)) {
     error = std::make_error_code(std::errc::invalid_argument);
@@ -102,7 +102,7 @@ struct RegularFile {
   if (error) return {};
   std::string room;
   room.reserve(size);
-  std::string bytes = readAll(opened.file.get(), mostBytes, error, std::move(room));
+  std::string bytes = readAll(opened.descriptor.get(), mostBytes, error, std::move(room));
   if (error) return {};
   return {std::move(bytes), opened.status.st_mode & kPermissionBits, opened.status.st_uid};
 }

@@ -50,7 +50,7 @@ std::variant<KeyFile, Refusal> readKeyFile(const std::string& path) {
   if (error) return refusal(posix::whyNotRead(error));
   KeyFile result{{}, openToOthers(opened.status)};
   KeyText& text = result.text;
-  text.resize(posix::readInto(opened.file.get(), text.data(), kLongestKeyFile, error));
+  text.resize(posix::readInto(opened.descriptor.get(), text.data(), kLongestKeyFile, error));
   if (error) return refusal(error.message());
   if (text.size() == kLongestKeyFile) return refusal("it is too long for a key");
   return result;

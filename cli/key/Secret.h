@@ -18,15 +18,15 @@ template <std::size_t capacity>
 class Secret {
  public:
   Secret() = default;
-  Secret(Secret&& other) noexcept : bytes_(other.bytes_), size_(other.size_) { other.clear(); }
+  Secret(Secret&& other) noexcept : bytes_(other.bytes_), size_(other.size_) { other.forget(); }
   Secret& operator=(Secret&& other) noexcept {
     if (this == &other) return *this;
     bytes_ = other.bytes_;
     size_ = other.size_;
-    other.clear();
+    other.forget();
     return *this;
   }
-  ~Secret() { clear(); }
+  ~Secret() { forget(); }
 
   /// Room for `capacity` bytes, of which `size()` count.
   [[nodiscard]] unsigned char* data() { return bytes_.data(); }
@@ -47,7 +47,7 @@ class Secret {
     return added == text.size();
   }
 
-  void clear() {
+  void forget() {
     wipe(bytes_.data(), capacity);
     size_ = 0;
   }
