@@ -182,8 +182,8 @@ class LogFileSink final : public spdlog::sinks::base_sink<std::mutex> {
   FileDescriptor file_;
 };
 
-std::unique_ptr<spdlog::logger> makeLogger(spdlog::sink_ptr sink) {
-  auto logger = std::make_unique<spdlog::logger>("", std::move(sink));
+std::shared_ptr<spdlog::logger> makeLogger(spdlog::sink_ptr sink) {
+  auto logger = std::make_shared<spdlog::logger>("", std::move(sink));
   // The default handler would write to standard error, also when the host asked for quiet.
   logger->set_error_handler([](const std::string&) {});
   return logger;
@@ -191,7 +191,7 @@ std::unique_ptr<spdlog::logger> makeLogger(spdlog::sink_ptr sink) {
 
 /// A place that records go to, ready to write.
 struct Destination {
-  std::unique_ptr<spdlog::logger> logger;
+  std::shared_ptr<spdlog::logger> logger;
   std::optional<std::uint64_t> most;  ///< of a message
 };
 

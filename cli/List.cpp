@@ -155,6 +155,7 @@ std::string unreadableStore(const std::string& cause) {
 
 std::string listTable(const std::vector<ListedScript>& scripts) {
   std::vector<Row> rows;
+  rows.reserve(scripts.size());
   for (const auto& script : scripts) rows.push_back(rowOf(script));
   return tableOf(std::move(rows), {"SCRIPT ID", "VERSION", "FILE", "PATH"});
 }
