@@ -121,6 +121,7 @@ bool isIn(const Taken& taken, const Dropped& script) {
 
 std::vector<std::string> idsOf(const std::vector<Dropped>& scripts) {
   std::vector<std::string> ids;
+  ids.reserve(scripts.size());
   for (const Dropped& script : scripts) ids.push_back(script.scriptID);
   return ids;
 }
