@@ -52,7 +52,7 @@ struct LogSettings {
   std::optional<Target> target{};
   StandardError standardError = StandardError::otherwise;
   /// How long whoever reads standard error is waited for, once, when a terminal has been stopped or
-  /// a pipe is full; further records are left out until they are taken again, and then it is said
+  /// a pipe is full; further records are left out until one is taken again, before which it is said
   /// how many. A host's requests wait as long.
   std::chrono::milliseconds standardErrorWait{60'000};
   /// Writes nothing to standard error, whatever else is said.
