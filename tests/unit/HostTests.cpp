@@ -331,6 +331,21 @@ TEST_F(RemoveDroppedScripts, AStoreThatCanNotBeWrittenKeepsThatFile) {
   EXPECT_TRUE(store.rows.contains("41"));
 }
 
+TEST_F(RemoveDroppedScripts, AStoreThatCanNotBeOpenedIsTheReason) {
+  leaveScript("41");
+  serveList("");
+  ASSERT_TRUE(reloadServerList());
+  journal.throwAlways("open");
+
+  const ScriptRemoval removal = removeDroppedScripts(turn);
+
+  EXPECT_THAT(removal.scriptIDs, IsEmpty());
+  EXPECT_THAT(removal.reason,
+              HasSubstr("/Configuration-Framework/ScriptRepository can't be opened"));
+  EXPECT_FALSE(removal.isLockedOut);
+  EXPECT_THAT(journal.log(), Contains(HasSubstr("No ScriptIDs found in the storage.")));
+}
+
 TEST_F(RemoveDroppedScripts, ARecordThatStaysIsNotToldAsRemoved) {
   for (const char* const id : {"41", "43"}) leaveScript(id);
   serveList("");
