@@ -166,7 +166,7 @@ constexpr Command kCommands[] = {
      "0 a script would be run, 2 usage or settings error, 3 none would be.",
      NeededSettings::request, addPlanOptions, plan},
     {"prune", "Remove local copies of scripts the server dropped",
-     "0 done, 2 usage or settings error, 3 the server's list can't be had.",
+     "0 done, 2 usage or settings error, 3 the server's list or the store can't be had.",
      NeededSettings::request, addPruneOptions, prune},
     {"list", "List the local records, or the server's scripts",
      "0 done, 2 usage or settings error, 3 the store can't be read, or the\n"
