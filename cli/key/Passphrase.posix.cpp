@@ -26,13 +26,14 @@ using Answer = std::variant<Passphrase, Refusal>;
 Refusal refusal(const std::string& why) { return {"the passphrase " + why}; }
 
 // Bytes up to the first line break or the end, one at a time: nothing behind them is taken from a
-// pipe that others read as well. `readByte` reads into its argument, with the result of `read`.
-template <class ReadByte>
-Answer firstLine(const ReadByte& readByte) {
+// pipe that others read as well. `mayRead` is called before each, and says whether to go on.
+template <class MayRead>
+Answer firstLine(int fd, const MayRead& mayRead) {
   Passphrase line;
   while (true) {
+    if (!mayRead()) return refusal("was not given");
     char c = '\0';
-    const ssize_t count = readByte(c);
+    const ssize_t count = posix::retryOnInterrupt([&] { return ::read(fd, &c, 1); });
     if (count < 0) return refusal("can't be read: " + posix::lastError().message());
     if (count == 0 || c == '\n') break;
     const bool fits = line.add({&c, 1});
@@ -48,18 +49,18 @@ volatile sig_atomic_t caughtSignal = 0;
 
 void noteSignal(int signal) { caughtSignal = signal; }
 
-/// Has the signals that end a process noted, for as long as it lives, and held back but for the
-/// waits: one that came just before a wait would not end it.
+/// Has the signals that end a process noted, for as long as it lives: while this thread waits for
+/// a key, and at no other moment, or one could come right before a wait that then never ends.
 class NotedSignals {
  public:
   NotedSignals() {
     caughtSignal = 0;
+    sigset_t noted;
+    sigemptyset(&noted);
+    for (const int signal : kSignals) sigaddset(&noted, signal);
+    ::pthread_sigmask(SIG_BLOCK, &noted, &maskBefore_);
     struct sigaction note {};
     note.sa_handler = noteSignal;
-    sigset_t held;
-    ::sigemptyset(&held);
-    for (const int signal : kSignals) ::sigaddset(&held, signal);
-    ::pthread_sigmask(SIG_BLOCK, &held, &outside_);
     for (std::size_t i = 0; i < kSignals.size(); ++i) {
       ::sigaction(kSignals[i], nullptr, &before_[i]);
       // What whoever started this process has it ignore goes on being ignored.
@@ -69,35 +70,29 @@ class NotedSignals {
   NotedSignals(const NotedSignals&) = delete;
   NotedSignals& operator=(const NotedSignals&) = delete;
   ~NotedSignals() {
+    // The mask first: what has come after the last wait is noted, too.
+    ::pthread_sigmask(SIG_SETMASK, &maskBefore_, nullptr);
     for (std::size_t i = 0; i < kSignals.size(); ++i) {
       ::sigaction(kSignals[i], &before_[i], nullptr);
     }
-    ::pthread_sigmask(SIG_SETMASK, &outside_, nullptr);
   }
 
-  /// Waits for a byte from `fd`, which is non-blocking, and reads it. One of the signals is the
-  /// error `EINTR`.
-  [[nodiscard]] ssize_t readByte(int fd, char& byte) const {
+  /// Waits for something to read, or a signal; whether none has come.
+  [[nodiscard]] bool waitForKey(int terminal) const {
     while (caughtSignal == 0) {
-      fd_set readable;
-      FD_ZERO(&readable);
-      FD_SET(fd, &readable);
-      if (::pselect(fd + 1, &readable, nullptr, nullptr, nullptr, &outside_) < 0) {
-        if (errno == EINTR) continue;
-        return -1;
-      }
-      // What was typed may have been taken back meanwhile.
-      const ssize_t count = ::read(fd, &byte, 1);
-      if (count >= 0 || errno != EAGAIN) return count;
+      fd_set keys;
+      FD_ZERO(&keys);
+      FD_SET(terminal, &keys);
+      const int ready = ::pselect(terminal + 1, &keys, nullptr, nullptr, nullptr, &maskBefore_);
+      if (ready >= 0 || errno != EINTR) break;
     }
-    errno = EINTR;
-    return -1;
+    return caughtSignal == 0;
   }
 
  private:
   static constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
   std::array<struct sigaction, kSignals.size()> before_{};
-  sigset_t outside_{};
+  sigset_t maskBefore_{};
 };
 
 /// A terminal that shows nothing of what is typed, for as long as it lives.
@@ -132,7 +127,7 @@ Answer ask(int terminal, const std::string& question) {
   if (!silent.isSilent()) return refusal("can't be asked for: the terminal can't be made silent");
   std::error_code ignored;
   posix::writeAll(terminal, question, ignored);
-  Answer answer = firstLine([&](char& c) { return signals.readByte(terminal, c); });
+  Answer answer = firstLine(terminal, [&] { return signals.waitForKey(terminal); });
   // The line break that was typed was not shown either.
   posix::writeAll(terminal, "\n", ignored);
   return answer;
@@ -141,8 +136,7 @@ Answer ask(int terminal, const std::string& question) {
 }  // namespace
 
 Answer askForPassphrase(const std::string& question) {
-  const FileDescriptor terminal(::open("/dev/tty", O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
-  // With more descriptors open than `pselect` counts, nobody is at this terminal.
+  const FileDescriptor terminal(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
   if (!terminal || terminal.get() >= FD_SETSIZE) {
     return refusal("can't be asked for without a terminal: give it with --passphrase-file");
   }
@@ -163,8 +157,7 @@ Answer passphraseIn(const std::string& path) {
   if (S_ISREG(status.st_mode) && isOpen) {
     return unreadable("others than its owner may use it; chmod 600 mends that");
   }
-  return firstLine(
-      [&](char& c) { return posix::retryOnInterrupt([&] { return ::read(file.get(), &c, 1); }); });
+  return firstLine(file.get(), [] { return true; });
 }
 
 }  // namespace VarnScripts::keys

@@ -14,8 +14,8 @@
 #include "Calls.h"
 #include "Digest.h"
 #include "Reason.h"
-#include "RegularFile.h"
 #include "StandardStreams.h"
+#include "WholeFiles.h"
 #include "publish/SyncFiles.h"
 
 namespace VarnScripts::publishing {
@@ -37,6 +37,9 @@ constexpr const char* kSignatures = "signatures";
 using posix::directoryOf;
 using posix::FileDescriptor;
 using posix::lastError;
+using posix::LastLink;
+using posix::readRegularFile;
+using posix::RegularFile;
 using posix::retryOnInterrupt;
 
 // The names in a directory; empty with `error` set when it can't be read.

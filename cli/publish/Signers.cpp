@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "ExitStatus.h"
-#include "RegularFile.h"
+#include "WholeFiles.h"
 #include "key/KeyFiles.h"
 #include "signing/ListSignature.h"
 
@@ -62,9 +62,10 @@ std::variant<Signers, NoSigners> signersFor(const SigningOptions& options) {
   for (const std::string& path : options.attached) {
     std::error_code error;
     // One byte more than is taken, so that a long one is refused by its own sentence.
-    auto file = readRegularFile(path, LastLink::follow, error, kLongestSignatureFile + 1);
+    auto file =
+        posix::readRegularFile(path, posix::LastLink::follow, error, kLongestSignatureFile + 1);
     if (error) {
-      return NoSigners{"the signature " + path + " can't be read: " + whyNotRead(error),
+      return NoSigners{"the signature " + path + " can't be read: " + posix::whyNotRead(error),
                        kExitNotRun};
     }
     signers.attached.push_back(std::move(file.bytes));
