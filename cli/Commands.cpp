@@ -143,16 +143,7 @@ void addKeyShowOptions(CLI::App& to, CommandLine& line) {
 
 void addKeyVerifyOptions(CLI::App& to, CommandLine& line) {
   addOperand(to, "LIST", line.key.file, "The list, scripts-meta.xml");
-  // A further KEY needs a further flag: what follows may be the list.
-  to.add_option("--trusted-key", line.key.trustedKeys,
-                "A key whose signature counts, its line or its file; may be given several times")
-      ->required()
-      ->allow_extra_args(false)
-      ->type_name("KEY");
-  to.add_option("--signatures-needed", line.key.signaturesNeeded,
-                "How many of the keys have to have signed (default: 1)")
-      ->check(CLI::Range(std::size_t{1}, std::size_t{1000}).description(""))
-      ->type_name("N");
+  // A further FILE needs a further flag: what follows may be the list.
   to.add_option("--signature", line.key.signatures,
                 "A signature's file, in place of those beside the list; may be given several times")
       ->allow_extra_args(false)
@@ -187,7 +178,7 @@ constexpr Command kCommands[] = {
      addKeyShowOptions, showKey},
     {"key verify", "Tell whether a list is signed by trusted keys",
      "0 it is, 1 it is not, 2 usage or settings error, 3 a file can't be read.",
-     NeededSettings::nothing, addKeyVerifyOptions, verifyList},
+     NeededSettings::trustedKeys, addKeyVerifyOptions, verifyList},
 };
 
 }  // namespace
