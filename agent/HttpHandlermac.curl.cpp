@@ -196,7 +196,8 @@ void prepareDownloads() {
   const bool isPlain = hasScheme(server, "http");
   if (!isPlain && !hasScheme(server, "https")) return;
   startTransfers();
-  if (!isPlain || isOnThisComputer(server)) return;
+  // With keys, who is on the way decides nothing.
+  if (!isPlain || isOnThisComputer(server) || keys > 0) return;
   AgentLog::logInfo(
       "Plain http:// server: who is on the way to " + hostOf(server) + " decides what is run here",
       kSource, "prepareDownloads()", __LINE__);

@@ -111,7 +111,8 @@ VARN_EXPORT void configure(AgentSettings settings);
 
 /// Starts the libraries behind downloads over HTTP and HTTPS, which otherwise start with the first
 /// one: what they take from the environment (OPENSSL_CONF, SSLKEYLOGFILE) they take here. Writes a
-/// warning to the log when the server is a plain http:// one on another computer, and before that
+/// warning to the log when the server is a plain http:// one on another computer and no key is
+/// trusted, and before that
 /// a line that says whether lists are verified. Called once, after `configure`, by a host that
 /// cares about any of it.
 VARN_EXPORT void prepareDownloads();

@@ -129,6 +129,21 @@ TEST_F(SignedList, CountsWithTheSignatureOfATrustedKey) {
   EXPECT_EQ(base.names(), Names{"target"});
 }
 
+TEST_F(SignedList, IsSaidToBeVerifiedOrNotBeforeAnyIsAskedFor) {
+  trust({"first", "second"}, 2);
+  useServer("http://host.invalid");
+  AgentUtils::prepareDownloads();
+  // Nobody on the way decides anything, so that no warning follows.
+  EXPECT_EQ(log.lines(), Names{"info DownloadTrust prepareDownloads(): Lists are verified: "
+                               "signatures by 2 of 2 trusted keys are needed"});
+  settings.trustedKeys.clear();
+  settings.signaturesNeeded = 1;
+  useServer("file:///nowhere");
+  AgentUtils::prepareDownloads();
+  EXPECT_EQ(log.lines().back(),
+            "info DownloadTrust prepareDownloads(): Lists are not verified: no key is trusted");
+}
+
 TEST_F(SignedList, IsRememberedBeforeItTakesItsPlace) {
   publish(kList, commentWith("7"));
   std::string remembered;
