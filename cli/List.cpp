@@ -156,6 +156,7 @@ std::string unreadableStore(const std::string& cause) {
 
 std::string listTable(const std::vector<ListedScript>& scripts) {
   std::vector<Row> rows;
+  rows.reserve(scripts.size());
   for (const auto& script : scripts) rows.push_back(rowOf(script));
   return tableOf(std::move(rows), {"SCRIPT ID", "VERSION", "FILE", "PATH"});
 }
@@ -228,7 +229,7 @@ int listLocal(const CommandLine& line, const Settings& settings) {
   const auto scripts = listedScripts(error);
   if (error) return failed(*error, settings);
   if (scripts.empty()) remarkOnMissingDirectory(settings);
-  const bool written = writeOutput(line.json ? listJson(scripts) : listTable(scripts));
+  const bool written = writeAnswer(line.json ? listJson(scripts) : listTable(scripts), settings);
   return written ? kExitSuccess : kExitNotRun;
 }
 
@@ -281,7 +282,8 @@ int listServer(const CommandLine& line, const Settings& settings) {
     writeRemark("the list is " + whoSigned(*signers), settings);
   }
   const auto scripts = serverScripts(*entries, records);
-  const bool written = writeOutput(line.json ? serverJson(scripts) : serverTable(scripts));
+  const bool written =
+      writeAnswer(line.json ? serverJson(scripts) : serverTable(scripts), settings);
   return written ? kExitSuccess : kExitNotRun;
 }
 

@@ -10,9 +10,9 @@
 #include "CommandLine.h"
 #include "Digest.h"
 #include "ExitStatus.h"
-#include "RegularFile.h"
 #include "StandardStreams.h"
 #include "TrustedKeys.h"
+#include "WholeFiles.h"
 #include "key/KeyFiles.h"
 #include "key/Passphrase.h"
 #include "key/SecretKey.h"
@@ -27,6 +27,9 @@ using keys::Passphrase;
 using keys::PublicKey;
 using keys::Refusal;
 using keys::SecretKey;
+using posix::LastLink;
+using posix::readRegularFile;
+using posix::whyNotRead;
 
 int report(const std::string& sentence, int exitStatus) {
   writeErrorLine("varn-scripts: " + sentence);
@@ -151,7 +154,7 @@ int verifyList(const CommandLine& line, const Settings& settings) {
   signing::TrustPolicy policy{
       std::move(std::get<std::vector<PublicKey>>(trusted)), settings.agent.signaturesNeeded, {}};
   std::error_code error;
-  const RegularFile list = readRegularFile(options.file, LastLink::follow, error);
+  const posix::RegularFile list = readRegularFile(options.file, LastLink::follow, error);
   if (error) {
     return report("the list " + options.file + " can't be read: " + whyNotRead(error), kExitNotRun);
   }
