@@ -52,6 +52,7 @@ CLI::Validator durationInSeconds(Zero zero) {
             const auto unit = units.find(std::string(rest, end));
             if (failure != std::errc() || unit == units.end()) return what;
             if (number > kMost / unit->second) return what + " (it is too long)";
+            if (number == 0 && zero == Zero::refused) return what + " (it is no time at all)";
             text = std::to_string(number * unit->second);
             return "";
           },
@@ -235,13 +236,7 @@ void addKeyShowOptions(CLI::App& to, CommandLine& line) {
 
 void addKeyVerifyOptions(CLI::App& to, CommandLine& line) {
   addOperand(to, "LIST", line.key.file, "The list, scripts-meta.xml");
-  addNames(to, "--trusted-key", line.key.trustedKeys,
-           "A key whose signature counts, its line or its file; may be given several times", "KEY")
-      ->required();
-  to.add_option("--signatures-needed", line.key.signaturesNeeded,
-                "How many of the keys have to have signed (default: 1)")
-      ->check(CLI::Range(std::size_t{1}, std::size_t{1000}).description(""))
-      ->type_name("N");
+  // A further FILE needs a further flag: what follows may be the list.
   addNames(to, "--signature", line.key.signatures,
            "A signature's file, in place of those beside the list; may be given several times",
            "FILE");
@@ -275,7 +270,7 @@ constexpr Command kCommands[] = {
      addKeyShowOptions, showKey},
     {"key verify", "Tell whether a list is signed by trusted keys",
      "0 it is, 1 it is not, 2 usage or settings error, 3 a file can't be read.",
-     NeededSettings::nothing, addKeyVerifyOptions, verifyList},
+     NeededSettings::trustedKeys, addKeyVerifyOptions, verifyList},
 };
 
 }  // namespace

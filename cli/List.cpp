@@ -22,6 +22,7 @@
 #include "ScriptRepositoryRecords.h"
 #include "SignalForwarding.h"
 #include "StandardStreams.h"
+#include "TrustedKeys.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 
 namespace VarnScripts {
@@ -233,13 +234,13 @@ int listLocal(const CommandLine& line, const Settings& settings) {
 }
 
 std::string_view stateOf(const ScriptRepositoryMeta& entry, const ListedScript* record) {
-  switch (localCopyOf(entry.scriptID, record != nullptr ? record->version : std::nullopt,
-                      entry.modifiedTime)) {
+  switch (localCopyOf(entry.scriptID, record != nullptr ? record->version : std::nullopt, entry)) {
     case LocalCopy::absent:
       return "absent";
     case LocalCopy::outdated:
       return "outdated";
     case LocalCopy::documentMissing:
+    case LocalCopy::unlisted:
     case LocalCopy::unrecorded:
       return "incomplete";
     case LocalCopy::upToDate:
@@ -277,6 +278,9 @@ int listServer(const CommandLine& line, const Settings& settings) {
   if (refusal) return failed(refusal->sentence, settings);
   if (!entries) return failed(inquiry.whyNoList().sentence, settings);
   if (unreadable) return failed(*unreadable, settings);
+  if (const auto& signers = inquiry.listSigners()) {
+    writeRemark("the list is " + whoSigned(*signers), settings);
+  }
   const auto scripts = serverScripts(*entries, records);
   const bool written =
       writeAnswer(line.json ? serverJson(scripts) : serverTable(scripts), settings);

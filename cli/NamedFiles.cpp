@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <system_error>
 
+#include "TrustedKeys.h"
 #include "TrustedPath.h"
 #include "WholeFiles.h"
 
@@ -84,6 +85,11 @@ std::optional<SettingsError> complaintAboutNamedFiles(const Settings& settings,
   // One that nobody gave is a matter of the base path's content.
   if (agent.dataPath != ownDataPath(agent.basePath, agent.customerID)) {
     if (auto complaint = complaintAboutDirectory("data_path", agent.dataPath)) return complaint;
+  }
+  const std::vector<std::string> keys = filesOfTrustedKeys(settings);
+  for (const std::string& path : keys) {
+    const NamedFile file = fileOf("trusted_keys", path, PathEnd::givenFile);
+    if (auto complaint = complaintAbout(file, writableByGroup)) return complaint;
   }
   for (const NamedFile& file :
        {settingsFile(settings.settingsFile),

@@ -65,6 +65,9 @@ int prune(const CommandLine& line, const Settings& settings) {
   observers.onFailure = [&reason](const std::string& subject, const std::string& cause) {
     reason.moduleFailed(subject, cause);
   };
+  observers.onListJudged = [&reason](const AgentUtils::ListJudgement& list) {
+    reason.listJudged(list);
+  };
   observers.onRecord = [&progress](const AgentLog::Record&) { progress.makeWay(); };
   observers.onDownloadProgress = [&progress](std::uint64_t received, std::uint64_t total) {
     progress.showDownload(received, total);

@@ -17,11 +17,11 @@ using VarnScriptRepository::RequestStep;
 using VarnScriptRepository::ScriptEnd;
 
 constexpr std::string_view kCodeNames[] = {
-    "list_unavailable",     "list_unreadable",     "not_listed",          "document_unlisted",
-    "document_unavailable", "document_unreadable", "document_incomplete", "script_unavailable",
-    "checksum_mismatch",    "interpreter_unknown", "interpreter_missing", "start_failed",
-    "locked_out",           "unsafe_directory",    "foreign_record",      "local_state_failed",
-    "out_of_memory",
+    "list_unavailable",   "list_untrusted",       "list_unreadable",     "not_listed",
+    "document_unlisted",  "document_unavailable", "document_unreadable", "document_incomplete",
+    "script_unavailable", "checksum_mismatch",    "interpreter_unknown", "interpreter_missing",
+    "start_failed",       "locked_out",           "unsafe_directory",    "foreign_record",
+    "local_state_failed", "out_of_memory",
 };
 
 // `subject` is what the step names, `url` its URL on the server, `cause` a colon and why.
@@ -65,6 +65,10 @@ constexpr StepRow kSteps[] = {
     {RequestStep::interpreterLookUp, ReasonCode::interpreterUnknown,
      "No interpreter is known for {subject}; a script's name ends in {extensions}"},
 };
+
+// In place of the first row when the list was fetched and does not count.
+constexpr StepRow kUntrusted = {RequestStep::listDownload, ReasonCode::listUntrusted,
+                                "The list of customer {customer} from {url} is not trusted{cause}"};
 
 // The texts are the server's, and a line of the reason is no place for a long one.
 constexpr std::size_t kMostOfAText = 1024;
@@ -131,9 +135,11 @@ void ReasonFinder::moduleFailed(const std::string& subject, const std::string& c
 }
 
 void ReasonFinder::stepFailed(const FailedStep& failed) {
-  const auto* const row = std::ranges::find(kSteps, failed.step, &StepRow::step);
+  const auto* row = std::ranges::find(kSteps, failed.step, &StepRow::step);
   if (row == std::end(kSteps)) return;
   const bool isTold = failed.cause.empty() && failedSubject_ == failed.subject;
+  const bool isRefused = isTold && !listRefusal_.empty() && listRefusal_ == failedCause_;
+  if (isRefused && failed.step == kUntrusted.step) row = &kUntrusted;
   reason_ = {row->code,
              filled(row->sentence, failed.subject, isTold ? failedCause_ : failed.cause)};
 }

@@ -16,6 +16,7 @@ namespace VarnScripts {
 /// All causes there are. Their names in the object of `run --json` are these with underscores.
 enum class ReasonCode {
   listUnavailable,      ///< the server's list can't be fetched
+  listUntrusted,        ///< it is not signed as it must be, or not the newest
   listUnreadable,       ///< it can't be read, or is no list
   notListed,            ///< it has no such script
   documentUnlisted,     ///< it names no data document for the script
@@ -65,6 +66,9 @@ class ReasonFinder : public VarnScriptRepository::ScriptRunObserver {
   /// request is about that comes next.
   void moduleFailed(const std::string& subject, const std::string& cause);
 
+  /// What the downloader says of the list's signatures.
+  void listJudged(const AgentUtils::ListJudgement& list) { listRefusal_ = list.refusal; }
+
   void stepFailed(const VarnScriptRepository::FailedStep& failed) override;
   void scriptStarts(const VarnScriptRepository::ScriptStart& start) override;
   void scriptEnded(const VarnScriptRepository::ScriptEnd& end) override;
@@ -81,6 +85,7 @@ class ReasonFinder : public VarnScriptRepository::ScriptRunObserver {
   const Settings& settings_;
   std::string failedSubject_;
   std::string failedCause_;
+  std::string listRefusal_;
   std::string launchPath_;
   Reason reason_{ReasonCode::outOfMemory, "There is not enough memory"};
 };

@@ -180,6 +180,11 @@ int run(const CommandLine& line, const Settings& settings) {
   observers.onFailure = [&reason](const std::string& subject, const std::string& cause) {
     reason.moduleFailed(subject, cause);
   };
+  std::optional<AgentUtils::ListJudgement> list;
+  observers.onListJudged = [&reason, &list](const AgentUtils::ListJudgement& judgement) {
+    reason.listJudged(judgement);
+    if (judgement.refusal.empty()) list = judgement;
+  };
   observers.onDownloadProgress = [&progress](std::uint64_t received, std::uint64_t total) {
     progress.showDownload(received, total);
   };
@@ -198,7 +203,8 @@ int run(const CommandLine& line, const Settings& settings) {
   }
   prepareDownloads();
   files.emplace(line.scriptID, turn);
-  const Outcome outcome = request(line, settings, watch, reason, turn, *files, guard);
+  Outcome outcome = request(line, settings, watch, reason, turn, *files, guard);
+  outcome.list = std::move(list);
   WrittenOutput written;
   written.length = output.finish(written.error);
   progress.finish();

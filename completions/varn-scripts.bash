@@ -27,13 +27,14 @@ _varn_scripts() {
   fi
 
   local settings="--config --base-path --data-path --customer --server --ca-file --client-cert
-    --client-key --proxy --header-file --netrc-file --retry --max-download --max-output --verbose
-    --log-level --log-format --log-file --log-target --quiet --help"
+    --client-key --proxy --trusted-key --signatures-needed --header-file --netrc-file --retry
+    --max-download --max-output --verbose --log-level --log-format --log-file --log-target --quiet
+    --help"
   local with_value=" --config --base-path --data-path --customer --server --ca-file --client-cert
-    --client-key --proxy --header-file --netrc-file --retry --max-download --max-output --log-level
-    --log-format --log-file --log-target --accept-codes --keep-for --digest --passphrase-file
-    --trusted-key --signatures-needed --signature --sign-with --expires --unsigned-for --attach
-    --signed-by "
+    --client-key --proxy --trusted-key --signatures-needed --header-file --netrc-file --retry
+    --max-download --max-output --log-level --log-format --log-file --log-target --accept-codes
+    --keep-for --digest --passphrase-file --signature --sign-with --expires
+    --unsigned-for --attach --signed-by "
 
   compopt +o default 2>/dev/null
   case $previous in
@@ -120,7 +121,7 @@ _varn_scripts() {
       ;;
     "key generate") options="$settings --no-passphrase --passphrase-file" ;;
     "key show") options="$settings --passphrase-file" ;;
-    "key verify") options="$settings --trusted-key --signatures-needed --signature" ;;
+    "key verify") options="$settings --signature" ;;
     *) options= ;;
   esac
   if [[ $current == -* ]]; then

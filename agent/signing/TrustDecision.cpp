@@ -228,6 +228,16 @@ class Judging {
 
 }  // namespace
 
+std::string whoSigned(const Acceptance& accepted) {
+  std::string text = "signed by ";
+  for (const PublicKey& key : accepted.signedBy) {
+    if (key != accepted.signedBy.front()) text += " and ";
+    text += keyName(key.number);
+  }
+  return text + " for the customer " + accepted.state.customer + ", serial " +
+         std::to_string(accepted.serial) + ", until " + utcTimeText(accepted.expires);
+}
+
 Judgement judgeList(std::string_view list, const std::vector<std::string>& signatureFiles,
                     const TrustPolicy& policy, const TrustState& remembered, UTCTime clock) {
   return Judging(list, policy, remembered, clock).bySignatures(signatureFiles);

@@ -5,7 +5,7 @@ import os
 import shutil
 import sqlite3
 
-from support.case import CommandCase
+from support.case import UNVERIFIED, CommandCase
 from support.repository import CUSTOMER, LIST_PATH
 
 
@@ -39,6 +39,7 @@ class PruneTest(StateCase):
         result = self.run_json_log("prune")
         self.assertEqual((result.status, result.output), (0, ""))
         self.assertEqual(result.steps, [
+            UNVERIFIED,
             ("ScriptRepositoryMetaProcessor", "downloadScriptRepoMeta()",
              "Script-Meta Download Success"),
             ("ScriptRepositoryProcessor", "removeServerRemovedScripts()",

@@ -269,7 +269,7 @@ class Plan(PublishCase):
         result = self.run_command("plan", "42", environment=self.environment(
             TMPDIR=self.path("missing")))
         reason = "No temporary directory can be made: No such file or directory"
-        self.assertEqual((result.status, result.error), (3, reason + "\n"))
+        self.assertEqual((result.status, result.error_lines[1:]), (3, [reason]))
         result = self.run_command("--log-format", "json", "plan", "42",
                                   environment=self.environment(TMPDIR=self.path("missing")))
         self.assertEqual((result.status, result.records[-1]["message"]), (3, reason))

@@ -11,6 +11,7 @@ import sqlite3
 
 from support.case import CommandCase
 from support.repository import CUSTOMER, LIST_PATH, Repository
+from support.signing import Key
 
 PAGE = pathlib.Path(__file__).parents[2] / "docs/operating.md"
 
@@ -41,6 +42,10 @@ class ReasonCodes(CommandCase):
     def make_list_unavailable(self):
         self.repository.remove(LIST_PATH)
         return self.run_42()
+
+    def make_list_untrusted(self):
+        self.put()
+        return self.run_42("--trusted-key", Key().line)
 
     def make_list_unreadable(self):
         self.repository.write(LIST_PATH, "<html><body>Please sign in</body></html>")

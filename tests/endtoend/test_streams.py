@@ -285,10 +285,10 @@ class TerminalTest(CommandCase):
         self.put(text=f"echo out\nread line <{self.go}\n")
         process = self.terminal.start("-v", "run", "42", stdout=subprocess.PIPE)
         self.terminal.read_until(
-            lambda seen: len(seen) == 6 and self.RUNNING.fullmatch(seen[-1]))
+            lambda seen: len(seen) == 7 and self.RUNNING.fullmatch(seen[-1]))
         self.let_go()
         status, seen = self.end_of(process)
-        self.assertEqual((status, len(seen), seen[-1]), (0, 8, ""))
+        self.assertEqual((status, len(seen), seen[-1]), (0, 9, ""))
         for line in seen[:-1]:
             self.assertRegex(line, r"^\d{4}-\S+Z info \S+ \S+ \d+ \S")
             self.assertNotRegex(line, self.RUNNING)

@@ -276,6 +276,48 @@ class Rotation(SigningCase):
         self.assert_verified(new)
 
 
+class Computers(SigningCase):
+    """Computers that trust a key run what it has signed, from the first publication on."""
+
+    verbose = False
+
+    def run_with(self, *keys, needed=1):
+        trusted = [word for key in keys for word in ("--trusted-key", key + ".pub")]
+        return self.run_command(*trusted, "--signatures-needed", str(needed), "run", "42")
+
+    def assert_runs(self, text, *keys, needed=1):
+        result = self.run_with(*keys, needed=needed)
+        self.assertEqual((result.status, result.output), (0, text + "\n"), result.error)
+
+    def test_go_from_one_key_to_another(self):
+        old, new = self.key, self.make_key("new.key")
+        self.sign()
+        self.assert_runs("done", old)
+        self.assertEqual(self.renew("--expires", "60d").status, 0)
+        self.assert_runs("done", old)
+        self.sign(keys=[old, new])
+        self.assert_runs("done", old, new, needed=2)
+        self.write_script(text="echo 2\n")
+        self.sign(keys=[new])
+        self.assertEqual(self.run_with(old).status, 3)
+        self.assert_runs("2", old, new)
+        self.assert_runs("2", new)
+        # What comes back is not taken for what was before.
+        self.write_script()
+        self.sign(keys=[new])
+        self.assert_runs("done", new)
+
+    def test_take_no_list_that_has_lost_its_signature(self):
+        self.sign()
+        self.assert_runs("done", self.key)
+        self.write_script(text="echo 2\n")
+        self.must_publish("--unsigned")
+        result = self.run_with(self.key)
+        self.assertEqual((result.status, result.output), (3, ""))
+        self.sign()
+        self.assert_runs("2", self.key)
+
+
 class LeftForSigning(SigningCase):
     """Without a key here: the list is signed elsewhere and taken in."""
 
