@@ -177,7 +177,7 @@ class Worker:
         self._command(["cmake", "-S", self.tree, "-B", self.build, "-G", "Ninja",
                        "-DCMAKE_BUILD_TYPE=", "-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=gold",
                        "-DVARN_BUILD_COMMAND=OFF", "-DVARN_BUNDLED_AGENT_MODULES=OFF",
-                       "-DVARN_TEST_TIMEOUT=20"], check=True)
+                       "-DVARN_TEST_TIMEOUT=40"], check=True)
         self._compile(check=True)
         if not self._tests_pass():
             sys.exit(f"the tests fail without any change: {self.build}/Testing/Temporary/LastTest.log")
