@@ -42,19 +42,18 @@ CLI::Validator durationInSeconds() {
   constexpr std::uint64_t kMost = std::uint64_t{100} * 366 * 86400;
   const std::map<std::string, std::uint64_t> units = {
       {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
-  return CLI::Validator(
-      [units](std::string& text) -> std::string {
-        std::string what = "must be a time such as 7d, 12h, 30m or 45s: " + text;
-        std::uint64_t number = 0;
-        const char* const end = text.data() + text.size();
-        const auto [rest, failure] = std::from_chars(text.data(), end, number);
-        const auto unit = units.find(std::string(rest, end));
-        if (failure != std::errc() || unit == units.end()) return what;
-        if (number > kMost / unit->second) return what + " (it is too long)";
-        text = std::to_string(number * unit->second);
-        return "";
-      },
-      "");
+  return {[units](std::string& text) -> std::string {
+            std::string what = "must be a time such as 7d, 12h, 30m or 45s: " + text;
+            std::uint64_t number = 0;
+            const char* const end = text.data() + text.size();
+            const auto [rest, failure] = std::from_chars(text.data(), end, number);
+            const auto unit = units.find(std::string(rest, end));
+            if (failure != std::errc() || unit == units.end()) return what;
+            if (number > kMost / unit->second) return what + " (it is too long)";
+            text = std::to_string(number * unit->second);
+            return "";
+          },
+          ""};
 }
 
 void addOperand(CLI::App& to, const std::string& name, std::string& text,
@@ -167,7 +166,7 @@ constexpr Command kCommands[] = {
      "0 a script would be run, 2 usage or settings error, 3 none would be.",
      NeededSettings::request, addPlanOptions, plan},
     {"prune", "Remove local copies of scripts the server dropped",
-     "0 done, 2 usage or settings error, 3 the server's list can't be had.",
+     "0 done, 2 usage or settings error, 3 the server's list or the store can't be had.",
      NeededSettings::request, addPruneOptions, prune},
     {"list", "List the local records, or the server's scripts",
      "0 done, 2 usage or settings error, 3 the store can't be read, or the\n"

@@ -51,7 +51,7 @@ std::optional<int> Inquiry::begin(SignalForwarding& signals) {
   });
   if (!error) return std::nullopt;
   progress_.finish();
-  writeErrorLine("varn-scripts: no temporary directory can be made: " + error.message());
+  writeReason("No temporary directory can be made: " + error.message(), settings_);
   return kExitNotRun;
 }
 

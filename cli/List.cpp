@@ -155,6 +155,7 @@ std::string unreadableStore(const std::string& cause) {
 
 std::string listTable(const std::vector<ListedScript>& scripts) {
   std::vector<Row> rows;
+  rows.reserve(scripts.size());
   for (const auto& script : scripts) rows.push_back(rowOf(script));
   return tableOf(std::move(rows), {"SCRIPT ID", "VERSION", "FILE", "PATH"});
 }
@@ -227,7 +228,7 @@ int listLocal(const CommandLine& line, const Settings& settings) {
   const auto scripts = listedScripts(error);
   if (error) return failed(*error, settings);
   if (scripts.empty()) remarkOnMissingDirectory(settings);
-  const bool written = writeOutput(line.json ? listJson(scripts) : listTable(scripts));
+  const bool written = writeAnswer(line.json ? listJson(scripts) : listTable(scripts), settings);
   return written ? kExitSuccess : kExitNotRun;
 }
 
@@ -277,7 +278,8 @@ int listServer(const CommandLine& line, const Settings& settings) {
   if (!entries) return failed(inquiry.whyNoList().sentence, settings);
   if (unreadable) return failed(*unreadable, settings);
   const auto scripts = serverScripts(*entries, records);
-  const bool written = writeOutput(line.json ? serverJson(scripts) : serverTable(scripts));
+  const bool written =
+      writeAnswer(line.json ? serverJson(scripts) : serverTable(scripts), settings);
   return written ? kExitSuccess : kExitNotRun;
 }
 

@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <system_error>
 
-#include "RegularFile.h"
 #include "TrustedPath.h"
+#include "WholeFiles.h"
 
 namespace VarnScripts {
 namespace {
@@ -58,7 +58,8 @@ std::optional<SettingsError> complaintAboutKey(const Settings& settings) {
   const std::string& path = isInCertificate ? settings.agent.clientCert : settings.agent.clientKey;
   if (path.empty()) return std::nullopt;
   std::error_code ignored;
-  const std::string text = readRegularFile(path, LastLink::follow, ignored, kLargestKey).bytes;
+  const std::string text =
+      posix::readRegularFile(path, posix::LastLink::follow, ignored, kLargestKey).bytes;
   if (text.find("BEGIN ENCRYPTED PRIVATE KEY") == text.npos &&
       text.find("Proc-Type: 4,ENCRYPTED") == text.npos) {
     return std::nullopt;

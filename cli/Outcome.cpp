@@ -122,9 +122,10 @@ void writeText(const Outcome& outcome, const Settings& settings, const WrittenOu
   const std::string& output = *outcome.result.second;
   const ShownOutput shown(output, settings);
   if (written.error) {
-    reportOutputFailure(written.error);
+    writeOutputFailure(written.error, settings);
   } else {
-    writeOutput(shown.text.substr(std::min<std::uint64_t>(written.length, shown.text.size())));
+    writeAnswer(shown.text.substr(std::min<std::uint64_t>(written.length, shown.text.size())),
+                settings);
   }
   if (outcome.run && outcome.run->end.droppedBytes > 0) {
     writeRemark(std::to_string(outcome.run->end.droppedBytes) +

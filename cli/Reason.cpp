@@ -109,6 +109,10 @@ Reason inUse(const std::string& scriptID, int processID) {
   return {ReasonCode::lockedOut, "Script " + scriptID + " is in use by " + processText(processID)};
 }
 
+Reason fileInUse(const std::string& path, int processID) {
+  return {ReasonCode::lockedOut, path + " is in use by " + processText(processID)};
+}
+
 Reason lockNotTaken(const std::string& lockPath, const std::error_code& error) {
   return {ReasonCode::lockedOut,
           "Request lock " + lockPath + " can't be taken: " + error.message()};
@@ -192,6 +196,21 @@ void writeRemark(const std::string& remark, const Settings& settings) {
   if (!isJSONOnStandardError(settings.log) && !settings.log.quiet) {
     writeErrorLine("varn-scripts: " + remark);
   }
+}
+
+bool writeAnswer(std::string_view text, const Settings& settings) {
+  std::error_code error;
+  writeOutput(text, error);
+  if (error) writeOutputFailure(error, settings);
+  return !error;
+}
+
+void writeOutputFailure(const std::error_code& error, const Settings& settings) {
+  const std::string failure = outputFailure(error);
+  if (hasRecords(settings.log)) {
+    AgentLog::logError(failure, "varn-scripts", "writeOutputFailure(_:)", __LINE__);
+  }
+  if (!isJSONOnStandardError(settings.log)) writeErrorLine("varn-scripts: " + failure);
 }
 
 std::string processText(int processID) {

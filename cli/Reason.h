@@ -46,6 +46,8 @@ struct Reason {
 
 /// Another process runs the script; 0 for one that is not known.
 [[nodiscard]] Reason inUse(const std::string& scriptID, int processID);
+/// Another process uses the script file at `path`, which several scripts may have.
+[[nodiscard]] Reason fileInUse(const std::string& path, int processID);
 /// The lock file can't be made, opened or locked.
 [[nodiscard]] Reason lockNotTaken(const std::string& lockPath, const std::error_code& error);
 /// The data document that an interrupted request has left, or its mark, can't be removed.
@@ -93,6 +95,13 @@ void writeReason(std::string_view sentence, const Settings& settings);
 
 /// Writes a remark on a request that went well, likewise, and nothing of it when quiet.
 void writeRemark(const std::string& remark, const Settings& settings);
+
+/// Writes the answer of a request to standard output. A failure is told as a reason is. True when
+/// all of it was written.
+bool writeAnswer(std::string_view text, const Settings& settings);
+
+/// Tells why an answer could not be written, likewise.
+void writeOutputFailure(const std::error_code& error, const Settings& settings);
 
 /// "process 12", or "another process" where the system does not say which.
 [[nodiscard]] std::string processText(int processID);

@@ -194,7 +194,7 @@ class PlanMaker {
     try {
       wrong = AgentUtils::complaintAboutFile(path, checksum.checksumType, checksum.checksumVal);
     } catch (const std::runtime_error&) {
-      return false;  // refused by the guard, which is told at the end
+      return false;  // refused by the guard, which is reported at the end
     }
     if (wrong == nullptr) return true;
     inquiry_.reason().stepFailed({RequestStep::checksumTest, path, wrong});

@@ -101,7 +101,7 @@ void write(const CommandLine& line, const Settings& settings, const Outcome& out
            const WrittenOutput& written) {
   if (!line.json) return writeText(outcome, settings, written);
   bool isWhole = true;
-  Pieces pieces([&](std::string_view piece) { isWhole = isWhole && writeOutput(piece); });
+  Pieces pieces([&](std::string_view piece) { isWhole = isWhole && writeAnswer(piece, settings); });
   addJSON(line.scriptID, outcome, settings, pieces);
   pieces.end();
 }
@@ -150,6 +150,9 @@ Outcome request(const CommandLine& line, const Settings& settings, RunWatch& wat
   files.end();
   if (!result.first) {
     if (!guard.refusal().empty()) return notRun(ReasonCode::unsafeDirectory, guard.refusal());
+    if (!files.heldElsewhere().empty()) {
+      return notRun(fileInUse(files.heldElsewhere(), turn.holder()));
+    }
     return {{}, reason.reason(), std::nullopt};
   }
   try {

@@ -6,7 +6,7 @@
 #include <system_error>
 
 #include "ParsedToml.h"
-#include "RegularFile.h"
+#include "WholeFiles.h"
 
 namespace VarnScripts {
 namespace {
@@ -96,11 +96,12 @@ std::variant<SettingTexts, SettingsError> parseSettingsFile(const std::string& t
 std::variant<SettingTexts, SettingsError> readSettingsFile(
     const std::string& path, const posix::FileDescriptor& standardInput) {
   std::error_code error;
-  const std::string text = path == kStandardInput
-                               ? readToEnd(standardInput, error, kLargestFile)
-                               : readRegularFile(path, LastLink::follow, error, kLargestFile).bytes;
+  const std::string text =
+      path == kStandardInput
+          ? posix::readAll(standardInput.get(), kLargestFile, error)
+          : posix::readRegularFile(path, posix::LastLink::follow, error, kLargestFile).bytes;
   if (error == std::errc::file_too_large) return unreadable(path, "it is larger than 1 MiB");
-  if (error) return unreadable(path, whyNotRead(error));
+  if (error) return unreadable(path, posix::whyNotRead(error));
   return parseSettingsFile(text, path);
 }
 

@@ -90,7 +90,7 @@ class Judging {
   }
 
  private:
-  /// Which of several reasons is told: what a trusted key has to do with says most.
+  /// Which of several reasons is reported: what a trusted key has to do with says most.
   enum class Weight { none, unknownKey, unreadable, trusted };
 
   void take(const std::string& file, const ListHash& hash) {

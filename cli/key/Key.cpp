@@ -10,8 +10,8 @@
 #include "CommandLine.h"
 #include "Digest.h"
 #include "ExitStatus.h"
-#include "RegularFile.h"
 #include "StandardStreams.h"
+#include "WholeFiles.h"
 #include "key/KeyFiles.h"
 #include "key/Passphrase.h"
 #include "key/SecretKey.h"
@@ -26,6 +26,9 @@ using keys::Passphrase;
 using keys::PublicKey;
 using keys::Refusal;
 using keys::SecretKey;
+using posix::LastLink;
+using posix::readRegularFile;
+using posix::whyNotRead;
 
 int report(const std::string& sentence, int exitStatus) {
   writeErrorLine("varn-scripts: " + sentence);
@@ -174,7 +177,7 @@ int verifyList(const CommandLine& line, const Settings& settings) {
                   kExitUsage);
   }
   std::error_code error;
-  const RegularFile list = readRegularFile(options.file, LastLink::follow, error);
+  const posix::RegularFile list = readRegularFile(options.file, LastLink::follow, error);
   if (error) {
     return report("the list " + options.file + " can't be read: " + whyNotRead(error), kExitNotRun);
   }

@@ -311,7 +311,8 @@ TEST(ParseCommandLine, AnUnknownOrMissingCommandIsNamed) {
 
 TEST(ParseCommandLine, HelpOfACommandHasTheCommandsOwnExitStatuses) {
   const std::string prune = replyTo({"prune", "--help"}).output;
-  EXPECT_NE(prune.find("3 the server's list can't be had."), std::string::npos) << prune;
+  EXPECT_NE(prune.find("3 the server's list or the store can't be had."), std::string::npos)
+      << prune;
   EXPECT_EQ(prune.find("accepted"), std::string::npos) << prune;
   const std::string publish = replyTo({"publish", "--help"}).output;
   EXPECT_NE(publish.find("\n  --keep-for TIME  "), std::string::npos) << publish;

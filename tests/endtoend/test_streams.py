@@ -70,6 +70,15 @@ class OutputFailureTest(CommandCase):
         self.assertEqual(result.error, "varn-scripts: standard output can't be written: No space "
                                        "left on device\n")
 
+    def test_with_a_log_in_JSON_every_line_is_JSON(self):
+        for arguments in (["run", "42"], ["run", "42", "--json"], ["run", "42", "--follow"],
+                          ["list"], ["list", "--server"], ["plan", "42"], ["prune", "--json"]):
+            with self.subTest(arguments=arguments):
+                with open("/dev/full", "w", encoding="utf-8") as full:
+                    process = self.start("--log-format", "json", *arguments, stdout=full)
+                self.assertEqual(self.finish(process).records[-1]["message"], "standard output "
+                                 "can't be written: No space left on device")
+
     def test_a_list_that_can_not_be_written_is_an_error(self):
         self.run_command("run", "42")
         with open("/dev/full", "w", encoding="utf-8") as full:

@@ -128,8 +128,9 @@ class ManifestPage(unittest.TestCase):
         page = MANIFEST_PAGE.read_text(encoding="utf-8")
         for key, form in re.findall(r"^\.It Ic ([a-z_]+) Pq (.*)$", page, re.MULTILINE):
             place = ("" if key == "digest" else "[[script]]\n") + f"{key} = true\n"
-            self.assertIn(f"{key} must be a text" + (" or a list" if "list" in form else ""),
-                          self.refusals(place))
+            refusals = self.refusals(place)
+            self.assertIn(f"{key} must be a text", refusals)
+            self.assertEqual("list" in form, f"{key} must be a text or a list" in refusals, key)
 
 
 class Pages(unittest.TestCase):
