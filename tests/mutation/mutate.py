@@ -28,8 +28,8 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 PARTS = ("CMakeLists.txt", "agent", "cmake", "include", "interfaces", "posix", "src", "tests")
 TARGETS = ("varn-unit-tests", "varn-property-tests", "varn-runner-tests",
            "varn-system-call-tests")
-# Long tests of what the others hold as well, and those of programs that are not built for this.
-LEFT_OUT = "^RunnerPromise|_NOT_BUILT$"
+# Long tests of what the others hold as well, those of the tree, and of programs not built for this.
+LEFT_OUT = "^RunnerPromise|^Rules|_NOT_BUILT$"
 EQUIVALENT = pathlib.Path(__file__).with_name("equivalent.txt")
 TEST_LIMIT = 120  # seconds for the tests of one mutant; a longer run counts as caught
 
