@@ -34,6 +34,8 @@ Answer firstLine(int fd, const MayRead& mayRead) {
     if (!mayRead()) return refusal("was not given");
     char c = '\0';
     const ssize_t count = posix::retryOnInterrupt([&] { return ::read(fd, &c, 1); });
+    // What was typed may have been taken back after the wait for it.
+    if (count < 0 && errno == EAGAIN) continue;
     if (count < 0) return refusal("can't be read: " + posix::lastError().message());
     if (count == 0 || c == '\n') break;
     const bool fits = line.add({&c, 1});
@@ -136,7 +138,7 @@ Answer ask(int terminal, const std::string& question) {
 }  // namespace
 
 Answer askForPassphrase(const std::string& question) {
-  const FileDescriptor terminal(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
+  const FileDescriptor terminal(::open("/dev/tty", O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
   if (!terminal || terminal.get() >= FD_SETSIZE) {
     return refusal("can't be asked for without a terminal: give it with --passphrase-file");
   }
