@@ -142,8 +142,7 @@ void prepareDownloads() {
   const std::string& server = settings().serverURL;
   const bool isPlain = hasScheme(server, "http");
   if (!isPlain && !hasScheme(server, "https")) return;
-  startTransfers();
-  if (!isPlain || isOnThisComputer(server)) return;
+  if (!startTransfers() || !isPlain || isOnThisComputer(server)) return;
   AgentLog::logInfo(
       "Plain http:// server: who is on the way to " + hostOf(server) + " decides what is run here",
       kSource, "prepareDownloads()", __LINE__);

@@ -119,7 +119,6 @@ std::optional<std::string> complaintAboutServer(const std::string& url) {
   if (host.empty() || host.front() == ':') return "names no host";
   // What is asked for is put at the end, and would become a part of either.
   if (rest.find_first_of("?#") != std::string::npos) return "must not contain ? or #";
-  if (const auto complaint = AgentUtils::complaintAboutURL(url)) return "is no URL: " + *complaint;
   return std::nullopt;
 }
 
@@ -276,6 +275,17 @@ std::optional<std::string> missingKey(const Settings& settings, NeededSettings n
   return std::nullopt;
 }
 
+// What is wrong with the server's URL as such, or nothing. Only curl knows, and it is loaded for
+// who asks that server.
+std::optional<SettingsError> complaintAboutURL(const SettingSources& sources,
+                                               const Settings& settings, NeededSettings needed) {
+  const std::string& url = settings.agent.serverURL;
+  if (needed != NeededSettings::request || AgentUtils::hasScheme(url, "file")) return std::nullopt;
+  const auto complaint = AgentUtils::complaintAboutURL(url);
+  if (!complaint) return std::nullopt;
+  return wrong("server", *given(sources, "server"), "is no URL: " + *complaint);
+}
+
 // Of a wish for the log on standard error and one for nothing there, the nearer one counts; when
 // both come from one place, it stays quiet.
 void decideAboutStandardError(const SettingSources& sources, Settings& settings) {
@@ -372,6 +382,7 @@ std::variant<Settings, SettingsError> layerSettings(const SettingSources& source
     settings.agent.dataPath = defaultDataPath(sources, settings);
   }
   if (const auto key = missingKey(settings, needed)) return missing(*key);
+  if (auto error = complaintAboutURL(sources, settings, needed)) return *error;
   decideAboutStandardError(sources, settings);
   return settings;
 }
