@@ -6,6 +6,7 @@
 // without a sign: nothing here throws into a caller, and a closed pipe does not end the process.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <spdlog/logger.h>
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/rotating_file_sink.h>
@@ -14,6 +15,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -71,24 +74,72 @@ bool isWritten(int fd, std::string_view piece) {
   return !error;
 }
 
+/// Whether whoever reads standard error can keep its writers waiting.
+bool hasReader() {
+  struct stat status {};
+  if (::fstat(STDERR_FILENO, &status) != 0) return false;
+  return S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode) || ::isatty(STDERR_FILENO) == 1;
+}
+
 /// Standard error, one `write` for each line where the system takes it whole, so that the lines of
-/// several processes do not mix.
+/// several processes do not mix. Whoever does not read, as a terminal that has been stopped, is
+/// waited for once, and not for ever: the thread that writes may have a script's limit to look at.
 class StandardErrorSink final : public spdlog::sinks::base_sink<std::mutex> {
  public:
-  explicit StandardErrorSink(Format format) : base_sink(timeFormatter()), format_(format) {}
+  StandardErrorSink(Format format, std::chrono::milliseconds wait)
+      : base_sink(timeFormatter()), format_(format), wait_(wait) {}
 
  protected:
   void sink_it_(const LogMessage& message) override {
     const SigpipeGuard guard;
-    bool broken = false;
-    writeLine(message, *formatter_, format_,
-              [&](std::string_view piece) { broken = broken || !isWritten(STDERR_FILENO, piece); });
+    if (leftOut_ > 0 && takesText()) tellWhatIsLeftOut(message);
+    if (!writeWhole(message) && isStalled_) ++leftOut_;
   }
 
   void flush_() override {}
 
  private:
+  bool writeWhole(const LogMessage& message) {
+    bool broken = false;
+    writeLine(message, *formatter_, format_,
+              [&](std::string_view piece) { broken = broken || !write(piece); });
+    return !broken;
+  }
+
+  bool write(std::string_view text) {
+    if (!hasReader()) return isWritten(STDERR_FILENO, text);
+    while (!text.empty()) {
+      // What standard error takes at least, when it takes something.
+      const std::string_view part = text.substr(0, PIPE_BUF);
+      if (!takesText() || !isWritten(STDERR_FILENO, part)) return false;
+      isLineOpen_ = part.back() != '\n';
+      text.remove_prefix(part.size());
+    }
+    return true;
+  }
+
+  bool takesText() {
+    pollfd writable{STDERR_FILENO, POLLOUT, 0};
+    const auto wait = isStalled_ ? 0 : static_cast<int>(wait_.count());
+    const int ready = posix::retryOnInterrupt([&] { return ::poll(&writable, 1, wait); });
+    // An error is for `write` to find.
+    isStalled_ = ready == 0;
+    return !isStalled_;
+  }
+
+  void tellWhatIsLeftOut(const LogMessage& next) {
+    if (isLineOpen_ && !write("\n")) return;
+    const std::string text =
+        std::to_string(leftOut_) + " records are left out here: nobody has read them";
+    const spdlog::source_loc source("AgentLog", __LINE__, "tellWhatIsLeftOut(_:)");
+    if (writeWhole({next.time, source, next.logger_name, spdlog::level::warn, text})) leftOut_ = 0;
+  }
+
   const Format format_;
+  const std::chrono::milliseconds wait_;
+  std::uint64_t leftOut_ = 0;
+  bool isStalled_ = false;
+  bool isLineOpen_ = false;  // a record was broken off
 };
 
 /// What is wrong with an open log file, made ours alone where it is ours; empty when nothing is.
@@ -182,8 +233,8 @@ class LogFileSink final : public spdlog::sinks::base_sink<std::mutex> {
   FileDescriptor file_;
 };
 
-std::unique_ptr<spdlog::logger> makeLogger(spdlog::sink_ptr sink) {
-  auto logger = std::make_unique<spdlog::logger>("", std::move(sink));
+std::shared_ptr<spdlog::logger> makeLogger(spdlog::sink_ptr sink) {
+  auto logger = std::make_shared<spdlog::logger>("", std::move(sink));
   // The default handler would write to standard error, also when the host asked for quiet.
   logger->set_error_handler([](const std::string&) {});
   return logger;
@@ -191,7 +242,7 @@ std::unique_ptr<spdlog::logger> makeLogger(spdlog::sink_ptr sink) {
 
 /// A place that records go to, ready to write.
 struct Destination {
-  std::unique_ptr<spdlog::logger> logger;
+  std::shared_ptr<spdlog::logger> logger;
   std::optional<std::uint64_t> most;  ///< of a message
 };
 
@@ -213,7 +264,8 @@ std::vector<Destination> destinationsOf(const LogSettings& settings) {
         std::min(settings.maxMessage.value_or(kMostToSystem), kMostToSystem));
   }
   if (settings.writesToStandardError()) {
-    add(std::make_shared<StandardErrorSink>(settings.format), settings.maxMessage);
+    add(std::make_shared<StandardErrorSink>(settings.format, settings.standardErrorWait),
+        settings.maxMessage);
   }
   return destinations;
 }

@@ -1,8 +1,15 @@
 #include "AgentSettings.h"
 
+#include <algorithm>
+#include <cstddef>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <variant>
+
+#include "signing/PublicKey.h"
+#include "signing/SignedComment.h"
 
 namespace AgentUtils {
 
@@ -31,6 +38,28 @@ void requireDirectory(const std::string& member, const std::string& path) {
   if (!path.starts_with('/')) refuse(member, "is relative: " + path);
 }
 
+/// Refuses what no list could ever meet, and what would let every list through.
+void requireTrust(const AgentSettings& settings) {
+  std::set<signing::PublicKey> keys;
+  for (const std::string& line : settings.trustedKeys) {
+    const auto key = signing::parsePublicKey(line);
+    if (const auto* const why = std::get_if<signing::Refusal>(&key)) {
+      refuse("trustedKeys", "has one that is none: " + why->sentence);
+    }
+    keys.insert(std::get<signing::PublicKey>(key));
+  }
+  const std::size_t most = std::max<std::size_t>(keys.size(), 1);
+  if (settings.signaturesNeeded == 0 || settings.signaturesNeeded > most) {
+    refuse("signaturesNeeded", "is not a number from 1 to that of the trusted keys: " +
+                                   std::to_string(settings.signaturesNeeded));
+  }
+  // Without a customer nothing is downloaded.
+  const std::string& customer = settings.customerID;
+  if (!keys.empty() && !customer.empty() && !signing::canBeSigned(customer)) {
+    refuse("customerID", "is none that a signature can name");
+  }
+}
+
 /// Refuses what would put directories, files or the store where the host did not mean, and fills in
 /// what has a meaning by itself.
 void complete(AgentSettings& settings) {
@@ -47,6 +76,7 @@ void complete(AgentSettings& settings) {
     if (!customer.empty()) settings.dataPath += "/" + customer;
   }
   requireDirectory("dataPath", settings.dataPath);
+  requireTrust(settings);
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include "AgentDirectories.h"
 #include "Calls.h"
 #include "ServerURL.h"
+#include "WholeFiles.h"
 
 namespace AgentUtils {
 namespace {
@@ -81,8 +82,19 @@ void requireTarget(const std::string& path, const std::string& basePath) {
   }
 }
 
-DownloadTarget::DownloadTarget(std::string path, std::uint64_t mostBytes)
-    : path_(std::move(path)), directory_(posix::directoryOf(path_)), mostBytes_(mostBytes) {
+std::string wholeContent(const FileDescriptor& file, std::uint64_t mostBytes) {
+  if (::lseek(file.get(), 0, SEEK_SET) != 0) fail("can't read the file again", errno);
+  std::error_code error;
+  std::string bytes = posix::readAll(file.get(), mostBytes, error);
+  if (error) fail("can't read the file again", error.value());
+  return bytes;
+}
+
+DownloadTarget::DownloadTarget(std::string path, std::uint64_t mostBytes, std::string limit)
+    : path_(std::move(path)),
+      directory_(posix::directoryOf(path_)),
+      mostBytes_(mostBytes),
+      limit_(std::move(limit)) {
   requireReplaceable(path_);
 }
 
@@ -114,8 +126,7 @@ void DownloadTarget::makeTemporaryFile() {
 
 void DownloadTarget::count(std::uint64_t& sum, std::size_t count) const {
   if (count > mostBytes_ - sum) {
-    throw DownloadFailure("larger than max_download allows (" + std::to_string(mostBytes_) +
-                          " bytes)");
+    throw DownloadFailure(limit_ + " (" + std::to_string(mostBytes_) + " bytes)");
   }
   sum += count;
 }

@@ -29,14 +29,19 @@ void requireInside(const std::string& toPath, const std::string& basePath);
 /// that the agent makes.
 void requireTarget(const std::string& path, const std::string& basePath);
 
+/// All bytes of the open file, at most `mostBytes`. Throws `DownloadFailure` when they are more or
+/// can't be read.
+[[nodiscard]] std::string wholeContent(const FileDescriptor& file, std::uint64_t mostBytes);
+
 /// One temporary file, made in the directory of the target when it is first needed. Its name begins
 /// with `kDownloadPrefix`, and it is locked for as long as its download lives, so that what a
 /// killed process left behind can be told from it.
 class DownloadTarget {
  public:
   /// Throws `DownloadFailure` when something other than a regular file or a symbolic link stands at
-  /// `path`.
-  DownloadTarget(std::string path, std::uint64_t mostBytes);
+  /// `path`. `limit` says what more than `mostBytes` would be.
+  DownloadTarget(std::string path, std::uint64_t mostBytes,
+                 std::string limit = "larger than max_download allows");
   DownloadTarget(const DownloadTarget&) = delete;
   DownloadTarget& operator=(const DownloadTarget&) = delete;
   /// Removes the temporary file unless it has been put in place.
@@ -69,6 +74,7 @@ class DownloadTarget {
   const std::string path_;
   const std::string directory_;
   const std::uint64_t mostBytes_;
+  const std::string limit_;
   std::uint64_t size_ = 0;
   std::uint64_t received_ = 0;
   std::string temporaryPath_;  ///< empty when there is no temporary file

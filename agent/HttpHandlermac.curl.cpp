@@ -4,6 +4,7 @@
 // is the settings and the connections that wait for the next download. Any thread; nothing throws.
 
 #include <chrono>
+#include <cstddef>
 #include <exception>
 #include <optional>
 #include <string>
@@ -15,11 +16,13 @@
 #include "Calls.h"
 #include "DownloadRetries.h"
 #include "DownloadTarget.h"
+#include "DownloadTrust.h"
 #include "FileServer.h"
 #include "HttpTransfer.h"
 #include "KeptCopy.h"
 #include "ServerURL.h"
 #include "WritableByOthers.h"
+#include "signing/ListSignature.h"
 
 namespace AgentUtils {
 namespace {
@@ -34,12 +37,9 @@ enum class Outcome {
   unchanged  ///< the target is what the server has
 };
 
+/// Asks with what is kept, if anything is; from an answer on that says nothing of it, it is gone.
 Outcome fetchOverHTTP(const std::string& asked, const AgentSettings& settings,
-                      DownloadTarget& target) {
-  noteFetchedFile(target.path());
-  // The validators are about the URL that was asked for. What a redirect leads to may be another
-  // file each time, so its answer is neither asked for with them nor are its own kept.
-  std::optional<KeptCopy> kept = KeptCopy::find(target.path(), asked, settings.maxDownload);
+                      DownloadTarget& target, std::optional<KeptCopy>& kept) {
   DownloadPace pace(settings.slowestWindow, DownloadPace::Clock::now());
   std::string url = asked;
   for (int redirects = 0; redirects <= kMostRedirects;) {
@@ -68,11 +68,13 @@ Outcome fetchOverHTTP(const std::string& asked, const AgentSettings& settings,
   throw DownloadFailure("more than " + std::to_string(kMostRedirects) + " redirects");
 }
 
+bool isOverHTTP(const std::string& url) {
+  return hasScheme(url, "http") || hasScheme(url, "https");
+}
+
 Outcome fetch(const std::string& url, const std::string& fromURL, const AgentSettings& settings,
-              DownloadTarget& target) {
-  if (hasScheme(url, "http") || hasScheme(url, "https")) {
-    return fetchOverHTTP(url, settings, target);
-  }
+              DownloadTarget& target, std::optional<KeptCopy>& kept) {
+  if (isOverHTTP(url)) return fetchOverHTTP(url, settings, target, kept);
   if (!hasScheme(url, "file")) throw DownloadFailure("no server of a known kind is configured");
   if (hasParentComponent(percentDecoded(fromURL))) {
     throw DownloadFailure("the server path leads out of the server's directory");
@@ -83,14 +85,58 @@ Outcome fetch(const std::string& url, const std::string& fromURL, const AgentSet
   return Outcome::arrived;
 }
 
+/// The signature at a server path. It passes through a temporary file beside `toPath`, of which
+/// nothing stays.
+std::string fetchSignature(const std::string& fromURL, const std::string& toPath,
+                           const AgentSettings& settings) {
+  constexpr std::size_t most = signing::kLongestSignatureFile;
+  DownloadTarget target(toPath, most, "longer than a signature file may be");
+  std::optional<KeptCopy> none;
+  static_cast<void>(
+      fetch(urlOfServerPath(settings.serverURL, fromURL), fromURL, settings, target, none));
+  return wholeContent(target.temporaryFile(), most);
+}
+
+/// What an earlier download has left of `url`, when the server may be asked whether it is still
+/// that. The validators are about the URL that was asked for. What a redirect leads to may be
+/// another file each time, so its answer is neither asked for with them nor are its own kept.
+std::optional<KeptCopy> keptCopyOf(const std::string& url, const std::string& toPath,
+                                   const AgentSettings& settings, const DownloadTrust& trust) {
+  if (!isOverHTTP(url)) return std::nullopt;
+  noteFetchedFile(toPath);
+  std::optional<KeptCopy> kept = KeptCopy::find(toPath, url, settings.maxDownload);
+  if (kept && trust.isOfBoundFile() && !trust.isContent(kept->digest())) return std::nullopt;
+  return kept;
+}
+
+/// Whether the copy that the server says is unchanged may stay in use.
+bool mayStay(const KeptCopy& kept, const DownloadTrust& trust) {
+  if (!trust.isOfList()) return true;
+  bool isUntouched = false;
+  const bool isAccepted =
+      trust.acceptsKeptList(kept.content(), [&] { isUntouched = kept.isUntouched(); });
+  return isAccepted && isUntouched;
+}
+
 /// One try, with a temporary file of its own, which is gone when it has failed.
 void downloadOnce(const std::string& fromURL, const std::string& toPath,
                   const AgentSettings& settings) {
+  const DownloadTrust::FetchSignature signatureAt = [&](const std::string& serverPath) {
+    return fetchSignature(serverPath, toPath, settings);
+  };
+  const DownloadTrust trust(settings, fromURL, signatureAt);
   DownloadTarget target(toPath, settings.maxDownload);
   const std::string url = urlOfServerPath(settings.serverURL, fromURL);
-  if (fetch(url, fromURL, settings, target) != Outcome::arrived) return;
-  if (settings.beforeFileUse) settings.beforeFileUse(toPath);
-  target.commit();
+  std::optional<KeptCopy> kept = keptCopyOf(url, toPath, settings, trust);
+  if (fetch(url, fromURL, settings, target, kept) == Outcome::unchanged) {
+    if (mayStay(*kept, trust)) return;
+    kept.reset();
+    static_cast<void>(fetch(url, fromURL, settings, target, kept));
+  }
+  trust.accept(target, [&] {
+    if (settings.beforeFileUse) settings.beforeFileUse(toPath);
+    target.commit();
+  });
 }
 
 /// "1.5" for 1500.
@@ -128,6 +174,7 @@ void waitForRetry(std::chrono::milliseconds pause, const AgentSettings& settings
 void download(const std::string& fromURL, const std::string& toPath) {
   const AgentSettings& current = settings();
   requireInside(toPath, current.basePath);
+  requireOutsideTrustState(toPath, current);
   const std::string directory = posix::directoryOf(toPath);
   reportWhenWritableByOthers(directory, kSource, kOperation);
   DownloadRetries retries(current.retries, DownloadRetries::Clock::now());
@@ -139,10 +186,18 @@ void download(const std::string& fromURL, const std::string& toPath) {
 }  // namespace
 
 void prepareDownloads() {
+  const std::size_t keys = settings().trustedKeys.size();
+  AgentLog::logInfo(keys == 0 ? "Lists are not verified: no key is trusted"
+                              : "Lists are verified: signatures by " +
+                                    std::to_string(settings().signaturesNeeded) + " of " +
+                                    std::to_string(keys) + " trusted keys are needed",
+                    "DownloadTrust", "prepareDownloads()", __LINE__);
   const std::string& server = settings().serverURL;
   const bool isPlain = hasScheme(server, "http");
   if (!isPlain && !hasScheme(server, "https")) return;
-  if (!startTransfers() || !isPlain || isOnThisComputer(server)) return;
+  if (!startTransfers()) return;
+  // With keys, who is on the way decides nothing.
+  if (!isPlain || isOnThisComputer(server) || keys > 0) return;
   AgentLog::logInfo(
       "Plain http:// server: who is on the way to " + hostOf(server) + " decides what is run here",
       kSource, "prepareDownloads()", __LINE__);

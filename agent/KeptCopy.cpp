@@ -13,6 +13,7 @@
 
 #include "DecodeWatch.h"
 #include "Digest.h"
+#include "DownloadTarget.h"
 #include "FileAttributes.h"
 
 namespace AgentUtils {
@@ -29,11 +30,12 @@ bool isSameState(const struct stat& a, const struct stat& b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino && changeTime(a) == changeTime(b);
 }
 
-std::optional<std::string> digestTextOf(const FileDescriptor& file, const struct stat& status) {
-  const DigestKind& kind = usualDigest();
-  const auto digest = hexDigest(kind, file, static_cast<std::size_t>(status.st_size));
-  if (!digest) return std::nullopt;
-  return std::string(kind.name) + ':' + *digest;
+std::optional<std::string> digestOf(const FileDescriptor& file, const struct stat& status) {
+  return hexDigest(usualDigest(), file, static_cast<std::size_t>(status.st_size));
+}
+
+std::string digestText(const std::string& digest) {
+  return std::string(usualDigest().name) + ':' + digest;
 }
 
 /// The attribute's text: digest, URL, entity tag and date, a line each.
@@ -136,9 +138,15 @@ std::optional<KeptCopy> KeptCopy::find(const std::string& path, const std::strin
   const std::string text = fileAttribute(copy.file_, kAttribute, kLongestAttribute);
   std::optional<Kept> kept = keptIn(text);
   if (!kept || kept->url != url) return std::nullopt;
-  if (digestTextOf(copy.file_, status) != kept->digest) return std::nullopt;
+  const auto digest = digestOf(copy.file_, status);
+  if (!digest || digestText(*digest) != kept->digest) return std::nullopt;
   copy.validators_ = std::move(kept->validators);
+  copy.digest_ = *digest;
   return copy;
+}
+
+std::string KeptCopy::content() const {
+  return wholeContent(file_, static_cast<std::uint64_t>(status_.st_size));
 }
 
 bool KeptCopy::isUntouched() const {
@@ -164,9 +172,9 @@ void keepWithFile(const FileDescriptor& file, const std::string& url,
   try {
     struct stat status {};
     if (validators.isEmpty() || ::fstat(file.get(), &status) != 0) return;
-    const auto digest = digestTextOf(file, status);
+    const auto digest = digestOf(file, status);
     if (!digest) return;
-    const std::string text = attributeText(*digest, url, validators);
+    const std::string text = attributeText(digestText(*digest), url, validators);
     // What could not be read back as it is.
     if (text.size() > kLongestAttribute || !keptIn(text)) return;
     setFileAttribute(file, kAttribute, text);

@@ -29,6 +29,12 @@ class KeptCopy {
 
   [[nodiscard]] const Validators& validators() const { return validators_; }
 
+  /// Its SHA-256 in lower-case hexadecimal.
+  [[nodiscard]] const std::string& digest() const { return digest_; }
+
+  /// All of its bytes. Throws `DownloadFailure` when they can't be read.
+  [[nodiscard]] std::string content() const;
+
   /// Whether the path still names the very file that was found, and nobody has touched it since.
   [[nodiscard]] bool isUntouched() const;
 
@@ -40,6 +46,7 @@ class KeptCopy {
   std::string path_;
   struct stat status_ {};
   Validators validators_;
+  std::string digest_;
 };
 
 /// Says that this process is about to download to `path`. When a document turns out not to decode,

@@ -13,7 +13,7 @@ namespace AgentLog {
 [[nodiscard]] bool isUnitOfLibrary(std::string_view source);
 
 /// The severity of `record`. The bundled modules and the command speak up only when something is
-/// amiss, so that whatever they say is a warning at least.
+/// amiss, so that whatever they say is a warning at least; but for whose lists are taken.
 [[nodiscard]] Severity severityOf(const Record& record);
 
 }  // namespace AgentLog

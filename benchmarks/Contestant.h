@@ -15,7 +15,7 @@ namespace bench {
 
 inline std::int64_t nanoseconds(clockid_t clock) {
   timespec now{};
-  clock_gettime(clock, &now);
+  ::clock_gettime(clock, &now);
   return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 

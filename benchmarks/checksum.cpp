@@ -39,19 +39,19 @@ int memory(const std::string& path) {
   });
 }
 
-int file(const std::string& path) {
+int fromFile(const std::string& path) {
   std::vector<char> piece(std::size_t{256} << 10);
   EVP_MD_CTX* const context = EVP_MD_CTX_new();
   const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
   return bench::serve([&] {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     EVP_DigestInit_ex2(context, algorithm, nullptr);
     while (true) {
-      const ssize_t got = read(fd, piece.data(), piece.size());
+      const ssize_t got = ::read(fd, piece.data(), piece.size());
       if (got <= 0) break;
       EVP_DigestUpdate(context, piece.data(), static_cast<std::size_t>(got));
     }
-    close(fd);
+    ::close(fd);
     Digest digest{};
     EVP_DigestFinal_ex(context, digest.data(), nullptr);
     return digest[0];
@@ -64,6 +64,6 @@ int main(int argc, char** argv) {
   const std::string_view mode = argc > 1 ? argv[1] : "";
   if (mode == "library" && argc == 4) return library(argv[2], argv[3]);
   if (mode == "memory" && argc == 3) return memory(argv[2]);
-  if (mode == "file" && argc == 3) return file(argv[2]);
+  if (mode == "file" && argc == 3) return fromFile(argv[2]);
   bench::fail("usage: checksum library FILE SHA256 | checksum memory FILE | checksum file FILE");
 }

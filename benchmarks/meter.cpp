@@ -24,10 +24,10 @@ std::int64_t nanosecondsOf(const timeval& time) {
 int main(int argc, char** argv) {
   if (argc < 2) bench::fail("usage: meter PROGRAM ARGUMENT...");
   posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  ::posix_spawn_file_actions_init(&actions);
+  ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  ::posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
   long long count = 0;
   while (std::scanf("%lld", &count) == 1) {
     std::int64_t wall = 0;
@@ -36,7 +36,7 @@ int main(int argc, char** argv) {
     for (long long call = 0; call < count; ++call) {
       const std::int64_t before = bench::nanoseconds(CLOCK_MONOTONIC);
       pid_t child = 0;
-      if (posix_spawnp(&child, argv[1], &actions, nullptr, argv + 1, environ) != 0) {
+      if (::posix_spawnp(&child, argv[1], &actions, nullptr, argv + 1, environ) != 0) {
         bench::fail("posix_spawnp");
       }
       int status = 0;

@@ -53,13 +53,13 @@ void checksumBare(benchmark::State& state) {
   std::array<char, 8192> bytes{};
   std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
   for (auto _ : state) {
-    const int fd = open(smallScript().c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = ::open(smallScript().c_str(), O_RDONLY | O_CLOEXEC);
     EVP_DigestInit_ex2(context, algorithm, nullptr);
     ssize_t got = 0;
-    while ((got = read(fd, bytes.data(), bytes.size())) > 0) {
+    while ((got = ::read(fd, bytes.data(), bytes.size())) > 0) {
       EVP_DigestUpdate(context, bytes.data(), static_cast<std::size_t>(got));
     }
-    close(fd);
+    ::close(fd);
     EVP_DigestFinal_ex(context, digest.data(), nullptr);
     benchmark::DoNotOptimize(digest);
   }

@@ -101,8 +101,8 @@ class Scripts {
 
 std::size_t removeBare(const Scripts& scripts, sqlite3_stmt* remove) {
   for (const std::string& id : scripts.ids) {
-    if (unlink(Scripts::scriptPath(id).c_str()) != 0) bench::fail("unlink");
-    if (unlink(Scripts::documentPath(id).c_str()) != 0) bench::fail("unlink");
+    if (::unlink(Scripts::scriptPath(id).c_str()) != 0) bench::fail("unlink");
+    if (::unlink(Scripts::documentPath(id).c_str()) != 0) bench::fail("unlink");
     Database::bind(remove, 1, id);
     Database::run(remove);
   }
@@ -112,7 +112,7 @@ std::size_t removeBare(const Scripts& scripts, sqlite3_stmt* remove) {
 std::size_t removeByLibrary(const Scripts& scripts) {
   ScriptRepositoryProcessor::removeServerRemovedScripts();
   // Whether it has removed them is looked at on the last one.
-  if (access(Scripts::documentPath(scripts.ids.back()).c_str(), F_OK) == 0) {
+  if (::access(Scripts::documentPath(scripts.ids.back()).c_str(), F_OK) == 0) {
     bench::fail("nothing was removed");
   }
   return scripts.ids.size();

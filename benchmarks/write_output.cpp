@@ -18,13 +18,13 @@ int main(int argc, char** argv) {
   while (text.size() < std::size_t{128} << 10) text += line;
   std::size_t left = std::strtoull(argv[2], nullptr, 10);
   while (left >= text.size()) {
-    const ssize_t written = write(STDOUT_FILENO, text.data(), text.size());
+    const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());
     // A blocking pipe takes all of it.
     if (written != static_cast<ssize_t>(text.size())) return 1;
     left -= text.size();
   }
   // The rest is plain, so that it ends with a whole character whatever its length.
   const std::string rest(left, '.');
-  return write(STDOUT_FILENO, rest.data(), rest.size()) == static_cast<ssize_t>(rest.size()) ? 0
-                                                                                             : 1;
+  return ::write(STDOUT_FILENO, rest.data(), rest.size()) == static_cast<ssize_t>(rest.size()) ? 0
+                                                                                               : 1;
 }

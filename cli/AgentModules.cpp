@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "AgentDirectories.h"
@@ -16,6 +17,8 @@
 #include "RecordSeverity.h"
 #include "SecretFiles.h"
 #include "StandardStreams.h"
+#include "TrustedKeys.h"
+#include "VarnScriptRepository/ScriptRepositoryHost.h"
 
 // The system's, which no header declares everywhere.
 extern "C" char** environ;
@@ -68,6 +71,16 @@ void showWarning(const AgentLog::Record& record) noexcept {
   }
 }
 
+// The keys as the modules take them: a line each.
+std::optional<SettingsError> takeTrustedKeys(const Settings& settings,
+                                             AgentUtils::AgentSettings& agent) {
+  const auto keys = trustedKeysOf(settings);
+  if (const auto* const error = std::get_if<SettingsError>(&keys)) return *error;
+  agent.trustedKeys.clear();
+  for (const auto& key : std::get<0>(keys)) agent.trustedKeys.push_back(publicKeyLine(key));
+  return std::nullopt;
+}
+
 }  // namespace
 
 void prepareDownloads() {
@@ -88,6 +101,7 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
   if (auto complaint = complaintAboutNamedFiles(settings, writableByGroup)) return complaint;
   AgentUtils::AgentSettings agent = settings.agent;
   if (auto error = takeSecretFiles(settings, agent)) return error;
+  if (auto error = takeTrustedKeys(settings, agent)) return error;
   try {
     AgentLog::configure(std::move(log));
   } catch (const std::invalid_argument& error) {
@@ -106,6 +120,8 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
   agent.afterRowWrite = std::move(observers.afterRowWrite);
   agent.onFailure = std::move(observers.onFailure);
   agent.beforeServerFileUse = std::move(observers.beforeServerFileUse);
+  agent.onListJudged = std::move(observers.onListJudged);
+  agent.remembersLists = !observers.onlyLooks;
   // `list` needs the data path alone, and uses nothing below the other.
   if (agent.basePath.empty()) agent.basePath = agent.dataPath;
   try {
@@ -113,6 +129,7 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
   } catch (const std::invalid_argument& error) {
     return SettingsError{error.what()};
   }
+  VarnScriptRepository::setDocumentTest(AgentUtils::isBoundDocument);
   return std::nullopt;
 }
 

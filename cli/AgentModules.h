@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "AgentSettings.h"
 #include "LogSettings.h"
 #include "Settings.h"
 
@@ -22,6 +23,8 @@ struct ModuleObservers {
   std::function<void(const std::string& key)> afterRowWrite;
   std::function<void(const std::string& subject, const std::string& cause)> onFailure;
   std::function<void(const std::string& path)> beforeServerFileUse;
+  std::function<void(const AgentUtils::ListJudgement&)> onListJudged;
+  bool onlyLooks = false;  ///< whether it is not remembered which lists were accepted
 };
 
 /// Configures log and utilities. The error names the setting that a module can't use.

@@ -120,11 +120,28 @@ class Parser {
             meaning);
         continue;
       }
+      if (definition.kind() == SettingDefinition::Kind::texts) {
+        addTexts(definition);
+        continue;
+      }
       app_.add_option_function<std::string>(
               flagOf(key), [this, key](const std::string& text) { result_.flags[key] = text; },
               meaning)
           ->type_name(std::string(definition.valueName));
     }
+  }
+
+  // A further text needs a further flag: what follows may be an operand.
+  void addTexts(const SettingDefinition& definition) {
+    app_.add_option_function<std::vector<std::string>>(
+            flagOf(definition.key),
+            [this, key = std::string(definition.key)](const std::vector<std::string>& texts) {
+              std::string& lines = result_.flags[key];
+              for (const std::string& text : texts) lines += (lines.empty() ? "" : "\n") + text;
+            },
+            std::string(definition.meaning))
+        ->allow_extra_args(false)
+        ->type_name(std::string(definition.valueName));
   }
 
   void addCommand(const Command& command) {

@@ -42,19 +42,18 @@ CLI::Validator durationInSeconds() {
   constexpr std::uint64_t kMost = std::uint64_t{100} * 366 * 86400;
   const std::map<std::string, std::uint64_t> units = {
       {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
-  return CLI::Validator(
-      [units](std::string& text) -> std::string {
-        std::string what = "must be a time such as 7d, 12h, 30m or 45s: " + text;
-        std::uint64_t number = 0;
-        const char* const end = text.data() + text.size();
-        const auto [rest, failure] = std::from_chars(text.data(), end, number);
-        const auto unit = units.find(std::string(rest, end));
-        if (failure != std::errc() || unit == units.end()) return what;
-        if (number > kMost / unit->second) return what + " (it is too long)";
-        text = std::to_string(number * unit->second);
-        return "";
-      },
-      "");
+  return {[units](std::string& text) -> std::string {
+            std::string what = "must be a time such as 7d, 12h, 30m or 45s: " + text;
+            std::uint64_t number = 0;
+            const char* const end = text.data() + text.size();
+            const auto [rest, failure] = std::from_chars(text.data(), end, number);
+            const auto unit = units.find(std::string(rest, end));
+            if (failure != std::errc() || unit == units.end()) return what;
+            if (number > kMost / unit->second) return what + " (it is too long)";
+            text = std::to_string(number * unit->second);
+            return "";
+          },
+          ""};
 }
 
 void addOperand(CLI::App& to, const std::string& name, std::string& text,
@@ -143,16 +142,7 @@ void addKeyShowOptions(CLI::App& to, CommandLine& line) {
 
 void addKeyVerifyOptions(CLI::App& to, CommandLine& line) {
   addOperand(to, "LIST", line.key.file, "The list, scripts-meta.xml");
-  // A further KEY needs a further flag: what follows may be the list.
-  to.add_option("--trusted-key", line.key.trustedKeys,
-                "A key whose signature counts, its line or its file; may be given several times")
-      ->required()
-      ->allow_extra_args(false)
-      ->type_name("KEY");
-  to.add_option("--signatures-needed", line.key.signaturesNeeded,
-                "How many of the keys have to have signed (default: 1)")
-      ->check(CLI::Range(std::size_t{1}, std::size_t{1000}).description(""))
-      ->type_name("N");
+  // A further FILE needs a further flag: what follows may be the list.
   to.add_option("--signature", line.key.signatures,
                 "A signature's file, in place of those beside the list; may be given several times")
       ->allow_extra_args(false)
@@ -167,7 +157,7 @@ constexpr Command kCommands[] = {
      "0 a script would be run, 2 usage or settings error, 3 none would be.",
      NeededSettings::request, addPlanOptions, plan},
     {"prune", "Remove local copies of scripts the server dropped",
-     "0 done, 2 usage or settings error, 3 the server's list can't be had.",
+     "0 done, 2 usage or settings error, 3 the server's list or the store can't be had.",
      NeededSettings::request, addPruneOptions, prune},
     {"list", "List the local records, or the server's scripts",
      "0 done, 2 usage or settings error, 3 the store can't be read, or the\n"
@@ -187,7 +177,7 @@ constexpr Command kCommands[] = {
      addKeyShowOptions, showKey},
     {"key verify", "Tell whether a list is signed by trusted keys",
      "0 it is, 1 it is not, 2 usage or settings error, 3 a file can't be read.",
-     NeededSettings::nothing, addKeyVerifyOptions, verifyList},
+     NeededSettings::trustedKeys, addKeyVerifyOptions, verifyList},
 };
 
 }  // namespace

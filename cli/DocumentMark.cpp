@@ -1,15 +1,12 @@
 #include "DocumentMark.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 
-#include "Calls.h"
 #include "Digest.h"
 #include "Directories.h"
-#include "RegularFile.h"
 #include "WholeFiles.h"
 
 namespace VarnScripts {
@@ -32,24 +29,13 @@ bool DocumentMark::isThere() const {
 }
 
 void DocumentMark::make(const std::string& recordedPath, std::error_code& error) const {
-  error.clear();
-  const posix::FileDescriptor file(::open(
-      path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
-  // The umask may have taken away more than it should.
-  if (!file || ::fchmod(file.get(), S_IRUSR | S_IWUSR) != 0) {
-    error = posix::lastError();
-    return;
-  }
-  posix::writeAll(file.get(), recordedPath, error);
-  if (!error && posix::retryOnInterrupt([&] { return ::fsync(file.get()); }) != 0) {
-    error = posix::lastError();
-  }
+  posix::makeFile(path_, recordedPath, S_IRUSR | S_IWUSR, error);
   if (!error) posix::syncDirectory(customerDirectory(), error);
 }
 
 std::string DocumentMark::recordedPath() const {
   std::error_code unreadable;
-  return readRegularFile(path_, LastLink::refuse, unreadable).bytes;
+  return posix::readRegularFile(path_, posix::LastLink::refuse, unreadable).bytes;
 }
 
 void DocumentMark::remove(std::error_code& error) const {

@@ -37,6 +37,11 @@ std::optional<int> Inquiry::begin(SignalForwarding& signals) {
   observers.onDownloadProgress = [this](std::uint64_t received, std::uint64_t total) {
     progress_.showDownload(received, total);
   };
+  observers.onListJudged = [this](const AgentUtils::ListJudgement& list) {
+    reason_.listJudged(list);
+    if (list.refusal.empty()) list_ = list;
+  };
+  observers.onlyLooks = true;
   guard_.watch(observers);
   if (const auto error = configureAgentModules(settings_, observers)) {
     progress_.finish();
@@ -51,7 +56,7 @@ std::optional<int> Inquiry::begin(SignalForwarding& signals) {
   });
   if (!error) return std::nullopt;
   progress_.finish();
-  writeErrorLine("varn-scripts: no temporary directory can be made: " + error.message());
+  writeReason("No temporary directory can be made: " + error.message(), settings_);
   return kExitNotRun;
 }
 

@@ -83,6 +83,11 @@ class Inquiry {
   [[nodiscard]] std::optional<std::vector<VarnScriptRepository::ScriptRepositoryMeta>>
   fetchServerList();
 
+  /// Who has signed that list, when keys are trusted.
+  [[nodiscard]] const std::optional<AgentUtils::ListJudgement>& listSigners() const {
+    return list_;
+  }
+
   /// Why `fetchServerList` gave nothing.
   [[nodiscard]] Reason whyNoList() const;
 
@@ -93,6 +98,7 @@ class Inquiry {
   PathGuard guard_{MissingDirectory::left};
   std::optional<TemporaryDirectory> temporary_;
   std::optional<std::string> copyOfStore_;
+  std::optional<AgentUtils::ListJudgement> list_;
 };
 
 }  // namespace VarnScripts

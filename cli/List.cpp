@@ -22,6 +22,7 @@
 #include "ScriptRepositoryRecords.h"
 #include "SignalForwarding.h"
 #include "StandardStreams.h"
+#include "TrustedKeys.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 
 namespace VarnScripts {
@@ -155,6 +156,7 @@ std::string unreadableStore(const std::string& cause) {
 
 std::string listTable(const std::vector<ListedScript>& scripts) {
   std::vector<Row> rows;
+  rows.reserve(scripts.size());
   for (const auto& script : scripts) rows.push_back(rowOf(script));
   return tableOf(std::move(rows), {"SCRIPT ID", "VERSION", "FILE", "PATH"});
 }
@@ -227,18 +229,18 @@ int listLocal(const CommandLine& line, const Settings& settings) {
   const auto scripts = listedScripts(error);
   if (error) return failed(*error, settings);
   if (scripts.empty()) remarkOnMissingDirectory(settings);
-  const bool written = writeOutput(line.json ? listJson(scripts) : listTable(scripts));
+  const bool written = writeAnswer(line.json ? listJson(scripts) : listTable(scripts), settings);
   return written ? kExitSuccess : kExitNotRun;
 }
 
 std::string_view stateOf(const ScriptRepositoryMeta& entry, const ListedScript* record) {
-  switch (localCopyOf(entry.scriptID, record != nullptr ? record->version : std::nullopt,
-                      entry.modifiedTime)) {
+  switch (localCopyOf(entry.scriptID, record != nullptr ? record->version : std::nullopt, entry)) {
     case LocalCopy::absent:
       return "absent";
     case LocalCopy::outdated:
       return "outdated";
     case LocalCopy::documentMissing:
+    case LocalCopy::unlisted:
     case LocalCopy::unrecorded:
       return "incomplete";
     case LocalCopy::upToDate:
@@ -276,8 +278,12 @@ int listServer(const CommandLine& line, const Settings& settings) {
   if (refusal) return failed(refusal->sentence, settings);
   if (!entries) return failed(inquiry.whyNoList().sentence, settings);
   if (unreadable) return failed(*unreadable, settings);
+  if (const auto& signers = inquiry.listSigners()) {
+    writeRemark("the list is " + whoSigned(*signers), settings);
+  }
   const auto scripts = serverScripts(*entries, records);
-  const bool written = writeOutput(line.json ? serverJson(scripts) : serverTable(scripts));
+  const bool written =
+      writeAnswer(line.json ? serverJson(scripts) : serverTable(scripts), settings);
   return written ? kExitSuccess : kExitNotRun;
 }
 

@@ -3,16 +3,19 @@
 #include "AgentUtils.h"
 #include "Directories.h"
 #include "DocumentMark.h"
+#include "DocumentTest.h"
 #include "ScriptRules.h"
 
 namespace VarnScripts {
 
 LocalCopy localCopyOf(const std::string& scriptID, const std::optional<std::string>& recorded,
-                      const std::string& onServer) {
+                      const VarnScriptRepository::ScriptRepositoryMeta& onServer) {
   if (!recorded) return LocalCopy::absent;
-  if (!VarnScriptRepository::isSameVersion(recorded, onServer)) return LocalCopy::outdated;
+  if (!VarnScriptRepository::isSameVersion(recorded, onServer.modifiedTime))
+    return LocalCopy::outdated;
   const std::string document = VarnScriptRepository::dataDocumentPath(scriptID);
   if (!AgentUtils::FileUtils().isFileExists(document)) return LocalCopy::documentMissing;
+  if (!VarnScriptRepository::isDocumentOf(onServer, document)) return LocalCopy::unlisted;
   return DocumentMark(scriptID).isThere() ? LocalCopy::unrecorded : LocalCopy::upToDate;
 }
 
@@ -24,6 +27,8 @@ std::string_view whyFetched(LocalCopy copy) {
       return "the versions differ";
     case LocalCopy::documentMissing:
       return "the data document is missing";
+    case LocalCopy::unlisted:
+      return "the data document is not the one that the list names";
     case LocalCopy::unrecorded:
       return "the data document's version is not recorded";
     case LocalCopy::upToDate:

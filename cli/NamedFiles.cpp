@@ -7,8 +7,9 @@
 #include <cstdint>
 #include <system_error>
 
-#include "RegularFile.h"
+#include "TrustedKeys.h"
 #include "TrustedPath.h"
+#include "WholeFiles.h"
 
 namespace VarnScripts {
 namespace {
@@ -58,7 +59,8 @@ std::optional<SettingsError> complaintAboutKey(const Settings& settings) {
   const std::string& path = isInCertificate ? settings.agent.clientCert : settings.agent.clientKey;
   if (path.empty()) return std::nullopt;
   std::error_code ignored;
-  const std::string text = readRegularFile(path, LastLink::follow, ignored, kLargestKey).bytes;
+  const std::string text =
+      posix::readRegularFile(path, posix::LastLink::follow, ignored, kLargestKey).bytes;
   if (text.find("BEGIN ENCRYPTED PRIVATE KEY") == text.npos &&
       text.find("Proc-Type: 4,ENCRYPTED") == text.npos) {
     return std::nullopt;
@@ -83,6 +85,11 @@ std::optional<SettingsError> complaintAboutNamedFiles(const Settings& settings,
   // One that nobody gave is a matter of the base path's content.
   if (agent.dataPath != ownDataPath(agent.basePath, agent.customerID)) {
     if (auto complaint = complaintAboutDirectory("data_path", agent.dataPath)) return complaint;
+  }
+  const std::vector<std::string> keys = filesOfTrustedKeys(settings);
+  for (const std::string& path : keys) {
+    const NamedFile file = fileOf("trusted_keys", path, PathEnd::givenFile);
+    if (auto complaint = complaintAbout(file, writableByGroup)) return complaint;
   }
   for (const NamedFile& file :
        {settingsFile(settings.settingsFile),

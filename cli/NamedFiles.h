@@ -15,9 +15,8 @@ namespace VarnScripts {
 [[nodiscard]] std::optional<SettingsError> complaintAboutSettingsFile(const std::string& path);
 
 /// What is wrong with the base or the data path, or the way to the log, the authorities, the client
-/// certificate or its key, the headers or the login, or nothing. Adds to `writableByGroup` what
-/// their group may write to, the
-/// settings file included.
+/// certificate or its key, the headers, the login or a trusted key, or nothing. Adds to
+/// `writableByGroup` what their group may write to, the settings file included.
 [[nodiscard]] std::optional<SettingsError> complaintAboutNamedFiles(
     const Settings& settings, std::vector<std::string>& writableByGroup);
 

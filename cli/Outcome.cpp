@@ -72,6 +72,15 @@ void addRun(const ScriptRun& run, std::size_t leftOut, Pieces& to) {
   if (leftOut > 0) addNumber(",\"left_out_bytes\":", leftOut, to);
 }
 
+void addSigners(const AgentUtils::ListJudgement& list, Pieces& to) {
+  std::string_view before = ",\"signed_by\":[";
+  for (const std::string& name : list.signedBy) {
+    addText(before, name, to);
+    before = ",";
+  }
+  addNumber("],\"serial\":", list.serial, to);
+}
+
 // What whoever reads no log would miss.
 void writeEnd(const Outcome& outcome) {
   const ScriptEnd& end = outcome.run->end;
@@ -113,6 +122,7 @@ void addJSON(const std::string& scriptID, const Outcome& outcome, const Settings
     addText(",\"reason\":", outcome.reason->sentence, to);
     addText(",\"reason_code\":", nameOf(outcome.reason->code), to);
   }
+  if (outcome.list) addSigners(*outcome.list, to);
   to.add("}\n");
 }
 
@@ -122,9 +132,10 @@ void writeText(const Outcome& outcome, const Settings& settings, const WrittenOu
   const std::string& output = *outcome.result.second;
   const ShownOutput shown(output, settings);
   if (written.error) {
-    reportOutputFailure(written.error);
+    writeOutputFailure(written.error, settings);
   } else {
-    writeOutput(shown.text.substr(std::min<std::uint64_t>(written.length, shown.text.size())));
+    writeAnswer(shown.text.substr(std::min<std::uint64_t>(written.length, shown.text.size())),
+                settings);
   }
   if (outcome.run && outcome.run->end.droppedBytes > 0) {
     writeRemark(std::to_string(outcome.run->end.droppedBytes) +

@@ -28,6 +28,8 @@ struct Outcome {
   VarnScriptRepository::ProcessingResult result;
   std::optional<Reason> reason;  ///< when no script was run
   std::optional<ScriptRun> run;  ///< when one was, and there was memory to note it
+  /// Who has signed the list, when keys are trusted and it counts.
+  std::optional<AgentUtils::ListJudgement> list{};
 };
 
 /// The exit status for it.

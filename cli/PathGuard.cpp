@@ -8,11 +8,14 @@
 
 #include "AgentDirectories.h"
 #include "AgentLog.h"
+#include "AgentSettings.h"
+#include "Calls.h"
 #include "Directories.h"
 #include "DocumentMark.h"
 #include "ScriptTurn.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
+#include "signing/TrustStateFile.h"
 
 namespace VarnScripts {
 
@@ -37,6 +40,11 @@ std::vector<UsedPath> pathsOfRequests() {
                 {VarnScriptRepository::scriptRepoScriptsDirectory(), PathEnd::directory},
                 {documents, PathEnd::directory},
                 {documents + "/" + VarnScriptRepository::kListName, PathEnd::ownFile}});
+  if (AgentUtils::settings().trustedKeys.empty()) return paths;
+  const std::string state = AgentUtils::signing::trustStatePath(AgentUtils::settings().dataPath);
+  paths.insert(paths.end(), {{posix::directoryOf(state), PathEnd::directory},
+                             {state, PathEnd::ownFile},
+                             {AgentUtils::signing::lockOfTrustState(state), PathEnd::ownFile}});
   return paths;
 }
 

@@ -23,7 +23,8 @@ struct UsedPath {
 /// The store, with the files that SQLite keeps beside it. The agent modules are configured.
 [[nodiscard]] std::vector<UsedPath> pathsOfStore();
 
-/// The store, the lock, the list, and the directories of documents and scripts.
+/// The store, the lock, the list, and the directories of documents and scripts; with trusted keys
+/// also what is remembered of accepted lists.
 [[nodiscard]] std::vector<UsedPath> pathsOfRequests();
 
 /// The data document of one script and its mark.

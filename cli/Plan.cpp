@@ -16,7 +16,7 @@ int plan(const CommandLine& line, const Settings& settings) {
   if (const auto status = inquiry.begin(signals)) return *status;
   const RequestPlan made = makePlan(line.scriptID, inquiry);
   inquiry.finish();
-  const bool written = writeOutput(line.json ? planJson(made) : planText(made));
+  const bool written = writeAnswer(line.json ? planJson(made) : planText(made), settings);
   return written && !made.problem ? kExitSuccess : kExitNotRun;
 }
 

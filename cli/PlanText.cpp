@@ -6,6 +6,7 @@
 #include <type_traits>
 
 #include "PrintableText.h"
+#include "TrustedKeys.h"
 
 namespace VarnScripts {
 namespace {
@@ -61,6 +62,7 @@ void addLine(std::string& text, const char* label, const std::string& value) {
 std::string planText(const RequestPlan& plan) {
   std::string text;
   addLine(text, "script", plan.scriptID);
+  if (plan.list) addLine(text, "list", whoSigned(*plan.list));
   if (plan.entry) {
     if (plan.entry->scriptName) addLine(text, "name", *plan.entry->scriptName);
     addLine(text, "server version", plan.entry->modifiedTime);
@@ -87,6 +89,10 @@ std::string planText(const RequestPlan& plan) {
 std::string planJson(const RequestPlan& plan) {
   ordered_json object;
   object["script_id"] = plan.scriptID;
+  if (plan.list) {
+    object["signed_by"] = plan.list->signedBy;
+    object["serial"] = plan.list->serial;
+  }
   object["entry"] = plan.entry ? entryJson(*plan.entry) : ordered_json();
   object["local_version"] = orNull(plan.localVersion);
   object["step"] = plan.step ? ordered_json(stepName(*plan.step)) : ordered_json();

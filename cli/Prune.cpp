@@ -56,7 +56,7 @@ PruneAnswer removeDropped(const Settings& settings) {
 int prune(const CommandLine& line, const Settings& settings) {
   if (line.dryRun) return pruneDryRun(line, settings);
   // Before any other thread, and never destroyed: a signal leaves the terminal clean.
-  [[maybe_unused]] const auto& signals = *new SignalForwarding;
+  [[maybe_unused]] static const auto& signals = *new SignalForwarding;
   Progress progress(Progress::isPossible() && !settings.log.quiet);
   ModuleObservers observers;
   // No script is in this: nothing but the list can fail.
@@ -64,6 +64,9 @@ int prune(const CommandLine& line, const Settings& settings) {
   VarnScriptRepository::setScriptRunObserver(&reason);
   observers.onFailure = [&reason](const std::string& subject, const std::string& cause) {
     reason.moduleFailed(subject, cause);
+  };
+  observers.onListJudged = [&reason](const AgentUtils::ListJudgement& list) {
+    reason.listJudged(list);
   };
   observers.onRecord = [&progress](const AgentLog::Record&) { progress.makeWay(); };
   observers.onDownloadProgress = [&progress](std::uint64_t received, std::uint64_t total) {

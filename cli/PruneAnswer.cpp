@@ -26,6 +26,7 @@ PruneAnswer foreseen(Inquiry& inquiry) {
   const std::vector<ListedScript> records = inquiry.records(unreadable);
   if (unreadable) return {true, {}, Reason{ReasonCode::localStateFailed, *unreadable}};
   std::vector<std::string> recordedIDs;
+  recordedIDs.reserve(records.size());
   for (const ListedScript& script : records) recordedIDs.push_back(script.scriptID);
   return {true, removalIDs(droppedIDs(std::move(recordedIDs), *entries)), std::nullopt};
 }
@@ -71,11 +72,11 @@ std::string pruneJson(const PruneAnswer& answer) {
 int answerPrune(const PruneAnswer& answer, const CommandLine& line, const Settings& settings) {
   bool written = true;
   if (line.json) {
-    written = writeOutput(pruneJson(answer));
+    written = writeAnswer(pruneJson(answer), settings);
   } else if (answer.reason) {
     writeReason(answer.reason->sentence, settings);
   } else if (answer.dryRun) {
-    written = writeOutput(pruneText(answer));
+    written = writeAnswer(pruneText(answer), settings);
   }
   return written && !answer.reason ? kExitSuccess : kExitNotRun;
 }

@@ -17,11 +17,11 @@ using VarnScriptRepository::RequestStep;
 using VarnScriptRepository::ScriptEnd;
 
 constexpr std::string_view kCodeNames[] = {
-    "list_unavailable",     "list_unreadable",     "not_listed",          "document_unlisted",
-    "document_unavailable", "document_unreadable", "document_incomplete", "script_unavailable",
-    "checksum_mismatch",    "interpreter_unknown", "interpreter_missing", "start_failed",
-    "locked_out",           "unsafe_directory",    "foreign_record",      "local_state_failed",
-    "out_of_memory",
+    "list_unavailable",   "list_untrusted",       "list_unreadable",     "not_listed",
+    "document_unlisted",  "document_unavailable", "document_unreadable", "document_incomplete",
+    "script_unavailable", "checksum_mismatch",    "interpreter_unknown", "interpreter_missing",
+    "start_failed",       "locked_out",           "unsafe_directory",    "foreign_record",
+    "local_state_failed", "out_of_memory",
 };
 
 // `subject` is what the step names, `url` its URL on the server, `cause` a colon and why.
@@ -66,6 +66,10 @@ constexpr StepRow kSteps[] = {
      "No interpreter is known for {subject}; a script's name ends in {extensions}"},
 };
 
+// In place of the first row when the list was fetched and does not count.
+constexpr StepRow kUntrusted = {RequestStep::listDownload, ReasonCode::listUntrusted,
+                                "The list of customer {customer} from {url} is not trusted{cause}"};
+
 // The texts are the server's, and a line of the reason is no place for a long one.
 constexpr std::size_t kMostOfAText = 1024;
 
@@ -109,6 +113,10 @@ Reason inUse(const std::string& scriptID, int processID) {
   return {ReasonCode::lockedOut, "Script " + scriptID + " is in use by " + processText(processID)};
 }
 
+Reason fileInUse(const std::string& path, int processID) {
+  return {ReasonCode::lockedOut, path + " is in use by " + processText(processID)};
+}
+
 Reason lockNotTaken(const std::string& lockPath, const std::error_code& error) {
   return {ReasonCode::lockedOut,
           "Request lock " + lockPath + " can't be taken: " + error.message()};
@@ -127,9 +135,11 @@ void ReasonFinder::moduleFailed(const std::string& subject, const std::string& c
 }
 
 void ReasonFinder::stepFailed(const FailedStep& failed) {
-  const auto* const row = std::ranges::find(kSteps, failed.step, &StepRow::step);
+  const auto* row = std::ranges::find(kSteps, failed.step, &StepRow::step);
   if (row == std::end(kSteps)) return;
   const bool isTold = failed.cause.empty() && failedSubject_ == failed.subject;
+  const bool isRefused = isTold && !listRefusal_.empty() && listRefusal_ == failedCause_;
+  if (isRefused && failed.step == kUntrusted.step) row = &kUntrusted;
   reason_ = {row->code,
              filled(row->sentence, failed.subject, isTold ? failedCause_ : failed.cause)};
 }
@@ -192,6 +202,21 @@ void writeRemark(const std::string& remark, const Settings& settings) {
   if (!isJSONOnStandardError(settings.log) && !settings.log.quiet) {
     writeErrorLine("varn-scripts: " + remark);
   }
+}
+
+bool writeAnswer(std::string_view text, const Settings& settings) {
+  std::error_code error;
+  writeOutput(text, error);
+  if (error) writeOutputFailure(error, settings);
+  return !error;
+}
+
+void writeOutputFailure(const std::error_code& error, const Settings& settings) {
+  const std::string failure = outputFailure(error);
+  if (hasRecords(settings.log)) {
+    AgentLog::logError(failure, "varn-scripts", "writeOutputFailure(_:)", __LINE__);
+  }
+  if (!isJSONOnStandardError(settings.log)) writeErrorLine("varn-scripts: " + failure);
 }
 
 std::string processText(int processID) {

@@ -16,6 +16,7 @@ namespace VarnScripts {
 /// All causes there are. Their names in the object of `run --json` are these with underscores.
 enum class ReasonCode {
   listUnavailable,      ///< the server's list can't be fetched
+  listUntrusted,        ///< it is not signed as it must be, or not the newest
   listUnreadable,       ///< it can't be read, or is no list
   notListed,            ///< it has no such script
   documentUnlisted,     ///< it names no data document for the script
@@ -46,6 +47,8 @@ struct Reason {
 
 /// Another process runs the script; 0 for one that is not known.
 [[nodiscard]] Reason inUse(const std::string& scriptID, int processID);
+/// Another process uses the script file at `path`, which several scripts may have.
+[[nodiscard]] Reason fileInUse(const std::string& path, int processID);
 /// The lock file can't be made, opened or locked.
 [[nodiscard]] Reason lockNotTaken(const std::string& lockPath, const std::error_code& error);
 /// The data document that an interrupted request has left, or its mark, can't be removed.
@@ -63,6 +66,9 @@ class ReasonFinder : public VarnScriptRepository::ScriptRunObserver {
   /// request is about that comes next.
   void moduleFailed(const std::string& subject, const std::string& cause);
 
+  /// What the downloader says of the list's signatures.
+  void listJudged(const AgentUtils::ListJudgement& list) { listRefusal_ = list.refusal; }
+
   void stepFailed(const VarnScriptRepository::FailedStep& failed) override;
   void scriptStarts(const VarnScriptRepository::ScriptStart& start) override;
   void scriptEnded(const VarnScriptRepository::ScriptEnd& end) override;
@@ -79,6 +85,7 @@ class ReasonFinder : public VarnScriptRepository::ScriptRunObserver {
   const Settings& settings_;
   std::string failedSubject_;
   std::string failedCause_;
+  std::string listRefusal_;
   std::string launchPath_;
   Reason reason_{ReasonCode::outOfMemory, "There is not enough memory"};
 };
@@ -93,6 +100,13 @@ void writeReason(std::string_view sentence, const Settings& settings);
 
 /// Writes a remark on a request that went well, likewise, and nothing of it when quiet.
 void writeRemark(const std::string& remark, const Settings& settings);
+
+/// Writes the answer of a request to standard output. A failure is told as a reason is. True when
+/// all of it was written.
+bool writeAnswer(std::string_view text, const Settings& settings);
+
+/// Tells why an answer could not be written, likewise.
+void writeOutputFailure(const std::error_code& error, const Settings& settings);
 
 /// "process 12", or "another process" where the system does not say which.
 [[nodiscard]] std::string processText(int processID);

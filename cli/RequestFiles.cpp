@@ -69,6 +69,7 @@ void RequestFiles::beforeFileUse(const std::string& path) {
   if (!path.starts_with(scripts + '/')) return;
   std::error_code error;
   turn_.takeFile(path.substr(scripts.size() + 1), error);
+  heldElsewhere_ = error == std::errc::resource_unavailable_try_again ? path : "";
   if (error) throw std::system_error(error, "can't take " + path);
   unverifiedPath_ = path;
   // A script that is up to date is not downloaded, and nobody else would look at its directory.

@@ -34,6 +34,10 @@ class RequestFiles {
   /// Throws `std::system_error` when that fails.
   void beforeFileUse(const std::string& path);
 
+  /// The script file that could not be held because another request, or a removal, has it; empty
+  /// when there is none.
+  [[nodiscard]] const std::string& heldElsewhere() const { return heldElsewhere_; }
+
   /// Takes the outcome of the checksum test of a script file.
   void afterChecksumTest(const std::string& path, bool isValid);
 
@@ -56,6 +60,7 @@ class RequestFiles {
   std::string recordedPath_;    // what the record named before this request; empty when unknown
   std::string unverifiedPath_;  // the script file whose checksum was not accepted, or not yet
   std::string verifiedPath_;    // the one whose checksum was accepted last
+  std::string heldElsewhere_;
 };
 
 }  // namespace VarnScripts

@@ -12,12 +12,14 @@
 #include "Directories.h"
 #include "DocumentMark.h"
 #include "DownloadTarget.h"
+#include "DownloadTrust.h"
 #include "RequestFiles.h"
 #include "ScriptRepositoryMetaProcessor.h"
 #include "ScriptRules.h"
 #include "ScriptTurn.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
 #include "Writability.h"
+#include "signing/TrustStateFile.h"
 
 namespace VarnScripts {
 namespace {
@@ -87,21 +89,38 @@ class PlanMaker {
   [[nodiscard]] std::string whyNotTaken(const std::string& path) const {
     try {
       AgentUtils::requireTarget(path, inquiry_.settings().agent.basePath);
+      AgentUtils::requireOutsideTrustState(path, AgentUtils::settings());
       return "";
     } catch (const AgentUtils::DownloadFailure& failure) {
       return failure.what();
     }
   }
 
+  // Why this computer could not remember that it has accepted the list; empty when it could.
+  [[nodiscard]] static std::string whyNotRemembered() {
+    const AgentUtils::AgentSettings& agent = AgentUtils::settings();
+    if (agent.trustedKeys.empty()) return "";
+    const std::string state = AgentUtils::signing::trustStatePath(agent.dataPath);
+    const std::string lock = AgentUtils::signing::lockOfTrustState(state);
+    const auto error = whyNotOpened(lock);
+    if (!error) return "";
+    return "the record of accepted lists " + state + " can't be locked: " + lock + ": " +
+           error.message();
+  }
+
   bool findEntry() {
     auto entries = inquiry_.fetchServerList();
     if (!entries) return stop(inquiry_.whyNoList());
-    const std::string list = std::string("/") + VarnScriptRepository::kListName;
-    const std::string why = whyNotTaken(VarnScriptRepository::scriptRepoDataDirectory() + list);
-    if (!why.empty()) {
-      return stop(
-          RequestStep::listDownload,
-          VarnScriptRepository::serverDirectory(inquiry_.settings().agent.customerID) + list, why);
+    plan_.list = inquiry_.listSigners();
+    const std::string name = std::string("/") + VarnScriptRepository::kListName;
+    const std::string list =
+        VarnScriptRepository::serverDirectory(inquiry_.settings().agent.customerID) + name;
+    const std::string why = whyNotTaken(VarnScriptRepository::scriptRepoDataDirectory() + name);
+    if (!why.empty()) return stop(RequestStep::listDownload, list, why);
+    if (const std::string unremembered = whyNotRemembered(); !unremembered.empty()) {
+      inquiry_.reason().listJudged({unremembered, {}, 0, {}});
+      inquiry_.reason().moduleFailed(list, unremembered);
+      return stop(RequestStep::listDownload, list);
     }
     auto& metadata = ScriptRepositoryMetaProcessor::shared();
     metadata.setScriptRepoMetaData(std::move(*entries));
@@ -123,7 +142,7 @@ class PlanMaker {
   }
 
   void decideStep() {
-    const LocalCopy copy = localCopyOf(scriptID_, plan_.localVersion, plan_.entry->modifiedTime);
+    const LocalCopy copy = localCopyOf(scriptID_, plan_.localVersion, *plan_.entry);
     plan_.step =
         copy == LocalCopy::upToDate ? RequestPlan::Step::upToDate : RequestPlan::Step::download;
     plan_.reason = whyFetched(copy);
@@ -194,7 +213,7 @@ class PlanMaker {
     try {
       wrong = AgentUtils::complaintAboutFile(path, checksum.checksumType, checksum.checksumVal);
     } catch (const std::runtime_error&) {
-      return false;  // refused by the guard, which is told at the end
+      return false;  // refused by the guard, which is reported at the end
     }
     if (wrong == nullptr) return true;
     inquiry_.reason().stepFailed({RequestStep::checksumTest, path, wrong});

@@ -22,6 +22,7 @@ struct RequestPlan {
   };
 
   std::string scriptID;
+  std::optional<AgentUtils::ListJudgement> list;  ///< who has signed it, when keys are trusted
   std::optional<VarnScriptRepository::ScriptRepositoryMeta> entry;  ///< in the server's list
   std::optional<std::string> localVersion;
   std::optional<Step> step;

@@ -101,7 +101,7 @@ void write(const CommandLine& line, const Settings& settings, const Outcome& out
            const WrittenOutput& written) {
   if (!line.json) return writeText(outcome, settings, written);
   bool isWhole = true;
-  Pieces pieces([&](std::string_view piece) { isWhole = isWhole && writeOutput(piece); });
+  Pieces pieces([&](std::string_view piece) { isWhole = isWhole && writeAnswer(piece, settings); });
   addJSON(line.scriptID, outcome, settings, pieces);
   pieces.end();
 }
@@ -150,6 +150,9 @@ Outcome request(const CommandLine& line, const Settings& settings, RunWatch& wat
   files.end();
   if (!result.first) {
     if (!guard.refusal().empty()) return notRun(ReasonCode::unsafeDirectory, guard.refusal());
+    if (!files.heldElsewhere().empty()) {
+      return notRun(fileInUse(files.heldElsewhere(), turn.holder()));
+    }
     return {{}, reason.reason(), std::nullopt};
   }
   try {
@@ -177,6 +180,11 @@ int run(const CommandLine& line, const Settings& settings) {
   observers.onFailure = [&reason](const std::string& subject, const std::string& cause) {
     reason.moduleFailed(subject, cause);
   };
+  std::optional<AgentUtils::ListJudgement> list;
+  observers.onListJudged = [&reason, &list](const AgentUtils::ListJudgement& judgement) {
+    reason.listJudged(judgement);
+    if (judgement.refusal.empty()) list = judgement;
+  };
   observers.onDownloadProgress = [&progress](std::uint64_t received, std::uint64_t total) {
     progress.showDownload(received, total);
   };
@@ -195,7 +203,8 @@ int run(const CommandLine& line, const Settings& settings) {
   }
   prepareDownloads();
   files.emplace(line.scriptID, turn);
-  const Outcome outcome = request(line, settings, watch, reason, turn, *files, guard);
+  Outcome outcome = request(line, settings, watch, reason, turn, *files, guard);
+  outcome.list = std::move(list);
   WrittenOutput written;
   written.length = output.finish(written.error);
   progress.finish();

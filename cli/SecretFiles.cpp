@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "RegularFile.h"
 #include "RequestHeaders.h"
+#include "WholeFiles.h"
 
 namespace VarnScripts {
 namespace {
@@ -28,11 +28,12 @@ SettingsError errorAbout(const std::string& key, const std::string& path, const 
 std::optional<SettingsError> readSecret(const std::string& key, const std::string& path,
                                         std::string& text) {
   std::error_code error;
-  RegularFile file = readRegularFile(path, LastLink::follow, error, kLargestFile);
+  posix::RegularFile file =
+      posix::readRegularFile(path, posix::LastLink::follow, error, kLargestFile);
   if (error == std::errc::file_too_large) {
     return errorAbout(key, path, " can't be used: it is larger than 64 KiB");
   }
-  if (error) return errorAbout(key, path, " can't be read: " + whyNotRead(error));
+  if (error) return errorAbout(key, path, " can't be read: " + posix::whyNotRead(error));
   // Of what was opened, whatever the name leads to by now.
   if (file.owner != ::geteuid() && file.owner != 0) {
     return errorAbout(key, path, " is refused: it belongs to user " + std::to_string(file.owner));

@@ -47,12 +47,28 @@ std::optional<std::string> textIn(const SettingTexts& texts, const std::string& 
   return found->second;
 }
 
+const SettingDefinition* definitionOf(std::string_view key) {
+  const auto all = settingDefinitions();
+  const auto found = std::ranges::find(all, key, &SettingDefinition::key);
+  return found == all.end() ? nullptr : &*found;
+}
+
+bool hasSeveral(std::string_view key) {
+  return definitionOf(key)->kind() == SettingDefinition::Kind::texts;
+}
+
 std::optional<GivenText> given(const SettingSources& sources, const std::string& key) {
   if (auto text = textIn(sources.flags, key)) {
     return GivenText{std::move(*text), flagOf(key), Place::flag};
   }
   if (sources.environment) {
     auto text = sources.environment(variableOf(key));
+    // One that has several must not be left out by a mistake: nobody meant to trust no key.
+    if (text && hasSeveral(key)) {
+      std::ranges::replace_if(
+          *text, [](char c) { return c == ' ' || c == '\t'; }, '\n');
+      return GivenText{std::move(*text), variableOf(key), Place::environment};
+    }
     if (text && !text->empty()) {
       return GivenText{std::move(*text), variableOf(key), Place::environment};
     }
@@ -144,19 +160,27 @@ std::optional<std::string> complaintAboutCustomer(const std::string& customer) {
   return std::nullopt;
 }
 
-std::optional<bool> toggleFrom(const std::string& text) {
-  const std::string word = lowerCase(text);
-  if (word == "true" || word == "yes" || word == "on" || word == "1") return true;
-  if (word == "false" || word == "no" || word == "off" || word == "0") return false;
-  return std::nullopt;
-}
-
 std::optional<std::uint64_t> numberFrom(const std::string& text) {
   std::uint64_t value = 0;
   const char* const end = text.data() + text.size();
   const auto [stop, error] = std::from_chars(text.data(), end, value);
   if (error != std::errc{} || stop != end) return std::nullopt;
   return value;
+}
+
+// How many there must be at least.
+std::optional<std::string> complaintAboutCount(const std::string& text) {
+  constexpr std::uint64_t kMost = 10;
+  const auto count = numberFrom(text);
+  if (count && *count >= 1 && *count <= kMost) return std::nullopt;
+  return "must be a number from 1 to " + std::to_string(kMost) + ", not \"" + text + "\"";
+}
+
+std::optional<bool> toggleFrom(const std::string& text) {
+  const std::string word = lowerCase(text);
+  if (word == "true" || word == "yes" || word == "on" || word == "1") return true;
+  if (word == "false" || word == "no" || word == "off" || word == "0") return false;
+  return std::nullopt;
 }
 
 // "text" and "json" of "text|json".
@@ -170,6 +194,17 @@ std::vector<std::string_view> namesOfChoice(std::string_view valueName) {
   }
 }
 
+// The texts that stand on lines of their own.
+std::vector<std::string> linesOf(std::string_view text) {
+  std::vector<std::string> lines;
+  while (!text.empty()) {
+    const std::string_view line = text.substr(0, text.find('\n'));
+    if (!line.empty()) lines.emplace_back(line);
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
+  }
+  return lines;
+}
+
 // Takes a text into the setting's value; gives what is wrong with it.
 class Taking {
  public:
@@ -181,6 +216,12 @@ class Taking {
 
   Complaint operator()(std::string* to) const {
     *to = definition_.isDirectory ? absolutePath(text_, currentDirectory_) : text_;
+    return std::nullopt;
+  }
+
+  Complaint operator()(std::vector<std::string>* to) const {
+    *to = linesOf(text_);
+    if (to->empty()) return "is empty: give at least one, or leave it out";
     return std::nullopt;
   }
 
@@ -262,6 +303,10 @@ std::optional<SettingsError> take(const SettingDefinition& definition,
 // The key of the first setting that is needed and not there.
 std::optional<std::string> missingKey(const Settings& settings, NeededSettings needed) {
   if (needed == NeededSettings::nothing) return std::nullopt;
+  if (needed == NeededSettings::trustedKeys) {
+    return settings.agent.trustedKeys.empty() ? std::optional<std::string>("trusted_keys")
+                                              : std::nullopt;
+  }
   const auto& agent = settings.agent;
   const bool request = needed == NeededSettings::request;
   if (request && agent.basePath.empty()) return "base_path";
@@ -284,6 +329,17 @@ std::optional<SettingsError> complaintAboutURL(const SettingSources& sources,
   const auto complaint = AgentUtils::complaintAboutURL(url);
   if (!complaint) return std::nullopt;
   return wrong("server", *given(sources, "server"), "is no URL: " + *complaint);
+}
+
+// Several keys may be one in the end; whoever reads them counts again.
+std::optional<SettingsError> complaintAboutSignatures(const SettingSources& sources,
+                                                      const Settings& settings) {
+  const std::string key = "signatures_needed";
+  const std::size_t keys = settings.agent.trustedKeys.size();
+  const auto value = given(sources, key);
+  if (!value || settings.agent.signaturesNeeded <= keys) return std::nullopt;
+  if (keys == 0) return wrong(key, *value, "has no use without trusted_keys");
+  return wrong(key, *value, "is more than there are trusted_keys: " + std::to_string(keys));
 }
 
 // Of a wish for the log on standard error and one for nothing there, the nearer one counts; when
@@ -318,6 +374,13 @@ constexpr SettingDefinition kSettings[] = {
      [](Settings& s) -> SettingMember { return &s.agent.clientKey; }, complaintAboutPath},
     {"proxy", "URL", "Proxy (default: the environment's)",
      [](Settings& s) -> SettingMember { return &s.agent.proxy; }},
+    {"trusted_keys", "KEY",
+     "A public key, its line or its file, by which the server's list must be signed; may be given "
+     "several times (key trusted_keys, VARN_TRUSTED_KEYS; default: none, and no list is verified)",
+     [](Settings& s) -> SettingMember { return &s.agent.trustedKeys; }, nullptr, false, 0,
+     "--trusted-key"},
+    {"signatures_needed", "N", "How many of the trusted keys have to have signed (default: 1)",
+     [](Settings& s) -> SettingMember { return &s.agent.signaturesNeeded; }, complaintAboutCount},
     {"header_file", "FILE", "More headers for the server, a line \"Name: value\" for each",
      [](Settings& s) -> SettingMember { return &s.headerFile; }, complaintAboutPath},
     {"netrc_file", "FILE", "Login for the server, in the netrc format (default: none)",
@@ -352,13 +415,18 @@ SettingDefinition::Kind SettingDefinition::kind() const {
   Settings any;
   const SettingMember value = member(any);
   if (std::holds_alternative<bool*>(value)) return Kind::toggle;
+  if (std::holds_alternative<std::vector<std::string>*>(value)) return Kind::texts;
   const bool isNumber = std::holds_alternative<std::uint64_t*>(value) ||
                         std::holds_alternative<std::optional<std::uint64_t>*>(value) ||
                         std::holds_alternative<std::uint32_t*>(value);
   return isNumber ? Kind::number : Kind::text;
 }
 
-std::string flagOf(std::string_view key) { return "--" + inAscii(key, '_', '-'); }
+std::string flagOf(std::string_view key) {
+  const SettingDefinition* const definition = definitionOf(key);
+  if (definition != nullptr && !definition->flag.empty()) return std::string(definition->flag);
+  return "--" + inAscii(key, '_', '-');
+}
 
 std::string variableOf(std::string_view key) { return "VARN_" + upperCase(std::string(key)); }
 
@@ -383,6 +451,7 @@ std::variant<Settings, SettingsError> layerSettings(const SettingSources& source
   }
   if (const auto key = missingKey(settings, needed)) return missing(*key);
   if (auto error = complaintAboutURL(sources, settings, needed)) return *error;
+  if (auto error = complaintAboutSignatures(sources, settings)) return *error;
   decideAboutStandardError(sources, settings);
   return settings;
 }

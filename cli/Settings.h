@@ -14,6 +14,7 @@
 #include <string>
 #include <string_view>
 #include <variant>
+#include <vector>
 
 #include "AgentSettings.h"
 #include "LogSettings.h"
@@ -37,18 +38,19 @@ struct Settings {
   std::string headerFile;    ///< more headers for the server
 };
 
-/// A setting's value, by its kind: a text, a number of bytes, one that need not be given, how
-/// often, a toggle, a choice of the log's.
-using SettingMember =
-    std::variant<std::string*, std::uint64_t*, std::optional<std::uint64_t>*, std::uint32_t*, bool*,
-                 AgentLog::LogSettings::Format*, AgentLog::Severity*,
-                 std::optional<AgentLog::LogSettings::Target>*>;
+/// A setting's value, by its kind: a text, several texts, a number of bytes, one that need not be
+/// given, how often or how many, a toggle, a choice of the log's.
+using SettingMember = std::variant<std::string*, std::vector<std::string>*, std::uint64_t*,
+                                   std::optional<std::uint64_t>*, std::uint32_t*, bool*,
+                                   AgentLog::LogSettings::Format*, AgentLog::Severity*,
+                                   std::optional<AgentLog::LogSettings::Target>*>;
 
 /// One setting. The key in the settings file ("base_path") gives the flag ("--base-path") and the
 /// environment variable ("VARN_BASE_PATH").
 struct SettingDefinition {
   enum class Kind {
     text,
+    texts,   ///< one or more; as a flag each takes one of its own
     number,  ///< a whole number
     toggle,  ///< true or false; as a flag it takes no value
   };
@@ -64,6 +66,7 @@ struct SettingDefinition {
   std::optional<std::string> (*complaint)(const std::string& text) = nullptr;
   bool isDirectory = false;  ///< made absolute
   char letter = 0;           ///< of its short flag, "-v"; 0 when it has none
+  std::string_view flag{};   ///< when the key does not give it: that of several texts names one
 
   [[nodiscard]] Kind kind() const;
 };
@@ -71,7 +74,7 @@ struct SettingDefinition {
 /// All there are, in the order in which they are shown.
 [[nodiscard]] std::span<const SettingDefinition> settingDefinitions();
 
-/// The setting's flag: "--base-path".
+/// The setting's flag: "--base-path", "--trusted-key"; of what is no setting, as if it were one.
 [[nodiscard]] std::string flagOf(std::string_view key);
 
 /// The setting's environment variable: "VARN_BASE_PATH".
@@ -87,14 +90,15 @@ struct SettingsError {
   bool operator==(const SettingsError&) const = default;
 };
 
-/// Settings as texts, by key. A toggle is "true" or "false".
+/// Settings as texts, by key. A toggle is "true" or "false"; several texts have line breaks between
+/// them, and in the environment blanks will do.
 using SettingTexts = std::map<std::string, std::string>;
 
 /// The value of an environment variable, or nothing.
 using Environment = std::function<std::optional<std::string>(const std::string& name)>;
 
-/// The places that settings come from. An empty text counts as not given there; a command line with
-/// an empty flag does not come this far.
+/// The places that settings come from. An empty text counts as not given there, but for one that
+/// has several; a command line with an empty flag does not come this far.
 struct SettingSources {
   SettingTexts flags;
   Environment environment;
@@ -110,6 +114,7 @@ enum class NeededSettings {
   request,     ///< base path, customer and server
   localState,  ///< the data path, or the base path and the customer that give its default
   customer,    ///< the customer alone
+  trustedKeys,
   nothing,
 };
 

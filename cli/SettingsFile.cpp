@@ -6,7 +6,7 @@
 #include <system_error>
 
 #include "ParsedToml.h"
-#include "RegularFile.h"
+#include "WholeFiles.h"
 
 namespace VarnScripts {
 namespace {
@@ -26,10 +26,26 @@ std::string_view wordFor(SettingDefinition::Kind kind) {
       return "a whole number";
     case SettingDefinition::Kind::toggle:
       return "true or false";
+    case SettingDefinition::Kind::texts:
+      return "a list of texts in quotation marks, with at least one in it";
     case SettingDefinition::Kind::text:
       break;
   }
   return "a text in quotation marks";
+}
+
+// The texts of an array, a line each. One that is empty, or has a line break in it, is none.
+std::optional<std::string> linesOf(const toml::node& node) {
+  const auto* const array = node.as_array();
+  if (array == nullptr || array->empty()) return std::nullopt;
+  std::string lines;
+  for (const toml::node& element : *array) {
+    const auto* const text = element.as_string();
+    if (text == nullptr || text->get().empty()) return std::nullopt;
+    if (text->get().find('\n') != std::string::npos) return std::nullopt;
+    lines += (lines.empty() ? "" : "\n") + text->get();
+  }
+  return lines;
 }
 
 std::optional<std::string> textOf(const toml::node& node, SettingDefinition::Kind kind) {
@@ -40,6 +56,8 @@ std::optional<std::string> textOf(const toml::node& node, SettingDefinition::Kin
     case SettingDefinition::Kind::toggle:
       if (const auto* toggle = node.as_boolean()) return toggle->get() ? "true" : "false";
       return std::nullopt;
+    case SettingDefinition::Kind::texts:
+      return linesOf(node);
     case SettingDefinition::Kind::text:
       if (const auto* text = node.as_string()) return text->get();
       return std::nullopt;
@@ -96,11 +114,12 @@ std::variant<SettingTexts, SettingsError> parseSettingsFile(const std::string& t
 std::variant<SettingTexts, SettingsError> readSettingsFile(
     const std::string& path, const posix::FileDescriptor& standardInput) {
   std::error_code error;
-  const std::string text = path == kStandardInput
-                               ? readToEnd(standardInput, error, kLargestFile)
-                               : readRegularFile(path, LastLink::follow, error, kLargestFile).bytes;
+  const std::string text =
+      path == kStandardInput
+          ? posix::readAll(standardInput.get(), kLargestFile, error)
+          : posix::readRegularFile(path, posix::LastLink::follow, error, kLargestFile).bytes;
   if (error == std::errc::file_too_large) return unreadable(path, "it is larger than 1 MiB");
-  if (error) return unreadable(path, whyNotRead(error));
+  if (error) return unreadable(path, posix::whyNotRead(error));
   return parseSettingsFile(text, path);
 }
 

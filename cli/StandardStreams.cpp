@@ -105,7 +105,7 @@ bool isErrorTerminal() { return ::isatty(STDERR_FILENO) == 1; }
 bool writeOutput(std::string_view text) {
   std::error_code error;
   writeOutput(text, error);
-  if (error) reportOutputFailure(error);
+  if (error) writeErrorLine("varn-scripts: " + outputFailure(error));
   return !error;
 }
 
@@ -122,8 +122,8 @@ void writeOutput(std::string_view text, std::error_code& error) noexcept {
   drawStatus(shown);
 }
 
-void reportOutputFailure(const std::error_code& error) {
-  writeErrorLine("varn-scripts: standard output can't be written: " + error.message());
+std::string outputFailure(const std::error_code& error) {
+  return "standard output can't be written: " + error.message();
 }
 
 void writeErrorLine(std::string_view line) {

@@ -4,6 +4,7 @@
 
 #pragma once
 
+#include <string>
 #include <string_view>
 #include <system_error>
 
@@ -28,8 +29,8 @@ bool writeOutput(std::string_view text);
 /// As `writeOutput`, without the line: `error` says why not all was written.
 void writeOutput(std::string_view text, std::error_code& error) noexcept;
 
-/// The line for a failed `writeOutput`.
-void reportOutputFailure(const std::error_code& error);
+/// What the line of a failed `writeOutput` says.
+[[nodiscard]] std::string outputFailure(const std::error_code& error);
 
 /// Writes `line`, made printable, and a line break to standard error. A failure is of no
 /// consequence.

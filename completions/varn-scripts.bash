@@ -27,12 +27,13 @@ _varn_scripts() {
   fi
 
   local settings="--config --base-path --data-path --customer --server --ca-file --client-cert
-    --client-key --proxy --header-file --netrc-file --retry --max-download --max-output --verbose
-    --log-level --log-format --log-file --log-target --quiet --help"
+    --client-key --proxy --trusted-key --signatures-needed --header-file --netrc-file --retry
+    --max-download --max-output --verbose --log-level --log-format --log-file --log-target --quiet
+    --help"
   local with_value=" --config --base-path --data-path --customer --server --ca-file --client-cert
-    --client-key --proxy --header-file --netrc-file --retry --max-download --max-output --log-level
-    --log-format --log-file --log-target --accept-codes --keep-for --digest --passphrase-file
-    --trusted-key --signatures-needed --signature "
+    --client-key --proxy --trusted-key --signatures-needed --header-file --netrc-file --retry
+    --max-download --max-output --log-level --log-format --log-file --log-target --accept-codes
+    --keep-for --digest --passphrase-file --signature "
 
   compopt +o default 2>/dev/null
   case $previous in
@@ -115,7 +116,7 @@ _varn_scripts() {
     publish) options="$settings --keep-for --digest --strict --check --allow-removal" ;;
     "key generate") options="$settings --no-passphrase --passphrase-file" ;;
     "key show") options="$settings --passphrase-file" ;;
-    "key verify") options="$settings --trusted-key --signatures-needed --signature" ;;
+    "key verify") options="$settings --signature" ;;
     *) options= ;;
   esac
   if [[ $current == -* ]]; then

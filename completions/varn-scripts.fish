@@ -2,9 +2,9 @@
 
 # What takes a value, apart from the flags.
 set -g __varn_scripts_with_value --config --base-path --data-path --customer --server --ca-file \
-    --client-cert --client-key --proxy --header-file --netrc-file --retry --max-download \
-    --max-output --log-level --log-format --log-file --log-target --accept-codes --keep-for --digest \
-    --passphrase-file --trusted-key --signatures-needed --signature
+    --client-cert --client-key --proxy --trusted-key --signatures-needed --header-file --netrc-file \
+    --retry --max-download --max-output --log-level --log-format --log-file --log-target \
+    --accept-codes --keep-for --digest --passphrase-file --signature
 
 # The words before the cursor without options and their values: the command and its arguments.
 function __varn_scripts_words
@@ -71,6 +71,8 @@ complete -c varn-scripts -l ca-file -r -F -d 'authorities to trust'
 complete -c varn-scripts -l client-cert -r -F -d 'client certificate'
 complete -c varn-scripts -l client-key -r -F -d 'key of the client certificate'
 complete -c varn-scripts -l proxy -x -d 'proxy'
+complete -c varn-scripts -l trusted-key -r -F -d 'a key by which the list must be signed'
+complete -c varn-scripts -l signatures-needed -x -d 'how many of the keys have to have signed'
 complete -c varn-scripts -l header-file -r -F -d 'more headers for the server'
 complete -c varn-scripts -l netrc-file -r -F -d 'login for the server'
 complete -c varn-scripts -l retry -x -d 'how often a download that failed is tried again'
@@ -127,6 +129,4 @@ complete -c varn-scripts -n '__varn_scripts_after key generate' -l passphrase-fi
 
 complete -c varn-scripts -n '__varn_scripts_after key show' -l passphrase-file -r -F -d 'where the passphrase is'
 
-complete -c varn-scripts -n '__varn_scripts_after key verify' -l trusted-key -r -F -d 'a key whose signature counts'
-complete -c varn-scripts -n '__varn_scripts_after key verify' -l signatures-needed -x -d 'how many keys have to have signed'
 complete -c varn-scripts -n '__varn_scripts_after key verify' -l signature -r -F -d 'file of a signature'

@@ -47,8 +47,6 @@ _varn_scripts_key() {
           ;;
         verify)
           _arguments $settings \
-            '*--trusted-key[a key whose signature counts]:key:_files' \
-            '--signatures-needed[how many keys have to have signed]:number:' \
             '*--signature[file of a signature]:file:_files' \
             '1:list:_files'
           ;;
@@ -71,6 +69,8 @@ _varn_scripts() {
     '--client-cert[client certificate]:file:_files'
     '--client-key[key of the client certificate]:file:_files'
     '--proxy[proxy]:location:'
+    '*--trusted-key[a key by which the list must be signed]:key:_files'
+    '--signatures-needed[how many of the keys have to have signed]:number:'
     '--header-file[more headers for the server]:file:_files'
     '--netrc-file[login for the server]:file:_files'
     '--retry[how often a download that failed is tried again]:number:'

@@ -1,5 +1,5 @@
 // What all callers of the operating system need beside its calls: interrupted ones are repeated,
-// errors have words, whole texts are written, files are told from their names. Any thread.
+// errors have words, whole texts are read and written, a file is told from its names. Any thread.
 
 #pragma once
 
@@ -32,6 +32,15 @@ auto retryOnInterrupt(Call&& call) {
   }
 }
 
+/// Whether the call on `fd` that has just failed can be made again: somebody has left the
+/// descriptor non-blocking, and now, after a wait, it is ready for `events`. When not, `errno` says
+/// why.
+[[nodiscard]] inline bool isReadyNow(int fd, short events) {
+  if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
+  pollfd waited{fd, events, 0};
+  return retryOnInterrupt([&] { return ::poll(&waited, 1, -1); }) >= 0;
+}
+
 /// Writes all of `bytes`, also to a descriptor that somebody has left non-blocking. After an error,
 /// `error` says why, and a beginning of the bytes may have been written.
 inline void writeAll(int fd, std::string_view bytes, std::error_code& error) {
@@ -43,13 +52,28 @@ inline void writeAll(int fd, std::string_view bytes, std::error_code& error) {
       bytes.remove_prefix(static_cast<std::size_t>(written));
       continue;
     }
-    if (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-      pollfd writable{fd, POLLOUT, 0};
-      if (retryOnInterrupt([&] { return ::poll(&writable, 1, -1); }) >= 0) continue;
-    }
+    if (written < 0 && isReadyNow(fd, POLLOUT)) continue;
     error = written == 0 ? std::make_error_code(std::errc::io_error) : lastError();
     return;
   }
+}
+
+/// Reads into `buffer` until its `size` bytes are full or the end of `fd` has come, also from a
+/// descriptor that somebody has left non-blocking. Gives how many bytes came; after an error these
+/// came before it.
+[[nodiscard]] inline std::size_t readInto(int fd, void* buffer, std::size_t size,
+                                          std::error_code& error) {
+  error.clear();
+  std::size_t held = 0;
+  while (held < size) {
+    const ssize_t count = retryOnInterrupt(
+        [&] { return ::read(fd, static_cast<char*>(buffer) + held, size - held); });
+    if (count > 0) held += static_cast<std::size_t>(count);
+    if (count > 0 || (count < 0 && isReadyNow(fd, POLLIN))) continue;
+    if (count < 0) error = lastError();
+    break;
+  }
+  return held;
 }
 
 /// The path of the directory that `path` names something in: "/a" of "/a/b", "." of "b".

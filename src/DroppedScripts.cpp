@@ -6,6 +6,7 @@
 #include <exception>
 #include <map>
 #include <memory>
+#include <new>
 #include <optional>
 #include <set>
 #include <string>
@@ -104,12 +105,20 @@ void keepWhatLiesElsewhere(Store& store, const std::vector<Dropped>& scripts) {
   }
 }
 
-/// The store's own connection; null when it can't be opened, of which the removal's lines tell.
-std::unique_ptr<Store> openStore() {
-  return guarded(std::unique_ptr<Store>{}, [] {
-    return std::make_unique<Store>(ScriptRepositoryConstants::FilePath::scriptRepository(),
-                                   ScriptRepositoryConstants::TableNames::scriptToMeta);
-  });
+/// The store's own connection; null when it can't be opened, of which the removal's lines tell, and
+/// `reason`.
+std::unique_ptr<Store> openStore(std::string& reason) {
+  const std::string& path = ScriptRepositoryConstants::FilePath::scriptRepository();
+  try {
+    return std::make_unique<Store>(path, ScriptRepositoryConstants::TableNames::scriptToMeta);
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception& error) {
+    reason = "Store " + path + " can't be opened: " + error.what();
+  } catch (...) {
+    reason = "Store " + path + " can't be opened";
+  }
+  return nullptr;
 }
 
 /// What a turn is for: an ID, and the file that its record leads to.
@@ -121,6 +130,7 @@ bool isIn(const Taken& taken, const Dropped& script) {
 
 std::vector<std::string> idsOf(const std::vector<Dropped>& scripts) {
   std::vector<std::string> ids;
+  ids.reserve(scripts.size());
   for (const Dropped& script : scripts) ids.push_back(script.scriptID);
   return ids;
 }
@@ -139,7 +149,8 @@ ScriptRemoval removeNow(Store& store, const std::vector<Dropped>& dropped) {
 }
 
 ScriptRemoval remove(ScriptTurn& turn) {
-  const std::unique_ptr<Store> store = openStore();
+  std::string noStore;
+  const std::unique_ptr<Store> store = openStore(noStore);
   Taken taken;
   while (true) {
     std::vector<Dropped> dropped;
@@ -149,7 +160,7 @@ ScriptRemoval remove(ScriptTurn& turn) {
       const auto serverIDs = listedIDs();
       if (!serverIDs || !store) {
         ScriptRepositoryProcessor::removeServerRemovedScripts();
-        return {{}, serverIDs ? "" : "No list of the server is loaded"};
+        return {{}, serverIDs ? noStore : "No list of the server is loaded"};
       }
       dropped = droppedScripts(*store, *serverIDs);
       if (std::ranges::all_of(dropped, [&taken](const auto& one) { return isIn(taken, one); })) {

@@ -1,6 +1,5 @@
 #include "LoadedList.h"
 
-#include <shared_mutex>
 #include <utility>
 
 #include "Directories.h"
@@ -20,9 +19,10 @@ std::mutex& loading() {
   return mutex;
 }
 
-/// Held while the entries in memory are read, or changed. After `loading` when both are.
-std::shared_mutex& entries() {
-  static std::shared_mutex& mutex = *new std::shared_mutex;
+/// Held while the entries in memory are read, or changed. After `loading` when both are. Not shared
+/// by those who read: enough of them would keep out for ever who brings another list.
+std::mutex& entries() {
+  static std::mutex& mutex = *new std::mutex;
   return mutex;
 }
 
@@ -32,14 +32,14 @@ struct LookUp {
 };
 
 LookUp lookUp(const std::string& scriptID) {
-  const std::shared_lock lock(entries());
+  const std::lock_guard lock(entries());
   const auto& list = ScriptRepositoryMetaProcessor::shared();
   if (!list.scriptRepoMetaData()) return {};
   return {true, list.getScriptRepoForID(scriptID)};
 }
 
 bool isLoaded() {
-  const std::shared_lock lock(entries());
+  const std::lock_guard lock(entries());
   return ScriptRepositoryMetaProcessor::shared().scriptRepoMetaData().has_value();
 }
 
@@ -68,7 +68,7 @@ std::optional<ScriptRepositoryMeta> entryInList(const std::string& scriptID) {
 }
 
 std::optional<std::vector<std::string>> listedIDs() {
-  const std::shared_lock lock(entries());
+  const std::lock_guard lock(entries());
   const auto& container = ScriptRepositoryMetaProcessor::shared().scriptRepoAllMetaData();
   if (!container) return std::nullopt;
   return container->getAllAvailableScriptIDs();

@@ -11,6 +11,7 @@
 
 #include "AgentUtils.h"
 #include "Directories.h"
+#include "DocumentTest.h"
 #include "LoadedList.h"
 #include "MarkupParser.h"
 #include "ObjectRuntimeRegistration.h"
@@ -89,8 +90,9 @@ ProcessingResult ScriptRequest::processScript() {
                                server->modifiedTime + " Local Version " +
                                localVersion.value_or("--");
   // The script file itself is not looked at here: the checksum test does that.
-  const bool upToDate =
-      isSameVersion(localVersion, server->modifiedTime) && files::exists(scriptDataFilePath);
+  const bool upToDate = isSameVersion(localVersion, server->modifiedTime) &&
+                        files::exists(scriptDataFilePath) &&
+                        isDocumentOf(*server, scriptDataFilePath);
   // A path on which memory runs out has failed, and its status line comes as ever.
   auto result = guarded(ProcessingResult{}, [&] {
     if (upToDate) {

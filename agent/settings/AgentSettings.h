@@ -14,6 +14,14 @@
 
 namespace AgentUtils {
 
+/// What became of the server's list while keys are trusted.
+struct ListJudgement {
+  std::string refusal{};                ///< why it does not count, a sentence; empty when it does
+  std::vector<std::string> signedBy{};  ///< the names of the keys: "293CBC668E52E64C"
+  std::uint64_t serial = 0;             ///< the highest that they have signed
+  std::string expires{};                ///< when it counts no more: "2026-12-22T11:30:00Z"
+};
+
 /// The settings of the bundled modules. An empty text means "not given".
 struct AgentSettings {
   std::string basePath{};  ///< absolute, no trailing slash
@@ -32,6 +40,20 @@ struct AgentSettings {
   /// A file in the netrc format with a login for the server's host; none is looked for when empty.
   /// Read with every download. Who else may read it is the host's to look at.
   std::string netrcFile{};
+  /// The public keys whose signatures on the server's list count, in the format of minisign: a line
+  /// that begins with "RW" for each. With any, the list is taken only when enough of them have
+  /// signed it, not yet expired and not older than what was accepted before; everything else only
+  /// from a path that has the SHA-256 of its content in its name. Without any, what comes from the
+  /// server is taken. A host that sets this has local documents held against the list as well:
+  /// `VarnScriptRepository::setDocumentTest(AgentUtils::isBoundDocument)`.
+  std::vector<std::string> trustedKeys{};
+  /// How many different ones of the keys have to have signed a list.
+  std::uint32_t signaturesNeeded = 1;
+  /// Whether it is remembered which lists were accepted, in the data directory. A host that only
+  /// looks, and changes nothing, leaves it: then a list is held against what is remembered.
+  bool remembersLists = true;
+  /// The time, in place of the system's clock. May be empty.
+  std::function<std::chrono::system_clock::time_point()> clock{};
   /// How the downloader names itself to servers; "VarnScriptRepository/" and the library's version
   /// when empty.
   std::string userAgent{};
@@ -63,6 +85,9 @@ struct AgentSettings {
   /// the test of its checksum, and why, on that thread; after the log's line. May be empty; what it
   /// throws is of no consequence.
   std::function<void(const std::string& subject, const std::string& cause)> onFailure{};
+  /// Called after the server's list was judged by its signatures, and has taken its place when it
+  /// counts, on the downloading thread. May be empty; what it throws is of no consequence.
+  std::function<void(const ListJudgement& judgement)> onListJudged{};
   /// Called after a row of the store was written with its key, on the writing thread. What it
   /// throws reaches the writer as a failed write. May be empty.
   std::function<void(const std::string& key)> afterRowWrite{};
@@ -75,9 +100,10 @@ struct AgentSettings {
 ///
 /// Throws `std::invalid_argument` when they would put files where the host did not mean, such as
 /// into the root directory: without a base path, with a relative base or data path, and with a
-/// customer ID that is no one component of a path. `what()` is a sentence that names the member
-/// ("AgentSettings::basePath is relative: agent"). Then the settings taken over before are still in
-/// force.
+/// customer ID that is no one component of a path; and when no list could be accepted: with a
+/// trusted key that is none, more signatures needed than there are keys, or a customer ID that no
+/// signature can name. `what()` is a sentence that names the member ("AgentSettings::basePath is
+/// relative: agent"). Then the settings taken over before are still in force.
 VARN_EXPORT void configure(AgentSettings settings);
 
 /// The settings taken over last, the data path filled in; all empty before.
@@ -85,8 +111,16 @@ VARN_EXPORT void configure(AgentSettings settings);
 
 /// Starts the libraries behind downloads over HTTP and HTTPS, which otherwise start with the first
 /// one: what they take from the environment (OPENSSL_CONF, SSLKEYLOGFILE) they take here. Writes a
-/// warning to the log when the server is a plain http:// one on another computer. Called once,
-/// after `configure`, by a host that cares about either.
+/// warning to the log when the server is a plain http:// one on another computer and no key is
+/// trusted, and before that
+/// a line that says whether lists are verified. Called once, after `configure`, by a host that
+/// cares about any of it.
 VARN_EXPORT void prepareDownloads();
+
+/// Whether the data document at `path` on this computer is the one that `serverPath` in the list
+/// names by its SHA-256; true for every document while no key is trusted. The file is only read.
+/// Any thread; never throws: what can't be read is not that document.
+[[nodiscard]] VARN_EXPORT bool isBoundDocument(const std::string& path,
+                                               const std::string& serverPath) noexcept;
 
 }  // namespace AgentUtils

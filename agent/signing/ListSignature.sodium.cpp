@@ -90,7 +90,7 @@ std::variant<ListSignature, Refusal> parseSignature(std::string_view text) {
 
 std::string signatureFile(const ListSignature& signature) {
   Packed packed;
-  auto next = std::copy(kHashed.begin(), kHashed.end(), packed.begin());
+  unsigned char* next = std::copy(kHashed.begin(), kHashed.end(), packed.data());
   next = std::copy(signature.key.begin(), signature.key.end(), next);
   std::copy(signature.overList.begin(), signature.overList.end(), next);
   return std::string(kUntrustedComment) + "signature from minisign secret key\n" +

@@ -26,6 +26,7 @@ struct PublicKey {
   KeyNumber number{};
   std::array<unsigned char, 32> point{};
 
+  // NOLINTNEXTLINE(modernize-use-nullptr): the comparison's own zero is no pointer.
   auto operator<=>(const PublicKey&) const = default;
 };
 

@@ -65,7 +65,7 @@ std::variant<PublicKey, Refusal> parsePublicKey(std::string_view text) {
 
 std::string publicKeyLine(const PublicKey& key) {
   Packed packed;
-  auto next = std::copy(kAlgorithm.begin(), kAlgorithm.end(), packed.begin());
+  unsigned char* next = std::copy(kAlgorithm.begin(), kAlgorithm.end(), packed.data());
   next = std::copy(key.number.begin(), key.number.end(), next);
   std::copy(key.point.begin(), key.point.end(), next);
   return base64Text(packed);

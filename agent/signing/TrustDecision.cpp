@@ -90,7 +90,7 @@ class Judging {
   }
 
  private:
-  /// Which of several reasons is told: what a trusted key has to do with says most.
+  /// Which of several reasons is reported: what a trusted key has to do with says most.
   enum class Weight { none, unknownKey, unreadable, trusted };
 
   void take(const std::string& file, const ListHash& hash) {
@@ -227,6 +227,16 @@ class Judging {
 };
 
 }  // namespace
+
+std::string whoSigned(const Acceptance& accepted) {
+  std::string text = "signed by ";
+  for (const PublicKey& key : accepted.signedBy) {
+    if (key != accepted.signedBy.front()) text += " and ";
+    text += keyName(key.number);
+  }
+  return text + " for the customer " + accepted.state.customer + ", serial " +
+         std::to_string(accepted.serial) + ", until " + utcTimeText(accepted.expires);
+}
 
 Judgement judgeList(std::string_view list, const std::vector<std::string>& signatureFiles,
                     const TrustPolicy& policy, const TrustState& remembered, UTCTime clock) {

@@ -47,6 +47,10 @@ struct Acceptance {
 
 using Judgement = std::variant<Acceptance, Refusal>;
 
+/// "signed by 293CBC668E52E64C and CCC333B19BA09674 for the customer acme, serial 7, until
+/// 2026-12-22T11:30:00Z".
+[[nodiscard]] std::string whoSigned(const Acceptance& accepted);
+
 /// Judges the bytes of a list by the signature files that came with it, in any order and number,
 /// among them some that are none. `remembered` is the state so far, `clock` the time of this
 /// computer.

@@ -61,4 +61,7 @@ class TrustStateFile {
 /// Where the state lies in the agent's data directory `dataPath`.
 [[nodiscard]] std::string trustStatePath(const std::string& dataPath);
 
+/// The file beside the state at `path` that is locked while lists are judged.
+[[nodiscard]] std::string lockOfTrustState(const std::string& path);
+
 }  // namespace AgentUtils::signing

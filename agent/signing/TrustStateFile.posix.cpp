@@ -89,7 +89,7 @@ Judgement TrustStateFile::judged(const std::function<Judgement(const TrustState&
                                  const std::function<void()>& use) const {
   // A parent that can't be made shows when the lock can't.
   static_cast<void>(FileUtils().createDirectory(posix::directoryOf(path_), true));
-  const std::string lockPath = path_ + ".lock";
+  const std::string lockPath = lockOfTrustState(path_);
   const FileDescriptor lock(retryOnInterrupt([&] {
     return ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
                   kFileMode);
@@ -126,5 +126,7 @@ std::optional<Refusal> TrustStateFile::write(const TrustState& state) const {
 std::string trustStatePath(const std::string& dataPath) {
   return dataPath + "/Configuration-Framework/AcceptedLists";
 }
+
+std::string lockOfTrustState(const std::string& path) { return path + ".lock"; }
 
 }  // namespace AgentUtils::signing

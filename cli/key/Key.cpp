@@ -10,8 +10,9 @@
 #include "CommandLine.h"
 #include "Digest.h"
 #include "ExitStatus.h"
-#include "RegularFile.h"
 #include "StandardStreams.h"
+#include "TrustedKeys.h"
+#include "WholeFiles.h"
 #include "key/KeyFiles.h"
 #include "key/Passphrase.h"
 #include "key/SecretKey.h"
@@ -26,6 +27,9 @@ using keys::Passphrase;
 using keys::PublicKey;
 using keys::Refusal;
 using keys::SecretKey;
+using posix::LastLink;
+using posix::readRegularFile;
+using posix::whyNotRead;
 
 int report(const std::string& sentence, int exitStatus) {
   writeErrorLine("varn-scripts: " + sentence);
@@ -106,27 +110,6 @@ signing::UTCTime now() {
   return std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
 }
 
-std::string whatIsSigned(const std::string& list, const signing::Acceptance& accepted) {
-  std::string text = list + ": signed by ";
-  for (const PublicKey& key : accepted.signedBy) {
-    if (key != accepted.signedBy.front()) text += " and ";
-    text += signing::keyName(key.number);
-  }
-  return text + " for the customer " + accepted.state.customer + ", serial " +
-         std::to_string(accepted.serial) + ", until " + signing::utcTimeText(accepted.expires);
-}
-
-std::variant<signing::TrustPolicy, Refusal> policyOf(const KeyOptions& options) {
-  signing::TrustPolicy policy;
-  policy.needed = options.signaturesNeeded;
-  for (const std::string& given : options.trustedKeys) {
-    auto key = keys::publicKeyGiven(given);
-    if (auto* const why = std::get_if<Refusal>(&key)) return std::move(*why);
-    policy.keys.push_back(std::get<PublicKey>(key));
-  }
-  return policy;
-}
-
 }  // namespace
 
 int generateKey(const CommandLine& line, const Settings& /*settings*/) {
@@ -164,17 +147,14 @@ int showKey(const CommandLine& line, const Settings& /*settings*/) {
 
 int verifyList(const CommandLine& line, const Settings& settings) {
   const KeyOptions& options = line.key;
-  auto policyOrWhy = policyOf(options);
-  if (const auto* const why = std::get_if<Refusal>(&policyOrWhy)) {
-    return report(why->sentence, kExitUsage);
+  auto trusted = trustedKeysOf(settings);
+  if (const auto* const error = std::get_if<SettingsError>(&trusted)) {
+    return report(error->line, kExitUsage);
   }
-  auto& policy = std::get<signing::TrustPolicy>(policyOrWhy);
-  if (policy.needed == 0 || policy.needed > policy.keys.size()) {
-    return report("--signatures-needed must be a number from 1 to that of the trusted keys",
-                  kExitUsage);
-  }
+  signing::TrustPolicy policy{
+      std::move(std::get<std::vector<PublicKey>>(trusted)), settings.agent.signaturesNeeded, {}};
   std::error_code error;
-  const RegularFile list = readRegularFile(options.file, LastLink::follow, error);
+  const posix::RegularFile list = readRegularFile(options.file, LastLink::follow, error);
   if (error) {
     return report("the list " + options.file + " can't be read: " + whyNotRead(error), kExitNotRun);
   }
@@ -192,7 +172,7 @@ int verifyList(const CommandLine& line, const Settings& settings) {
     return report(options.file + ": " + why->sentence, kExitRejected);
   }
   const auto& accepted = std::get<signing::Acceptance>(judgement);
-  return writeOutput(whatIsSigned(options.file, accepted) + "\n") ? kExitSuccess : kExitNotRun;
+  return writeOutput(options.file + ": " + whoSigned(accepted) + "\n") ? kExitSuccess : kExitNotRun;
 }
 
 }  // namespace VarnScripts

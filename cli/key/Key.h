@@ -14,12 +14,10 @@ struct CommandLine;
 
 /// What the commands take beside the settings.
 struct KeyOptions {
-  std::string file;                      ///< a key; of `verify` the list
-  std::string passphraseFile;            ///< empty: the terminal is asked
-  bool noPassphrase = false;             ///< of `generate`
-  std::vector<std::string> trustedKeys;  ///< of `verify`: lines or files of public keys
-  std::size_t signaturesNeeded = 1;      ///< of `verify`
-  std::vector<std::string> signatures;   ///< of `verify`: files; none means those beside the list
+  std::string file;                     ///< a key; of `verify` the list
+  std::string passphraseFile;           ///< empty: the terminal is asked
+  bool noPassphrase = false;            ///< of `generate`
+  std::vector<std::string> signatures;  ///< of `verify`: files; none means those beside the list
 };
 
 /// Makes a key: the secret one at the path that was given, the public one in a file of that name
@@ -30,8 +28,8 @@ int generateKey(const CommandLine& line, const Settings& settings);
 /// Writes the public key of a secret or public key to standard output, likewise.
 int showKey(const CommandLine& line, const Settings& settings);
 
-/// Tells whether a list is signed by enough of the keys that are trusted, likewise. When a customer
-/// is set, it must be signed for that one.
+/// Tells whether a list is signed by enough of the keys that `settings` trusts, likewise. When a
+/// customer is set, it must be signed for that one.
 int verifyList(const CommandLine& line, const Settings& settings);
 
 }  // namespace VarnScripts

@@ -1,6 +1,5 @@
 #include "key/KeyFiles.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,14 +7,10 @@
 #include <utility>
 
 #include "Calls.h"
-#include "FileDescriptor.h"
 #include "WholeFiles.h"
 
 namespace VarnScripts::keys {
 namespace {
-
-using posix::FileDescriptor;
-using posix::retryOnInterrupt;
 
 constexpr mode_t kSecretMode = S_IRUSR | S_IWUSR;
 constexpr mode_t kPublicMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH;
@@ -50,23 +45,15 @@ std::variant<KeyFile, Refusal> readKeyFile(const std::string& path) {
   const auto refusal = [&path](const std::string& why) {
     return Refusal{"the key " + path + " can't be read: " + why};
   };
-  // Without waiting: a FIFO would hold whoever opens it.
-  const FileDescriptor file(
-      retryOnInterrupt([&] { return ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }));
-  struct stat status {};
-  if (!file || ::fstat(file.get(), &status) != 0) return refusal(posix::lastError().message());
-  if (!S_ISREG(status.st_mode)) return refusal("it is not a regular file");
-  KeyFile result{{}, openToOthers(status)};
+  std::error_code error;
+  const posix::OpenedFile opened = posix::openRegularFile(path, posix::LastLink::follow, error);
+  if (error) return refusal(posix::whyNotRead(error));
+  KeyFile result{{}, openToOthers(opened.status)};
   KeyText& text = result.text;
-  while (true) {
-    const std::size_t filled = text.size();
-    if (filled == kLongestKeyFile) return refusal("it is too long for a key");
-    const ssize_t count = retryOnInterrupt(
-        [&] { return ::read(file.get(), text.data() + filled, kLongestKeyFile - filled); });
-    if (count < 0) return refusal(posix::lastError().message());
-    if (count == 0) return result;
-    text.resize(filled + static_cast<std::size_t>(count));
-  }
+  text.resize(posix::readInto(opened.descriptor.get(), text.data(), kLongestKeyFile, error));
+  if (error) return refusal(error.message());
+  if (text.size() == kLongestKeyFile) return refusal("it is too long for a key");
+  return result;
 }
 
 std::variant<SecretKey, Refusal> secretKeyIn(const std::string& path, const AskPassphrase& ask) {

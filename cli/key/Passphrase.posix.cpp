@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/select.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -25,14 +26,14 @@ using Answer = std::variant<Passphrase, Refusal>;
 Refusal refusal(const std::string& why) { return {"the passphrase " + why}; }
 
 // Bytes up to the first line break or the end, one at a time: nothing behind them is taken from a
-// pipe that others read as well. `wasStopped` is looked at when a signal has interrupted the wait.
-template <class WasStopped>
-Answer firstLine(int fd, const WasStopped& wasStopped) {
+// pipe that others read as well. `mayRead` is called before each, and says whether to go on.
+template <class MayRead>
+Answer firstLine(int fd, const MayRead& mayRead) {
   Passphrase line;
   while (true) {
+    if (!mayRead()) return refusal("was not given");
     char c = '\0';
-    const ssize_t count = ::read(fd, &c, 1);
-    if (count < 0 && errno == EINTR && !wasStopped()) continue;
+    const ssize_t count = posix::retryOnInterrupt([&] { return ::read(fd, &c, 1); });
     if (count < 0) return refusal("can't be read: " + posix::lastError().message());
     if (count == 0 || c == '\n') break;
     const bool fits = line.add({&c, 1});
@@ -48,11 +49,16 @@ volatile sig_atomic_t caughtSignal = 0;
 
 void noteSignal(int signal) { caughtSignal = signal; }
 
-/// Has the signals that end a process noted, for as long as it lives.
+/// Has the signals that end a process noted, for as long as it lives: while this thread waits for
+/// a key, and at no other moment, or one could come right before a wait that then never ends.
 class NotedSignals {
  public:
   NotedSignals() {
     caughtSignal = 0;
+    sigset_t noted;
+    sigemptyset(&noted);
+    for (const int signal : kSignals) sigaddset(&noted, signal);
+    ::pthread_sigmask(SIG_BLOCK, &noted, &maskBefore_);
     struct sigaction note {};
     note.sa_handler = noteSignal;
     for (std::size_t i = 0; i < kSignals.size(); ++i) {
@@ -64,14 +70,29 @@ class NotedSignals {
   NotedSignals(const NotedSignals&) = delete;
   NotedSignals& operator=(const NotedSignals&) = delete;
   ~NotedSignals() {
+    // The mask first: what has come after the last wait is noted, too.
+    ::pthread_sigmask(SIG_SETMASK, &maskBefore_, nullptr);
     for (std::size_t i = 0; i < kSignals.size(); ++i) {
       ::sigaction(kSignals[i], &before_[i], nullptr);
     }
   }
 
+  /// Waits for something to read, or a signal; whether none has come.
+  [[nodiscard]] bool waitForKey(int terminal) const {
+    while (caughtSignal == 0) {
+      fd_set keys;
+      FD_ZERO(&keys);
+      FD_SET(terminal, &keys);
+      const int ready = ::pselect(terminal + 1, &keys, nullptr, nullptr, nullptr, &maskBefore_);
+      if (ready >= 0 || errno != EINTR) break;
+    }
+    return caughtSignal == 0;
+  }
+
  private:
   static constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
   std::array<struct sigaction, kSignals.size()> before_{};
+  sigset_t maskBefore_{};
 };
 
 /// A terminal that shows nothing of what is typed, for as long as it lives.
@@ -106,7 +127,7 @@ Answer ask(int terminal, const std::string& question) {
   if (!silent.isSilent()) return refusal("can't be asked for: the terminal can't be made silent");
   std::error_code ignored;
   posix::writeAll(terminal, question, ignored);
-  Answer answer = firstLine(terminal, [] { return caughtSignal != 0; });
+  Answer answer = firstLine(terminal, [&] { return signals.waitForKey(terminal); });
   // The line break that was typed was not shown either.
   posix::writeAll(terminal, "\n", ignored);
   return answer;
@@ -116,7 +137,7 @@ Answer ask(int terminal, const std::string& question) {
 
 Answer askForPassphrase(const std::string& question) {
   const FileDescriptor terminal(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
-  if (!terminal) {
+  if (!terminal || terminal.get() >= FD_SETSIZE) {
     return refusal("can't be asked for without a terminal: give it with --passphrase-file");
   }
   Answer answer = ask(terminal.get(), question);
@@ -136,7 +157,7 @@ Answer passphraseIn(const std::string& path) {
   if (S_ISREG(status.st_mode) && isOpen) {
     return unreadable("others than its owner may use it; chmod 600 mends that");
   }
-  return firstLine(file.get(), [] { return false; });
+  return firstLine(file.get(), [] { return true; });
 }
 
 }  // namespace VarnScripts::keys

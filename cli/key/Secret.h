@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <span>
@@ -17,15 +18,15 @@ template <std::size_t capacity>
 class Secret {
  public:
   Secret() = default;
-  Secret(Secret&& other) noexcept : bytes_(other.bytes_), size_(other.size_) { other.clear(); }
+  Secret(Secret&& other) noexcept : bytes_(other.bytes_), size_(other.size_) { other.forget(); }
   Secret& operator=(Secret&& other) noexcept {
     if (this == &other) return *this;
     bytes_ = other.bytes_;
     size_ = other.size_;
-    other.clear();
+    other.forget();
     return *this;
   }
-  ~Secret() { clear(); }
+  ~Secret() { forget(); }
 
   /// Room for `capacity` bytes, of which `size()` count.
   [[nodiscard]] unsigned char* data() { return bytes_.data(); }
@@ -40,14 +41,13 @@ class Secret {
 
   /// Adds what there is room for. False when that was not all.
   bool add(std::string_view text) {
-    for (const char c : text) {
-      if (size_ == capacity) return false;
-      bytes_[size_++] = static_cast<unsigned char>(c);
-    }
-    return true;
+    const std::size_t added = std::min(text.size(), capacity - size_);
+    std::copy_n(text.begin(), added, bytes_.begin() + size_);
+    size_ += added;
+    return added == text.size();
   }
 
-  void clear() {
+  void forget() {
     wipe(bytes_.data(), capacity);
     size_ = 0;
   }

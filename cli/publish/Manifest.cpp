@@ -10,7 +10,8 @@
 namespace VarnScripts::publishing {
 namespace {
 
-// One value of a script: its key and the member that takes it. In the order in which they are told.
+// One value of a script: its key and the member that takes it. In the order in which they are
+// reported.
 struct ScriptKey {
   std::string_view name;
   ManifestText ManifestScript::*member;

@@ -13,8 +13,8 @@
 #include "Calls.h"
 #include "Digest.h"
 #include "Reason.h"
-#include "RegularFile.h"
 #include "StandardStreams.h"
+#include "WholeFiles.h"
 #include "publish/SyncFiles.h"
 
 namespace VarnScripts::publishing {
@@ -35,6 +35,9 @@ constexpr const char* kContentParts[] = {"data", "files"};
 using posix::directoryOf;
 using posix::FileDescriptor;
 using posix::lastError;
+using posix::LastLink;
+using posix::readRegularFile;
+using posix::RegularFile;
 using posix::retryOnInterrupt;
 
 // The names in a directory; empty with `error` set when it can't be read.

@@ -7,7 +7,7 @@
 #include <unordered_set>
 #include <utility>
 
-#include "RegularFile.h"
+#include "WholeFiles.h"
 #include "publish/Names.h"
 #include "publish/ScriptChecks.h"
 #include "publish/SourceDirectory.h"
@@ -59,9 +59,10 @@ class SourceReader {
 
   Source read() {
     std::error_code error;
-    const std::string text = readRegularFile(manifestPath_, LastLink::follow, error).bytes;
+    const std::string text =
+        posix::readRegularFile(manifestPath_, posix::LastLink::follow, error).bytes;
     if (error) {
-      findings_.refuse({manifestPath_}, "the manifest can't be read: " + whyNotRead(error),
+      findings_.refuse({manifestPath_}, "the manifest can't be read: " + posix::whyNotRead(error),
                        "publish takes a directory with a manifest of this name");
       return {};
     }
@@ -198,9 +199,9 @@ class SourceReader {
     });
     std::sort(unnamed.begin(), unnamed.end());
     const std::string remedy = "give it an entry, or move it out of the directory";
-    std::size_t told = 0;
+    std::size_t reported = 0;
     for (const std::string& name : unnamed) {
-      if (++told > kMostUnnamedFiles) break;
+      if (++reported > kMostUnnamedFiles) break;
       findings_.warn({options_.directory + "/" + name},
                      "no entry of the manifest names the file, so it is not published", remedy);
     }

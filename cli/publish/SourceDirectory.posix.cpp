@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "Calls.h"
-#include "RegularFile.h"
+#include "WholeFiles.h"
 
 namespace VarnScripts::publishing {
 namespace {
@@ -24,18 +24,19 @@ std::string resolved(const std::string& path, std::error_code& error) {
 std::string SourceDirectory::read(const std::string& name, std::error_code& error,
                                   std::uint64_t mostBytes) {
   // A name without a slash leads out of the directory through a link alone.
-  RegularFile file = readRegularFile(path_ + "/" + name, LastLink::refuse, error, mostBytes);
+  posix::RegularFile file =
+      posix::readRegularFile(path_ + "/" + name, posix::LastLink::refuse, error, mostBytes);
   if (error != std::errc::too_many_symbolic_link_levels) return std::move(file.bytes);
   error.clear();
   const std::string path = resolvedLink(name, error);
   if (error) return {};
-  return readRegularFile(path, LastLink::refuse, error, mostBytes).bytes;
+  return posix::readRegularFile(path, posix::LastLink::refuse, error, mostBytes).bytes;
 }
 
 std::string SourceDirectory::resolvedLink(const std::string& name, std::error_code& error) {
   if (root_.empty()) root_ = resolved(path_, error);
   if (error) return {};
-  const std::string path = resolved(path_ + "/" + name, error);
+  std::string path = resolved(path_ + "/" + name, error);
   if (error) return {};
   const std::string beginning = root_ == "/" ? root_ : root_ + "/";
   if (!path.starts_with(beginning)) {

@@ -1,5 +1,5 @@
 // What a host does around its requests: it has the server's list loaded anew, removes what the
-// server dropped, and takes the turn of a script ID.
+// server dropped, takes the turn of a script ID, and has local documents held against the list.
 //
 //     using namespace VarnScriptRepository;
 //     reloadServerList();  // without success requests go on with the list that they have
@@ -38,6 +38,16 @@ namespace VarnScriptRepository {
 /// The list is also what `ScriptRepositoryProcessor::removeServerRemovedScripts` goes by from then
 /// on, by whatever way it is called.
 VARN_EXPORT bool reloadServerList() noexcept;
+
+/// Tells whether the data document at `path` on this computer is the one that the list names as
+/// `serverPath`. May be called by several threads at the same time; when it throws, it is not.
+using DocumentTest = bool (*)(const std::string& path, const std::string& serverPath);
+
+/// Has the local data document of every script held against the list from now on: one that `test`
+/// says no to is not used but fetched anew, as though it were not there. Null, as it is to begin
+/// with: whatever is there is used while its version is the list's. Called before the first
+/// request.
+VARN_EXPORT void setDocumentTest(DocumentTest test) noexcept;
 
 struct HeldTurns;
 

@@ -1,4 +1,4 @@
-// What the operating system can be told about the use of memory, and asked.
+// What the operating system can be told about the use of memory.
 
 #pragma once
 
@@ -10,9 +10,5 @@ namespace VarnScriptRepository::platform {
 /// system may then provide it in larger pages, which takes a fraction of the time. Its content and
 /// `errno` stay as they are.
 void useLargePages(void* begin, std::size_t size) noexcept;
-
-/// Whether a text of `size` bytes can be in this computer's memory at all. A system that promises
-/// memory which it does not have would only end the process when it is used.
-[[nodiscard]] bool canHold(std::size_t size) noexcept;
 
 }  // namespace VarnScriptRepository::platform

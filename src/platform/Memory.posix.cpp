@@ -1,7 +1,6 @@
 #include "platform/Memory.h"
 
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <memory>
@@ -24,12 +23,5 @@ void useLargePages(void* begin, std::size_t size) noexcept {
 // The system chooses by itself.
 void useLargePages(void* /*begin*/, std::size_t /*size*/) noexcept {}
 #endif
-
-bool canHold(std::size_t size) noexcept {
-  const long pages = ::sysconf(_SC_PHYS_PAGES);
-  const long pageSize = ::sysconf(_SC_PAGESIZE);
-  if (pages <= 0 || pageSize <= 0) return true;
-  return size / static_cast<std::size_t>(pageSize) <= static_cast<std::size_t>(pages);
-}
 
 }  // namespace VarnScriptRepository::platform

@@ -166,7 +166,7 @@ VARN_BLOCKS inline Bytes lessAtLeast0(Bytes bytes, Byte by) {
   return _mm256_subs_epu8(bytes, same(by));
 }
 VARN_BLOCKS inline bool isAnySet(Bytes bits) { return _mm256_testz_si256(bits, bits) == 0; }
-bool hasBlocks() { return __builtin_cpu_supports("avx2") != 0; }
+bool hasBlocks() { return static_cast<bool>(__builtin_cpu_supports("avx2")); }
 #else
 using Bytes = uint8x16_t;
 inline Bytes load(const Byte* from) { return vld1q_u8(from); }

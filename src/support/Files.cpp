@@ -10,7 +10,9 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <new>
 #include <string_view>
@@ -18,6 +20,7 @@
 #include <vector>
 
 #include "Calls.h"
+#include "WholeFiles.h"
 #include "platform/Memory.h"
 
 namespace VarnScriptRepository::files {
@@ -37,21 +40,13 @@ std::error_code regularFileError(int fd, struct stat& status) {
                                                       : std::errc::not_supported);
 }
 
-/// What is in `fd`, `size` bytes by its own account; throws when there is no memory for it. By way
-/// of a small buffer, which stays in the processor's cache: filling the text with zeros to read
-/// into it would cost more than the copy.
+/// What is in `fd`, `size` bytes by its own account; throws when there is no memory for it.
 std::string readFrom(int fd, std::size_t size, std::error_code& error) {
-  if (!platform::canHold(size)) throw std::bad_alloc();
-  std::string bytes;
-  bytes.reserve(size);
-  platform::useLargePages(bytes.data(), bytes.capacity());
-  std::array<char, std::size_t{16} * 1024> piece;
-  while (true) {
-    const ssize_t got = retryOnInterrupt([&] { return ::read(fd, piece.data(), piece.size()); });
-    if (got < 0) error = lastError();
-    if (got <= 0) return bytes;
-    bytes.append(piece.data(), static_cast<std::size_t>(got));
-  }
+  if (!posix::canHold(size)) throw std::bad_alloc();
+  std::string room;
+  room.reserve(size);
+  platform::useLargePages(room.data(), room.capacity());
+  return posix::readAll(fd, std::numeric_limits<std::uint64_t>::max(), error, std::move(room));
 }
 
 // ---- Removal ---------------------------------------------------------------------------------
@@ -180,8 +175,7 @@ std::string readWhole(const std::string& path, std::error_code& error) {
   error = regularFileError(fd.get(), status);
   if (error) return {};
   try {
-    std::string bytes = readFrom(fd.get(), static_cast<std::size_t>(status.st_size), error);
-    if (!error) return bytes;
+    return readFrom(fd.get(), static_cast<std::size_t>(status.st_size), error);
   } catch (const std::exception&) {
     error = std::make_error_code(std::errc::not_enough_memory);
   }

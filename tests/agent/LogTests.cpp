@@ -1,9 +1,14 @@
 // The lines that records become, and standard error as their destination.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <climits>
 #include <csignal>
 #include <functional>
 #include <stdexcept>
@@ -379,6 +384,92 @@ TEST(Log, LeavesASignalAloneThatWasPendingBefore) {
               return 10 + sigismember(&pending, SIGPIPE);
             }),
             11);
+}
+
+/// Standard error as a pipe, for as long as this lives.
+class PipeAsStandardError {
+ public:
+  PipeAsStandardError() : before_(::dup(STDERR_FILENO)) {
+    EXPECT_EQ(::pipe(ends_), 0);
+    ::fcntl(ends_[0], F_SETFL, O_NONBLOCK);
+    EXPECT_EQ(::dup2(ends_[1], STDERR_FILENO), STDERR_FILENO);
+  }
+  ~PipeAsStandardError() {
+    ::dup2(before_, STDERR_FILENO);
+    for (const int fd : {before_, ends_[0], ends_[1]}) ::close(fd);
+  }
+
+  /// Fills it with something else than records.
+  void fill() {
+    const std::string page(PIPE_BUF, '.');
+    ::fcntl(ends_[1], F_SETFL, O_NONBLOCK);
+    while (::write(ends_[1], page.data(), page.size()) > 0) continue;
+    ::fcntl(ends_[1], F_SETFL, 0);
+  }
+
+  /// Takes `most` of what it holds; nothing is waited for.
+  std::string take(std::size_t most = SIZE_MAX) {
+    std::string held;
+    std::array<char, PIPE_BUF> page;
+    while (held.size() < most) {
+      const ssize_t length = ::read(ends_[0], page.data(), page.size());
+      if (length <= 0) break;
+      held.append(page.data(), static_cast<std::size_t>(length));
+    }
+    return held;
+  }
+
+  /// The lines of the records that it holds, without their times.
+  std::vector<std::string> takeLines() {
+    std::string text = take();
+    text.erase(0, std::min(text.find_first_not_of('.'), text.size()));
+    std::vector<std::string> lines;
+    for (std::size_t start = 0; start < text.size();) {
+      const std::size_t end = std::min(text.find('\n', start), text.size());
+      lines.push_back(withoutTime(text.substr(start, end - start)));
+      start = end + 1;
+    }
+    return lines;
+  }
+
+ private:
+  const int before_;
+  int ends_[2] = {-1, -1};
+};
+
+LogSettings withoutPatience() {
+  LogSettings settings;
+  settings.standardErrorWait = std::chrono::milliseconds(0);
+  return settings;
+}
+
+TEST(Log, WhoeverDoesNotReadStandardErrorHoldsUpNobody) {
+  AgentLog::configure(withoutPatience());
+  PipeAsStandardError pipe;
+  pipe.fill();
+  AgentLog::logInfo("a", "Unit", "operation()", 1);
+  AgentLog::logInfo("b", "Unit", "operation()", 2);
+  EXPECT_EQ(pipe.takeLines(), std::vector<std::string>{});
+  AgentLog::logInfo("c", "Unit", "operation()", 3);
+  const std::vector<std::string> lines = pipe.takeLines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_NE(lines[0].find(" 2 records are left out here: nobody has read them"), std::string::npos);
+  EXPECT_EQ(lines[1], "info Unit operation() 3 c");
+}
+
+TEST(Log, ARecordThatWasBrokenOffSpoilsNoOther) {
+  AgentLog::configure(withoutPatience());
+  PipeAsStandardError pipe;
+  pipe.fill();
+  pipe.take(PIPE_BUF);
+  AgentLog::logInfo(std::string(2 * PIPE_BUF, 'x'), "Unit", "operation()", 1);
+  EXPECT_EQ(pipe.takeLines().size(), 1u);
+  AgentLog::logInfo("b", "Unit", "operation()", 2);
+  const std::vector<std::string> lines = pipe.takeLines();
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[0], "");
+  EXPECT_NE(lines[1].find(" 1 records are left out here: "), std::string::npos);
+  EXPECT_EQ(lines[2], "info Unit operation() 2 b");
 }
 
 }  // namespace

@@ -73,6 +73,14 @@ TEST(Outcome, TellsWhatIsMissingInTheOutput) {
       << json;
 }
 
+TEST(Outcome, TellsWhoHasSignedTheList) {
+  Outcome outcome{{true, "done\n"}, {}, runOf(ScriptEnd::How::exited)};
+  outcome.list = {"", {"293CBC668E52E64C", "CCC333B19BA09674"}, 18446744073709551615U, ""};
+  EXPECT_TRUE(jsonOf(outcome).ends_with(
+      "\"dropped_bytes\":0,\"signed_by\":[\"293CBC668E52E64C\",\"CCC333B19BA09674\"],"
+      "\"serial\":18446744073709551615}\n"));
+}
+
 TEST(Outcome, WithoutARunHasTheReason) {
   const Outcome outcome{{}, Reason{ReasonCode::notListed, "none"}, {}};
   EXPECT_EQ(jsonOf(outcome),

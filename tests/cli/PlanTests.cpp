@@ -42,6 +42,20 @@ TEST(Plan, IsALineForEachThing) {
             "accepted codes: [\"0\",\"3\"]\n");
 }
 
+TEST(Plan, TellsWhoHasSignedTheList) {
+  RequestPlan plan;
+  plan.scriptID = "42";
+  plan.list = {"", {"293CBC668E52E64C", "CCC333B19BA09674"}, 7, "2026-12-22T11:30:00Z"};
+  EXPECT_EQ(planText(plan),
+            "script:         42\n"
+            "list:           signed by 293CBC668E52E64C and CCC333B19BA09674, serial 7, until "
+            "2026-12-22T11:30:00Z\n");
+  EXPECT_TRUE(planJson(plan).starts_with(
+      "{\"script_id\":\"42\",\"signed_by\":[\"293CBC668E52E64C\",\"CCC333B19BA09674\"],"
+      "\"serial\":7,\"entry\":null,"))
+      << planJson(plan);
+}
+
 TEST(Plan, OfNothingToFetchSaysSo) {
   RequestPlan plan = downloadPlan();
   plan.step = RequestPlan::Step::upToDate;

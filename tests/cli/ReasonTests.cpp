@@ -151,6 +151,21 @@ TEST_F(ReasonTest, NoPasswordIsShown) {
          "The list of customer acme can't be fetched from https://host/list.xml");
 }
 
+TEST_F(ReasonTest, AListThatDoesNotCountHasACodeOfItsOwn) {
+  finder_.listJudged({"the list is not signed", {}, 0, ""});
+  finder_.moduleFailed("/list.xml", "the list is not signed");
+  finder_.stepFailed({RequestStep::listDownload, "/list.xml", ""});
+  expect(ReasonCode::listUntrusted,
+         "The list of customer acme from https://host/repo/list.xml is not trusted: the list is "
+         "not signed");
+  // A further try failed before there was a list to judge.
+  finder_.moduleFailed("/list.xml", "the server answered with status 503");
+  finder_.stepFailed({RequestStep::listDownload, "/list.xml", ""});
+  expect(ReasonCode::listUnavailable,
+         "The list of customer acme can't be fetched from https://host/repo/list.xml: the server "
+         "answered with status 503");
+}
+
 TEST(ReasonCodes, HaveNamesOfTheirOwn) {
   std::set<std::string_view> names;
   for (int code = 0; code <= static_cast<int>(ReasonCode::outOfMemory); ++code) {

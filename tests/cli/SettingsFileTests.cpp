@@ -59,6 +59,8 @@ TEST(ParseSettingsFile, EveryKeyIsTakenInItsOwnType) {
                                  {"client_cert", "cert.pem"},
                                  {"client_key", "key.pem"},
                                  {"proxy", "http://proxy"},
+                                 {"trusted_keys", "RWa\n/b.pub"},
+                                 {"signatures_needed", "2"},
                                  {"header_file", "headers"},
                                  {"netrc_file", "netrc"},
                                  {"retry", "0"},
@@ -75,6 +77,8 @@ TEST(ParseSettingsFile, EveryKeyIsTakenInItsOwnType) {
                       "client_cert = \"cert.pem\"\n"
                       "client_key = \"key.pem\"\n"
                       "proxy = \"http://proxy\"\n"
+                      "trusted_keys = [\"RWa\", '/b.pub']\n"
+                      "signatures_needed = 2\n"
                       "header_file = \"headers\"\n"
                       "netrc_file = \"netrc\"\n"
                       "retry = 0\n"
@@ -104,6 +108,21 @@ TEST(ParseSettingsFile, AWrongKeyOrTypeIsNamedWithItsLine) {
        "settings file /etc/varn.toml, line 1: customer must be a text in quotation marks"},
       {"server = [\"https://host\"]\n",
        "settings file /etc/varn.toml, line 1: server must be a text in quotation marks"},
+      {"trusted_keys = \"RWa\"\n",
+       "settings file /etc/varn.toml, line 1: trusted_keys must be a list of texts in quotation "
+       "marks, with at least one in it"},
+      {"trusted_keys = []\n",
+       "settings file /etc/varn.toml, line 1: trusted_keys must be a list of texts in quotation "
+       "marks, with at least one in it"},
+      {"trusted_keys = [\"RWa\", \"\"]\n",
+       "settings file /etc/varn.toml, line 1: trusted_keys must be a list of texts in quotation "
+       "marks, with at least one in it"},
+      {"trusted_keys = [1]\n",
+       "settings file /etc/varn.toml, line 1: trusted_keys must be a list of texts in quotation "
+       "marks, with at least one in it"},
+      {"trusted_keys = [\"RWa\\nRWb\"]\n",
+       "settings file /etc/varn.toml, line 1: trusted_keys must be a list of texts in quotation "
+       "marks, with at least one in it"},
       {"\n\nquiet = \"true\"\n",
        "settings file /etc/varn.toml, line 3: quiet must be true or false"},
       {"max_download = 1.5\n",

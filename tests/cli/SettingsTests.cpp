@@ -43,19 +43,21 @@ Settings settingsFrom(const SettingSources& sources,
 using Format = AgentLog::LogSettings::Format;
 using Severity = AgentLog::Severity;
 using Target = AgentLog::LogSettings::Target;
+using Texts = std::vector<std::string>;
 using Values = std::tuple<std::string, std::string, std::string, std::string, std::string,
-                          std::string, std::string, std::string, std::string, std::string,
-                          std::uint32_t, std::uint64_t, std::optional<std::uint64_t>, bool,
-                          Severity, Format, std::string, std::optional<Target>, bool>;
+                          std::string, std::string, std::string, Texts, std::uint32_t, std::string,
+                          std::string, std::uint32_t, std::uint64_t, std::optional<std::uint64_t>,
+                          bool, Severity, Format, std::string, std::optional<Target>, bool>;
 
 // In the order of their definitions.
 Values valuesOf(const Settings& settings) {
   const auto& agent = settings.agent;
-  return {agent.basePath,      agent.dataPath,      agent.customerID,   agent.serverURL,
-          agent.caFile,        agent.clientCert,    agent.clientKey,    agent.proxy,
-          settings.headerFile, agent.netrcFile,     agent.retries,      agent.maxDownload,
-          settings.maxOutput,  settings.verbose,    settings.log.least, settings.log.format,
-          settings.log.file,   settings.log.target, settings.log.quiet};
+  return {agent.basePath,     agent.dataPath,         agent.customerID,    agent.serverURL,
+          agent.caFile,       agent.clientCert,       agent.clientKey,     agent.proxy,
+          agent.trustedKeys,  agent.signaturesNeeded, settings.headerFile, agent.netrcFile,
+          agent.retries,      agent.maxDownload,      settings.maxOutput,  settings.verbose,
+          settings.log.least, settings.log.format,    settings.log.file,   settings.log.target,
+          settings.log.quiet};
 }
 
 std::string errorFrom(const SettingSources& sources,
@@ -70,6 +72,9 @@ TEST(SettingNames, FlagsAndVariablesAreMadeFromTheKey) {
   EXPECT_EQ(variableOf("base_path"), "VARN_BASE_PATH");
   EXPECT_EQ(flagOf("ca_file"), "--ca-file");
   EXPECT_EQ(variableOf("max_download"), "VARN_MAX_DOWNLOAD");
+  // A flag gives one, the key and the variable give all.
+  EXPECT_EQ(flagOf("trusted_keys"), "--trusted-key");
+  EXPECT_EQ(variableOf("trusted_keys"), "VARN_TRUSTED_KEYS");
 }
 
 TEST(LayerSettings, DefaultsStandWhereNothingIsGiven) {
@@ -81,6 +86,8 @@ TEST(LayerSettings, DefaultsStandWhereNothingIsGiven) {
                         "",
                         "",
                         "",
+                        Texts{},
+                        1U,
                         "",
                         "",
                         2U,
@@ -105,6 +112,8 @@ TEST(LayerSettings, EverySettingCanBeGivenInTheEnvironment) {
                                        {"VARN_CLIENT_CERT", "cert.pem"},
                                        {"VARN_CLIENT_KEY", "key.pem"},
                                        {"VARN_PROXY", "http://p:3128"},
+                                       {"VARN_TRUSTED_KEYS", " k1\tk2\nk3 "},
+                                       {"VARN_SIGNATURES_NEEDED", "2"},
                                        {"VARN_HEADER_FILE", "headers"},
                                        {"VARN_NETRC_FILE", "netrc"},
                                        {"VARN_RETRY", "4"},
@@ -124,6 +133,8 @@ TEST(LayerSettings, EverySettingCanBeGivenInTheEnvironment) {
                         "cert.pem",
                         "key.pem",
                         "http://p:3128",
+                        Texts{"k1", "k2", "k3"},
+                        2,
                         "headers",
                         "netrc",
                         4,
@@ -420,6 +431,55 @@ TEST(LayerSettings, NumbersOfBytesAreWholeAndAboveZero) {
                                         "\"");
     }
   }
+}
+
+TEST(LayerSettings, TrustedKeysOfTheNearestPlaceCount) {
+  auto sources = complete();
+  sources.file = {{"trusted_keys", "a key\nb"}};
+  EXPECT_EQ(settingsFrom(sources).agent.trustedKeys, (Texts{"a key", "b"}));
+  sources.environment = environmentOf({{"VARN_TRUSTED_KEYS", "c"}});
+  EXPECT_EQ(settingsFrom(sources).agent.trustedKeys, Texts{"c"});
+  sources.flags["trusted_keys"] = "d\ne f";
+  EXPECT_EQ(settingsFrom(sources).agent.trustedKeys, (Texts{"d", "e f"}));
+}
+
+TEST(LayerSettings, AVariableWithoutATrustedKeyIsAMistake) {
+  auto sources = complete();
+  sources.file = {{"trusted_keys", "a"}};
+  for (const char* const empty : {"", " ", "\n"}) {
+    sources.environment = environmentOf({{"VARN_TRUSTED_KEYS", empty}});
+    EXPECT_EQ(errorFrom(sources),
+              "trusted_keys (given by VARN_TRUSTED_KEYS) is empty: give at least one, or leave it "
+              "out");
+  }
+}
+
+TEST(LayerSettings, SignaturesNeededAreFromOneToTheNumberOfKeys) {
+  auto sources = complete();
+  sources.flags["trusted_keys"] = "a\nb";
+  for (const std::string good : {"1", "2"}) {
+    sources.flags["signatures_needed"] = good;
+    EXPECT_EQ(std::to_string(settingsFrom(sources).agent.signaturesNeeded), good);
+  }
+  const std::string start = "signatures_needed (given by --signatures-needed) ";
+  for (const std::string bad : {"0", "11", "-1", "1.5", "two", "4294967297"}) {
+    sources.flags["signatures_needed"] = bad;
+    EXPECT_EQ(errorFrom(sources), start + "must be a number from 1 to 10, not \"" + bad + "\"");
+  }
+  sources.flags["signatures_needed"] = "3";
+  EXPECT_EQ(errorFrom(sources), start + "is more than there are trusted_keys: 2");
+  sources.flags.erase("trusted_keys");
+  sources.flags["signatures_needed"] = "1";
+  EXPECT_EQ(errorFrom(sources), start + "has no use without trusted_keys");
+}
+
+TEST(LayerSettings, VerifyingAListNeedsTrustedKeysAlone) {
+  SettingSources sources;
+  EXPECT_EQ(errorFrom(sources, NeededSettings::trustedKeys),
+            "trusted_keys is not set: give it with --trusted-key, with VARN_TRUSTED_KEYS in the "
+            "environment, or as trusted_keys in the settings file (--config, VARN_CONFIG)");
+  sources.flags["trusted_keys"] = "a";
+  EXPECT_EQ(errorFrom(sources, NeededSettings::trustedKeys), "no error");
 }
 
 TEST(LayerSettings, TriesAreAWholeNumberUpToTen) {

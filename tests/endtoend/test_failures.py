@@ -187,7 +187,7 @@ class LockFailureTest(CommandCase):
         reason = (f"Request lock {self.base}/client-data/7/varn-scripts.lock can't be taken: "
                   "Not a directory")
         result = self.run_command("run", "42")
-        self.assertEqual((result.status, result.output, result.error), (3, "", reason + "\n"))
+        self.assertEqual((result.status, result.output, result.error_lines[1:]), (3, "", [reason]))
         result = self.run_command("run", "42", "--json")
         self.assertEqual(result.status, 3)
         answer = json.loads(result.output)

@@ -114,7 +114,8 @@ class PlainTest(CommandCase):
         self.server = server
         records = self.run_json_log("run", "42", "--json").records
         return [record["message"] for record in records
-                if record["operation"] == "prepareDownloads()"]
+                if record["source"] == "HttpHandlermac" and
+                record["operation"] == "prepareDownloads()"]
 
     def test_one_line_warns_of_a_plain_server_elsewhere(self):
         # A name that nobody has, so that the test asks no server.

@@ -5,7 +5,7 @@ import os
 import shutil
 import sqlite3
 
-from support.case import CommandCase
+from support.case import UNVERIFIED, CommandCase
 from support.repository import CUSTOMER, LIST_PATH
 
 
@@ -39,6 +39,7 @@ class PruneTest(StateCase):
         result = self.run_json_log("prune")
         self.assertEqual((result.status, result.output), (0, ""))
         self.assertEqual(result.steps, [
+            UNVERIFIED,
             ("ScriptRepositoryMetaProcessor", "downloadScriptRepoMeta()",
              "Script-Meta Download Success"),
             ("ScriptRepositoryProcessor", "removeServerRemovedScripts()",
@@ -186,6 +187,20 @@ class PruneTest(StateCase):
                          (3, [], "local_state_failed"))
         self.assertTrue(answer["reason"].startswith(
             f"The store {self.store_file()} can't be read: "), answer)
+
+    def test_with_a_store_that_can_not_be_read_nothing_is_removed_and_it_says_so(self):
+        with open(self.store_file(), "wb") as file:
+            file.write(b"this is no database" * 100)
+        result = self.run_command("--quiet", "prune", "--json")
+        answer = json.loads(result.output)
+        self.assertEqual((result.status, answer["removed"], answer["reason_code"]),
+                         (3, [], "local_state_failed"))
+        self.assertEqual(answer["reason"], f"Nothing is removed: Store {self.store_file()} can't be "
+                                           "opened: file is not a database")
+        result = self.run_json_log("prune")
+        self.assertEqual((result.status, result.records[-1]["message"]), (3, answer["reason"]))
+        self.assertIn("No ScriptIDs found in the storage.",
+                      [record["message"] for record in result.records])
 
     def test_a_list_that_does_not_decode_removes_nothing(self):
         self.repository.write(LIST_PATH, "<scripts-meta><ScriptRepo/></scripts-meta>")

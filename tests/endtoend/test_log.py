@@ -6,7 +6,7 @@ import os
 import re
 import stat
 
-from support.case import CommandCase
+from support.case import UNVERIFIED, CommandCase
 
 PROCESSOR = "ScriptRepositoryProcessor"
 METADATA = "ScriptRepositoryMetaProcessor"
@@ -37,6 +37,7 @@ class SequenceTest(CommandCase):
     def test_a_first_run(self):
         result = self.run_json_log("run", "42")
         self.assertEqual(result.steps, [
+            UNVERIFIED,
             (METADATA, "downloadScriptRepoMeta()", "Script-Meta Download Success"),
             (PROCESSOR, "processScript()",
              "Processing Script ID 42 Server Version 1 Local Version -- Downloading and Executing "
@@ -51,6 +52,7 @@ class SequenceTest(CommandCase):
         self.run_command("run", "42")
         result = self.run_json_log("run", "42")
         self.assertEqual(result.steps, [
+            UNVERIFIED,
             (METADATA, "downloadScriptRepoMeta()", "Script-Meta Download Success"),
             (PROCESSOR, "processScript()",
              "Processing Script ID 42 Server Version 1 Local Version 1 Proceeding without "
@@ -112,7 +114,7 @@ class DestinationTest(CommandCase):
         self.put(text="echo out; echo err >&2\n")
         result = self.run_command("-v", "run", "42")
         self.assertEqual(result.output, "out\nerr\n")
-        self.assertGreaterEqual(len(result.error_lines), 7)
+        self.assertGreaterEqual(len(result.error_lines), 8)
 
     def test_nothing_is_logged_where_no_log_is_asked_for(self):
         self.put(text="echo out\n")
@@ -123,9 +125,9 @@ class DestinationTest(CommandCase):
 
     def test_a_form_asks_for_the_log(self):
         self.put()
-        self.assertEqual(len(self.run_json_log("run", "42").records), 7)
+        self.assertEqual(len(self.run_json_log("run", "42").records), 8)
         result = self.run_command("--log-format", "text", "run", "42")
-        self.assertEqual(len(result.error_lines), 7)
+        self.assertEqual(len(result.error_lines), 8)
 
     def test_quiet_wins_over_verbose(self):
         self.put()
@@ -134,7 +136,7 @@ class DestinationTest(CommandCase):
             self.assertEqual((result.status, result.error), (0, ""), options)
         nearer = self.run_command("-v", "run", "42",
                                   environment=self.environment(VARN_QUIET="true"))
-        self.assertEqual(len(nearer.error_lines), 7)
+        self.assertEqual(len(nearer.error_lines), 8)
 
     def test_a_log_file_takes_the_lines(self):
         self.put()
@@ -143,7 +145,7 @@ class DestinationTest(CommandCase):
         self.assertEqual((result.status, result.error), (0, ""))
         with open(log, encoding="utf-8") as file:
             lines = file.read().splitlines()
-        self.assertEqual(len(lines), 7)
+        self.assertEqual(len(lines), 8)
         self.assertTrue(lines[-1].endswith(
             'Local Version -- status (Optional(true), Optional("done\\n"))'), lines[-1])
         self.assertEqual(stat.S_IMODE(os.stat(log).st_mode), 0o600)
@@ -154,14 +156,14 @@ class DestinationTest(CommandCase):
         result = self.run_command("-v", "--log-format", "json", "--log-file", log, "run", "42")
         with open(log, encoding="utf-8") as file:
             self.assertEqual(result.error, file.read())
-        self.assertEqual(len(result.records), 7)
+        self.assertEqual(len(result.records), 8)
 
     def test_quiet_leaves_a_log_file_alone(self):
         self.put()
         log = self.path("log")
         self.run_command("--quiet", "--log-file", log, "run", "42")
         with open(log, encoding="utf-8") as file:
-            self.assertEqual(len(file.read().splitlines()), 7)
+            self.assertEqual(len(file.read().splitlines()), 8)
 
     def test_nothing_of_a_terminal_is_written_elsewhere(self):
         self.put()

@@ -268,6 +268,8 @@ class Plan(PublishCase):
     def test_without_a_place_for_temporary_files_says_so(self):
         result = self.run_command("plan", "42", environment=self.environment(
             TMPDIR=self.path("missing")))
-        self.assertEqual((result.status, result.error),
-                         (3, "varn-scripts: no temporary directory can be made: No such file or "
-                             "directory\n"))
+        reason = "No temporary directory can be made: No such file or directory"
+        self.assertEqual((result.status, result.error_lines[1:]), (3, [reason]))
+        result = self.run_command("--log-format", "json", "plan", "42",
+                                  environment=self.environment(TMPDIR=self.path("missing")))
+        self.assertEqual((result.status, result.records[-1]["message"]), (3, reason))

@@ -268,8 +268,8 @@ class PlanTest(CommandCase):
 class AnyMomentTest(CommandCase):
     """A signal at any moment of a request, the launch included."""
 
-    # The log's lines are the moments; the fourth is written right before the script is launched.
-    LINES = [1, 2, 3] + [4] * 10
+    # The log's lines are the moments; the fifth is written right before the script is launched.
+    LINES = [1, 2, 3, 4] + [5] * 10
 
     def test_no_script_outlives_the_command(self):
         self.put(text="while :; do sleep 1000; done\n")
@@ -279,7 +279,7 @@ class AnyMomentTest(CommandCase):
                 process = self.start("run", "42")
                 for _ in range(line):
                     text = process.stderr.readline()
-                if line == 4:
+                if line == 5:
                     self.assertIn(b"Execute /bin/sh", text)
                 process.send_signal(signal.SIGTERM)
                 self.assertEqual(self.finish(process).status, -signal.SIGTERM)

@@ -70,6 +70,15 @@ class OutputFailureTest(CommandCase):
         self.assertEqual(result.error, "varn-scripts: standard output can't be written: No space "
                                        "left on device\n")
 
+    def test_with_a_log_in_JSON_every_line_is_JSON(self):
+        for arguments in (["run", "42"], ["run", "42", "--json"], ["run", "42", "--follow"],
+                          ["list"], ["list", "--server"], ["plan", "42"], ["prune", "--json"]):
+            with self.subTest(arguments=arguments):
+                with open("/dev/full", "w", encoding="utf-8") as full:
+                    process = self.start("--log-format", "json", *arguments, stdout=full)
+                self.assertEqual(self.finish(process).records[-1]["message"], "standard output "
+                                 "can't be written: No space left on device")
+
     def test_a_list_that_can_not_be_written_is_an_error(self):
         self.run_command("run", "42")
         with open("/dev/full", "w", encoding="utf-8") as full:
@@ -276,10 +285,10 @@ class TerminalTest(CommandCase):
         self.put(text=f"echo out\nread line <{self.go}\n")
         process = self.terminal.start("-v", "run", "42", stdout=subprocess.PIPE)
         self.terminal.read_until(
-            lambda seen: len(seen) == 6 and self.RUNNING.fullmatch(seen[-1]))
+            lambda seen: len(seen) == 7 and self.RUNNING.fullmatch(seen[-1]))
         self.let_go()
         status, seen = self.end_of(process)
-        self.assertEqual((status, len(seen), seen[-1]), (0, 8, ""))
+        self.assertEqual((status, len(seen), seen[-1]), (0, 9, ""))
         for line in seen[:-1]:
             self.assertRegex(line, r"^\d{4}-\S+Z info \S+ \S+ \d+ \S")
             self.assertNotRegex(line, self.RUNNING)

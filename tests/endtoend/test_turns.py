@@ -77,6 +77,19 @@ class TurnsTest(CommandCase):
         self.assertEqual(self.finish(first).status, 0)
         self.assertEqual(self.journal(), ["begin", "end"])
 
+    def test_a_file_of_another_id_locks_out_whoever_must_not_wait(self):
+        self.put_waiting("42")
+        first = self.start("run", "42")
+        script = self.wait_for_script()
+        self.put(script_id="43", file_name="42.sh", text="echo other\n")
+        result = self.run_command("--quiet", "run", "43", "--no-wait", "--json")
+        self.assertEqual((result.status, json.loads(result.output)), (3, {
+            "script_id": "43", "status": "not_run", "output": None,
+            "reason": f"{self.script_file('42.sh')} is in use by process {first.pid}",
+            "reason_code": "locked_out"}))
+        self.let_go(script)
+        self.assertEqual(self.finish(first).status, 0)
+
     def test_another_id_does_not_wait(self):
         self.put_waiting("42")
         self.put(script_id="43", file_name="other.sh", text="echo beside\n")

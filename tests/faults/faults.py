@@ -74,6 +74,8 @@ class Harness:
                 # A disturbed download is to fail, not to go better after a pause.
                 "retry = 0\n"
             )
+            if server.key:
+                file.write(f'trusted_keys = ["{server.key.line}"]\n')
         return [self.command, "--config", settings, *arguments]
 
     def run(self, computer, server, arguments):

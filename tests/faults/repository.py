@@ -7,6 +7,8 @@ import sqlite3
 import stat
 import time
 
+from support.signing import comment
+
 CUSTOMER = "7"
 SCRIPT_ID = "42"
 # What a request that went well leaves none of: downloads, and marks of documents.
@@ -24,11 +26,14 @@ def script_text(version, marker):
 
 
 class Server:
-    """The server's tree in a directory, with one script in one version."""
+    """The server's tree in a directory, with one script in one version. With a key the list is
+    signed, and what it names is named by its content."""
 
-    def __init__(self, directory, marker):
+    def __init__(self, directory, marker, key=None):
         self.directory = directory
         self.marker = marker
+        self.key = key
+        self._serial = 0
         # Published long enough ago for a client to keep what says that nothing has changed, and for
         # thousands of versions a minute apart.
         self._published = int(time.time()) - 30 * 86400
@@ -39,9 +44,24 @@ class Server:
         self._published += 60
         script = script_text(version, self.marker).encode()
         digest = hashlib.sha256(script).hexdigest()
-        self._write(os.path.join(repo, "clean.sh"), script)
-        self._write(os.path.join(repo, "42.xml"), self._document(version, digest).encode())
-        self._write(os.path.join(repo, "scripts-meta.xml"), self._list(version).encode())
+        script_name = f"{digest}.sh" if self.key else "clean.sh"
+        document = self._document(version, digest, script_name).encode()
+        document_name = f"{hashlib.sha256(document).hexdigest()}.xml" if self.key else "42.xml"
+        content = self._list(version, document_name).encode()
+        for name, bytes_of in ((script_name, script), (document_name, document)):
+            self._write(os.path.join(repo, name), bytes_of)
+            # Its name on the computer.
+            self._write(os.path.join(repo, "clean.sh" if bytes_of is script else "42.xml"), bytes_of)
+        if self.key:
+            self._sign(repo, content)
+        self._write(os.path.join(repo, "scripts-meta.xml"), content)
+
+    def _sign(self, repo, content):
+        self._serial += 1
+        os.makedirs(os.path.join(repo, "signatures"), exist_ok=True)
+        name = hashlib.sha256(content).hexdigest() + ".minisig"
+        signature = self.key.sign(content, comment(self._serial, customer=CUSTOMER))
+        self._write(os.path.join(repo, "signatures", name), signature.encode())
 
     def drop_all(self):
         self._published += 60
@@ -60,16 +80,16 @@ class Server:
         os.utime(path, (self._published, self._published))
 
     @staticmethod
-    def _list(version):
+    def _list(version, document_name):
         return (
             "<scripts-meta><ScriptRepo><script_id>42</script_id><file_id>f</file_id>"
             f"<modified_time>{version}</modified_time><ScriptPathMapping>"
-            f"<filepath>/client-data/{CUSTOMER}/scriptrepo/42.xml</filepath>"
+            f"<filepath>/client-data/{CUSTOMER}/scriptrepo/{document_name}</filepath>"
             "</ScriptPathMapping></ScriptRepo></scripts-meta>\n"
         )
 
     @staticmethod
-    def _document(version, digest):
+    def _document(version, digest, script_name):
         def elements(keys, values):
             return "".join(f"<{key}>{values.get(key, '')}</{key}>" for key in keys.split())
 
@@ -83,7 +103,7 @@ class Server:
             "download_url_checksum checksum_id checksum_type download_url checksum_val",
             {"checksum_id": "c", "checksum_type": "SHA-256", "checksum_val": digest},
         )
-        location = f"..\\webapps\\Quillandermoor\\client-data\\{CUSTOMER}\\scriptrepo\\clean.sh"
+        location = f"..\\webapps\\Quillandermoor\\client-data\\{CUSTOMER}\\scriptrepo\\{script_name}"
         file = elements(
             "file_status_remarks content_type file_id module_name customer_id content_length"
             " file_system_location file_name expiry_time file_status",

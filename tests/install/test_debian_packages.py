@@ -4,6 +4,7 @@ From the environment: VARN_BUILD_DIRECTORY, the built tree; VARN_CPACK, CMake's 
 Whether they install, run and go away again is for `debian-package`, which takes minutes.
 """
 
+import gzip
 import os
 import pathlib
 import re
@@ -19,6 +20,7 @@ RUNTIME = [
     "usr/lib/systemd/system/varn-scripts@.timer",
     "usr/share/bash-completion/completions/varn-scripts",
     "usr/share/doc/varn-scripts/CHANGELOG.md",
+    "usr/share/doc/varn-scripts/changelog.gz",
     "usr/share/doc/varn-scripts/examples/README.md",
     "usr/share/doc/varn-scripts/examples/demo",
     "usr/share/doc/varn-scripts/examples/look-only.conf",
@@ -32,6 +34,7 @@ RUNTIME = [
 LIBRARY = [
     "usr/{lib}/libVarnScriptRepository.so.0",
     "usr/{lib}/libVarnScriptRepository.so.0.1.0",
+    "usr/share/doc/libvarnscriptrepository0/changelog.gz",
 ]
 DEVELOPMENT = [
     "usr/include/VarnScriptRepository/AgentLog.h",
@@ -64,6 +67,7 @@ DEVELOPMENT = [
     "usr/share/VarnScriptRepository/contracts/support/KeyedCoding.h",
     "usr/share/VarnScriptRepository/contracts/support/SmallRecords.h",
     "usr/share/VarnScriptRepository/contracts/support/StoredRecord.h",
+    "usr/share/doc/libvarnscriptrepository-dev/changelog.gz",
     "usr/share/doc/varn-scripts/examples/embed/AgentUnderContract.cpp",
     "usr/share/doc/varn-scripts/examples/embed/CMakeLists.txt",
     "usr/share/doc/varn-scripts/examples/embed/agent.cpp",
@@ -169,6 +173,16 @@ class DebianPackages(unittest.TestCase):
         self.addCleanup(directory.cleanup)
         execute("dpkg-deb", "--control", self.found[package], directory.name)
         return pathlib.Path(directory.name)
+
+    def test_each_has_a_changelog_that_dpkg_reads(self):
+        for package, path in self.found.items():
+            with tempfile.TemporaryDirectory(prefix="varn-files-") as directory:
+                execute("dpkg-deb", "--extract", path, directory)
+                packed = pathlib.Path(directory, "usr/share/doc", package, "changelog.gz")
+                text = gzip.decompress(packed.read_bytes()).decode()
+            read = subprocess.run(["dpkg-parsechangelog", "-l", "-", "-S", "Version"], input=text,
+                                  capture_output=True, encoding="utf-8", check=True, timeout=60)
+            self.assertEqual(("0.1.0\n", ""), (read.stdout, read.stderr), package)
 
     def test_installing_the_library_tells_the_loader(self):
         control = self.control("libvarnscriptrepository0")

@@ -117,7 +117,7 @@ pid_t __wrap_waitpid(pid_t id, int* status, int options) {
 // ---- The queue -------------------------------------------------------------------------------
 
 // A queue is a descriptor that is never readable, then, for the process that is watched, its pidfd,
-// and when that has told, the former again. So there is nothing else to close.
+// and when that has reported it, the former again. So there is nothing else to close.
 
 int kqueue() { return ::eventfd(0, 0); }
 
@@ -168,7 +168,7 @@ int kevent(int queue, const struct kevent* changes, int changeCount, struct keve
     events->fflags |= NOTE_EXITSTATUS;
     events->data = *status;
   }
-  // An end is told once.
+  // An end is reported once.
   return becomes(queue, kqueue()) == 0 ? 1 : -1;
 }
 

@@ -2,10 +2,15 @@
 # tests that it knows, and by CTest for those that a test program lists (see varn_add_test).
 
 set(varn_promises
-  never-unverified never-torn never-down never-wider never-fooled never-steered xml-is-data
+  never-unsigned never-unverified never-torn never-down never-wider never-fooled never-steered xml-is-data
   runner-word)
 
 # Two lists of names for each: CTest reads this file as well, which knows no functions of ours.
+set(varn_tests_of_never-unsigned
+  "^SignedList\\." "^BoundFile\\." "^BoundPath\\." "^TrustedKeys\\." "^HostileServer\\."
+  "^JudgeList\\." "^JudgeKeptList\\." "^TrustState" "^SignatureFile\\." "^SignedComment\\."
+  "^NoMemory\\." "^ProcessScript\\.WhoseDocument" "^endtoend\\.test_trust\\." "^faults/"
+  "^[Ff]uzz.*(signature-file|key-file|trust-state)")
 set(varn_tests_of_never-unverified
   "^ChecksumOfFile\\." "\\.ChecksumContract\\." "^DigestName\\." "^DigestValue\\."
   "^IsValidChecksumForFile\\."

@@ -1,4 +1,4 @@
-// What is told of each ID when a list takes the place of another, and when that is too much.
+// What is reported of each ID when a list takes the place of another, and when that is too much.
 
 #include <gtest/gtest.h>
 

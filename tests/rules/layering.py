@@ -29,6 +29,7 @@ LEVELS = [
     ("ObjectRuntimeRegistration", 40),
     ("ScriptRules", 45),
     ("ScriptTurn", 35),
+    ("DocumentTest", 45),
     ("Directories", 30),
     ("ScriptRepositoryHost", 15),
     ("ScriptRunObserver", 15),

@@ -331,13 +331,16 @@ class VerifyTest(KeysCase):
 
     def test_what_was_mistyped(self):
         self.sign(self.secret)
-        self.assert_refused(2, "RWabc is neither the line of a public key nor a file that is there",
+        trusted = "trusted_keys (--trusted-key, VARN_TRUSTED_KEYS): "
+        self.assert_refused(2, trusted + "RWabc is neither the line of a public key nor a file that "
+                               "is there",
                             "verify", self.list, "--trusted-key", "RWabc")
-        self.assert_refused(2, f"{self.secret}: the public key is a secret key, which belongs to "
+        self.assert_refused(2, f"{trusted}{self.secret}: the public key is a secret key, which belongs to "
                                "whoever signs alone",
                             "verify", self.list, "--trusted-key", self.secret)
         self.assert_refused(
-            2, "--signatures-needed must be a number from 1 to that of the trusted keys",
+            2, "signatures_needed (given by --signatures-needed) is more than there are "
+               "trusted_keys: 1",
             "verify", self.list, "--trusted-key", self.public, "--signatures-needed", "2")
         self.assert_refused(3, f"the list {self.path('none')} can't be read: No such file or "
                                "directory",

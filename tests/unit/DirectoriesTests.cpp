@@ -3,15 +3,13 @@
 #include <gmock/gmock.h>
 
 #include <array>
-#include <barrier>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "AgentFixture.h"
 #include "Directories.h"
 #include "ScriptRepositoryProcessorRequest.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
+#include "support/Together.h"
 
 namespace {
 
@@ -113,18 +111,11 @@ TEST_F(Directories, AreMadeOnceUnderConcurrentFirstUse) {
   globals.vyagentBasePath = "/opt/agent";
   constexpr std::size_t kThreads = 16;
   std::array<std::array<const std::string*, 4>, kThreads> seen{};
-  std::barrier start(kThreads);
-  {
-    std::vector<std::jthread> threads;
-    for (std::size_t index = 0; index < kThreads; ++index) {
-      threads.emplace_back([&seen, &start, index] {
-        start.arrive_and_wait();
-        seen[index] = {&VarnScriptRepository::scriptRepoDataDirectory(),
-                       &VarnScriptRepository::scriptRepoScriptsDirectory(),
-                       &VarnScriptRepository::basePath(), &VarnScriptRepository::customerID()};
-      });
-    }
-  }
+  together(kThreads, [&](std::size_t index) {
+    seen[index] = {&VarnScriptRepository::scriptRepoDataDirectory(),
+                   &VarnScriptRepository::scriptRepoScriptsDirectory(),
+                   &VarnScriptRepository::basePath(), &VarnScriptRepository::customerID()};
+  });
 
   EXPECT_THAT(seen, testing::Each(seen.front()));
   EXPECT_EQ(*seen.front()[0], "/opt/agent/client-data/7/scripts-repository-data");

@@ -15,6 +15,7 @@
 #include "ShellDouble.h"
 #include "VarnScriptRepository/ScriptRepositoryHost.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
+#include "support/Together.h"
 
 namespace {
 
@@ -161,7 +162,7 @@ TEST_F(ReloadServerList, RequestsOfOtherThreadsSeeOneListOrTheOther) {
     });
   }
   start.arrive_and_wait();
-  for (int round = 1; round <= 200; ++round) {
+  for (int round = 1; round <= 40; ++round) {
     serveList(list(versions[round % 2]));
     EXPECT_TRUE(reloadServerList());
     ScriptRepositoryProcessor::removeServerRemovedScripts();
@@ -183,18 +184,9 @@ TEST_F(ReloadServerList, RequestsOfOtherThreadsSeeOneListOrTheOther) {
 
 TEST_F(ReloadServerList, FirstRequestsAtTheSameTimeFetchItOnce) {
   serveList("");
-  constexpr int kThreads = 8;
-  std::barrier start(kThreads);
-  {
-    std::vector<std::jthread> requests;
-    for (int thread = 0; thread < kThreads; ++thread) {
-      requests.emplace_back([&start, thread] {
-        ScriptRepositoryProcessor processor(std::to_string(thread));
-        start.arrive_and_wait();
-        static_cast<void>(processor.processScript());
-      });
-    }
-  }
+  together(8, [](std::size_t request) {
+    static_cast<void>(ScriptRepositoryProcessor(std::to_string(request)).processScript());
+  });
   EXPECT_EQ(downloads.made, 1U);
 }
 
@@ -329,6 +321,21 @@ TEST_F(RemoveDroppedScripts, AStoreThatCanNotBeWrittenKeepsThatFile) {
   EXPECT_FALSE(removal.isLockedOut);
   EXPECT_TRUE(doubles::exists(victim));
   EXPECT_TRUE(store.rows.contains("41"));
+}
+
+TEST_F(RemoveDroppedScripts, AStoreThatCanNotBeOpenedIsTheReason) {
+  leaveScript("41");
+  serveList("");
+  ASSERT_TRUE(reloadServerList());
+  journal.throwAlways("open");
+
+  const ScriptRemoval removal = removeDroppedScripts(turn);
+
+  EXPECT_THAT(removal.scriptIDs, IsEmpty());
+  EXPECT_THAT(removal.reason,
+              HasSubstr("/Configuration-Framework/ScriptRepository can't be opened"));
+  EXPECT_FALSE(removal.isLockedOut);
+  EXPECT_THAT(journal.log(), Contains(HasSubstr("No ScriptIDs found in the storage.")));
 }
 
 TEST_F(RemoveDroppedScripts, ARecordThatStaysIsNotToldAsRemoved) {

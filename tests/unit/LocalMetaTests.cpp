@@ -3,11 +3,9 @@
 #include <gmock/gmock.h>
 
 #include <array>
-#include <barrier>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <type_traits>
 #include <unordered_set>
 #include <utility>
@@ -16,6 +14,7 @@
 #include "AgentFixture.h"
 #include "ScriptRepositoryLocalMetaProcessor.h"
 #include "VarnScriptRepository/ScriptRepositoryLocalMeta.h"
+#include "support/Together.h"
 
 namespace {
 
@@ -207,16 +206,7 @@ TEST_F(LocalMeta, OpensTheTableOnceOnFirstUse) {
 TEST_F(LocalMeta, IsMadeOnceUnderConcurrentFirstUse) {
   constexpr std::size_t kThreads = 16;
   std::array<ScriptRepositoryLocalMetaProcessor*, kThreads> seen{};
-  std::barrier start(kThreads);
-  {
-    std::vector<std::jthread> threads;
-    for (std::size_t index = 0; index < kThreads; ++index) {
-      threads.emplace_back([&seen, &start, index] {
-        start.arrive_and_wait();
-        seen[index] = &shared();
-      });
-    }
-  }
+  together(kThreads, [&](std::size_t index) { seen[index] = &shared(); });
 
   EXPECT_THAT(seen, testing::Each(&shared()));
   EXPECT_THAT(

@@ -3,14 +3,13 @@
 #include <gmock/gmock.h>
 
 #include <array>
-#include <barrier>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "AgentFixture.h"
 #include "ScriptRepositoryMetaProcessor.h"
+#include "support/Together.h"
 
 namespace {
 
@@ -43,16 +42,7 @@ TEST_F(MetaProcessor, KnowsNothingAtFirstAndTouchesNothing) {
 TEST_F(MetaProcessor, IsMadeOnceUnderConcurrentFirstUse) {
   constexpr std::size_t kThreads = 16;
   std::array<ScriptRepositoryMetaProcessor*, kThreads> seen{};
-  std::barrier start(kThreads);
-  {
-    std::vector<std::jthread> threads;
-    for (std::size_t index = 0; index < kThreads; ++index) {
-      threads.emplace_back([&seen, &start, index] {
-        start.arrive_and_wait();
-        seen[index] = &shared();
-      });
-    }
-  }
+  together(kThreads, [&](std::size_t index) { seen[index] = &shared(); });
   EXPECT_THAT(seen, testing::Each(&shared()));
 }
 

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <future>
 #include <map>
+#include <new>
 #include <string>
 #include <thread>
 #include <utility>
@@ -15,6 +16,7 @@
 #include "ScriptRepositoryLocalMetaProcessor.h"
 #include "ScriptRepositoryMetaProcessor.h"
 #include "ShellDouble.h"
+#include "VarnScriptRepository/ScriptRepositoryHost.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
 
 namespace {
@@ -166,6 +168,41 @@ TEST_F(ProcessScript, OfAnUpToDateScriptDownloadsNothing) {
                "Optional(\"done\n\"))"),
       }));
   EXPECT_EQ(downloads.made, 0U);
+}
+
+std::pair<std::string, std::string> heldDocument;
+
+TEST_F(ProcessScript, WhoseDocumentTheHostDoesNotTakeDownloadsItAnew) {
+  leaveLocalCopy("5");
+  loadMetadata();
+  setDocumentTest([](const std::string& path, const std::string& serverPath) {
+    heldDocument = {path, serverPath};
+    return false;
+  });
+
+  EXPECT_EQ(process(), ProcessingResult(true, "done\n"));
+
+  EXPECT_EQ(heldDocument, std::pair(dataDirectory + "/42.xml", std::string(kDataDocument)));
+  EXPECT_EQ(downloads.made, 2U);
+  EXPECT_EQ(journal.log().front(),
+            flow("Processing Script ID 42 Server Version 5 Local Version 5 Downloading and "
+                 "Executing Script"));
+}
+
+TEST_F(ProcessScript, WhoseDocumentTheHostTakesDownloadsNothing) {
+  leaveLocalCopy("5");
+  loadMetadata();
+  setDocumentTest([](const std::string&, const std::string&) { return true; });
+  EXPECT_EQ(process(), ProcessingResult(true, "done\n"));
+  EXPECT_EQ(downloads.made, 0U);
+}
+
+TEST_F(ProcessScript, WhoseDocumentCantBeHeldAgainstTheListDownloadsItAnew) {
+  leaveLocalCopy("5");
+  loadMetadata();
+  setDocumentTest([](const std::string&, const std::string&) -> bool { throw std::bad_alloc(); });
+  EXPECT_EQ(process(), ProcessingResult(true, "done\n"));
+  EXPECT_EQ(downloads.made, 2U);
 }
 
 TEST_F(ProcessScript, OfANewVersionDownloadsAndRecordsIt) {

@@ -1,5 +1,6 @@
 #include "RunnerFixture.h"
 
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
@@ -27,6 +28,12 @@ bool eventually(const std::function<bool()>& condition) {
     std::this_thread::yield();
   }
   return true;
+}
+
+int openDescriptors() {
+  int open = 0;
+  for (int fd = 0; fd < 1024; ++fd) open += ::fcntl(fd, F_GETFD, 0) >= 0 ? 1 : 0;
+  return open;
 }
 
 bool kernelKeepsStatuses() {

@@ -30,6 +30,9 @@ std::string line(const std::string& message);
 /// Whether `condition` came true before ten seconds had passed.
 bool eventually(const std::function<bool()>& condition);
 
+/// How many descriptors this process has open.
+int openDescriptors();
+
 /// Whether this kernel keeps the status of a child whose host ignores SIGCHLD, as Linux does from
 /// 6.15 on.
 bool kernelKeepsStatuses();

@@ -46,13 +46,6 @@ namespace platform = VarnScriptRepository::platform;
 
 constexpr long kPidfdGetInfo = _IOWR(0xFF, 11, char[64]);
 
-/// How many descriptors this process has open.
-int openDescriptors() {
-  int open = 0;
-  for (int fd = 0; fd < 256; ++fd) open += ::fcntl(fd, F_GETFD, 0) >= 0 ? 1 : 0;
-  return open;
-}
-
 /// Whether one of this process's pipes holds that many bytes.
 bool anyDescriptorHolds(int bytes) {
   for (int fd = 0; fd < 256; ++fd) {

@@ -45,6 +45,11 @@ void HttpServer::answerInTurn(const std::string& path, std::vector<Answer> answe
   answers_[path] = std::move(answers);
 }
 
+void HttpServer::answerAll(std::function<Answer(const std::string& head)> answer) {
+  const std::lock_guard lock(mutex_);
+  answerAll_ = std::move(answer);
+}
+
 std::vector<std::string> HttpServer::requests() const {
   const std::lock_guard lock(mutex_);
   return requests_;
@@ -65,6 +70,7 @@ HttpServer::Answer HttpServer::answerTo(const std::string& head) {
   const std::size_t start = head.find(' ') + 1;
   const std::string path = head.substr(start, head.find(' ', start) - start);
   const std::lock_guard lock(mutex_);
+  if (answerAll_) return answerAll_(head);
   requests_.push_back(head);
   const auto found = answers_.find(path);
   if (found == answers_.end()) return {httpAnswer("404 Not Found", "none"), Then::close};

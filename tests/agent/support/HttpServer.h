@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -46,6 +47,10 @@ class HttpServer {
   /// on; from the last one on always with that.
   void answerInTurn(const std::string& path, std::vector<Answer> answers);
 
+  /// From now on answers every request with what `answer` says of its head, on the thread of its
+  /// connection, and remembers none.
+  void answerAll(std::function<Answer(const std::string& head)> answer);
+
   /// The request heads so far, in the order of their arrival.
   [[nodiscard]] std::vector<std::string> requests() const;
   /// How many connections were made.
@@ -62,6 +67,7 @@ class HttpServer {
   std::atomic<int> connections_ = 0;
   mutable std::mutex mutex_;                            ///< of what follows
   std::map<std::string, std::vector<Answer>> answers_;  ///< in turn; the last one stays
+  std::function<Answer(const std::string& head)> answerAll_;
   std::vector<std::string> requests_;
   std::vector<int> open_;
   std::vector<std::thread> threads_;

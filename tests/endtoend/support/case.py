@@ -17,6 +17,9 @@ from .web_server import WebServer
 # What the object of `run --json` has whether a script ran or not.
 ANSWER_KEYS = ("script_id", "status", "output", "reason", "reason_code")
 
+# What the log of every command that asks the server begins with, when no key is trusted.
+UNVERIFIED = ("DownloadTrust", "prepareDownloads()", "Lists are not verified: no key is trusted")
+
 # Far beyond what any step takes; reaching it is a failure.
 DEADLINE = 120
 

@@ -1,0 +1,213 @@
+#include "DownloadTrust.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <optional>
+#include <utility>
+#include <variant>
+
+#include "AgentLog.h"
+#include "Calls.h"
+#include "Digest.h"
+#include "DownloadRetries.h"
+#include "DownloadTarget.h"
+#include "signing/BoundPath.h"
+#include "signing/ListSignature.h"
+
+namespace AgentUtils {
+namespace {
+
+using signing::Acceptance;
+using signing::Judgement;
+using signing::PublicKey;
+using signing::Refusal;
+
+signing::UTCTime now(const AgentSettings& settings) {
+  return std::chrono::floor<std::chrono::seconds>(
+      settings.clock ? settings.clock() : std::chrono::system_clock::now());
+}
+
+void report(const AgentSettings& settings, const ListJudgement& judgement) {
+  if (!settings.onListJudged) return;
+  try {
+    settings.onListJudged(judgement);
+  } catch (...) {
+    // The host's own failure.
+  }
+}
+
+// Whether one of the files says that it is by the key.
+bool isAmong(const std::vector<std::string>& signatures, const PublicKey& key) {
+  return std::ranges::any_of(signatures, [&key](const std::string& file) {
+    const auto parsed = signing::parseSignature(file);
+    const auto* const signature = std::get_if<signing::ListSignature>(&parsed);
+    return signature != nullptr && signature->key == key.number;
+  });
+}
+
+bool isSameDirectory(const std::string& a, const std::string& b) {
+  struct stat first {};
+  struct stat second {};
+  return ::stat(a.c_str(), &first) == 0 && ::stat(b.c_str(), &second) == 0 &&
+         first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+}  // namespace
+
+std::string listServerPath(const std::string& customerID) {
+  return "/client-data/" + customerID + "/scriptrepo/scripts-meta.xml";
+}
+
+signing::TrustPolicy trustPolicyOf(const AgentSettings& settings) {
+  signing::TrustPolicy policy{{}, settings.signaturesNeeded, settings.customerID};
+  for (const std::string& line : settings.trustedKeys) {
+    policy.keys.push_back(std::get<PublicKey>(signing::parsePublicKey(line)));
+  }
+  return policy;
+}
+
+void requireOutsideTrustState(const std::string& toPath, const AgentSettings& settings) {
+  if (settings.trustedKeys.empty()) return;
+  const std::string state = signing::trustStatePath(settings.dataPath);
+  if (!isSameDirectory(posix::directoryOf(toPath), posix::directoryOf(state))) return;
+  throw DownloadFailure("the target lies where accepted lists are remembered: " + toPath);
+}
+
+DownloadTrust::Kind DownloadTrust::kindOf(const AgentSettings& settings,
+                                          const std::string& serverPath) {
+  if (settings.trustedKeys.empty()) return Kind::unchecked;
+  if (serverPath == listServerPath(settings.customerID)) return Kind::list;
+  if (!signing::digestInPath(serverPath)) {
+    throw DownloadFailure(signing::complaintAboutContent(serverPath, "")->sentence);
+  }
+  return Kind::bound;
+}
+
+DownloadTrust::DownloadTrust(const AgentSettings& settings, const std::string& serverPath,
+                             const FetchSignature& fetch)
+    : settings_(settings),
+      serverPath_(serverPath),
+      fetch_(fetch),
+      kind_(kindOf(settings, serverPath)),
+      policy_(trustPolicyOf(settings)),
+      remembered_(signing::trustStatePath(settings.dataPath), settings.customerID) {}
+
+bool DownloadTrust::isContent(std::string_view digest) const {
+  return !signing::complaintAboutContent(serverPath_, digest);
+}
+
+void DownloadTrust::accept(DownloadTarget& target, const Use& use) const {
+  if (kind_ == Kind::unchecked) return use();
+  const FileDescriptor& file = target.temporaryFile();
+  if (kind_ == Kind::list) return acceptList(wholeContent(file, target.size()), use);
+  const auto digest = hexDigest(usualDigest(), file, static_cast<std::size_t>(target.size()));
+  if (!digest) throw DownloadFailure("can't read the file again");
+  if (const auto complaint = signing::complaintAboutContent(serverPath_, *digest)) {
+    throw DownloadFailure(complaint->sentence);
+  }
+  use();
+}
+
+void DownloadTrust::acceptList(std::string_view list, const Use& use) const {
+  const Judgement judgement = judged(list, use);
+  if (const auto* const why = std::get_if<Refusal>(&judgement)) {
+    report(settings_, {why->sentence, {}, 0, {}});
+    throw DownloadFailure(why->sentence);
+  }
+  tell(std::get<Acceptance>(judgement));
+}
+
+bool DownloadTrust::acceptsKeptList(std::string_view list, const Use& use) const {
+  const Judgement judgement = judged(list, use);
+  const auto* const accepted = std::get_if<Acceptance>(&judgement);
+  if (accepted != nullptr) tell(*accepted);
+  return accepted != nullptr;
+}
+
+Judgement DownloadTrust::judged(std::string_view list, const Use& use) const {
+  Judgement judgement = judgedBy(nullptr, list, use);
+  if (std::holds_alternative<Acceptance>(judgement)) return judgement;
+  return judgedBySignatures(list, use);
+}
+
+Judgement DownloadTrust::judgedBySignatures(std::string_view list, const Use& use) const {
+  const auto remembered = remembered_.read();
+  // No signature helps where it can't be told what was accepted before.
+  if (const auto* const why = std::get_if<Refusal>(&remembered)) return *why;
+  const std::string digest = hexDigest(usualDigest(), list);
+  const std::vector<std::string> names = signing::signatureNames(digest, policy_.keys);
+  std::vector<std::string> files;
+  std::string whyNone;
+  Judgement judgement = Refusal{"the list is not signed"};
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    // The first name is that of whoever signed first, each further one that of a key.
+    if (i > 0 && isAmong(files, policy_.keys[i - 1])) continue;
+    try {
+      files.push_back(fetch_(signaturePath(names[i])));
+    } catch (const TransientFailure& failure) {
+      throw TransientFailure(names[i] + ": " + failure.what(), failure.askedPause());
+    } catch (const DownloadFailure& failure) {
+      if (whyNone.empty()) whyNone = ": " + names[i] + ": " + failure.what();
+      continue;
+    }
+    judgement = judgedBy(&files, list, use);
+    if (std::holds_alternative<Acceptance>(judgement)) return judgement;
+  }
+  if (files.empty()) return Refusal{"the list is not signed" + whyNone};
+  return judgement;
+}
+
+Judgement DownloadTrust::judgedBy(const std::vector<std::string>* signatures, std::string_view list,
+                                  const Use& use) const {
+  const signing::UTCTime clock = now(settings_);
+  if (settings_.remembersLists) {
+    return signatures == nullptr ? remembered_.acceptKept(list, policy_, clock, use)
+                                 : remembered_.accept(list, *signatures, policy_, clock, use);
+  }
+  const auto remembered = remembered_.read();
+  if (const auto* const why = std::get_if<Refusal>(&remembered)) return *why;
+  const auto& state = std::get<signing::TrustState>(remembered);
+  Judgement judgement = signatures == nullptr
+                            ? signing::judgeKeptList(list, policy_, state, clock)
+                            : signing::judgeList(list, *signatures, policy_, state, clock);
+  if (std::holds_alternative<Acceptance>(judgement)) use();
+  return judgement;
+}
+
+std::string DownloadTrust::signaturePath(const std::string& name) const {
+  return posix::directoryOf(serverPath_) + "/" + name;
+}
+
+void DownloadTrust::tell(const Acceptance& accepted) const {
+  AgentLog::logInfo("The list is " + signing::whoSigned(accepted), "DownloadTrust",
+                    "acceptList(_:use:)", __LINE__);
+  ListJudgement judgement{{}, {}, accepted.serial, signing::utcTimeText(accepted.expires)};
+  for (const PublicKey& key : accepted.signedBy) {
+    judgement.signedBy.push_back(signing::keyName(key.number));
+  }
+  report(settings_, judgement);
+}
+
+bool isBoundDocument(const std::string& path, const std::string& serverPath) noexcept {
+  try {
+    if (settings().trustedKeys.empty()) return true;
+    const auto expected = signing::digestInPath(serverPath);
+    // Not blocking, or a FIFO at that path would be waited for.
+    const posix::FileDescriptor file(
+        ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status {};
+    if (!expected || !file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+      return false;
+    }
+    const auto digest = hexDigest(usualDigest(), file, static_cast<std::size_t>(status.st_size));
+    return digest == *expected;
+  } catch (...) {
+    // Out of memory: what can't be held against the list does not count.
+    return false;
+  }
+}
+
+}  // namespace AgentUtils

@@ -1,0 +1,80 @@
+// What a download is held against before it takes the target's place, when keys are trusted: the
+// list against its signatures, everything else against the digest in its server path. Without
+// trusted keys everything is taken.
+
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "AgentSettings.h"
+#include "DownloadTarget.h"
+#include "signing/TrustDecision.h"
+#include "signing/TrustStateFile.h"
+
+namespace AgentUtils {
+
+/// The server path of the customer's list, as the library asks for it: the one file whose path
+/// binds no content.
+[[nodiscard]] std::string listServerPath(const std::string& customerID);
+
+/// The policy that the settings make, which `configure` has tried.
+[[nodiscard]] signing::TrustPolicy trustPolicyOf(const AgentSettings& settings);
+
+/// Throws `DownloadFailure` when a file at `toPath` would lie where accepted lists are remembered,
+/// by whatever way that directory is named.
+void requireOutsideTrustState(const std::string& toPath, const AgentSettings& settings);
+
+/// One download, from its server path to its use. On one thread.
+class DownloadTrust {
+ public:
+  /// Gives the content of a signature's file at a server path. Throws `DownloadFailure` when there
+  /// is none, a `TransientFailure` when there may be one.
+  using FetchSignature = std::function<std::string(const std::string& serverPath)>;
+  /// Puts the content in its place.
+  using Use = std::function<void()>;
+
+  /// Throws `DownloadFailure` when nothing from `serverPath` could be taken. The references as long
+  /// as this.
+  DownloadTrust(const AgentSettings& settings, const std::string& serverPath,
+                const FetchSignature& fetch);
+
+  [[nodiscard]] bool isOfList() const { return kind_ == Kind::list; }
+  [[nodiscard]] bool isOfBoundFile() const { return kind_ == Kind::bound; }
+
+  /// Whether `digest`, a SHA-256, is the one that binds the file.
+  [[nodiscard]] bool isContent(std::string_view digest) const;
+
+  /// Calls `use` when what has come counts; of a list in a moment in which no other request has a
+  /// newer one accepted. Otherwise throws `DownloadFailure`. What `use` throws comes out.
+  void accept(DownloadTarget& target, const Use& use) const;
+
+  /// Likewise for a list that is there already: false when it does not count, and it has to be
+  /// asked for whole.
+  [[nodiscard]] bool acceptsKeptList(std::string_view list, const Use& use) const;
+
+ private:
+  enum class Kind { unchecked, list, bound };
+
+  [[nodiscard]] static Kind kindOf(const AgentSettings& settings, const std::string& serverPath);
+  /// By what is remembered, or by signatures that are fetched.
+  [[nodiscard]] signing::Judgement judged(std::string_view list, const Use& use) const;
+  [[nodiscard]] signing::Judgement judgedBySignatures(std::string_view list, const Use& use) const;
+  /// By these signatures, or by what is remembered alone when there are none.
+  [[nodiscard]] signing::Judgement judgedBy(const std::vector<std::string>* signatures,
+                                            std::string_view list, const Use& use) const;
+  [[nodiscard]] std::string signaturePath(const std::string& name) const;
+  void acceptList(std::string_view list, const Use& use) const;
+  void tell(const signing::Acceptance& accepted) const;
+
+  const AgentSettings& settings_;
+  const std::string& serverPath_;
+  const FetchSignature& fetch_;
+  const Kind kind_;
+  const signing::TrustPolicy policy_;
+  const signing::TrustStateFile remembered_;
+};
+
+}  // namespace AgentUtils
