@@ -195,7 +195,7 @@ void prepareDownloads() {
   const std::string& server = settings().serverURL;
   const bool isPlain = hasScheme(server, "http");
   if (!isPlain && !hasScheme(server, "https")) return;
-  startTransfers();
+  if (!startTransfers()) return;
   // With keys, who is on the way decides nothing.
   if (!isPlain || isOnThisComputer(server) || keys > 0) return;
   AgentLog::logInfo(

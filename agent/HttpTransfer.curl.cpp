@@ -1,6 +1,5 @@
 #include "HttpTransfer.h"
 
-#include <curl/curl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 
 #include "DownloadRetries.h"
 #include "GzipDecoder.h"
+#include "LibCurl.h"
 #include "RequestHeaders.h"
 #include "ServerURL.h"
 #include "SigpipeGuard.h"
@@ -31,12 +31,12 @@ constexpr const char* kUserAgent = "VarnScriptRepository/" VARN_VERSION;
 constexpr std::size_t kMostIgnoredBytes = std::size_t{64} << 10;
 
 struct FreeHandle {
-  void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+  void operator()(CURL* handle) const { libCurl().easy_cleanup(handle); }
 };
 using Handle = std::unique_ptr<CURL, FreeHandle>;
 
 struct FreeHeaders {
-  void operator()(curl_slist* headers) const { curl_slist_free_all(headers); }
+  void operator()(curl_slist* headers) const { libCurl().slist_free_all(headers); }
 };
 using Headers = std::unique_ptr<curl_slist, FreeHeaders>;
 
@@ -53,17 +53,17 @@ class IdleHandles {
   Handle take() {
     const std::lock_guard lock(mutex_);
     leaveToParent();
-    if (idle_.empty()) return Handle(curl_easy_init());
+    if (idle_.empty()) return Handle(libCurl().easy_init());
     Handle handle = std::move(idle_.back());
     idle_.pop_back();
-    curl_easy_reset(handle.get());
+    libCurl().easy_reset(handle.get());
     return handle;
   }
 
   void giveBack(Handle handle) noexcept {
     // A handle that is not kept closes its connections, which may write to them.
     const SigpipeGuard guard;
-    curl_easy_setopt(handle.get(), CURLOPT_NOSIGNAL, 1L);
+    libCurl().easy_setopt(handle.get(), CURLOPT_NOSIGNAL, 1L);
     try {
       const std::lock_guard lock(mutex_);
       if (idle_.size() < kMostIdle) idle_.push_back(std::move(handle));
@@ -76,7 +76,7 @@ class IdleHandles {
  private:
   static constexpr std::size_t kMostIdle = 4;
 
-  IdleHandles() { curl_global_init(CURL_GLOBAL_DEFAULT); }
+  IdleHandles() { libCurl().global_init(CURL_GLOBAL_DEFAULT); }
 
   /// After a fork the connections are the parent's: two processes would read each other's answers.
   /// They are left alone, neither used nor closed.
@@ -136,7 +136,7 @@ class Exchange {
   Exchange& operator=(const Exchange&) = delete;
   ~Exchange() {
     // The texts that were set point into this object.
-    curl_easy_reset(handle_.get());
+    libCurl().easy_reset(handle_.get());
     IdleHandles::shared().giveBack(std::move(handle_));
   }
 
@@ -145,7 +145,7 @@ class Exchange {
     CURLcode result = CURLE_OK;
     {
       const SigpipeGuard guard;
-      result = curl_easy_perform(handle_.get());
+      result = libCurl().easy_perform(handle_.get());
     }
     // Our own reason first: curl knows of it only that a write was refused.
     if (thrown_) std::rethrow_exception(thrown_);
@@ -163,7 +163,7 @@ class Exchange {
   /// Whether the failure is one of the way to the server, and so another try may go better.
   [[nodiscard]] bool mayPass(CURLcode result) const {
     long proxyStatus = 0;
-    curl_easy_getinfo(handle_.get(), CURLINFO_HTTP_CONNECTCODE, &proxyStatus);
+    libCurl().easy_getinfo(handle_.get(), CURLINFO_HTTP_CONNECTCODE, &proxyStatus);
     if (proxyStatus >= 300) return isTransientStatus(proxyStatus);
     switch (result) {
       case CURLE_COULDNT_RESOLVE_PROXY:
@@ -190,12 +190,12 @@ class Exchange {
     const std::string_view words = error_;
     const bool mayQuote =
         words.find_first_of("@?") != words.npos || words.find("://") != words.npos;
-    return words.empty() || mayQuote ? curl_easy_strerror(result) : error_;
+    return words.empty() || mayQuote ? libCurl().easy_strerror(result) : error_;
   }
 
   template <class Value>
   void set(CURLoption option, Value value) {
-    if (curl_easy_setopt(handle_.get(), option, value) != CURLE_OK) {
+    if (libCurl().easy_setopt(handle_.get(), option, value) != CURLE_OK) {
       throw DownloadFailure("the transfer can't be set up");
     }
   }
@@ -257,7 +257,7 @@ class Exchange {
   }
 
   void addHeader(const std::string& header) {
-    curl_slist* const longer = curl_slist_append(headers_.get(), header.c_str());
+    curl_slist* const longer = libCurl().slist_append(headers_.get(), header.c_str());
     if (longer == nullptr) throw DownloadFailure("out of memory");
     static_cast<void>(headers_.release());
     headers_.reset(longer);
@@ -385,7 +385,7 @@ class Exchange {
     // To curl, the connection's end is the headers' end as well.
     if (!isHeadWhole_) throw TransientFailure("the response's headers are cut short");
     const char* redirect = nullptr;
-    curl_easy_getinfo(handle_.get(), CURLINFO_REDIRECT_URL, &redirect);
+    libCurl().easy_getinfo(handle_.get(), CURLINFO_REDIRECT_URL, &redirect);
     if (redirect != nullptr) return {Reply::Kind::redirect, redirect};
     if (status() == 304 && !known_.isEmpty()) {
       return {isAboutKnown() ? Reply::Kind::notModified : Reply::Kind::refused};
@@ -421,7 +421,7 @@ class Exchange {
 
   long status() const {
     long code = 0;
-    curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &code);
+    libCurl().easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &code);
     return code;
   }
 
@@ -452,7 +452,14 @@ class Exchange {
 
 }  // namespace
 
-void startTransfers() { IdleHandles::shared(); }
+bool startTransfers() {
+  try {
+    IdleHandles::shared();
+    return true;
+  } catch (const DownloadFailure&) {
+    return false;
+  }
+}
 
 Reply transfer(const std::string& url, const Validators& known, const AgentSettings& settings,
                DownloadTarget& target, DownloadPace& pace) {

@@ -24,8 +24,9 @@ struct Reply {
   Validators validators = {};  ///< of the body, when they are worth keeping
 };
 
-/// Starts the library behind `transfer`, which otherwise starts with the first exchange.
-void startTransfers();
+/// Starts the library behind `transfer`, which otherwise starts with the first exchange. False when
+/// it can't be loaded; each exchange then tries again, and tells why.
+[[nodiscard]] bool startTransfers();
 
 /// Fetches `url` into `target`; with validators, only when it is another file than theirs. `pace`
 /// is that of the whole download, to which this exchange belongs. Throws `DownloadFailure` on

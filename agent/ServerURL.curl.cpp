@@ -1,10 +1,11 @@
 #include "ServerURL.h"
 
-#include <curl/curl.h>
-
 #include <algorithm>
 #include <memory>
 #include <new>
+
+#include "DownloadTarget.h"
+#include "LibCurl.h"
 
 namespace AgentUtils {
 namespace {
@@ -36,12 +37,13 @@ bool equalIgnoringCase(std::string_view a, std::string_view b) {
   return std::ranges::equal(a, b, {}, lowerASCII, lowerASCII);
 }
 
-/// A URL as curl reads it, which is what connects. Throws `std::bad_alloc`.
+/// A URL as curl reads it, which is what connects. Throws `std::bad_alloc`, and `DownloadFailure`
+/// without curl.
 class ParsedURL {
  public:
-  explicit ParsedURL(std::string_view url) : handle_(curl_url(), &curl_url_cleanup) {
+  explicit ParsedURL(std::string_view url) : handle_(libCurl().url(), libCurl().url_cleanup) {
     if (!handle_) throw std::bad_alloc();
-    result_ = curl_url_set(handle_.get(), CURLUPART_URL, std::string(url).c_str(), 0);
+    result_ = libCurl().url_set(handle_.get(), CURLUPART_URL, std::string(url).c_str(), 0);
     if (result_ == CURLUE_OUT_OF_MEMORY) throw std::bad_alloc();
   }
 
@@ -51,16 +53,16 @@ class ParsedURL {
   /// One of its parts; empty when it has none.
   [[nodiscard]] std::string part(CURLUPart part, unsigned int flags = 0) const {
     char* text = nullptr;
-    const CURLUcode result = curl_url_get(handle_.get(), part, &text, flags);
+    const CURLUcode result = libCurl().url_get(handle_.get(), part, &text, flags);
     if (result == CURLUE_OUT_OF_MEMORY) throw std::bad_alloc();
-    const std::unique_ptr<char, decltype(&curl_free)> owner(text, &curl_free);
+    const std::unique_ptr<char, decltype(LibCurl::free)> owner(text, libCurl().free);
     return text == nullptr ? "" : text;
   }
 
   [[nodiscard]] std::string host() const { return part(CURLUPART_HOST); }
 
  private:
-  std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> handle_;
+  std::unique_ptr<CURLU, decltype(LibCurl::url_cleanup)> handle_;
   CURLUcode result_;
 };
 
@@ -110,9 +112,14 @@ bool isOnThisComputer(std::string_view url) {
 }
 
 std::optional<std::string> complaintAboutURL(std::string_view url) {
-  const CURLUcode result = ParsedURL(url).result();
-  if (result == CURLUE_OK) return std::nullopt;
-  return curl_url_strerror(result);
+  try {
+    const CURLUcode result = ParsedURL(url).result();
+    if (result == CURLUE_OK) return std::nullopt;
+    return libCurl().url_strerror(result);
+  } catch (const DownloadFailure&) {
+    // Nothing comes from that URL either, and the download says why.
+    return std::nullopt;
+  }
 }
 
 std::string withoutSecrets(std::string_view url) {

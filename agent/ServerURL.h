@@ -1,5 +1,6 @@
 // URLs: joining a server path to the server's URL, and telling from one what it is and where it
-// leads. Pure functions; any thread.
+// leads. Pure functions; any thread. Where libcurl has to be loaded for it, `DownloadFailure` is
+// thrown when that can't be done.
 
 #pragma once
 
@@ -29,7 +30,8 @@ namespace AgentUtils {
 /// The URL's host, without its port: "host", "[::1]".
 [[nodiscard]] std::string hostOf(std::string_view url);
 
-/// What keeps an http:// or https:// URL from being one, or nothing.
+/// What keeps an http:// or https:// URL from being one, or nothing: also where libcurl, which
+/// alone knows, can't be loaded.
 [[nodiscard]] std::optional<std::string> complaintAboutURL(std::string_view url);
 
 /// The URL for the log: without user name, password, query and fragment. What has an `@` anywhere

@@ -2,6 +2,7 @@
 
 import collections
 import math
+import mmap
 import os
 import pathlib
 import resource
@@ -27,21 +28,39 @@ def environment():
     }
 
 
+def touch(size):
+    """Uses so many bytes of memory for a moment: the host of a virtual machine may have to find
+    them first, and what that takes is nothing of what is measured afterwards."""
+    if size:
+        mmap.mmap(
+            -1, size, flags=mmap.MAP_PRIVATE | mmap.MAP_ANONYMOUS | mmap.MAP_POPULATE
+        ).close()
+
+
 class Program:
     """A program that answers "COUNT" with what COUNT calls of its work took (see Contestant.h).
 
     `fresh` starts it anew for each sample, so that memory is that of one call; `rounds` is how many
-    rounds it takes part in, where it is too slow for all; `expect` is the result that each call
-    must have."""
+    rounds it has, apart from the others, where it is too slow for all of theirs; `expect` is the
+    result that each call must have; `memory` is what is touched before each sample."""
 
     def __init__(
-        self, name, arguments, fresh=False, rounds=None, expect=None, settings=None, descriptors=None
+        self,
+        name,
+        arguments,
+        fresh=False,
+        rounds=None,
+        expect=None,
+        settings=None,
+        descriptors=None,
+        memory=0,
     ):
         self.name = name
         self.arguments = [str(argument) for argument in arguments]
         self.fresh = fresh
         self.rounds = rounds
         self.expect = expect
+        self.memory = memory
         self._environment = {**environment(), **(settings or {})}
         self._descriptors = descriptors
         self._process = None
@@ -94,6 +113,7 @@ class Program:
 
     def sample(self, calls):
         """The cost of one call, from `calls` of them."""
+        touch(self.memory)
         if self._process is None:
             self.start()
             if not self.fresh:
@@ -120,9 +140,10 @@ class Program:
 
 class Turns:
     """The samples of several programs that took turns, for so many rounds. On a busy machine it is
-    over when `seconds` have passed, but not before three rounds."""
+    over when `seconds` have passed, but not before `least` rounds. Programs with rounds of their own
+    take turns among themselves afterwards."""
 
-    def __init__(self, programs, calls, rounds, seconds=math.inf):
+    def __init__(self, programs, calls, rounds, seconds=math.inf, least=3):
         self.skipped = {}
         self._samples = {}
         able = []
@@ -133,18 +154,24 @@ class Turns:
             else:
                 able.append(program)
                 self._samples[program.name] = []
+        self._take_turns([p for p in able if p.rounds is None], calls, rounds, seconds, least)
+        slow = [p for p in able if p.rounds is not None]
+        most = max((p.rounds for p in slow), default=0)
+        self._take_turns(slow, calls, most, math.inf, most)
+
+    def _take_turns(self, programs, calls, rounds, seconds, least):
         deadline = time.monotonic() + seconds
         try:
             for turn in range(rounds):
-                if turn >= 3 and time.monotonic() > deadline:
+                if turn >= least and time.monotonic() > deadline:
                     break
                 # Whoever comes after a heavy one finds its caches cold; so each comes after each.
-                first = turn % len(able)
-                for program in able[first:] + able[:first]:
+                first = turn % len(programs)
+                for program in programs[first:] + programs[:first]:
                     if program.rounds is None or turn < program.rounds:
                         self._take(program, calls)
         finally:
-            for program in able:
+            for program in programs:
                 program.stop()
 
     def _take(self, program, calls):

@@ -87,20 +87,20 @@ def write_list(path, count):
     return path.stat().st_size
 
 
-def checksum():
-    return hashlib.sha256(SCRIPT).hexdigest()
+def checksum(content=SCRIPT):
+    return hashlib.sha256(content).hexdigest()
 
 
 def script_name(script):
     return f"check-{script:07}.sh"
 
 
-def write_repository(root, count, script):
+def write_repository(root, count, script, content=SCRIPT):
     """A server's tree with `count` entries, of which one has its document and its file."""
     write_list(root / REPOSITORY / "scripts-meta.xml", count)
     for name, content in (
-        (f"data/{script}.xml", DOCUMENT.format(script, checksum(), len(SCRIPT)).encode()),
-        (f"files/{script_name(script)}", SCRIPT),
+        (f"data/{script}.xml", DOCUMENT.format(script, checksum(content), len(content)).encode()),
+        (f"files/{script_name(script)}", content),
     ):
         path = root / REPOSITORY / name
         path.parent.mkdir(parents=True, exist_ok=True)

@@ -36,7 +36,8 @@ class Bench:
         return quick if self.quick else full
 
     def turns(self, programs, calls, rounds):
-        return Turns(programs, calls, rounds, seconds=self.rounds(25, 6))
+        least = self.rounds(9, 3)
+        return Turns(programs, calls, rounds, seconds=self.rounds(25, 6), least=least)
 
     def on_disk(self):
         """A directory whose files lie in the cache of a file system, as any file's do that has just
@@ -111,7 +112,7 @@ def runner_calls(bench):
     turns = bench.turns([*programs, silent], 20, bench.rounds(50, 10))
     for what, target, words in (
         ("wall", 1.03, "wall"),
-        ("processor", 1.15, "caller's processor time"),
+        ("processor", 1.3, "caller's processor time"),
     ):
         yield figures.row(
             f"shell(), one-line script, {words}",
@@ -122,6 +123,13 @@ def runner_calls(bench):
             turns.peers(what),
             turns.skipped,
         )
+    yield figures.row(
+        "the same, without its log",
+        BARE_RUN,
+        1.2,
+        turns.of("without its log", "processor"),
+        turns.of("limit", "processor"),
+    )
 
 
 def runner_touched(bench):
@@ -172,6 +180,7 @@ def collected(bench, kind, size, peers, settings):
         peers,
         fresh=True,
         expect=size,
+        memory=2 * size,
         settings={"VARN_BENCH_PIPE": str(MIB), **settings},
         peer_rounds=bench.rounds(2, 1),
     )
@@ -234,7 +243,7 @@ def metadata(bench):
         base = bench.new(f"metadata-{entries}")
         size = repository.write_list(list_path(base), entries)
         large = entries > 10_000
-        heavy = {"fresh": large, "expect": entries}
+        heavy = {"fresh": large, "expect": entries, "memory": 4 * size if large else 0}
         peer = {**heavy, "rounds": bench.rounds(3, 1) if large else None}
         program = bench.program("metadata")
         turns = bench.turns(
@@ -305,7 +314,7 @@ def checksum_turns(bench, path, size):
     return bench.turns(
         [
             Program("library", [program, "library", path, digest.hexdigest()]),
-            Program("limit", [program, "memory", path]),
+            Program("limit", [program, "memory", path], memory=size),
             Program("sha256sum", [meter, "sha256sum", path], **peer),
             Program("openssl dgst", [meter, "openssl", "dgst", "-sha256", path], **peer),
         ],
@@ -395,10 +404,18 @@ def request(bench):
 
 
 def run_arguments(bench, base, url):
+    return command_arguments(bench, base, url, "run", SCRIPT_ID)
+
+
+def command_arguments(bench, base, url, *arguments):
     return [
         *[bench.command, "--base-path", base, "--customer", repository.CUSTOMER],
-        *["--server", url, "run", SCRIPT_ID],
+        *["--server", url, *arguments],
     ]
+
+
+# What a program with the system's libcurl takes to start, on whatever machine.
+CURL = "curl --version"
 
 
 def poll_programs(bench, place, url, script):
@@ -412,6 +429,7 @@ def poll_programs(bench, place, url, script):
     return [
         Program("library", [meter, *run_arguments(bench, place / "base", url)]),
         Program("limit", [meter, "/bin/sh", script]),
+        Program(CURL, [meter, *CURL.split()]),
         Program(
             "bash+curl+sha256sum",
             [meter, "/bin/bash", PEERS / "poll.sh", url, place / "bash", SCRIPT_ID],
@@ -456,17 +474,110 @@ def whole_run(bench):
     yield figures.row(
         "the same, in milliseconds",
         "",
-        6,
+        None,
         milliseconds,
         1,
         {n: [s * 1000 for s in samples] for n, samples in turns.peers("processor").items()},
         form="ms",
     )
-    for peer, target in (("bash+curl+sha256sum", 1 / 3), ("Python", 1 / 9), ("Ansible", 1 / 60)):
+    for peer, target in (
+        (CURL, 2.06),
+        ("bash+curl+sha256sum", 1 / 3),
+        ("Python", 1 / 9),
+        ("Ansible", 1 / 60),
+    ):
         if peer in turns.skipped:
             yield figures.skipped_row(f"the same, by {peer}", turns.skipped[peer])
         else:
             yield figures.row(f"the same, by {peer}", peer, target, ours, turns.of(peer, "processor"))
+    shutil.rmtree(place)
+
+
+def short_run(bench):
+    piece = "varn-scripts run, up to date, 100 entries, nginx, processor time"
+    why = repository.Server.missing()
+    if why:
+        yield figures.skipped_row(piece, why)
+        return
+    place = bench.new("short-run")
+    repository.write_repository(place / "root", 100, SCRIPT_ID)
+    (place / "base").mkdir(mode=0o700)
+    meter = bench.program("meter")
+    server = repository.Server(place / "nginx", place / "root")
+    try:
+        turns = bench.turns(
+            [
+                Program("library", [meter, *run_arguments(bench, place / "base", server.url)]),
+                Program("limit", [meter, *CURL.split()]),
+            ],
+            1,
+            bench.rounds(40, 15),
+        )
+    finally:
+        server.stop()
+    yield figures.row(
+        piece, CURL, 1.47, turns.of("library", "processor"), turns.of("limit", "processor")
+    )
+    shutil.rmtree(place)
+
+
+def long_output(bench):
+    """A whole run whose script writes much. The meter's result is the most memory of a process."""
+    size = 64 * MIB
+    place = bench.new("long-output")
+    text = f"exec {bench.program('write-output')} ascii {size}\n".encode()
+    repository.write_repository(place / "root", SCRIPT_ID, SCRIPT_ID, text)
+    url = f"file://{place / 'root'}"
+    for name in ("base", "logged", "bash", "Python"):
+        (place / name).mkdir(mode=0o700)
+    script = place / "root" / repository.REPOSITORY / "files" / repository.script_name(SCRIPT_ID)
+    meter, memory = bench.program("meter"), {"memory": 4 * size}
+    quiet = run_arguments(bench, place / "base", url)
+    logged = run_arguments(bench, place / "logged", url)
+    turns = bench.turns(
+        [
+            Program("library", [meter, *quiet, "--quiet"], **memory),
+            Program("with its log", [meter, *logged, "--verbose"], **memory),
+            Program("limit", [meter, "/bin/sh", "-c", f"/bin/sh {script} | cat"], **memory),
+            Program(
+                "bash",
+                [meter, "/bin/bash", PEERS / "poll.sh", url, place / "bash", SCRIPT_ID],
+                rounds=bench.rounds(9, 1),
+                **memory,
+            ),
+            Program(
+                "Python",
+                [meter, sys.executable, PEERS / "poll.py", url, place / "Python", SCRIPT_ID],
+                **memory,
+            ),
+        ],
+        1,
+        bench.rounds(15, 5),
+    )
+    for name, words, peak in (
+        # Twice the output, and what a process has without any.
+        ("library", "varn-scripts run --quiet", 2.2),
+        ("with its log", "varn-scripts run --verbose", 3.2),
+    ):
+        peers = {peer: turns.of(peer, "wall") for peer in ("bash", "Python")}
+        yield figures.row(
+            f"{words}, {figures.count(size)} of output, wall",
+            "the script into cat",
+            None,
+            turns.of(name, "wall"),
+            turns.of("limit", "wall"),
+            peers,
+            turns.skipped,
+        )
+        yield figures.row(
+            "the same, peak memory",
+            "the output's size",
+            peak,
+            turns.of(name, "result"),
+            size,
+            {peer: turns.of(peer, "result") for peer in peers},
+            turns.skipped,
+        )
     shutil.rmtree(place)
 
 
@@ -479,7 +590,7 @@ def removal(bench):
             Program("limit", [program, "bare", bench.new("removal-b"), count], expect=count),
         ],
         1,
-        bench.rounds(5, 4),
+        bench.rounds(9, 4),
     )
     yield figures.row(
         f"removal of {count:,} scripts",
@@ -497,12 +608,23 @@ def start_up(bench):
     settings.write_text(
         f'base_path = "{place}"\ncustomer = "7"\nserver = "http://127.0.0.1"\n', encoding="utf-8"
     )
+    repository.write_repository(place / "root", SCRIPT_ID, SCRIPT_ID)
+    (place / "base").mkdir(mode=0o700)
+    local = command_arguments(bench, place / "base", f"file://{place / 'root'}")
+    subprocess.run(
+        [*map(str, local), "run", str(SCRIPT_ID)],
+        env=environment(),
+        stdout=subprocess.DEVNULL,
+        check=True,
+    )
     programs = [
         Program("library", [meter, bench.command, "--version"]),
         Program("list", [meter, bench.command, "--config", settings, "list"]),
         Program("limit", [meter, "/bin/true"]),
         Program("C++ program", [meter, bench.program("trivial")]),
-        Program("curl --version", [meter, "curl", "--version"]),
+        Program(CURL, [meter, *CURL.split()]),
+        Program("file:// list", [meter, *local, "list"]),
+        Program("file:// plan", [meter, *local, "plan", SCRIPT_ID]),
     ]
     turns = bench.turns(programs, 5, bench.rounds(30, 10))
     for what, words in (("processor", "processor time"), ("wall", "wall")):
@@ -514,6 +636,14 @@ def start_up(bench):
             turns.of("limit", what),
             turns.peers(what),
             turns.skipped,
+        )
+    for what in ("list", "plan"):
+        yield figures.row(
+            f"varn-scripts {what}, file://, processor time",
+            CURL,
+            0.59,
+            turns.of(f"file:// {what}", "processor"),
+            turns.of(CURL, "processor"),
         )
     shutil.rmtree(place)
 
@@ -528,6 +658,8 @@ GROUPS = (
     pieces,
     request,
     whole_run,
+    short_run,
+    long_output,
     start_up,
     removal,
 )

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <string_view>
+#include <utility>
 
 #include "PrintableText.h"
 
@@ -71,7 +72,7 @@ std::size_t distance(std::string_view a, std::string_view b) {
 // The parser's objects and what it writes to, for one command line.
 class Parser {
  public:
-  Parser() {
+  explicit Parser(std::vector<std::string> arguments) : words_(std::move(arguments)) {
     app_.name("varn-scripts");
     app_.set_version_flag("--version", "varn-scripts " VARN_VERSION);
     app_.require_subcommand(1);
@@ -86,9 +87,9 @@ class Parser {
     for (const Command& command : commands()) addCommand(command);
   }
 
-  std::variant<CommandLine, Reply> parse(const std::vector<std::string>& arguments) {
+  std::variant<CommandLine, Reply> parse() {
     try {
-      app_.parse(forParser(withServerInFront(arguments)));
+      app_.parse(forParser(withServerInFront(words_)));
     } catch (const CLI::CallForHelp&) {
       return Reply{0, app_.help(), ""};
     } catch (const CLI::CallForVersion&) {
@@ -155,7 +156,9 @@ class Parser {
         "varn-scripts --help lists the settings, which are options of every command.\n"
         "Exit status: " +
         std::string(command.statuses));
-    if (command.addOptions != nullptr) command.addOptions(parser, result_);
+    // A command that no word names is not given.
+    const bool mayBeGiven = std::ranges::find(words_, lastWordOf(command)) != words_.end();
+    if (mayBeGiven && command.addOptions != nullptr) command.addOptions(parser, result_);
   }
 
   static std::string lastWordOf(const Command& command) {
@@ -252,6 +255,7 @@ class Parser {
             "varn-scripts: " + printable(what) + "\nvarn-scripts --help tells how it is used.\n"};
   }
 
+  const std::vector<std::string> words_;
   CLI::App app_{"Runs an organisation's scripts from a verified local copy."};
   CommandLine result_;
 };
@@ -259,7 +263,7 @@ class Parser {
 }  // namespace
 
 std::variant<CommandLine, Reply> parseCommandLine(const std::vector<std::string>& arguments) {
-  return Parser().parse(arguments);
+  return Parser(arguments).parse();
 }
 
 }  // namespace VarnScripts

@@ -54,8 +54,9 @@ std::vector<UsedPath> pathsOfScript(const std::string& scriptID) {
 }
 
 bool PathGuard::allows(const std::vector<UsedPath>& paths) {
-  return std::all_of(paths.begin(), paths.end(), [this](const UsedPath& used) {
-    const PathVerdict verdict = examinePath(used.path, used.end, ::geteuid(), missing_);
+  PathExaminer examiner(::geteuid(), missing_);
+  return std::all_of(paths.begin(), paths.end(), [&](const UsedPath& used) {
+    const PathVerdict verdict = examiner.examine(used.path, used.end);
     for (const std::string& path : verdict.writableByGroup) AgentUtils::reportOpenDirectory(path);
     if (verdict.refusal.empty()) return true;
     const std::string line = "Refused: " + verdict.refusal;

@@ -135,7 +135,6 @@ std::optional<std::string> complaintAboutServer(const std::string& url) {
   if (host.empty() || host.front() == ':') return "names no host";
   // What is asked for is put at the end, and would become a part of either.
   if (rest.find_first_of("?#") != std::string::npos) return "must not contain ? or #";
-  if (const auto complaint = AgentUtils::complaintAboutURL(url)) return "is no URL: " + *complaint;
   return std::nullopt;
 }
 
@@ -321,6 +320,17 @@ std::optional<std::string> missingKey(const Settings& settings, NeededSettings n
   return std::nullopt;
 }
 
+// What is wrong with the server's URL as such, or nothing. Only curl knows, and it is loaded for
+// who asks that server.
+std::optional<SettingsError> complaintAboutURL(const SettingSources& sources,
+                                               const Settings& settings, NeededSettings needed) {
+  const std::string& url = settings.agent.serverURL;
+  if (needed != NeededSettings::request || AgentUtils::hasScheme(url, "file")) return std::nullopt;
+  const auto complaint = AgentUtils::complaintAboutURL(url);
+  if (!complaint) return std::nullopt;
+  return wrong("server", *given(sources, "server"), "is no URL: " + *complaint);
+}
+
 // Several keys may be one in the end; whoever reads them counts again.
 std::optional<SettingsError> complaintAboutSignatures(const SettingSources& sources,
                                                       const Settings& settings) {
@@ -440,6 +450,7 @@ std::variant<Settings, SettingsError> layerSettings(const SettingSources& source
     settings.agent.dataPath = defaultDataPath(sources, settings);
   }
   if (const auto key = missingKey(settings, needed)) return missing(*key);
+  if (auto error = complaintAboutURL(sources, settings, needed)) return *error;
   if (auto error = complaintAboutSignatures(sources, settings)) return *error;
   decideAboutStandardError(sources, settings);
   return settings;

@@ -19,6 +19,7 @@ namespace VarnScripts {
 namespace {
 
 using posix::FileDescriptor;
+using Place = PathExaminer::Place;
 
 // A directory needs to be searched, not read.
 #if defined(O_PATH)
@@ -44,16 +45,16 @@ class PathWalk {
   PathWalk(PathEnd end, uid_t user, MissingDirectory missing)
       : end_(end), user_(user), missing_(missing) {}
 
-  PathVerdict walk(const std::string& path) {
-    std::error_code ignored;
-    const bool absolute = path.starts_with('/');
-    expect(absolute ? path : std::filesystem::current_path(ignored).string() + '/' + path, "");
-    enterRoot();
+  // Begins at `place` when it is the directory of the file at `path`, and leaves there how far it
+  // came.
+  PathVerdict walk(const std::string& path, Place& place) {
+    begin(path, std::exchange(place, {}));
     while (verdict_.refusal.empty() && !steps_.empty()) {
       const Step step = std::move(steps_.front());
       steps_.pop_front();
       if (!take(step)) break;
     }
+    if (verdict_.refusal.empty() && detours_ == 0) place = std::move(place_);
     return std::move(verdict_);
   }
 
@@ -62,6 +63,21 @@ class PathWalk {
     std::string name;
     std::string shown;  ///< how it is reported
   };
+
+  void begin(const std::string& path, Place place) {
+    const std::size_t slash = path.rfind('/');
+    // How a directory is judged depends on what the path ends with; a file's has been judged.
+    if (end_ != PathEnd::directory && !place.path.empty() && slash != path.npos &&
+        place.path == path.substr(0, slash)) {
+      place_ = std::move(place);
+      expect(path.substr(slash), place_.path);
+      return;
+    }
+    std::error_code ignored;
+    const bool absolute = path.starts_with('/');
+    expect(absolute ? path : std::filesystem::current_path(ignored).string() + '/' + path, "");
+    enterRoot();
+  }
 
   // The components of `path`, which begins at `directory`, come next.
   void expect(const std::string& path, const std::string& directory) {
@@ -86,7 +102,7 @@ class PathWalk {
   // True when there is more to look at.
   bool take(const Step& step) {
     struct stat status {};
-    if (::fstatat(directory_.get(), step.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (::fstatat(place_.directory.get(), step.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
       if (errno == ENOENT) return takeMissing(step);
       // What this process can't reach or name, it can't use either.
       if (errno == EACCES || errno == ENOTDIR || errno == ENAMETOOLONG) return false;
@@ -94,21 +110,22 @@ class PathWalk {
     }
     if (S_ISLNK(status.st_mode)) return takeLink(step, status);
     if (S_ISDIR(status.st_mode)) {
-      return enter(FileDescriptor(::openat(directory_.get(), step.name.c_str(), kOpenDirectory)),
-                   step);
+      return enter(
+          FileDescriptor(::openat(place_.directory.get(), step.name.c_str(), kOpenDirectory)),
+          step);
     }
     judgeFile(step, status);
     return false;
   }
 
   bool takeMissing(const Step& step) {
-    if (!openToAll_) return false;
+    if (!place_.openToAll) return false;
     if (end_ == PathEnd::givenFile) {
       return refuse(step, "is missing, and any user may make it");
     }
     const bool isDirectory = !steps_.empty() || end_ == PathEnd::directory;
     if (!isDirectory || missing_ == MissingDirectory::left) return false;
-    if (::mkdirat(directory_.get(), step.name.c_str(), S_IRWXU) != 0) {
+    if (::mkdirat(place_.directory.get(), step.name.c_str(), S_IRWXU) != 0) {
       if (errno != EEXIST || ++detours_ > kMostDetours) {
         return refuse(step, "can't be made: " + std::generic_category().message(errno));
       }
@@ -116,7 +133,7 @@ class PathWalk {
       steps_.push_front(step);
       return true;
     }
-    FileDescriptor made(::openat(directory_.get(), step.name.c_str(),
+    FileDescriptor made(::openat(place_.directory.get(), step.name.c_str(),
                                  O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     // The umask may have taken away more than it should.
     if (made) static_cast<void>(::fchmod(made.get(), S_IRWXU));
@@ -129,7 +146,7 @@ class PathWalk {
     }
     std::array<char, PATH_MAX> target;
     const ssize_t length =
-        ::readlinkat(directory_.get(), step.name.c_str(), target.data(), target.size());
+        ::readlinkat(place_.directory.get(), step.name.c_str(), target.data(), target.size());
     if (length < 0) return refuseUnseen(step);
     if (++detours_ > kMostDetours) return refuse(step, "leads through too many symbolic links");
     const std::string path(target.data(), static_cast<std::size_t>(length));
@@ -145,7 +162,8 @@ class PathWalk {
   bool enter(FileDescriptor directory, const Step& step) {
     struct stat status {};
     if (!directory || ::fstat(directory.get(), &status) != 0) return refuseUnseen(step);
-    directory_ = std::move(directory);
+    place_.path = step.shown;
+    place_.directory = std::move(directory);
     judgeDirectory(step, status);
     return true;
   }
@@ -153,7 +171,7 @@ class PathWalk {
   void judgeDirectory(const Step& step, const struct stat& status) {
     const bool sticky = (status.st_mode & S_ISVTX) != 0;
     const bool holdsFiles = steps_.empty() && end_ == PathEnd::directory;
-    openToAll_ = (status.st_mode & S_IWOTH) != 0;
+    place_.openToAll = (status.st_mode & S_IWOTH) != 0;
     judge(step, status, sticky && !holdsFiles);
   }
 
@@ -189,9 +207,8 @@ class PathWalk {
   const PathEnd end_;
   const uid_t user_;
   const MissingDirectory missing_;
-  std::deque<Step> steps_;    ///< what is still to be looked at
-  FileDescriptor directory_;  ///< where the next step begins
-  bool openToAll_ = false;    ///< whether all may write to it
+  std::deque<Step> steps_;  ///< what is still to be looked at
+  Place place_;             ///< where the next step begins
   int detours_ = 0;
   PathVerdict verdict_;
 };
@@ -200,7 +217,11 @@ class PathWalk {
 
 PathVerdict examinePath(const std::string& path, PathEnd end, uid_t user,
                         MissingDirectory missing) {
-  return PathWalk(end, user, missing).walk(path);
+  return PathExaminer(user, missing).examine(path, end);
+}
+
+PathVerdict PathExaminer::examine(const std::string& path, PathEnd end) {
+  return PathWalk(end, user_, missing_).walk(path, place_);
 }
 
 }  // namespace VarnScripts

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "FileDescriptor.h"
+
 namespace VarnScripts {
 
 /// What a path leads to, and so what is asked of its last component.
@@ -44,5 +46,27 @@ struct PathVerdict {
 /// swap what was seen. Any thread.
 [[nodiscard]] PathVerdict examinePath(const std::string& path, PathEnd end, uid_t user,
                                       MissingDirectory missing = MissingDirectory::left);
+
+/// Looks at paths one after the other, each as `examinePath` does. Several files of one directory
+/// that come together cost one walk to it: it is open from the first of them on.
+class PathExaminer {
+ public:
+  explicit PathExaminer(uid_t user, MissingDirectory missing = MissingDirectory::left)
+      : user_(user), missing_(missing) {}
+
+  [[nodiscard]] PathVerdict examine(const std::string& path, PathEnd end);
+
+  /// A directory to which every step was trusted.
+  struct Place {
+    std::string path;  ///< without a link on the way; empty when there is none
+    posix::FileDescriptor directory;
+    bool openToAll = false;  ///< whether all may write to it
+  };
+
+ private:
+  const uid_t user_;
+  const MissingDirectory missing_;
+  Place place_;
+};
 
 }  // namespace VarnScripts

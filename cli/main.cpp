@@ -1,7 +1,9 @@
 // varn-scripts: takes the settings, makes one request of the library, and hands out its result.
 
 #include <signal.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -96,9 +98,7 @@ int host(const std::vector<std::string>& arguments, posix::FileDescriptor standa
   return line.command->execute(line, std::get<Settings>(settings));
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int outcomeOf(int argc, char** argv) {
   try {
     posix::FileDescriptor standardInput = VarnScripts::openStandardStreams();
     setSignalDispositions();
@@ -109,3 +109,17 @@ int main(int argc, char** argv) {
     return VarnScripts::kExitNotRun;
   }
 }
+
+// Ends the process without taking its libraries apart first, which the system does faster.
+[[noreturn]] void end(int status) {
+  std::fflush(nullptr);
+#ifdef VARN_REPORTS_AT_EXIT
+  std::exit(status);
+#else
+  ::_exit(status);
+#endif
+}
+
+}  // namespace
+
+int main(int argc, char** argv) { end(outcomeOf(argc, argv)); }

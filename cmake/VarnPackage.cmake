@@ -31,8 +31,10 @@ directories of scripts for any web server to serve.
 
 Agents that embed the library have a package of their own:
 ${library}.")
-# What programs and libraries link to is asked of dpkg.
+# What programs and libraries link to is asked of dpkg; libcurl is loaded and not linked to.
+set(loaded "libcurl4t64 | libcurl4 (>= 7.85)")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS ${loaded})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
   ${CMAKE_CURRENT_LIST_DIR}/debian/postinst
   ${CMAKE_CURRENT_LIST_DIR}/debian/prerm
@@ -46,6 +48,7 @@ set(CPACK_DEBIAN_LIBRARY_DESCRIPTION
 fetches a script from the organisation's server when it is new or has changed,
 verifies it, runs it and judges its exit code, inside an agent that embeds it.")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_DEPENDS ${loaded})
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/debian/triggers)

@@ -17,4 +17,5 @@ if ! echo "$checksum  $name" | sha256sum --check --status 2>/dev/null; then
   echo "$checksum  $name" | sha256sum --check --status
 fi
 echo "$version" >"$id.version"
-sh "$name"
+output=$(sh "$name")
+printf '%s\n' "$output"

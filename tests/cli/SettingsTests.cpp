@@ -324,6 +324,13 @@ TEST(LayerSettings, AServerThatCannotBeConnectedToIsNoURL) {
   }
 }
 
+TEST(LayerSettings, AServersURLIsLookedAtForACommandThatAsksTheServer) {
+  auto sources = complete();
+  sources.flags["server"] = "https://host:99999";
+  EXPECT_EQ(errorFrom(sources, NeededSettings::localState), "no error");
+  EXPECT_NE(errorFrom(sources, NeededSettings::request), "no error");
+}
+
 TEST(LayerSettings, AWrongLogFormatIsNamedWithTheSettingsFile) {
   auto sources = complete();
   sources.file = {{"log_format", "xml"}};

@@ -176,6 +176,54 @@ TEST_F(TrustedPath, TellsWhatTheGroupMayWrite) {
   EXPECT_EQ(verdict.writableByGroup, (std::vector<std::string>{top_ + "/a", top_ + "/a/b/file"}));
 }
 
+TEST_F(TrustedPath, OfSeveralInOneDirectoryIsRefusedAsEachIsAlone) {
+  std::ofstream(top_ + "/a/b/open") << "text";
+  mode("/a/b/open", 0666);
+  link("open", "/a/b/link");
+  std::filesystem::create_directories(top_ + "/a/b/c");
+  mode("/a/b/c", 0777);
+  mode("/a/b", 01777);
+  struct Row {
+    std::string path;
+    PathEnd end;
+    std::string refusal;
+  };
+  const std::string open = " may be written to by all users";
+  const std::vector<Row> rows = {
+      {"/a/b/file", PathEnd::ownFile, ""},
+      {"/a/b/open", PathEnd::ownFile, "/a/b/open" + open},
+      {"/a/b/file", PathEnd::ownFile, ""},
+      {"/a/b/none", PathEnd::ownFile, ""},
+      {"/a/b/none", PathEnd::givenFile, "/a/b/none is missing, and any user may make it"},
+      {"/a/b/file", PathEnd::ownFile, ""},
+      {"/a/b/c", PathEnd::directory, "/a/b/c" + open},
+      {"/a/b/file", PathEnd::ownFile, ""},
+      {"/a/b/link", PathEnd::ownFile, "/a/b/open" + open},
+      {"/a/b/file", PathEnd::ownFile, ""},
+      {"/a/b", PathEnd::directory, "/a/b" + open},
+      {"/a/b/file", PathEnd::ownFile, ""},
+      {"/a/b/", PathEnd::directory, "/a/b" + open},
+      {"/a/b/./file", PathEnd::ownFile, ""},
+      {"/a/b/c/none", PathEnd::ownFile, "/a/b/c" + open},
+      {"/a/b/c/none", PathEnd::ownFile, "/a/b/c" + open},
+  };
+  PathExaminer examiner(::geteuid());
+  for (const Row& row : rows) {
+    const std::string refusal = examiner.examine(top_ + row.path, row.end).refusal;
+    EXPECT_EQ(refusal, row.refusal.empty() ? "" : top_ + row.refusal) << row.path;
+  }
+}
+
+TEST_F(TrustedPath, OfSeveralInOneDirectoryIsWalkedOnce) {
+  PathExaminer examiner(::geteuid());
+  EXPECT_EQ(examiner.examine(top_ + "/a/b/file", PathEnd::ownFile).refusal, "");
+  mode("/a", 0757);
+  EXPECT_EQ(examiner.examine(top_ + "/a/b/none", PathEnd::ownFile).refusal, "");
+  const std::string open = top_ + "/a may be written to by all users";
+  EXPECT_EQ(examiner.examine(top_ + "/a/b", PathEnd::directory).refusal, open);
+  EXPECT_EQ(examiner.examine(top_ + "/a/b/file", PathEnd::ownFile).refusal, open);
+}
+
 TEST_F(TrustedPath, OfTheNullDeviceIsNotRefused) {
   EXPECT_EQ(examinePath("/dev/null", PathEnd::givenFile, ::geteuid()).refusal, "");
 }

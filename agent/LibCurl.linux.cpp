@@ -1,0 +1,46 @@
+// Linux: loaded by the name that all its versions since 2006 have.
+
+#include "LibCurl.h"
+
+#include <dlfcn.h>
+
+#include <string>
+
+#include "DownloadTarget.h"
+
+namespace AgentUtils {
+namespace {
+
+constexpr const char* kLibrary = "libcurl.so.4";
+
+[[noreturn]] void fail() {
+  const char* const cause = ::dlerror();
+  throw DownloadFailure("libcurl can't be loaded: " +
+                        std::string(cause == nullptr ? kLibrary : cause));
+}
+
+template <class Function>
+void find(void* library, const char* name, Function& function) {
+  function = reinterpret_cast<Function>(::dlsym(library, name));
+  if (function == nullptr) fail();
+}
+
+LibCurl load() {
+  // Lazily: of all that its libraries refer to among one another, a download needs little.
+  void* const library = ::dlopen(kLibrary, RTLD_LAZY | RTLD_LOCAL);
+  if (library == nullptr) fail();
+  LibCurl functions{};
+#define VARN_FIND(name) find(library, "curl_" #name, functions.name);
+  VARN_CURL_FUNCTIONS(VARN_FIND)
+#undef VARN_FIND
+  return functions;
+}
+
+}  // namespace
+
+const LibCurl& libCurl() {
+  static const LibCurl functions = load();
+  return functions;
+}
+
+}  // namespace AgentUtils

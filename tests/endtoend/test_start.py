@@ -1,0 +1,64 @@
+"""What a start of the command loads, and what becomes of one that lacks something of it."""
+
+import os
+import sys
+import unittest
+
+from support.case import CommandCase
+
+
+@unittest.skipIf(sys.platform == "darwin", "linked to the system's libraries there")
+class LibcurlTest(CommandCase):
+    """The library that speaks HTTP is loaded by who asks a server over it, and by nobody else."""
+
+    verbose = False
+
+    def setUp(self):
+        super().setUp()
+        self.put()
+
+    def assert_loads(self, expected, *arguments):
+        told = self.path("loader")
+        result = self.run_command(
+            *arguments, environment=self.environment(LD_DEBUG="files", LD_DEBUG_OUTPUT=told))
+        self.assertEqual(result.status, 0, result.error)
+        loaded = set()
+        for name in os.listdir(self.directory):
+            if not name.startswith("loader."):
+                continue
+            with open(self.path(name), encoding="utf-8", errors="replace") as file:
+                text = file.read()
+            loaded.update(library for library in ("libsqlite3.so", "libcurl.so")
+                          if f"file={library}" in text)
+            os.remove(self.path(name))
+        self.assertEqual(loaded, {"libsqlite3.so"} | ({"libcurl.so"} if expected else set()))
+
+    def test_a_server_of_files_is_asked_without_it(self):
+        for arguments in (("run", "42"), ("plan", "42"), ("list", "--server"), ("prune",), ("list",)):
+            with self.subTest(arguments):
+                self.assert_loads(False, *arguments)
+
+    def test_a_web_server_is_asked_with_it(self):
+        self.serve()
+        self.assert_loads(True, "run", "42")
+        self.assert_loads(True, "plan", "42")
+
+    def test_a_list_of_what_is_here_does_without_it_whatever_the_server_is(self):
+        self.server = "https://127.0.0.1"
+        self.assert_loads(False, "list")
+
+    def test_without_it_the_reason_says_so(self):
+        self.serve()
+        # Found in its place, and no library.
+        broken = self.path("libraries")
+        os.mkdir(broken)
+        with open(os.path.join(broken, "libcurl.so.4"), "w", encoding="ascii") as file:
+            file.write("no library\n")
+        without = self.environment(LD_LIBRARY_PATH=broken)
+        for arguments, status in ((("run", "42"), 3), (("plan", "42"), 3), (("prune",), 3)):
+            result = self.run_command(*arguments, environment=without)
+            self.assertEqual(result.status, status, result.error)
+            self.assertRegex(result.output + result.error,
+                             f"can't be fetched from .*: libcurl can't be loaded: "
+                             f"{broken}/libcurl.so.4: ")
+        self.assertEqual(self.run_command("list", environment=without).status, 0)
