@@ -272,8 +272,9 @@ class Settings(DirectoryCase):
                  for line in text.splitlines()]
         keys = [line.split(" = ")[0] for line in lines if " = " in line]
         text = "\n".join(lines).replace("/var/log", str(self.directory))
-        for name in ("headers", "netrc"):
-            path = self.file(name, "")
+        key = "RWRM5lKOZrw8KQB1mikK8fWAfBHNJrKomQDsjzUSTit4pqCza1LpOEgl"
+        for name, content in (("headers", ""), ("netrc", ""), ("release.pub", key)):
+            path = self.file(name, content)
             path.chmod(0o600)
             text = text.replace(f"/etc/varn-scripts/{name}", str(path))
         config = self.file("all.toml", text)
@@ -283,7 +284,8 @@ class Settings(DirectoryCase):
             sorted(keys),
             ["base_path", "ca_file", "client_cert", "client_key", "customer", "data_path"]
             + ["header_file", "log_file", "log_format", "log_level", "log_target", "max_download"]
-            + ["max_output", "netrc_file", "proxy", "quiet", "retry", "server", "verbose"],
+            + ["max_output", "netrc_file", "proxy", "quiet", "retry", "server"]
+            + ["signatures_needed", "trusted_keys", "verbose"],
         )
 
 
