@@ -18,7 +18,6 @@
 #include "SecretFiles.h"
 #include "StandardStreams.h"
 #include "TrustedKeys.h"
-#include "VarnScriptRepository/ScriptRepositoryHost.h"
 
 // The system's, which no header declares everywhere.
 extern "C" char** environ;
@@ -129,7 +128,6 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
   } catch (const std::invalid_argument& error) {
     return SettingsError{error.what()};
   }
-  VarnScriptRepository::setDocumentTest(AgentUtils::isBoundDocument);
   return std::nullopt;
 }
 

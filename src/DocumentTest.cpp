@@ -19,9 +19,10 @@ void setDocumentTest(DocumentTest test) noexcept {
 bool isDocumentOf(const ScriptRepositoryMeta& entry, const std::string& path) {
   const DocumentTest test = testOfHost.load(std::memory_order_acquire);
   if (test == nullptr) return true;
-  const auto& mapping = entry.scriptPathMapping;
-  if (!mapping || mapping->empty()) return false;
-  return guarded(false, [&] { return test(path, mapping->front().filepath); });
+  return guarded(false, [&] {
+    const auto& mapping = entry.scriptPathMapping;
+    return test(path, mapping && !mapping->empty() ? mapping->front().filepath : std::string());
+  });
 }
 
 }  // namespace VarnScriptRepository

@@ -10,7 +10,6 @@
 namespace VarnScriptRepository {
 
 /// Whether the document at `path` may be used for `entry`, by the host's test; always without one.
-/// An entry that names no document has none.
 [[nodiscard]] bool isDocumentOf(const ScriptRepositoryMeta& entry, const std::string& path);
 
 }  // namespace VarnScriptRepository

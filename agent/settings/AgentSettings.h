@@ -44,7 +44,8 @@ struct AgentSettings {
   /// that begins with "RW" for each. With any, the list is taken only when enough of them have
   /// signed it, not yet expired and not older than what was accepted before; everything else only
   /// from a path that has the SHA-256 of its content in its name. Without any, what comes from the
-  /// server is taken. A host that sets this has local documents held against the list as well:
+  /// server is taken. Documents that lie on the computer are held against the list as well; a host
+  /// that links these modules to the library's units itself asks for that:
   /// `VarnScriptRepository::setDocumentTest(AgentUtils::isBoundDocument)`.
   std::vector<std::string> trustedKeys{};
   /// How many different ones of the keys have to have signed a list.

@@ -40,13 +40,14 @@ namespace VarnScriptRepository {
 VARN_EXPORT bool reloadServerList() noexcept;
 
 /// Tells whether the data document at `path` on this computer is the one that the list names as
-/// `serverPath`. May be called by several threads at the same time; when it throws, it is not.
+/// `serverPath`, which is empty when the list names none. May be called by several threads at the
+/// same time; when it throws, it is not.
 using DocumentTest = bool (*)(const std::string& path, const std::string& serverPath);
 
 /// Has the local data document of every script held against the list from now on: one that `test`
 /// says no to is not used but fetched anew, as though it were not there. Null, as it is to begin
-/// with: whatever is there is used while its version is the list's. Called before the first
-/// request.
+/// with: whatever is there is used while its version is the list's. The library with the bundled
+/// modules begins with `AgentUtils::isBoundDocument`. Called before the first request.
 VARN_EXPORT void setDocumentTest(DocumentTest test) noexcept;
 
 struct HeldTurns;

@@ -29,6 +29,13 @@ class Requests:
             self.assertEqual((result.status, result.output), (0, "again\n"), result.error)
         self.assertIn("Local Version 1 Proceeding without Downloading Script", result.error)
 
+    def test_an_up_to_date_run_needs_no_document_path_in_the_list(self):
+        self.put(text="echo again\n")
+        self.assertEqual(self.run_command("run", "42").status, 0)
+        self.put(text="echo again\n", mapped=False)
+        result = self.run_command("run", "42")
+        self.assertEqual((result.status, result.output), (0, "again\n"), result.error)
+
     def test_a_new_version_replaces_script_and_record(self):
         self.put(text="echo old\n", version="1")
         self.assertEqual(self.run_command("run", "42").output, "old\n")

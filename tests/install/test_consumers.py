@@ -114,6 +114,29 @@ class Installed(DirectoryCase):
                              f"{verdict}\n", done.stdout)
             self.assertEqual("", done.stderr)
 
+    def check_signed(self, program):
+        """With keys alone set, an altered local document does not count."""
+        command = pathlib.Path(os.environ["VARN_BUILD_DIRECTORY"]) / "bin/varn-scripts"
+        key = self.directory / "release.key"
+        execute([command, "key", "generate", key, "--no-passphrase"])
+        source = self.directory / "source"
+        source.mkdir()
+        (source / "job.sh").write_text('test "$1" = signed\n', encoding="utf-8")
+        (source / "scripts.toml").write_text(
+            '[[script]]\nid = "42"\nfile = "job.sh"\narguments = "signed"\n', encoding="utf-8")
+        server = self.publish(source, "--sign-with", key, "--allow-removal")
+        base = self.directory / "signed base"
+        line = pathlib.Path(f"{key}.pub").read_text(encoding="utf-8").splitlines()[-1]
+        for change in ("", "altered"):
+            if change:
+                document = next(base.rglob("42.xml"))
+                text = document.read_text(encoding="utf-8")
+                self.assertIn("signed", text)
+                document.write_text(text.replace("signed", change), encoding="utf-8")
+            done = execute([program, base, f"file://{server}", "42", line],
+                           env=self.library_environment(self.prefix))
+            self.assertEqual("accepted", done.stdout.splitlines()[-1])
+
     def test_the_example_agent_builds_on_it_and_runs_scripts(self):
         build = self.directory / "build"
         self.configure(EMBED, build, f"-DCMAKE_PREFIX_PATH={self.prefix}")
@@ -126,6 +149,7 @@ class Installed(DirectoryCase):
                        f"-DAGENT={EMBED / 'agent.cpp'}")
         self.build(build)
         self.check_shared(build / "shared")
+        self.check_signed(build / "shared")
         registered = execute([build / "registered"], expected=2)
         self.assertEqual("registered\n", registered.stdout)
 

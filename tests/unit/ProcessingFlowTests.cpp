@@ -189,6 +189,21 @@ TEST_F(ProcessScript, WhoseDocumentTheHostDoesNotTakeDownloadsItAnew) {
                  "Executing Script"));
 }
 
+TEST_F(ProcessScript, WhoseListNamesNoDocumentLeavesTheLocalOneToTheHostsTest) {
+  leaveLocalCopy("5");
+  serveMetadata("ScriptRepo(script_id<42> file_id<f1> modified_time<5>)");
+  loadMetadata();
+  setDocumentTest([](const std::string& path, const std::string& serverPath) {
+    heldDocument = {path, serverPath};
+    return true;
+  });
+
+  EXPECT_EQ(process(), ProcessingResult(true, "done\n"));
+
+  EXPECT_EQ(heldDocument, std::pair(dataDirectory + "/42.xml", std::string()));
+  EXPECT_EQ(downloads.made, 0U);
+}
+
 TEST_F(ProcessScript, WhoseDocumentTheHostTakesDownloadsNothing) {
   leaveLocalCopy("5");
   loadMetadata();

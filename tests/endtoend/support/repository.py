@@ -24,6 +24,8 @@ class Script:
     # The published checksum; that of the text when absent.
     checksum: str | None = None
     checksum_type: str = "SHA-256"
+    # Whether the list says where the data document is.
+    mapped: bool = True
 
     @property
     def document_path(self):
@@ -56,7 +58,8 @@ def _list_entry(script):
         "os_platform": "Mac",
         "modified_time": script.version,
     }
-    mapping = f"<ScriptPathMapping><filepath>{escape(script.document_path)}</filepath></ScriptPathMapping>"
+    mapping = (f"<ScriptPathMapping><filepath>{escape(script.document_path)}</filepath>"
+               "</ScriptPathMapping>" if script.mapped else "")
     return f"<ScriptRepo>{_elements(values)}{mapping}</ScriptRepo>"
 
 

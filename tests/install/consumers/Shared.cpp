@@ -1,5 +1,6 @@
 // Uses the shared library with its bundled agent modules and their settings: the base directory,
-// the server and the script's ID. Prints where the store lies, and what became of the request.
+// the server, the script's ID, and maybe a key to trust. Prints where the store lies, and what
+// became of the request.
 
 #include <cstdio>
 
@@ -15,12 +16,13 @@
 using VarnScriptRepository::ScriptRepositoryConstants;
 using VarnScriptRepository::ScriptRepositoryProcessor;
 
-int main(int, char** argv) {
+int main(int argc, char** argv) {
   AgentUtils::AgentSettings settings;
   settings.basePath = argv[1];
   settings.dataPath = settings.basePath + "/data";
   settings.customerID = "acme";
   settings.serverURL = argv[2];
+  if (argc > 4) settings.trustedKeys = {argv[4]};
   AgentUtils::configure(settings);
   AgentLog::LogSettings log;
   log.quiet = true;
