@@ -12,9 +12,11 @@
 #include <system_error>
 
 #include "ScriptRules.h"
+#include "WholeFiles.h"
 #include "platform/Child.h"
 #include "platform/Clock.h"
 #include "platform/Wait.h"
+#include "publish/PerlText.h"
 
 namespace VarnScripts::publishing {
 namespace {
@@ -124,6 +126,23 @@ class Syntax {
     }
   }
 
+  // One process for each file, as with the shell.
+  void readWithPerl(const Strings& paths) {
+    for (const std::string& path : paths) {
+      std::error_code unreadable;
+      const auto file = posix::readRegularFile(path, posix::LastLink::follow, unreadable);
+      if (unreadable || !isOnlyReadByPerl(file.bytes)) continue;
+      // -T: no modules of directories that the environment names.
+      const auto outcome = outcomeOf(launchPath_, {"-cT", "--", path}, limit_);
+      if (!outcome) return;
+      if (!isWhole(*outcome)) {
+        giveUp(path, *outcome);
+      } else if (outcome->status.code != 0) {
+        tellPerlsMessage(path, outcome->output);
+      }
+    }
+  }
+
   void readWithPython(const Strings& paths) {
     for (std::size_t first = 0; first < paths.size();) {
       const std::size_t count = std::min(kFilesAtOnce, paths.size() - first);
@@ -169,6 +188,19 @@ class Syntax {
     if (text.starts_with("line ")) text.remove_prefix(5);
     const std::size_t line = takeNumber(text).value_or(0);
     tell(path, line, withoutBlanks(text));
+  }
+
+  // "syntax error at a.pl line 3, near …", after warnings of the same form, maybe.
+  void tellPerlsMessage(const std::string& path, std::string_view output) {
+    std::string_view text = output.substr(0, output.find('\n'));
+    const std::string place = " at " + path + " line ";
+    std::size_t line = 0;
+    if (const std::size_t at = text.find(place); at != text.npos) {
+      std::string_view number = text.substr(at + place.size());
+      line = takeNumber(number).value_or(0);
+      text = text.substr(0, at);
+    }
+    tell(path, line, text);
   }
 
   // The number of the last file that was begun, among all; nothing when none was.
@@ -221,6 +253,7 @@ void checkSyntax(const std::vector<std::string>& paths, Findings& findings,
     }
     Syntax syntax(launchPath, limit, findings);
     if (interpreter.extension == "sh") syntax.readWithShell(own);
+    if (interpreter.extension == "pl") syntax.readWithPerl(own);
     if (interpreter.extension == "py" && !own.empty()) syntax.readWithPython(own);
   }
 }

@@ -1,8 +1,8 @@
 // What the interpreters of this computer say of scripts that they only read.
 //
-// Nothing of a script is run: the shell reads it with -n, Python compiles it in memory. Perl and
-// AppleScript are left alone: Perl runs what stands in BEGIN blocks and `use` lines when it is
-// asked for the syntax alone, and a script that is checked must not be able to do anything.
+// Nothing of a script is run: the shell reads it with -n, Python compiles it in memory, and Perl is
+// asked with -c where it runs nothing of the script meanwhile. AppleScript is left alone. A script
+// that is checked must not be able to do anything.
 
 #pragma once
 

@@ -63,6 +63,69 @@ TEST_F(SyntaxTest, OfAPythonScriptIsThatOfPython) {
   EXPECT_THAT(found[2], StartsWith("d.py:2: warning: /usr/bin/python3 can't read the script: "));
 }
 
+TEST_F(SyntaxTest, OfAPerlScriptIsThatOfPerl) {
+  write("a.pl",
+        "#!/usr/bin/perl -w\n# what it does\nuse strict;\nuse POSIX qw(floor);\n\nmy @a = (1;\n");
+  write("b.pl", "use v5.10;\nuse strict;\n$undeclared = 1;\n");
+  write("c.pl", "use strict; # always\nuse Getopt::Long 'GetOptions', ':config';\nprint 'a';\n");
+  write("-d.pl", "print sub { 1 }->(), f();\nsub f { 2 }\nsub g($) { 3 }\n");
+  const auto found = syntaxOf({"a.pl", "b.pl", "c.pl", "-d.pl"});
+  ASSERT_EQ(found.size(), 2U);
+  EXPECT_THAT(found[0],
+              StartsWith("a.pl:6: warning: /usr/bin/perl can't read the script: syntax error"));
+  EXPECT_THAT(found[1], StartsWith("b.pl:3: warning: /usr/bin/perl can't read the script: Global"));
+}
+
+TEST_F(SyntaxTest, OfAPerlScriptThatWouldRunSomethingMeanwhileIsNotAskedFor) {
+  const std::string touched = path("touched");
+  const std::string touch = "open F, '>', '" + touched + "'";
+  const std::string utf16 = [&] {
+    std::string wide;
+    for (const char byte : "BEGIN { " + touch + " }\n") (wide += byte) += '\0';
+    return wide;
+  }();
+  std::filesystem::create_directory(path("elsewhere"));
+  write("elsewhere/Module.pm", touch + ";\n1;\n");
+  const std::vector<std::string> scripts = {
+      "BEGIN { " + touch + " }\n(",
+      "CHECK { " + touch + " }\n(",
+      "UNITCHECK { " + touch + " }\n",
+      "sub BEGIN { " + touch + " }\n",
+      "use strict; BEGIN { " + touch + " }\n",
+      "use strict (" + touch + ");\n",
+      "use strict scalar(" + touch + ");\n",
+      "use POSIX qw(floor), scalar(" + touch + ");\n",
+      "sub evil { " + touch + " }\nuse POSIX evil;\n",
+      "use\nstrict (" + touch + ");\n",
+      "use lib '" + path("elsewhere") + "';\nuse Module;\n",
+      "use if 1, lib => '" + path("elsewhere") + "'; use Module;\n",
+      "no strict (" + touch + ");\n",
+      "sub CORE::GLOBAL::caller { " + touch + " }\nuse POSIX;\n",
+      "sub CORE'GLOBAL'caller { " + touch + " }\nuse POSIX;\n",
+      "package CORE::GLOBAL; sub caller { " + touch + " }\npackage main; use POSIX;\n",
+      "sub POSIX::export_fail { " + touch + " }\nuse POSIX;\n",
+      "sub MODIFY_SCALAR_ATTRIBUTES { " + touch + "; return }\nmy $a : Attribute;\n",
+      "sub MODIFY_CODE_ATTRIBUTES { " + touch + "; return }\nsub f : Attribute { 1 }\n",
+      "#!/bin/sh\ntouch '" + touched + "'\n",
+      "#! /usr/bin/env sh\ntouch '" + touched + "'\n",
+      "#!/usr/bin/perl -I" + path("elsewhere") + " -MModule\nprint 1;\n",
+      "#!/usr/bin/perl -d\nprint 1;\n",
+      "\xFF\xFE" + utf16,
+      utf16,
+  };
+  ::setenv("PERL5LIB", path("elsewhere").c_str(), 1);
+  for (const std::string& script : scripts) {
+    write("a.pl", script);
+    EXPECT_THAT(syntaxOf({"a.pl"}), IsEmpty()) << script;
+    EXPECT_FALSE(std::filesystem::exists(touched)) << script;
+    std::filesystem::remove(touched);
+  }
+  // Any of them that Perl is asked for in earnest tells that the test would notice.
+  write("a.pl", scripts.front());
+  EXPECT_NE(::system(("/usr/bin/perl -c '" + path("a.pl") + "' >/dev/null 2>&1").c_str()), 0);
+  EXPECT_TRUE(std::filesystem::exists(touched));
+}
+
 TEST_F(SyntaxTest, OfMoreScriptsThanOneProcessReadsIsThatOfEach) {
   std::vector<std::string> names;
   for (int number = 0; number < 450; ++number) {
