@@ -1,11 +1,13 @@
 #include "publish/ListToSign.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <utility>
 
 #include "Directories.h"
+#include "TrustedPath.h"
 #include "WholeFiles.h"
 #include "signing/UTCTime.h"
 
@@ -33,7 +35,52 @@ std::string howToSign(const SignedComment& comment) {
          kSignatureName + " --signed-by KEY_FILE.pub\n";
 }
 
+// The path with every link followed, as far as it is there.
+std::filesystem::path resolved(const std::string& path) {
+  std::error_code unknown;
+  std::filesystem::path whole = std::filesystem::absolute(path, unknown);
+  std::filesystem::path found = std::filesystem::weakly_canonical(whole, unknown);
+  if (unknown) found = whole.lexically_normal();
+  return found.has_filename() ? found : found.parent_path();
+}
+
+// Whether both are one directory, by whatever names; or would be when they were made.
+bool isSame(const std::filesystem::path& one, const std::filesystem::path& other) {
+  std::error_code missing;
+  return one == other || std::filesystem::equivalent(one, other, missing);
+}
+
+bool liesIn(std::filesystem::path place, const std::filesystem::path& directory) {
+  while (!isSame(place, directory)) {
+    if (!place.has_relative_path()) return false;
+    place = place.parent_path();
+  }
+  return true;
+}
+
 }  // namespace
+
+std::optional<std::string> makePlaceForSigning(const std::string& directory,
+                                               const std::string& source, const std::string& output,
+                                               const std::string& repository,
+                                               std::error_code& error) {
+  const std::filesystem::path place = resolved(directory);
+  if (liesIn(place, resolved(output)) || liesIn(place, resolved(output + "/" + repository))) {
+    return "it lies in the tree that is served; give another directory";
+  }
+  if (isSame(place, resolved(source))) {
+    return "it is the directory of the scripts; give another directory";
+  }
+  const auto whoElse = [&directory] {
+    return examinePath(directory, PathEnd::directory, ::geteuid(), MissingDirectory::made).refusal;
+  };
+  if (auto refusal = whoElse(); !refusal.empty()) return refusal;
+  std::filesystem::create_directories(directory, error);
+  if (error) return std::nullopt;
+  // What was made has the mode that the process's mask leaves.
+  if (auto refusal = whoElse(); !refusal.empty()) return refusal;
+  return std::nullopt;
+}
 
 std::string signingCommand() {
   return "minisign -S -s KEY_FILE -m " + std::string(kListName) + " -t \"$(cat " + kCommentName +
@@ -42,9 +89,7 @@ std::string signingCommand() {
 
 void leaveForSigning(const std::string& directory, std::string_view list,
                      const SignedComment& comment, std::error_code& error, std::string& path) {
-  path = directory;
-  std::filesystem::create_directories(directory, error);
-  if (error) return;
+  error.clear();
   const std::pair<const char*, std::string> files[] = {
       {kListName, std::string(list)},
       {kCommentName, signedCommentText(comment) + "\n"},

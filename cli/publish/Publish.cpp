@@ -419,14 +419,19 @@ class Publisher {
 
   // Leaves the list where somebody else takes it to be signed; the tree is not touched.
   int leave() {
-    announce();
     if (!decodesTo(new_.bytes, new_.list)) return reportRoundTrip(VarnScriptRepository::kListName);
     const auto comment = signing_->commentFor(new_.bytes, now());
     if (const auto* const why = std::get_if<Refusal>(&comment)) return refuse(why->sentence);
     const auto& said = std::get<SignedComment>(comment);
     std::error_code error;
-    std::string path;
-    leaveForSigning(options_.signing.leaveIn, new_.bytes, said, error, path);
+    std::string path = options_.signing.leaveIn;
+    if (const auto why =
+            makePlaceForSigning(path, options_.sourceDirectory, options_.outputDirectory,
+                                repositoryDirectory(customer_), error)) {
+      return refuse(path + " is not used: " + *why);
+    }
+    announce();
+    if (!error) leaveForSigning(options_.signing.leaveIn, new_.bytes, said, error, path);
     if (error) {
       writeErrorLine("varn-scripts: " + path + " can't be written: " + error.message());
       return kExitNotRun;

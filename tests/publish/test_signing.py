@@ -361,6 +361,52 @@ class LeftForSigning(SigningCase):
         with open(self.list_path, "rb") as file:
             self.assertEqual(left, file.read())
 
+    def test_is_left_neither_in_the_tree_nor_among_the_scripts(self):
+        self.sign()
+        self.write_script(text="echo 2\n")
+        os.symlink(self.output, self.path("link"))
+        os.mkdir(self.path("source", "below"))
+        tree, source = self.tree(), self.tree(self.source)
+        in_tree = "lies in the tree that is served"
+        for place, why in (
+                (os.path.dirname(self.list_path), in_tree),
+                (self.output, in_tree),
+                (self.output + "/", in_tree),
+                (self.output + "/new/one", in_tree),
+                (self.path("none/../output/client-data"), in_tree),
+                (self.path("link/client-data/new"), in_tree),
+                (self.source, "is the directory of the scripts"),
+                (self.path("source/below/.."), "is the directory of the scripts")):
+            result = self.publish("--unsigned-for", place, *self.signed_by)
+            self.assert_refused(result, f"{place} is not used: it {why}; give another directory")
+            self.assertEqual((self.tree(), self.tree(self.source)), (tree, source), place)
+        # Of a tree that is not there yet, neither.
+        self.output = self.path("later")
+        for place in (self.output, self.output + "/", self.output + "/a"):
+            result = self.publish("--unsigned-for", place, *self.signed_by)
+            self.assert_refused(result, f"{place} is not used: it {in_tree}; give another directory")
+        self.assertFalse(os.path.exists(self.output))
+
+    @unittest.skipUnless(os.geteuid() == 0, "needs root, to make another user's directory")
+    def test_is_not_left_where_another_user_could_exchange_it(self):
+        os.mkdir(self.away)
+        os.chown(self.away, 4242, 4242)
+        below = os.path.join(self.away, "below")
+        for place in (self.away, below):
+            result = self.publish("--unsigned-for", place, *self.signed_by)
+            self.assert_refused(result,
+                                f"{place} is not used: {self.away} belongs to user 4242")
+        os.chown(self.away, 0, 0)
+        os.chmod(self.away, 0o1777)
+        result = self.publish("--unsigned-for", self.away, *self.signed_by)
+        self.assert_refused(result, f"{self.away} is not used: {self.away} may be written to by all "
+                                    "users")
+        self.assertEqual(os.listdir(self.away), [])
+        # One of its own may be made there.
+        result = self.publish("--unsigned-for", below, *self.signed_by)
+        self.assertEqual((result.status, result.error), (0, ""))
+        self.assertEqual(stat.S_IMODE(os.stat(below).st_mode), 0o700)
+
     def test_a_signed_tree_stays_as_it_is_until_the_signature_comes(self):
         self.sign()
         before, serial = self.tree(), self.serial()
