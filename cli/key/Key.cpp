@@ -13,6 +13,7 @@
 #include "StandardStreams.h"
 #include "TrustedKeys.h"
 #include "WholeFiles.h"
+#include "key/CoreDumps.h"
 #include "key/KeyFiles.h"
 #include "key/Passphrase.h"
 #include "key/SecretKey.h"
@@ -108,6 +109,7 @@ signing::UTCTime now() {
 int generateKey(const CommandLine& line, const Settings& /*settings*/) {
   const KeyOptions& options = line.key;
   const std::string publicPath = options.file + ".pub";
+  keys::forbidCoreDumps();
   if (const auto why = keys::complaintAboutNewKey(options.file, publicPath)) {
     return report(why->sentence, kExitNotRun);
   }
@@ -133,6 +135,7 @@ int generateKey(const CommandLine& line, const Settings& /*settings*/) {
 }
 
 int showKey(const CommandLine& line, const Settings& /*settings*/) {
+  keys::forbidCoreDumps();
   const auto key = publicKeyOf(line.key);
   if (const auto* const why = std::get_if<Refusal>(&key)) return report(why->sentence, kExitNotRun);
   return writePublicKey(std::get<PublicKey>(key));

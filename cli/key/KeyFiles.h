@@ -30,7 +30,7 @@ struct KeyFile {
 [[nodiscard]] AskPassphrase passphraseOf(std::string path, std::string passphraseFile);
 
 /// The secret key at `path`, in a file that is for its owner alone; `ask` gives the passphrase of
-/// one that is protected.
+/// one that is protected. From the first of them on this process has no core dumps.
 [[nodiscard]] std::variant<SecretKey, Refusal> secretKeyIn(const std::string& path,
                                                            const AskPassphrase& ask);
 

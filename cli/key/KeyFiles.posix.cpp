@@ -8,6 +8,7 @@
 
 #include "Calls.h"
 #include "WholeFiles.h"
+#include "key/CoreDumps.h"
 #include "key/Passphrase.h"
 
 namespace VarnScripts::keys {
@@ -65,6 +66,7 @@ AskPassphrase passphraseOf(std::string path, std::string passphraseFile) {
 }
 
 std::variant<SecretKey, Refusal> secretKeyIn(const std::string& path, const AskPassphrase& ask) {
+  forbidCoreDumps();
   auto read = readKeyFile(path);
   if (auto* const why = std::get_if<Refusal>(&read)) return std::move(*why);
   const auto& file = std::get<KeyFile>(read);

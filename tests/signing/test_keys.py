@@ -6,6 +6,7 @@ import datetime
 import hashlib
 import os
 import pty
+import resource
 import select
 import shutil
 import signal
@@ -149,10 +150,14 @@ class PassphraseTest(KeysCase):
 class TerminalTest(KeysCase):
     """A person at a terminal."""
 
-    def at_terminal(self, *arguments):
+    def at_terminal(self, *arguments, core=None, user=None):
         """Starts the command with a terminal of its own; gives its process ID and the terminal."""
         child, terminal = pty.fork()
         if child == 0:
+            if core is not None:
+                resource.setrlimit(resource.RLIMIT_CORE, (core, core))
+            if user is not None:
+                os.setuid(user)
             # Whoever runs the tests in the background ignores what a terminal sends.
             for number in (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP):
                 signal.signal(number, signal.SIG_DFL)
@@ -217,6 +222,52 @@ class TerminalTest(KeysCase):
                 self.assertEqual(self.status_of(child), -number)
                 self.assertTrue(termios.tcgetattr(terminal)[3] & termios.ECHO)
                 self.assertFalse(os.path.exists(self.secret))
+
+
+    @unittest.skipUnless(os.path.exists("/proc/self/limits"), "no /proc here")
+    def test_secrets_are_in_no_core_dump(self):
+        words = self.write(self.path("words"), "one two\n")
+        locked = self.path("locked")
+        self.generate(locked, "--passphrase-file", words)
+        self.generate()
+        os.mkdir(self.path("source"))
+        self.write(self.path("source", "scripts.toml"), "")
+        for arguments, question in (
+                (("key", "generate", self.path("new")), b"Passphrase for "),
+                (("key", "show", locked), b"Passphrase of "),
+                (("--customer", "acme", "publish", "--allow-removal", self.path("source"),
+                  self.path("output"), "--sign-with", self.secret, "--sign-with", locked),
+                 b"Passphrase of ")):
+            with self.subTest(arguments=arguments):
+                child, terminal = self.at_terminal(*arguments, core=resource.RLIM_INFINITY)
+                self.read_until(terminal, question)
+                self.assertRegex(self.read(f"/proc/{child}/limits"),
+                                 r"\nMax core file size +0 +0 ")
+                os.write(terminal, b"\x1c")
+                self.assertEqual(self.status_of(child), -signal.SIGQUIT)
+
+    @unittest.skipUnless(os.geteuid() == 0 and os.path.exists("/proc/self/limits"),
+                         "needs root, to be another user, and /proc")
+    def test_who_may_trace_a_process_can_not_trace_one_with_secrets(self):
+        # What the owner of a process can't trace is root's.
+        os.chmod(self.directory, 0o755)
+        place = self.path("place")
+        os.mkdir(place)
+        os.chown(place, 4242, 4242)
+        child, terminal = self.at_terminal("key", "generate", os.path.join(place, "new"), user=4242)
+        self.read_until(terminal, b"Passphrase for ")
+        self.assertEqual(os.stat(f"/proc/{child}/mem").st_uid, 0)
+        # Its own descriptors are its own all the same.
+        os.write(terminal, b"\x03")
+        self.assertEqual(self.status_of(child), -signal.SIGINT)
+        reader, writer = os.pipe()
+        os.fchown(reader, 4242, 4242)
+        os.write(writer, b"one two\n")
+        os.close(writer)
+        result = self.key("generate", os.path.join(place, "new"), "--passphrase-file",
+                          f"/dev/fd/{reader}", pass_fds=[reader], user=4242)
+        os.close(reader)
+        self.assertEqual((result.status, result.error), (0, ""))
 
 
 class ShowTest(KeysCase):
