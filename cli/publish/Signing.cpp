@@ -25,6 +25,13 @@ Refusal countsLonger(const PublicKey& key, const SignedComment& comment,
           " already, and would for less long; " + remedy};
 }
 
+// A list with the last serial would be the last one: who has driven it there was a thief.
+std::optional<Refusal> complaintAboutSerial(const PublicKey& key, std::uint64_t serial) {
+  if (serial != std::numeric_limits<std::uint64_t>::max()) return std::nullopt;
+  return Refusal{nameOf(key) + " has signed the serial " + std::to_string(serial) +
+                 ", which none can follow; publish with other keys alone"};
+}
+
 }  // namespace
 
 std::optional<std::string> remarkOnExpiry(const SignedComment& comment,
@@ -115,6 +122,7 @@ std::optional<Refusal> Signing::renew(std::string_view list, UTCTime now) {
       return Refusal{nameOf(key.publicKey()) +
                      " has not signed the list there; publish it with --sign-with, which does"};
     }
+    if (auto why = complaintAboutSerial(there->key, there->comment.serial)) return why;
     if (now + lifetime_ < there->comment.expires) {
       return countsLonger(there->key, there->comment, "give a longer --expires");
     }
@@ -209,6 +217,7 @@ std::optional<Refusal> Signing::attach(std::string_view list, UTCTime now) {
     if (const auto* const why = std::get_if<Refusal>(&judgement)) return *why;
     const auto& accepted = std::get<signing::Acceptance>(judgement);
     const PublicKey& key = accepted.signedBy.front();
+    if (auto why = complaintAboutSerial(key, accepted.serial)) return why;
     if (std::ranges::find(signedBy_, key) != signedBy_.end()) {
       return Refusal{"two of the signatures are by " + nameOf(key)};
     }
@@ -231,19 +240,15 @@ std::optional<Refusal> Signing::attach(std::string_view list, UTCTime now) {
 
 std::variant<std::uint64_t, Refusal> Signing::serialFor(UTCTime now) const {
   if (attachedSerial_) return *attachedSerial_;
-  constexpr std::uint64_t kLast = std::numeric_limits<std::uint64_t>::max();
   const auto seconds =
       static_cast<std::uint64_t>(std::max<std::int64_t>(1, now.time_since_epoch().count()));
   const Known* const last = newest();
   if (last == nullptr) return seconds;
   const std::uint64_t highest = last->comment.serial;
+  if (auto why = complaintAboutSerial(last->key, highest)) return *std::move(why);
   const bool isNewest = std::ranges::any_of(
       covering_, [highest](const Known& known) { return known.comment.serial == highest; });
   if (isNewest) return highest;
-  if (highest == kLast) {
-    return Refusal{nameOf(last->key) + " has signed the serial " + std::to_string(kLast) +
-                   ", which none can follow; publish with other keys alone"};
-  }
   return std::max(highest + 1, seconds);
 }
 

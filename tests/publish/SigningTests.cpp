@@ -218,6 +218,18 @@ TEST_F(SigningTest, ASerialThatWasDrivenToItsEndIsRefused) {
             "by " + nameOf(other_) + " with the serial 1795348800 until 2026-12-22T12:00:00Z");
 }
 
+TEST_F(SigningTest, ASerialAtTheEndIsNotSignedOnceMoreEither) {
+  // Over the very list that a thief has published.
+  signedBefore(key_, kList, std::numeric_limits<std::uint64_t>::max());
+  const std::string refusal =
+      "refused: the key " + nameOf(key_) +
+      " has signed the serial 18446744073709551615, which none can follow; publish with other "
+      "keys alone";
+  EXPECT_EQ(sign(here({&key_}), kList, kNoon), refusal);
+  EXPECT_EQ(sign(here({&key_}), kList, kNoon + kMonth), refusal);
+  EXPECT_EQ(renew(here({&key_}), kList, kNoon), refusal);
+}
+
 TEST_F(SigningTest, ACopyUnderTheNameOfAnotherListHoldsNobodyUp) {
   sign(here({&key_}), kList, kNoon);
   for (const char* const list : {kList, kOtherList}) {
@@ -356,6 +368,11 @@ TEST_F(AttachedSignatures, AreRefusedWithTheReason) {
   for (const auto& [text, why] : rows) {
     EXPECT_EQ(sign(elsewhere({text}), kList, kNoon), "refused: " + why);
   }
+  constexpr std::uint64_t kLast = std::numeric_limits<std::uint64_t>::max();
+  EXPECT_EQ(sign(elsewhere({made(key_, kLast)}), kList, kNoon),
+            "refused: the key " + nameOf(key_) +
+                " has signed the serial 18446744073709551615, which none can follow; publish with "
+                "other keys alone");
   EXPECT_EQ(sign(elsewhere({made(key_, 7), made(key_, 8)}), kList, kNoon),
             "refused: two of the signatures are by the key " + nameOf(key_));
   EXPECT_EQ(sign(elsewhere({made(key_, 7), made(other_, 8)}), kList, kNoon),
