@@ -287,12 +287,18 @@ class Publisher {
     if (!old_.complaint.empty()) old_.kind = OldList::Kind::foreign;
   }
 
+  // Whether a signed list would be replaced without a signature, and nobody has asked for that.
+  [[nodiscard]] bool lacksKey() const {
+    return !signing_ && !options_.signing.withoutSignature && old_.bytes != new_.bytes &&
+           !oldSignatures_.empty();
+  }
+
   // Whether the old list may go without being asked for. What is refused has been reported then.
   bool allowed() {
     Findings findings;
     const std::string list = files_.pathOf(VarnScriptRepository::kListName);
-    if (!signing_ && !options_.signing.withoutSignature && old_.bytes != new_.bytes &&
-        !oldSignatures_.empty()) {
+    // A check publishes nothing, and whoever checks a change need not have the key.
+    if (!options_.check && lacksKey()) {
       findings.refuse({list},
                       "the list there is signed, and computers that trust a key refuse one that is "
                       "not",
@@ -331,7 +337,9 @@ class Publisher {
     }
     const bool replaces = old_.kind != OldList::Kind::none && old_.bytes != new_.bytes;
     const bool signs = old_.kind != OldList::Kind::none && signing_ && !signing_->files().empty();
-    const bool pending = replaces || signs || !missing.empty();
+    const auto expiry = remarkOnTime();
+    const bool hasExpired = !replaces && expiry && expiry->hasExpired;
+    const bool pending = replaces || signs || hasExpired || !missing.empty();
     if (old_.kind != OldList::Kind::none) announce();
     std::string text =
         "Checked " + counted(source_.scripts.size(), "script", "scripts") + ": " +
@@ -339,10 +347,14 @@ class Publisher {
     if (pending) {
       text += "; " + counted(missing.size(), "file", "files") + " to be written, " +
               (replaces ? "the list to be replaced" : "the list unchanged");
-      if (signs) text += ", to be signed " + signing_->summary();
+      if (signs) {
+        text += ", to be signed " + signing_->summary();
+      } else if (hasExpired || lacksKey()) {
+        text += hasExpired ? ", to be signed anew" : ", to be signed";
+      }
     }
     if (!announced_ || !writeOutput(text + ".\n")) return kExitNotRun;
-    if (!pending) remark();
+    if (!pending || hasExpired) remark();
     return pending ? kExitPending : kExitSuccess;
   }
 
@@ -443,11 +455,13 @@ class Publisher {
     return announced_ && writeOutput(text) ? kExitSuccess : kExitNotRun;
   }
 
-  // Tells when a signature of the published list soon counts no more.
+  // On a signature of the published list that counts no more, or soon will not.
+  std::optional<ExpiryRemark> remarkOnTime() {
+    return signing_ ? signing_->remark() : remarkOnSignatures(files_, oldSignatures_, now());
+  }
+
   void remark() {
-    const auto text =
-        signing_ ? signing_->remark() : remarkOnSignatures(files_, oldSignatures_, now());
-    if (text) writeRemark(*text, settings_);
+    if (const auto expiry = remarkOnTime()) writeRemark(expiry->text, settings_);
   }
 
   // Last: what the list names is all there. A computer that has fetched the list that is replaced

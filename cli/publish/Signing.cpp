@@ -34,22 +34,24 @@ std::optional<Refusal> complaintAboutSerial(const PublicKey& key, std::uint64_t 
 
 }  // namespace
 
-std::optional<std::string> remarkOnExpiry(const SignedComment& comment,
-                                          const signing::KeyNumber& number, UTCTime now) {
+std::optional<ExpiryRemark> remarkOnExpiry(const SignedComment& comment,
+                                           const signing::KeyNumber& number, UTCTime now) {
   const std::string by = "the signature by the key " + signing::keyName(number) + " expire";
   const std::string time = " at " + utcTimeText(comment.expires);
   const std::string remedy = "; publish --renew makes a new one";
   if (now >= comment.expires) {
-    return by + "d" + time + ", and computers that trust the key refuse the list" + remedy;
+    return ExpiryRemark{
+        by + "d" + time + ", and computers that trust the key refuse the list" + remedy, true};
   }
   if (comment.expires - now >= (comment.expires - comment.published) / kLittleLeft) {
     return std::nullopt;
   }
-  return by + "s" + time + remedy;
+  return ExpiryRemark{by + "s" + time + remedy, false};
 }
 
-std::optional<std::string> remarkOnSignatures(ServerFiles& files, const ContentNames& names,
-                                              UTCTime now) {
+std::optional<ExpiryRemark> remarkOnSignatures(ServerFiles& files, const ContentNames& names,
+                                               UTCTime now) {
+  std::optional<ExpiryRemark> soon;
   for (const std::string& name : names) {
     std::error_code unread;
     const auto text = files.read(name, unread, signing::kLongestSignatureFile);
@@ -60,9 +62,11 @@ std::optional<std::string> remarkOnSignatures(ServerFiles& files, const ContentN
     const auto comment = signing::parseSignedComment(made->comment);
     const auto* const said = std::get_if<SignedComment>(&comment);
     if (said == nullptr) continue;
-    if (auto remark = remarkOnExpiry(*said, made->key, now)) return remark;
+    auto remark = remarkOnExpiry(*said, made->key, now);
+    if (remark && remark->hasExpired) return remark;
+    if (!soon) soon = std::move(remark);
   }
-  return std::nullopt;
+  return soon;
 }
 
 void Signing::look(ServerFiles& files, std::error_code& error) {

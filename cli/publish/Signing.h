@@ -47,14 +47,22 @@ struct SignatureFile {
 /// one part in so many.
 inline constexpr int kLittleLeft = 3;
 
-/// The remark on a signature that counts no more at `now`, or not for long; nothing when it has
-/// time. `number` is that of its key.
-[[nodiscard]] std::optional<std::string> remarkOnExpiry(
+/// What is to be said of a signature that counts no more, or not for long.
+struct ExpiryRemark {
+  std::string text;
+  bool hasExpired;
+};
+
+/// The remark on a signature with its time at `now`; nothing when it has enough. `number` is that
+/// of its key.
+[[nodiscard]] std::optional<ExpiryRemark> remarkOnExpiry(
     const SignedComment& comment, const AgentUtils::signing::KeyNumber& number, UTCTime now);
 
-/// That of one of the tree's signatures `names`, which nobody has held against a key.
-[[nodiscard]] std::optional<std::string> remarkOnSignatures(ServerFiles& files,
-                                                            const ContentNames& names, UTCTime now);
+/// That of one of the tree's signatures `names`, which nobody has held against a key; of one that
+/// has expired, when there is one.
+[[nodiscard]] std::optional<ExpiryRemark> remarkOnSignatures(ServerFiles& files,
+                                                             const ContentNames& names,
+                                                             UTCTime now);
 
 /// The signatures of a publication. A refusal leaves what `files` gives undefined.
 class Signing {
@@ -88,7 +96,7 @@ class Signing {
   [[nodiscard]] std::string summary() const;
 
   /// `remarkOnExpiry` of a signature that stays as it is.
-  [[nodiscard]] const std::optional<std::string>& remark() const { return remark_; }
+  [[nodiscard]] const std::optional<ExpiryRemark>& remark() const { return remark_; }
 
  private:
   /// A signature of the tree by one of the keys, for this customer.
@@ -131,7 +139,7 @@ class Signing {
   std::optional<std::uint64_t> attachedSerial_;
   std::vector<SignatureFile> files_;
   std::optional<AgentUtils::signing::Acceptance> accepted_;
-  std::optional<std::string> remark_;
+  std::optional<ExpiryRemark> remark_;
 };
 
 }  // namespace VarnScripts::publishing

@@ -91,7 +91,7 @@ class SigningTest : public testing::Test {
       put(file.name, file.bytes);
       written_.push_back(file.name);
     }
-    remark_ = signing.remark().value_or("");
+    remark_ = signing.remark() ? signing.remark()->text : "";
     return signing.summary();
   }
 
@@ -291,8 +291,11 @@ TEST_F(SigningTest, ASignatureThatSoonExpiresIsRemarkedOn) {
   sign(here({&key_}), kList, kNoon + std::chrono::days(20) + std::chrono::seconds(1));
   EXPECT_EQ(remark_, by + "2026-12-22T12:00:00Z" + remedy);
   const SignedComment comment{"acme", 1, kNoon, kNoon + std::chrono::hours(3)};
-  EXPECT_EQ(remarkOnExpiry(comment, key_.number, kNoon), std::nullopt);
-  EXPECT_EQ(remarkOnExpiry(comment, key_.number, kNoon + std::chrono::hours(3)),
+  EXPECT_FALSE(remarkOnExpiry(comment, key_.number, kNoon));
+  EXPECT_FALSE(remarkOnExpiry(comment, key_.number, kNoon + std::chrono::minutes(170))->hasExpired);
+  const auto expired = remarkOnExpiry(comment, key_.number, kNoon + std::chrono::hours(3));
+  EXPECT_TRUE(expired->hasExpired);
+  EXPECT_EQ(expired->text,
             "the signature by the key " + nameOf(key_) +
                 " expired at 2026-11-22T15:00:00Z, and computers that trust the key refuse the "
                 "list" +

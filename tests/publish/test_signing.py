@@ -151,7 +151,7 @@ class Unsigned(SigningCase):
         self.sign()
         before = self.tree()
         self.write_script(text="echo 2\n")
-        for options in ([], ["--check"], ["--allow-removal"]):
+        for options in ([], ["--allow-removal"]):
             result = self.publish(*options)
             self.assertEqual((result.status, result.output, result.error_lines), (2, "", [
                 f"{self.list_path}: the list there is signed, and computers that trust a key "
@@ -164,6 +164,19 @@ class Unsigned(SigningCase):
         # From then on it is none.
         self.write_script(text="echo 3\n")
         self.must_publish()
+
+    def test_check_of_a_change_needs_no_key(self):
+        self.sign()
+        self.write_script(text="echo 2\n")
+        before = self.tree()
+        checked = ("~ 42 (script)\nChecked 1 script: nothing to say; 2 files to be written, the list "
+                   "to be replaced")
+        for options, end in (([], ", to be signed.\n"), (["--strict"], ", to be signed.\n"),
+                             (["--unsigned"], ".\n")):
+            result = self.publish("--check", *options)
+            self.assertEqual((result.status, result.output, result.error),
+                             (4, checked + end, ""), options)
+        self.assertEqual(self.tree(), before)
 
     def test_publication_that_changes_nothing_needs_no_key(self):
         self.sign()
@@ -536,9 +549,32 @@ class BesideMinisign(SigningCase):
         self.assertEqual((result.status, result.error),
                          (0, f"{remark}d at {past}, and computers that trust the key refuse the "
                              f"list{remedy}"))
+        # A check finds it to be signed, with a key and without.
+        checked = ("Checked 1 script: nothing to say; 0 files to be written, the list unchanged, to "
+                   "be signed")
+        for options in ([], ["--strict"]):
+            check = self.publish("--check", *options)
+            self.assertEqual((check.status, check.output, check.error),
+                             (4, checked + " anew.\n", result.error), options)
+        check = self.publish("--check", "--sign-with", self.key)
+        self.assertEqual((check.status, check.error), (4, ""))
+        self.assertTrue(check.output.startswith(checked + f" by {self.number(self.key)} "))
         self.assertEqual(self.verified(self.key).status, 1)
         self.sign()
         self.assert_verified()
+
+    def test_one_that_has_expired_is_told_before_one_that_soon_does(self):
+        other = self.make_key("other.key")
+        self.sign(keys=[self.key, other])
+        first, second = self.signature_path(), self.signature_path(other)
+        serial, soon, past = str(self.serial()), utc(hours=1), utc(minutes=-1)
+        for late, early in ((first, second), (second, first)):
+            # By one key, in the places of both: who has made it does not matter here.
+            self.sign_elsewhere(late, serial=serial, published=utc(days=-1), expires=past)
+            self.sign_elsewhere(early, serial=serial, published=utc(days=-1), expires=soon)
+            check = self.publish("--check")
+            self.assertEqual(check.status, 4)
+            self.assertIn(f" expired at {past}, and", check.error)
 
     def test_renews_one_that_has_expired(self):
         self.sign()
