@@ -596,7 +596,6 @@ class Keys(SigningCase):
         self.assert_refused(self.publish("--sign-with", self.path("none")),
                             f"the key {self.path('none')} can't be read: No such file or directory",
                             status=3)
-        os.chmod(self.key + ".pub", 0o600)
         self.assert_refused(self.publish("--sign-with", self.key + ".pub"),
                             f"{self.key}.pub: the secret key is a public key, with which nothing can "
                             "be signed", status=3)

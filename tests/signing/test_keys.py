@@ -121,8 +121,8 @@ class GenerateTest(KeysCase):
                             "--passphrase-file", words)
         self.write(words, "one two\n", mode=0o644)
         self.assert_refused(
-            2, f"the passphrase file {words} can't be read: others than its owner may use it; "
-               "chmod 600 mends that", "generate", self.secret, "--passphrase-file", words)
+            2, f"the passphrase file {words} is not used: others than its owner may use it (mode "
+               "0644); chmod 600 mends that", "generate", self.secret, "--passphrase-file", words)
         result = self.key("generate", self.secret, "--passphrase-file", words, "--no-passphrase")
         self.assertEqual(result.status, 2)
         self.assertFalse(os.path.exists(self.secret))
@@ -145,6 +145,20 @@ class PassphraseTest(KeysCase):
         self.assert_refused(3, f"{self.secret}: the secret key can't be unlocked: the passphrase is "
                                "wrong, or the file is damaged",
                             "show", self.secret, "--passphrase-file", words)
+
+
+    def test_weaker_protection_for_want_of_memory_is_told(self):
+        words = self.write(self.path("words"), "one two\n")
+        most = 700 << 20
+        result = self.key("generate", self.secret, "--passphrase-file", words,
+                          preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (most, most)))
+        self.assertEqual(result.status, 0)
+        self.assertEqual(result.error,
+                         f"varn-scripts: there is too little memory to protect {self.secret} as well "
+                         "as usual: to try a passphrase takes 512 MiB of it in place of 1024\n")
+        self.assertEqual(self.read(self.public), result.output)
+        self.assertEqual(self.key("show", self.secret, "--passphrase-file", words).output,
+                         result.output)
 
 
 class TerminalTest(KeysCase):
@@ -290,6 +304,26 @@ class ShowTest(KeysCase):
                             "show", "none")
         self.assert_refused(3, f"{self.list}: the secret key is none: it has no comment line",
                             "show", self.write(self.list, "<scripts-meta/>\n"))
+
+
+    def test_standard_input_is_said_not_to_be_read(self):
+        printed = self.generate()
+        unread = "it is standard input, from which nothing is read"
+        for place in ("/dev/stdin", "/dev/fd/0"):
+            with self.subTest(place=place), open(self.secret, "rb") as file:
+                result = self.key("show", place, stdin=file)
+                self.assertEqual((result.status, result.output, result.error),
+                                 (3, "", f"varn-scripts: the key {place} can't be read: {unread}\n"))
+                result = self.key("verify", self.list, "--trusted-key", place, stdin=file)
+                self.assertIn(f"the key {place} can't be read: {unread}\n", result.error)
+                result = self.key("generate", self.path("new"), "--passphrase-file", place,
+                                  stdin=file)
+                self.assertEqual((result.output, result.error),
+                                 ("", f"varn-scripts: the passphrase file {place} can't be read: "
+                                      f"{unread}; give a file, or a pipe such as /dev/fd/3\n"))
+        # Of the null device itself that holds as well.
+        self.assertIn(unread, self.key("show", "/dev/null").error)
+        self.assertEqual(self.key("show", self.secret).output, printed)
 
 
 @unittest.skipUnless(MINISIGN, "no minisign here")
