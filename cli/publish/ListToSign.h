@@ -6,13 +6,17 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <vector>
 
+#include "signing/PublicKey.h"
 #include "signing/SignedComment.h"
 
 namespace VarnScripts::publishing {
 
-/// The command that signs the list, run in the directory in which it was left.
-[[nodiscard]] std::string signingCommand();
+/// The commands that sign the list, one for each key, run in the directory in which it was left.
+/// Several have files of their own, so that none takes another's place.
+[[nodiscard]] std::vector<std::string> signingCommands(
+    const std::vector<AgentUtils::signing::KeyNumber>& keys);
 
 /// Makes `directory` where it is missing, for a list of the source at `source` whose tree is at
 /// `output`, with its list in `repository`. Gives why nothing can be left there: it lies in the
@@ -28,7 +32,8 @@ namespace VarnScripts::publishing {
 /// ("trusted-comment.txt") and a text that says how ("sign.txt"), each whole and on the disk. What
 /// is there of an earlier list is replaced. After an error `path` says where.
 void leaveForSigning(const std::string& directory, std::string_view list,
-                     const AgentUtils::signing::SignedComment& comment, std::error_code& error,
-                     std::string& path);
+                     const AgentUtils::signing::SignedComment& comment,
+                     const std::vector<AgentUtils::signing::KeyNumber>& keys,
+                     std::error_code& error, std::string& path);
 
 }  // namespace VarnScripts::publishing

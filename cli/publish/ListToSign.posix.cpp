@@ -14,6 +14,8 @@
 namespace VarnScripts::publishing {
 namespace {
 
+using AgentUtils::signing::keyName;
+using AgentUtils::signing::KeyNumber;
 using AgentUtils::signing::SignedComment;
 using AgentUtils::signing::utcTimeText;
 using VarnScriptRepository::kListName;
@@ -21,18 +23,37 @@ using VarnScriptRepository::kListName;
 constexpr mode_t kMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH;
 constexpr const char* kCommentName = "trusted-comment.txt";
 constexpr const char* kHowName = "sign.txt";
-constexpr const char* kSignatureName = "scripts-meta.xml.minisig";
 
-std::string howToSign(const SignedComment& comment) {
-  return "The list " + std::string(kListName) + " of the customer " + comment.customer +
-         " is to be signed with the comment in " + kCommentName + ":\nits serial is " +
-         std::to_string(comment.serial) + ", and the signature counts until " +
-         utcTimeText(comment.expires) +
-         ".\nIn this directory, with the file of the secret key in place of KEY_FILE:\n\n    " +
-         signingCommand() + "\n\nThe signature is " + kSignatureName +
-         ". Whoever publishes takes it in with --attach and the public key:\n\n"
-         "    varn-scripts publish SOURCE_DIR OUTPUT_DIR --attach " +
-         kSignatureName + " --signed-by KEY_FILE.pub\n";
+// What the signature of one of the keys is called.
+std::string signatureName(const KeyNumber& key, const std::vector<KeyNumber>& keys) {
+  return kListName + (keys.size() == 1 ? "" : "." + keyName(key)) + ".minisig";
+}
+
+std::string signingCommand(const KeyNumber& key, const std::vector<KeyNumber>& keys) {
+  const std::string place = keys.size() == 1 ? "" : " -x " + signatureName(key, keys);
+  return "minisign -S -s KEY_FILE -m " + std::string(kListName) + place + " -t \"$(cat " +
+         kCommentName + ")\"";
+}
+
+std::string howToSign(const SignedComment& comment, const std::vector<KeyNumber>& keys) {
+  std::string text = "The list " + std::string(kListName) + " of the customer " + comment.customer +
+                     " is to be signed with the comment in " + kCommentName + ":\nits serial is " +
+                     std::to_string(comment.serial) + ", and the signature counts until " +
+                     utcTimeText(comment.expires) +
+                     ".\nIn this directory, with the file of the secret key in place of KEY_FILE";
+  std::string attached;
+  std::string signedBy;
+  for (const KeyNumber& key : keys) {
+    text += (keys.size() == 1 ? "" : "\n\nfor the key " + keyName(key)) + ":\n\n    " +
+            signingCommand(key, keys);
+    attached += " --attach " + signatureName(key, keys);
+    signedBy += " --signed-by " + (keys.size() == 1 ? "KEY_FILE" : keyName(key)) + ".pub";
+  }
+  text += keys.size() == 1 ? "\n\nThe signature is " + signatureName(keys.front(), keys) +
+                                 ". Whoever publishes takes it in"
+                           : "\n\nWhoever publishes takes the signatures in";
+  return text + " with --attach and the public key" + (keys.size() == 1 ? "" : "s") +
+         ":\n\n    varn-scripts publish SOURCE_DIR OUTPUT_DIR" + attached + signedBy + "\n";
 }
 
 // The path with every link followed, as far as it is there.
@@ -82,18 +103,20 @@ std::optional<std::string> makePlaceForSigning(const std::string& directory,
   return std::nullopt;
 }
 
-std::string signingCommand() {
-  return "minisign -S -s KEY_FILE -m " + std::string(kListName) + " -t \"$(cat " + kCommentName +
-         ")\"";
+std::vector<std::string> signingCommands(const std::vector<KeyNumber>& keys) {
+  std::vector<std::string> commands;
+  for (const KeyNumber& key : keys) commands.push_back(signingCommand(key, keys));
+  return commands;
 }
 
 void leaveForSigning(const std::string& directory, std::string_view list,
-                     const SignedComment& comment, std::error_code& error, std::string& path) {
+                     const SignedComment& comment, const std::vector<KeyNumber>& keys,
+                     std::error_code& error, std::string& path) {
   error.clear();
   const std::pair<const char*, std::string> files[] = {
       {kListName, std::string(list)},
       {kCommentName, signedCommentText(comment) + "\n"},
-      {kHowName, howToSign(comment)},
+      {kHowName, howToSign(comment, keys)},
   };
   for (const auto& [name, bytes] : files) {
     path = directory + "/" + name;

@@ -354,6 +354,7 @@ class Publisher {
       }
     }
     if (!announced_ || !writeOutput(text + ".\n")) return kExitNotRun;
+    remarkOnMissing();
     if (!pending || hasExpired) remark();
     return pending ? kExitPending : kExitSuccess;
   }
@@ -443,21 +444,28 @@ class Publisher {
       return refuse(path + " is not used: " + *why);
     }
     announce();
-    if (!error) leaveForSigning(options_.signing.leaveIn, new_.bytes, said, error, path);
+    if (!error)
+      leaveForSigning(options_.signing.leaveIn, new_.bytes, said, signing_->keyNumbers(), error,
+                      path);
     if (error) {
       writeErrorLine("varn-scripts: " + path + " can't be written: " + error.message());
       return kExitNotRun;
     }
-    const std::string text = "The list is in " + options_.signing.leaveIn +
-                             ", to be signed with the serial " + std::to_string(said.serial) +
-                             " until " + utcTimeText(said.expires) + ". There:\n" +
-                             signingCommand() + "\n";
+    std::string text = "The list is in " + options_.signing.leaveIn +
+                       ", to be signed with the serial " + std::to_string(said.serial) + " until " +
+                       utcTimeText(said.expires) + ". There:\n";
+    for (const auto& command : signingCommands(signing_->keyNumbers())) text += command + "\n";
     return announced_ && writeOutput(text) ? kExitSuccess : kExitNotRun;
   }
 
   // On a signature of the published list that counts no more, or soon will not.
   std::optional<ExpiryRemark> remarkOnTime() {
     return signing_ ? signing_->remark() : remarkOnSignatures(files_, oldSignatures_, now());
+  }
+
+  void remarkOnMissing() {
+    if (!signing_) return;
+    for (const std::string& sentence : signing_->missing()) writeRemark(sentence, settings_);
   }
 
   void remark() {
@@ -552,6 +560,7 @@ class Publisher {
     text += ".\n";
     if (isSigned) text += "Signed " + signing_->summary() + ".\n";
     if (!writeOutput(text)) return kExitNotRun;
+    remarkOnMissing();
     if (!listWritten) remark();
     return kExitSuccess;
   }

@@ -115,6 +115,7 @@ std::optional<Refusal> Signing::sign(std::string_view list, UTCTime now) {
     signedBy_.push_back(there->key);
     if (!remark_) remark_ = remarkOnExpiry(there->comment, there->key.number, now);
   }
+  lookForMissing(std::get<std::uint64_t>(serial), now);
   return conclude(list, now);
 }
 
@@ -140,6 +141,12 @@ std::variant<SignedComment, Refusal> Signing::commentFor(std::string_view list, 
   const auto serial = serialFor(now);
   if (const auto* const why = std::get_if<Refusal>(&serial)) return *why;
   return SignedComment{customer_, std::get<std::uint64_t>(serial), now, now + lifetime_};
+}
+
+std::vector<signing::KeyNumber> Signing::keyNumbers() const {
+  std::vector<signing::KeyNumber> numbers;
+  for (const PublicKey& key : known_) numbers.push_back(key.number);
+  return numbers;
 }
 
 std::string Signing::summary() const {
@@ -168,6 +175,7 @@ void Signing::beginWith(std::string_view list) {
   files_.clear();
   accepted_.reset();
   remark_.reset();
+  missing_.clear();
 }
 
 const Signing::Known* Signing::newestOf(const PublicKey& key) const {
@@ -218,7 +226,9 @@ std::optional<Refusal> Signing::attach(std::string_view list, UTCTime now) {
   for (const std::string& text : signers_.attached) {
     const auto judgement =
         judgeList(list, {text}, {signers_.elsewhere, 1, customer_}, state(), now);
-    if (const auto* const why = std::get_if<Refusal>(&judgement)) return *why;
+    if (const auto* const why = std::get_if<Refusal>(&judgement)) {
+      return notAttached(text, why->sentence);
+    }
     const auto& accepted = std::get<signing::Acceptance>(judgement);
     const PublicKey& key = accepted.signedBy.front();
     if (auto why = complaintAboutSerial(key, accepted.serial)) return why;
@@ -240,6 +250,40 @@ std::optional<Refusal> Signing::attach(std::string_view list, UTCTime now) {
     put(key, text);
   }
   return std::nullopt;
+}
+
+// Whoever publishes can do something about it, other than a computer.
+Refusal Signing::notAttached(std::string_view text, std::string why) const {
+  const auto parsed = signing::parseSignature(text);
+  const auto* const signature = std::get_if<ListSignature>(&parsed);
+  if (signature == nullptr) return {std::move(why)};
+  const auto key = std::ranges::find(signers_.elsewhere, signature->key, &PublicKey::number);
+  if (key == signers_.elsewhere.end()) {
+    return {"the key " + signing::keyName(signature->key) +
+            ", by which the list is signed, is not among those of --signed-by"};
+  }
+  if (why.ends_with("is not over this list")) {
+    why += "; leave the list for signing again with --unsigned-for";
+  } else if (isCommentSigned(*signature, *key) &&
+             std::holds_alternative<Refusal>(signing::parseSignedComment(signature->comment))) {
+    why += "; have it signed with minisign -t and the comment that was left";
+  }
+  return {std::move(why)};
+}
+
+// What the tree has of those who sign elsewhere counts as well.
+void Signing::lookForMissing(std::uint64_t serial, UTCTime now) {
+  for (const PublicKey& key : signers_.elsewhere) {
+    if (std::ranges::find(signedBy_, key) != signedBy_.end()) continue;
+    const Known* const there = over(key);
+    if (there != nullptr && there->comment.serial == serial && now < there->comment.expires) {
+      texts_.push_back(signatureFile(there->signature));
+      signedBy_.push_back(key);
+    } else {
+      missing_.push_back(nameOf(key) +
+                         " has not signed the list; computers that need its signature refuse it");
+    }
+  }
 }
 
 std::variant<std::uint64_t, Refusal> Signing::serialFor(UTCTime now) const {

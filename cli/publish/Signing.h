@@ -88,12 +88,18 @@ class Signing {
   /// What those who sign elsewhere are to sign with `list`.
   [[nodiscard]] std::variant<SignedComment, Refusal> commentFor(std::string_view list, UTCTime now);
 
+  /// The numbers of the keys, in their order.
+  [[nodiscard]] std::vector<AgentUtils::signing::KeyNumber> keyNumbers() const;
+
   /// What is to be written.
   [[nodiscard]] const std::vector<SignatureFile>& files() const { return files_; }
 
   /// "by 293CBC668E52E64C with the serial 7 until 2026-12-22T11:30:00Z", of all signatures that the
   /// list then has by these keys.
   [[nodiscard]] std::string summary() const;
+
+  /// A sentence on each key of those who sign elsewhere whose signature the list then lacks.
+  [[nodiscard]] const std::vector<std::string>& missing() const { return missing_; }
 
   /// `remarkOnExpiry` of a signature that stays as it is.
   [[nodiscard]] const std::optional<ExpiryRemark>& remark() const { return remark_; }
@@ -115,6 +121,8 @@ class Signing {
   [[nodiscard]] const Known* over(const PublicKey& key) const;
   [[nodiscard]] TrustState state() const;
   [[nodiscard]] std::optional<Refusal> attach(std::string_view list, UTCTime now);
+  [[nodiscard]] Refusal notAttached(std::string_view text, std::string why) const;
+  void lookForMissing(std::uint64_t serial, UTCTime now);
   [[nodiscard]] std::variant<std::uint64_t, Refusal> serialFor(UTCTime now) const;
   void make(const keys::SecretKey& key, std::string_view list, std::uint64_t serial, UTCTime now);
   void put(const PublicKey& key, std::string bytes);
@@ -140,6 +148,7 @@ class Signing {
   std::vector<SignatureFile> files_;
   std::optional<AgentUtils::signing::Acceptance> accepted_;
   std::optional<ExpiryRemark> remark_;
+  std::vector<std::string> missing_;
 };
 
 }  // namespace VarnScripts::publishing

@@ -92,6 +92,7 @@ class SigningTest : public testing::Test {
       written_.push_back(file.name);
     }
     remark_ = signing.remark() ? signing.remark()->text : "";
+    missing_ = signing.missing();
     return signing.summary();
   }
 
@@ -109,6 +110,7 @@ class SigningTest : public testing::Test {
   ServerFiles files_;
   std::vector<std::string> written_;
   std::string remark_;
+  std::vector<std::string> missing_;
 };
 
 TEST_F(SigningTest, TheFirstSerialIsTheTimeAndTheNextOneIsHigher) {
@@ -352,9 +354,10 @@ TEST_F(AttachedSignatures, AreRefusedWithTheReason) {
   const std::pair<std::string, std::string> rows[] = {
       {cut, "the signature file is cut: it has 2 of four lines"},
       {"", "the signature file is empty"},
-      {made(stranger, 7),
-       "the key " + nameOf(stranger) + ", by which the list is signed, is not trusted"},
-      {made(key_, 7, kNoon, kNoon + kMonth, "acme", kOtherList), by + " is not over this list"},
+      {made(stranger, 7), "the key " + nameOf(stranger) +
+                              ", by which the list is signed, is not among those of --signed-by"},
+      {made(key_, 7, kNoon, kNoon + kMonth, "acme", kOtherList),
+       by + " is not over this list; leave the list for signing again with --unsigned-for"},
       {changed, "the comment of " + by + " was changed"},
       {made(key_, 7, kNoon, kNoon + kMonth, "another"),
        "the signature by the key " + nameOf(key_) +
@@ -387,6 +390,26 @@ TEST_F(AttachedSignatures, MayFollowWithTheSameSerialOverTheSameList) {
   sign(elsewhere({made(key_, 7)}), kList, kNoon);
   EXPECT_EQ(sign(elsewhere({made(key_, 7, kNoon, kNoon + kMonth + kMonth)}), kList, kNoon),
             "by " + nameOf(key_) + " with the serial 7 until 2027-01-21T12:00:00Z");
+}
+
+TEST_F(AttachedSignatures, ThatAreMissingAreNamed) {
+  const std::string by = "the key " + nameOf(other_) +
+                         " has not signed the list; computers that need its signature refuse it";
+  sign(elsewhere({made(key_, 7)}), kList, kNoon);
+  EXPECT_EQ(missing_, std::vector{by});
+  sign(elsewhere({made(key_, 7), made(other_, 7)}), kList, kNoon);
+  EXPECT_EQ(missing_, std::vector<std::string>());
+  // What the tree has of before counts, and is named.
+  EXPECT_EQ(sign(elsewhere({made(key_, 7)}), kList, kNoon),
+            "by " + nameOf(key_) + " and " + nameOf(other_) +
+                " with the serial 7 until 2026-12-22T12:00:00Z");
+  EXPECT_EQ(missing_, std::vector<std::string>());
+  // But for one with another serial, or one that has expired.
+  sign(elsewhere({made(key_, 8)}), kList, kNoon);
+  EXPECT_EQ(missing_, std::vector{by});
+  const UTCTime later = kNoon + kMonth;
+  sign(elsewhere({made(key_, 8, later, later + kMonth)}), kList, later);
+  EXPECT_EQ(missing_, std::vector{by});
 }
 
 TEST_F(AttachedSignatures, MakeNoTimeShorter) {

@@ -444,12 +444,13 @@ class LeftForSigning(SigningCase):
         made = self.made_elsewhere()
         self.write_script(text="echo 2\n")
         by = f"the signature by the key {self.number(self.key)}"
-        self.assert_refused(self.attach(made), f"{by} is not over this list")
+        self.assert_refused(self.attach(made), f"{by} is not over this list; leave the list for "
+                                               "signing again with --unsigned-for")
         self.write_script()
         other = self.make_key("other.key")
         self.assert_refused(self.publish("--attach", made, "--signed-by", other + ".pub"),
                             f"the key {self.number(self.key)}, by which the list is signed, is not "
-                            "trusted")
+                            "among those of --signed-by")
         with open(made, encoding="utf-8") as file:
             text = file.read()
         with open(made, "w", encoding="utf-8") as file:
@@ -457,9 +458,11 @@ class LeftForSigning(SigningCase):
         self.assert_refused(self.attach(made), f"the comment of {by} was changed")
         with open(made, "w", encoding="utf-8") as file:
             file.write(text[:150])
-        self.assert_refused(self.attach(made), "the signature file is cut: it has 2 of four lines")
+        self.assert_refused(self.attach(made),
+                            f"{made}: the signature file is cut: it has 2 of four lines")
         os.truncate(made, 4097)
-        self.assert_refused(self.attach(made), "the signature file is longer than 4096 bytes")
+        self.assert_refused(self.attach(made),
+                            f"{made}: the signature file is longer than 4096 bytes")
         self.assert_refused(self.attach(self.path("none")),
                             f"the signature {self.path('none')} can't be read: No such file or "
                             "directory", status=3)
@@ -485,6 +488,22 @@ class LeftForSigning(SigningCase):
         self.assertEqual((result.status, result.error), (0, ""))
         self.assert_signed(result.output, [self.key, other], FIRST)
         self.assert_verified(self.key, other, needed=2)
+
+
+    def test_who_has_not_signed_is_told(self):
+        other = self.make_key("other.key")
+        both = [*self.signed_by, "--signed-by", other + ".pub"]
+        remark = (f"varn-scripts: the key {self.number(other)} has not signed the list; computers "
+                  "that need its signature refuse it\n")
+        made = self.made_elsewhere()
+        self.must_publish()
+        for options, status in ((["--check"], 4), ([], 0), ([], 0)):
+            result = self.publish("--attach", made, *both, *options)
+            self.assertEqual((result.status, result.error), (status, remark), options)
+        # One that has signed it before, has.
+        self.sign(keys=[self.key, other])
+        result = self.publish("--attach", made, *both)
+        self.assertEqual((result.status, result.error), (0, ""))
 
 
 @unittest.skipUnless(MINISIGN, "no minisign here")
@@ -519,6 +538,36 @@ class BesideMinisign(SigningCase):
         self.assert_signed(result.output, [self.key],
                            PUBLISHED + "0 files written, the list unchanged, 0 files removed.\n")
         self.assertEqual((self.serial(), self.said()["expires"][:10]), (serial, utc(days=60)[:10]))
+
+    def test_two_sign_elsewhere_each_into_a_file_of_his_own(self):
+        away, other = self.path("away"), self.make_key("other.key")
+        keys = {self.number(key): key for key in (self.key, other)}
+        both = [word for key in keys.values() for word in ("--signed-by", key + ".pub")]
+        said = self.publish("--unsigned-for", away, *both).output
+        commands = [line for line in said.splitlines() if line.startswith("minisign ")]
+        names = [f"scripts-meta.xml.{number}.minisig" for number in keys]
+        self.assertEqual(commands, [
+            f"minisign -S -s KEY_FILE -m scripts-meta.xml -x {name} -t "
+            '"$(cat trusted-comment.txt)"' for name in names])
+        with open(away + "/sign.txt", encoding="utf-8") as file:
+            text = file.read()
+        for number, command in zip(keys, commands):
+            self.assertIn(f"{number}:\n\n    {command}\n", text)
+            self.assertEqual(self.run_shell(command.replace("KEY_FILE", keys[number]), away), 0)
+        self.assertIn(f"--attach {names[0]} --attach {names[1]} --signed-by", text)
+        signatures = [word for name in names for word in ("--attach", f"{away}/{name}")]
+        result = self.publish(*signatures, *both)
+        self.assertEqual((result.status, result.error), (0, ""))
+        self.assert_verified(self.key, other, needed=2)
+
+    def test_a_comment_of_its_own_is_told_from_the_one_that_was_left(self):
+        away, options = self.path("away"), ["--signed-by", self.key + ".pub"]
+        self.publish("--unsigned-for", away, *options)
+        self.assertEqual(self.run_shell(f"minisign -S -s {self.key} -m scripts-meta.xml", away), 0)
+        result = self.publish("--attach", away + "/scripts-meta.xml.minisig", *options)
+        self.assertEqual((result.status, result.output), (2, ""))
+        self.assertRegex(result.error, 'holds what is not known here: "timestamp:[^"]*"; have it '
+                                       r"signed with minisign -t and the comment that was left\n$")
 
     def run_shell(self, command, directory):
         # Without a passphrase minisign asks for none.
