@@ -129,7 +129,7 @@ int generateKey(const CommandLine& line, const Settings& settings) {
   } else {
     const auto passphrase = newPassphrase(options);
     if (const auto* const why = std::get_if<Refusal>(&passphrase)) {
-      return report(why->sentence, kExitUsage);
+      return report(why->sentence, kExitNotRun);
     }
     auto locked = protectedKeyText(key, std::get<Passphrase>(passphrase));
     if (const auto* const why = std::get_if<Refusal>(&locked)) {

@@ -118,7 +118,8 @@ class Publisher {
       writeErrorLine("varn-scripts: " + why->sentence);
       return why->exitStatus;
     }
-    signing_.emplace(std::move(std::get<Signers>(signers)), customer_, options_.signing.lifetime);
+    signing_.emplace(std::move(std::get<Signers>(signers)), customer_,
+                     options_.signing.lifetime.value_or(publishing::kUsualLifetime));
     return std::nullopt;
   }
 
@@ -469,6 +470,12 @@ class Publisher {
   }
 
   void remark() {
+    if (signing_ && options_.signing.lifetime && signing_->files().empty()) {
+      return writeRemark(
+          "--expires changes nothing: the signature stays as it is; publish --renew "
+          "makes a new one",
+          settings_);
+    }
     if (const auto expiry = remarkOnTime()) writeRemark(expiry->text, settings_);
   }
 

@@ -48,6 +48,16 @@ class Signed(SigningCase):
         self.assertEqual(self.sign(), PUBLISHED + "nothing has changed.\n")
         self.assertEqual(self.tree(), before)
 
+    def test_a_time_that_is_not_taken_is_told(self):
+        self.sign()
+        remark = ("varn-scripts: --expires changes nothing: the signature stays as it is; publish "
+                  "--renew makes a new one\n")
+        for options in ([], ["--check"]):
+            result = self.publish("--sign-with", self.key, "--expires", "90d", *options)
+            self.assertEqual((result.status, result.error), (0, remark), options)
+        self.write_script(text="echo 2\n")
+        self.sign("--expires", "90d")
+
     def test_each_publication_has_a_higher_serial(self):
         serials = []
         for text in ("1", "2", "1", "2"):

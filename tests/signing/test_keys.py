@@ -111,17 +111,17 @@ class GenerateTest(KeysCase):
         environment = self.environment(VARN_PASSPHRASE="one", VARN_PASSPHRASE_FILE="one")
         result = self.key("generate", self.secret, environment=environment, start_new_session=True)
         self.assertEqual((result.status, result.error),
-                         (2, "varn-scripts: the passphrase can't be asked for without a terminal: "
+                         (3, "varn-scripts: the passphrase can't be asked for without a terminal: "
                              "give it with --passphrase-file\n"))
         self.assertFalse(os.path.exists(self.secret))
 
     def test_refuses_a_passphrase_file_that_is_empty_or_open_to_others(self):
         words = self.write(self.path("words"), "")
-        self.assert_refused(2, "the passphrase is empty", "generate", self.secret,
+        self.assert_refused(3, "the passphrase is empty", "generate", self.secret,
                             "--passphrase-file", words)
         self.write(words, "one two\n", mode=0o644)
         self.assert_refused(
-            2, f"the passphrase file {words} is not used: others than its owner may use it (mode "
+            3, f"the passphrase file {words} is not used: others than its owner may use it (mode "
                "0644); chmod 600 mends that", "generate", self.secret, "--passphrase-file", words)
         result = self.key("generate", self.secret, "--passphrase-file", words, "--no-passphrase")
         self.assertEqual(result.status, 2)
@@ -222,7 +222,7 @@ class TerminalTest(KeysCase):
         self.read_until(terminal, b"The same once more: ")
         os.write(terminal, b"two\n")
         self.read_to_the_end(terminal)
-        self.assertEqual(self.status_of(child), 2)
+        self.assertEqual(self.status_of(child), 3)
         self.assertIn(b"varn-scripts: the two passphrases are not the same", self.shown)
         self.assertFalse(os.path.exists(self.secret))
 
