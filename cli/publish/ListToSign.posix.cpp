@@ -105,6 +105,7 @@ std::optional<std::string> makePlaceForSigning(const std::string& directory,
 
 std::vector<std::string> signingCommands(const std::vector<KeyNumber>& keys) {
   std::vector<std::string> commands;
+  commands.reserve(keys.size());
   for (const KeyNumber& key : keys) commands.push_back(signingCommand(key, keys));
   return commands;
 }

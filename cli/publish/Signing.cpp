@@ -145,6 +145,7 @@ std::variant<SignedComment, Refusal> Signing::commentFor(std::string_view list, 
 
 std::vector<signing::KeyNumber> Signing::keyNumbers() const {
   std::vector<signing::KeyNumber> numbers;
+  numbers.reserve(known_.size());
   for (const PublicKey& key : known_) numbers.push_back(key.number);
   return numbers;
 }
