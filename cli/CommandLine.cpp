@@ -95,6 +95,7 @@ class Parser {
     } catch (const CLI::CallForVersion&) {
       return Reply{0, "varn-scripts " VARN_VERSION "\n", ""};
     } catch (const CLI::Error& error) {
+      if (const auto secret = nameOfSecret()) return usageError(complaintAboutSecret(*secret));
       return usageError(whatIsWrong(error) + suggestion());
     }
     if (const auto empty = nameOfEmptyText()) return usageError(*empty + " must not be empty");
@@ -211,6 +212,24 @@ class Parser {
     return (unknown == words.end() ? "a command" + of + " is missing"
                                    : "there is no command " + *unknown + of) +
            "; the commands are " + namesBelow(last);
+  }
+
+  // "--passphrase" of "--passphrase=words": a secret that somebody wants to give, which is then not
+  // repeated.
+  [[nodiscard]] std::optional<std::string> nameOfSecret() const {
+    const auto words = app_.remaining(true);
+    const auto found = std::ranges::find_if(
+        words, [](const std::string& word) { return word.starts_with("--pass"); });
+    if (found == words.end()) return std::nullopt;
+    return found->substr(0, found->find('='));
+  }
+
+  [[nodiscard]] std::string complaintAboutSecret(const std::string& name) const {
+    const std::string why =
+        name + " is no option: other users can see what stands on a command line";
+    const std::string file = "--passphrase-file";
+    const bool hasFile = given().back()->get_option_no_throw(file) != nullptr;
+    return hasFile ? why + "; " + file + " takes a passphrase from a file" : why;
   }
 
   // "run, plan and list".

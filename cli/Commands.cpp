@@ -121,6 +121,8 @@ void refuseTogether(CLI::App& to, const std::string& flag, const std::vector<std
   }
 }
 
+constexpr const char* kSourceDirectory = "SOURCE_DIR";
+constexpr const char* kOutputDirectory = "OUTPUT_DIR";
 constexpr const char* kSignWith = "--sign-with";
 constexpr const char* kExpires = "--expires";
 constexpr const char* kRenew = "--renew";
@@ -158,9 +160,14 @@ void addSigningOptions(CLI::App& to, publishing::SigningOptions& options) {
         "How long the signature counts: 30d, 12h, 30m or 45s (default: 30d)")
       ->transform(durationInSeconds(Zero::refused))
       ->type_name("TIME");
-  to.add_flag(kRenew, options.renew,
-              "Sign the published list anew with the keys that have signed it, and change nothing "
-              "else; SOURCE_DIR is not looked at and may be left out");
+  to.add_flag_callback(
+      kRenew,
+      [&to, &options] {
+        options.renew = true;
+        to.get_option(kSourceDirectory)->required(false);
+      },
+      "Sign the published list anew with the keys that have signed it, and change nothing "
+      "else; SOURCE_DIR is not looked at and may be left out");
   to.add_option(kUnsignedFor, options.leaveIn,
                 "Leave the list and what is to be signed with it in this directory, to be signed "
                 "elsewhere, and publish nothing")
@@ -178,15 +185,19 @@ void addSigningOptions(CLI::App& to, publishing::SigningOptions& options) {
 
 // The two directories; with --renew the output alone may be named.
 void takeDirectories(CLI::App& to, PublishOptions& options) {
-  if (to.count("OUTPUT_DIR") > 0) return;
-  if (!options.signing.renew) throw CLI::RequiredError("OUTPUT_DIR");
+  if (to.count(kOutputDirectory) > 0) return;
+  if (!options.signing.renew || to.count(kSourceDirectory) == 0) {
+    throw CLI::RequiredError(kOutputDirectory);
+  }
   options.outputDirectory.swap(options.sourceDirectory);
 }
 
 void addPublishOptions(CLI::App& to, CommandLine& line) {
   PublishOptions& options = line.publish;
-  addOperand(to, "SOURCE_DIR", options.sourceDirectory, "Scripts and their manifest, scripts.toml");
-  addOperand(to, "OUTPUT_DIR", options.outputDirectory, "What the server serves; made when missing")
+  addOperand(to, kSourceDirectory, options.sourceDirectory,
+             "Scripts and their manifest, scripts.toml");
+  addOperand(to, kOutputDirectory, options.outputDirectory,
+             "What the server serves; made when missing")
       ->required(false);
   to.add_option_function<std::uint64_t>(
         "--keep-for",

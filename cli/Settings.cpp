@@ -53,23 +53,18 @@ const SettingDefinition* definitionOf(std::string_view key) {
   return found == all.end() ? nullptr : &*found;
 }
 
-bool hasSeveral(std::string_view key) {
-  return definitionOf(key)->kind() == SettingDefinition::Kind::texts;
-}
-
 std::optional<GivenText> given(const SettingSources& sources, const std::string& key) {
   if (auto text = textIn(sources.flags, key)) {
     return GivenText{std::move(*text), flagOf(key), Place::flag};
   }
   if (sources.environment) {
     auto text = sources.environment(variableOf(key));
-    // One that has several must not be left out by a mistake: nobody meant to trust no key.
-    if (text && hasSeveral(key)) {
+    const SettingDefinition& definition = *definitionOf(key);
+    if (text && definition.kind() == SettingDefinition::Kind::texts) {
       std::ranges::replace_if(
           *text, [](char c) { return c == ' ' || c == '\t'; }, '\n');
-      return GivenText{std::move(*text), variableOf(key), Place::environment};
     }
-    if (text && !text->empty()) {
+    if (text && (definition.protects || !text->empty())) {
       return GivenText{std::move(*text), variableOf(key), Place::environment};
     }
   }
@@ -331,6 +326,20 @@ std::optional<SettingsError> complaintAboutURL(const SettingSources& sources,
   return wrong("server", *given(sources, "server"), "is no URL: " + *complaint);
 }
 
+// A flag that names one of several is easily taken for the name of the variable.
+std::optional<SettingsError> complaintAboutVariables(const SettingSources& sources) {
+  if (!sources.environment) return std::nullopt;
+  for (const SettingDefinition& definition : settingDefinitions()) {
+    if (definition.flag.empty()) continue;
+    const std::string name = variableOf(inAscii(definition.flag.substr(2), '-', '_'));
+    if (sources.environment(name)) {
+      return SettingsError{name + " is no setting: the variable of " + std::string(definition.key) +
+                           " is " + variableOf(definition.key)};
+    }
+  }
+  return std::nullopt;
+}
+
 // Several keys may be one in the end; whoever reads them counts again.
 std::optional<SettingsError> complaintAboutSignatures(const SettingSources& sources,
                                                       const Settings& settings) {
@@ -378,9 +387,16 @@ constexpr SettingDefinition kSettings[] = {
      "A public key, its line or its file, by which the server's list must be signed; may be given "
      "several times (key trusted_keys, VARN_TRUSTED_KEYS; default: none, and no list is verified)",
      [](Settings& s) -> SettingMember { return &s.agent.trustedKeys; }, nullptr, false, 0,
-     "--trusted-key"},
-    {"signatures_needed", "N", "How many of the trusted keys have to have signed (default: 1)",
-     [](Settings& s) -> SettingMember { return &s.agent.signaturesNeeded; }, complaintAboutCount},
+     "--trusted-key", true},
+    {"signatures_needed",
+     "N",
+     "How many of the trusted keys have to have signed (default: 1)",
+     [](Settings& s) -> SettingMember { return &s.agent.signaturesNeeded; },
+     complaintAboutCount,
+     false,
+     0,
+     {},
+     true},
     {"header_file", "FILE", "More headers for the server, a line \"Name: value\" for each",
      [](Settings& s) -> SettingMember { return &s.headerFile; }, complaintAboutPath},
     {"netrc_file", "FILE", "Login for the server, in the netrc format (default: none)",
@@ -443,6 +459,7 @@ std::string ownDataPath(const std::string& basePath, const std::string& customer
 std::variant<Settings, SettingsError> layerSettings(const SettingSources& sources,
                                                     NeededSettings needed) {
   Settings settings;
+  if (auto error = complaintAboutVariables(sources)) return *error;
   for (const SettingDefinition& definition : kSettings) {
     if (auto error = take(definition, sources, settings)) return *error;
   }

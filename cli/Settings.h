@@ -67,6 +67,7 @@ struct SettingDefinition {
   bool isDirectory = false;  ///< made absolute
   char letter = 0;           ///< of its short flag, "-v"; 0 when it has none
   std::string_view flag{};   ///< when the key does not give it: that of several texts names one
+  bool protects = false;     ///< an empty variable for it is a mistake: nobody means to go without
 
   [[nodiscard]] Kind kind() const;
 };
@@ -97,8 +98,8 @@ using SettingTexts = std::map<std::string, std::string>;
 /// The value of an environment variable, or nothing.
 using Environment = std::function<std::optional<std::string>(const std::string& name)>;
 
-/// The places that settings come from. An empty text counts as not given there, but for one that
-/// has several; a command line with an empty flag does not come this far.
+/// The places that settings come from. An empty text counts as not given there, but for a
+/// variable that protects; a command line with an empty flag does not come this far.
 struct SettingSources {
   SettingTexts flags;
   Environment environment;

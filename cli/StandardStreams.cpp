@@ -98,6 +98,12 @@ posix::FileDescriptor openStandardStreams() {
   return input;
 }
 
+bool isStandardInput(const struct stat& status) {
+  struct stat input {};
+  return S_ISCHR(status.st_mode) && ::fstat(STDIN_FILENO, &input) == 0 && S_ISCHR(input.st_mode) &&
+         input.st_rdev == status.st_rdev;
+}
+
 bool isOutputTerminal() { return ::isatty(STDOUT_FILENO) == 1; }
 
 bool isErrorTerminal() { return ::isatty(STDERR_FILENO) == 1; }

@@ -4,6 +4,8 @@
 
 #pragma once
 
+#include <sys/stat.h>
+
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -17,6 +19,14 @@ namespace VarnScripts {
 /// later gets its number. Gives what standard input was, closed on exec; empty when it was closed.
 /// Called before anything else is opened.
 [[nodiscard]] posix::FileDescriptor openStandardStreams();
+
+/// Whether an open file is what standard input is by then: what was there is not to be had by the
+/// name of a file either.
+[[nodiscard]] bool isStandardInput(const struct stat& status);
+
+/// How messages say so.
+inline constexpr const char* kStandardInputUnread =
+    "it is standard input, from which nothing is read";
 
 /// Whether standard output, or standard error, is a terminal.
 [[nodiscard]] bool isOutputTerminal();

@@ -10,9 +10,11 @@
 #include "CommandLine.h"
 #include "Digest.h"
 #include "ExitStatus.h"
+#include "Reason.h"
 #include "StandardStreams.h"
 #include "TrustedKeys.h"
 #include "WholeFiles.h"
+#include "key/CoreDumps.h"
 #include "key/KeyFiles.h"
 #include "key/Passphrase.h"
 #include "key/SecretKey.h"
@@ -99,40 +101,51 @@ std::string customerOf(const std::vector<std::string>& signatureFiles) {
   return {};
 }
 
+// The remark on a key that is cheaper to guess at than others.
+std::optional<std::string> remarkOnCost(const std::string& file, keys::PassphraseCost cost) {
+  if (cost.memory >= keys::kUsualCost.memory) return std::nullopt;
+  return "there is too little memory to protect " + file +
+         " as well as usual: to try a passphrase takes " + std::to_string(cost.memory >> 20) +
+         " MiB of it in place of " + std::to_string(keys::kUsualCost.memory >> 20);
+}
+
 signing::UTCTime now() {
   return std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
 }
 
 }  // namespace
 
-int generateKey(const CommandLine& line, const Settings& /*settings*/) {
+int generateKey(const CommandLine& line, const Settings& settings) {
   const KeyOptions& options = line.key;
   const std::string publicPath = options.file + ".pub";
+  keys::forbidCoreDumps();
   if (const auto why = keys::complaintAboutNewKey(options.file, publicPath)) {
     return report(why->sentence, kExitNotRun);
   }
   const SecretKey key = keys::makeSecretKey();
-  std::variant<keys::KeyText, Refusal> text;
+  keys::ProtectedKey made{{}, keys::kUsualCost};
   if (options.noPassphrase) {
-    text = plainKeyText(key);
+    made.text = plainKeyText(key);
   } else {
     const auto passphrase = newPassphrase(options);
     if (const auto* const why = std::get_if<Refusal>(&passphrase)) {
-      return report(why->sentence, kExitUsage);
+      return report(why->sentence, kExitNotRun);
     }
-    text = protectedKeyText(key, std::get<Passphrase>(passphrase));
-  }
-  if (const auto* const why = std::get_if<Refusal>(&text)) {
-    return report(why->sentence, kExitNotRun);
+    auto locked = protectedKeyText(key, std::get<Passphrase>(passphrase));
+    if (const auto* const why = std::get_if<Refusal>(&locked)) {
+      return report(why->sentence, kExitNotRun);
+    }
+    made = std::move(std::get<keys::ProtectedKey>(locked));
   }
   const PublicKey publicKey = key.publicKey();
-  const auto why =
-      keys::writeKeyFiles(options.file, std::get<keys::KeyText>(text), publicPath, publicKey);
+  const auto why = keys::writeKeyFiles(options.file, made.text, publicPath, publicKey);
   if (why) return report(why->sentence, kExitNotRun);
+  if (const auto text = remarkOnCost(options.file, made.cost)) writeRemark(*text, settings);
   return writePublicKey(publicKey);
 }
 
 int showKey(const CommandLine& line, const Settings& /*settings*/) {
+  keys::forbidCoreDumps();
   const auto key = publicKeyOf(line.key);
   if (const auto* const why = std::get_if<Refusal>(&key)) return report(why->sentence, kExitNotRun);
   return writePublicKey(std::get<PublicKey>(key));

@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include <sys/stat.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,8 +17,11 @@
 
 namespace VarnScripts::keys {
 
-/// What a key's file holds, and why it is not one for a secret key: it must be of this user's or
-/// root's, and nobody else may read or write it.
+/// Why a file of this owner and mode is not one for a secret: it must be of this user's or root's,
+/// and nobody else may read or write it. Empty when it is one.
+[[nodiscard]] std::string openToOthers(const struct stat& status);
+
+/// What a key's file holds, and `openToOthers` of it.
 struct KeyFile {
   KeyText text;
   std::string openToOthers;  ///< empty when it may hold a secret key
@@ -30,7 +35,7 @@ struct KeyFile {
 [[nodiscard]] AskPassphrase passphraseOf(std::string path, std::string passphraseFile);
 
 /// The secret key at `path`, in a file that is for its owner alone; `ask` gives the passphrase of
-/// one that is protected.
+/// one that is protected. From the first of them on this process has no core dumps.
 [[nodiscard]] std::variant<SecretKey, Refusal> secretKeyIn(const std::string& path,
                                                            const AskPassphrase& ask);
 

@@ -7,7 +7,9 @@
 #include <utility>
 
 #include "Calls.h"
+#include "StandardStreams.h"
 #include "WholeFiles.h"
+#include "key/CoreDumps.h"
 #include "key/Passphrase.h"
 
 namespace VarnScripts::keys {
@@ -22,7 +24,14 @@ std::string modeText(mode_t mode) {
   return digits;
 }
 
-// Why a file of this owner and mode is not one for a secret key; empty when it is.
+Refusal notMade(const std::string& path, const std::error_code& error) {
+  const bool isThere = error == std::errc::file_exists;
+  return {"the key " + path + " can't be written: " +
+          (isThere ? "it is there already, and no key is overwritten" : error.message())};
+}
+
+}  // namespace
+
 std::string openToOthers(const struct stat& status) {
   if (status.st_uid != ::geteuid() && status.st_uid != 0) {
     return "it belongs to user " + std::to_string(status.st_uid);
@@ -34,20 +43,13 @@ std::string openToOthers(const struct stat& status) {
   return {};
 }
 
-Refusal notMade(const std::string& path, const std::error_code& error) {
-  const bool isThere = error == std::errc::file_exists;
-  return {"the key " + path + " can't be written: " +
-          (isThere ? "it is there already, and no key is overwritten" : error.message())};
-}
-
-}  // namespace
-
 std::variant<KeyFile, Refusal> readKeyFile(const std::string& path) {
   const auto refusal = [&path](const std::string& why) {
     return Refusal{"the key " + path + " can't be read: " + why};
   };
   std::error_code error;
   const posix::OpenedFile opened = posix::openRegularFile(path, posix::LastLink::follow, error);
+  if (error && isStandardInput(opened.status)) return refusal(kStandardInputUnread);
   if (error) return refusal(posix::whyNotRead(error));
   KeyFile result{{}, openToOthers(opened.status)};
   KeyText& text = result.text;
@@ -65,13 +67,21 @@ AskPassphrase passphraseOf(std::string path, std::string passphraseFile) {
 }
 
 std::variant<SecretKey, Refusal> secretKeyIn(const std::string& path, const AskPassphrase& ask) {
+  forbidCoreDumps();
   auto read = readKeyFile(path);
   if (auto* const why = std::get_if<Refusal>(&read)) return std::move(*why);
   const auto& file = std::get<KeyFile>(read);
-  if (!file.openToOthers.empty()) {
+  const bool isOpen = !file.openToOthers.empty();
+  bool isProtected = false;
+  auto key = parseSecretKey(file.text.text(), [&]() -> std::variant<Passphrase, Refusal> {
+    isProtected = true;
+    if (isOpen) return Refusal{};
+    return ask();
+  });
+  // What is no secret key at all has no mode to be mended.
+  if (isOpen && (isProtected || std::holds_alternative<SecretKey>(key))) {
     return Refusal{"the secret key " + path + " is not used: " + file.openToOthers};
   }
-  auto key = parseSecretKey(file.text.text(), ask);
   if (auto* const why = std::get_if<Refusal>(&key)) return Refusal{path + ": " + why->sentence};
   return key;
 }

@@ -19,7 +19,7 @@ namespace VarnScripts::keys {
     const std::string& question);
 
 /// The first line of the file at `path`, which may be a pipe such as "/dev/fd/3"; a regular file
-/// must be for its owner alone. Refused when that is empty or too long.
+/// must be for this user alone, as that of a secret key. Refused when that is empty or too long.
 [[nodiscard]] std::variant<Passphrase, AgentUtils::signing::Refusal> passphraseIn(
     const std::string& path);
 

@@ -14,6 +14,8 @@
 
 #include "Calls.h"
 #include "FileDescriptor.h"
+#include "StandardStreams.h"
+#include "key/KeyFiles.h"
 
 namespace VarnScripts::keys {
 namespace {
@@ -155,10 +157,12 @@ Answer passphraseIn(const std::string& path) {
       posix::retryOnInterrupt([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
   struct stat status {};
   if (!file || ::fstat(file.get(), &status) != 0) return unreadable(posix::lastError().message());
-  const bool isOpen = (status.st_mode & (S_IRWXG | S_IRWXO)) != 0;
-  if (S_ISREG(status.st_mode) && isOpen) {
-    return unreadable("others than its owner may use it; chmod 600 mends that");
+  if (isStandardInput(status)) {
+    return unreadable(kStandardInputUnread +
+                      std::string("; give a file, or a pipe such as /dev/fd/3"));
   }
+  const std::string isOpen = S_ISREG(status.st_mode) ? openToOthers(status) : "";
+  if (!isOpen.empty()) return refusal("file " + path + " is not used: " + isOpen);
   return firstLine(file.get(), [] { return true; });
 }
 

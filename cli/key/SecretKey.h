@@ -51,11 +51,16 @@ using AskPassphrase = std::function<std::variant<Passphrase, Refusal>()>;
 [[nodiscard]] std::variant<SecretKey, Refusal> parseSecretKey(std::string_view text,
                                                               const AskPassphrase& ask);
 
+/// The file of a key with a passphrase, and what it costs to try one.
+struct ProtectedKey {
+  KeyText text;
+  PassphraseCost cost;
+};
+
 /// The file of `key`, protected with `passphrase`, which is not empty. Where there is not so much
 /// memory, the cost is halved until there is; refused when it would become too small.
-[[nodiscard]] std::variant<KeyText, Refusal> protectedKeyText(const SecretKey& key,
-                                                              const Passphrase& passphrase,
-                                                              PassphraseCost cost = kUsualCost);
+[[nodiscard]] std::variant<ProtectedKey, Refusal> protectedKeyText(
+    const SecretKey& key, const Passphrase& passphrase, PassphraseCost cost = kUsualCost);
 
 /// The file of `key` without any protection.
 [[nodiscard]] KeyText plainKeyText(const SecretKey& key);

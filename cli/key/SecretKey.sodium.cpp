@@ -202,8 +202,9 @@ std::variant<SecretKey, Refusal> parseSecretKey(std::string_view text, const Ask
   return key;
 }
 
-std::variant<KeyText, Refusal> protectedKeyText(const SecretKey& key, const Passphrase& passphrase,
-                                                PassphraseCost cost) {
+std::variant<ProtectedKey, Refusal> protectedKeyText(const SecretKey& key,
+                                                     const Passphrase& passphrase,
+                                                     PassphraseCost cost) {
   startSodium();
   for (; cost.operations >= kLeastCost.operations && cost.memory >= kLeastCost.memory;
        cost = {cost.operations / 2, cost.memory / 2}) {
@@ -216,7 +217,7 @@ std::variant<KeyText, Refusal> protectedKeyText(const SecretKey& key, const Pass
     const auto sum = checksumOf(hidden);
     std::memcpy(hidden + kNumberSize + kKeySize, sum.data(), sum.size());
     if (applyPassphrase(passphrase, packed.data() + kSalt, cost, hidden)) {
-      return fileOf(packed, "minisign encrypted secret key");
+      return ProtectedKey{fileOf(packed, "minisign encrypted secret key"), cost};
     }
   }
   return refusal("can't be protected: there is too little memory for it");

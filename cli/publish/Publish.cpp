@@ -118,7 +118,8 @@ class Publisher {
       writeErrorLine("varn-scripts: " + why->sentence);
       return why->exitStatus;
     }
-    signing_.emplace(std::move(std::get<Signers>(signers)), customer_, options_.signing.lifetime);
+    signing_.emplace(std::move(std::get<Signers>(signers)), customer_,
+                     options_.signing.lifetime.value_or(publishing::kUsualLifetime));
     return std::nullopt;
   }
 
@@ -287,12 +288,18 @@ class Publisher {
     if (!old_.complaint.empty()) old_.kind = OldList::Kind::foreign;
   }
 
+  // Whether a signed list would be replaced without a signature, and nobody has asked for that.
+  [[nodiscard]] bool lacksKey() const {
+    return !signing_ && !options_.signing.withoutSignature && old_.bytes != new_.bytes &&
+           !oldSignatures_.empty();
+  }
+
   // Whether the old list may go without being asked for. What is refused has been reported then.
   bool allowed() {
     Findings findings;
     const std::string list = files_.pathOf(VarnScriptRepository::kListName);
-    if (!signing_ && !options_.signing.withoutSignature && old_.bytes != new_.bytes &&
-        !oldSignatures_.empty()) {
+    // A check publishes nothing, and whoever checks a change need not have the key.
+    if (!options_.check && lacksKey()) {
       findings.refuse({list},
                       "the list there is signed, and computers that trust a key refuse one that is "
                       "not",
@@ -331,7 +338,9 @@ class Publisher {
     }
     const bool replaces = old_.kind != OldList::Kind::none && old_.bytes != new_.bytes;
     const bool signs = old_.kind != OldList::Kind::none && signing_ && !signing_->files().empty();
-    const bool pending = replaces || signs || !missing.empty();
+    const auto expiry = remarkOnTime();
+    const bool hasExpired = !replaces && expiry && expiry->hasExpired;
+    const bool pending = replaces || signs || hasExpired || !missing.empty();
     if (old_.kind != OldList::Kind::none) announce();
     std::string text =
         "Checked " + counted(source_.scripts.size(), "script", "scripts") + ": " +
@@ -339,10 +348,15 @@ class Publisher {
     if (pending) {
       text += "; " + counted(missing.size(), "file", "files") + " to be written, " +
               (replaces ? "the list to be replaced" : "the list unchanged");
-      if (signs) text += ", to be signed " + signing_->summary();
+      if (signs) {
+        text += ", to be signed " + signing_->summary();
+      } else if (hasExpired || lacksKey()) {
+        text += hasExpired ? ", to be signed anew" : ", to be signed";
+      }
     }
     if (!announced_ || !writeOutput(text + ".\n")) return kExitNotRun;
-    if (!pending) remark();
+    remarkOnMissing();
+    if (!pending || hasExpired) remark();
     return pending ? kExitPending : kExitSuccess;
   }
 
@@ -419,30 +433,50 @@ class Publisher {
 
   // Leaves the list where somebody else takes it to be signed; the tree is not touched.
   int leave() {
-    announce();
     if (!decodesTo(new_.bytes, new_.list)) return reportRoundTrip(VarnScriptRepository::kListName);
     const auto comment = signing_->commentFor(new_.bytes, now());
     if (const auto* const why = std::get_if<Refusal>(&comment)) return refuse(why->sentence);
     const auto& said = std::get<SignedComment>(comment);
     std::error_code error;
-    std::string path;
-    leaveForSigning(options_.signing.leaveIn, new_.bytes, said, error, path);
+    std::string path = options_.signing.leaveIn;
+    if (const auto why =
+            makePlaceForSigning(path, options_.sourceDirectory, options_.outputDirectory,
+                                repositoryDirectory(customer_), error)) {
+      return refuse(path + " is not used: " + *why);
+    }
+    announce();
+    if (!error)
+      leaveForSigning(options_.signing.leaveIn, new_.bytes, said, signing_->keyNumbers(), error,
+                      path);
     if (error) {
       writeErrorLine("varn-scripts: " + path + " can't be written: " + error.message());
       return kExitNotRun;
     }
-    const std::string text = "The list is in " + options_.signing.leaveIn +
-                             ", to be signed with the serial " + std::to_string(said.serial) +
-                             " until " + utcTimeText(said.expires) + ". There:\n" +
-                             signingCommand() + "\n";
+    std::string text = "The list is in " + options_.signing.leaveIn +
+                       ", to be signed with the serial " + std::to_string(said.serial) + " until " +
+                       utcTimeText(said.expires) + ". There:\n";
+    for (const auto& command : signingCommands(signing_->keyNumbers())) text += command + "\n";
     return announced_ && writeOutput(text) ? kExitSuccess : kExitNotRun;
   }
 
-  // Tells when a signature of the published list soon counts no more.
+  // On a signature of the published list that counts no more, or soon will not.
+  std::optional<ExpiryRemark> remarkOnTime() {
+    return signing_ ? signing_->remark() : remarkOnSignatures(files_, oldSignatures_, now());
+  }
+
+  void remarkOnMissing() {
+    if (!signing_) return;
+    for (const std::string& sentence : signing_->missing()) writeRemark(sentence, settings_);
+  }
+
   void remark() {
-    const auto text =
-        signing_ ? signing_->remark() : remarkOnSignatures(files_, oldSignatures_, now());
-    if (text) writeRemark(*text, settings_);
+    if (signing_ && options_.signing.lifetime && signing_->files().empty()) {
+      return writeRemark(
+          "--expires changes nothing: the signature stays as it is; publish --renew "
+          "makes a new one",
+          settings_);
+    }
+    if (const auto expiry = remarkOnTime()) writeRemark(expiry->text, settings_);
   }
 
   // Last: what the list names is all there. A computer that has fetched the list that is replaced
@@ -533,6 +567,7 @@ class Publisher {
     text += ".\n";
     if (isSigned) text += "Signed " + signing_->summary() + ".\n";
     if (!writeOutput(text)) return kExitNotRun;
+    remarkOnMissing();
     if (!listWritten) remark();
     return kExitSuccess;
   }

@@ -68,6 +68,10 @@ std::variant<Signers, NoSigners> signersFor(const SigningOptions& options) {
       return NoSigners{"the signature " + path + " can't be read: " + posix::whyNotRead(error),
                        kExitNotRun};
     }
+    const auto signature = AgentUtils::signing::parseSignature(file.bytes);
+    if (const auto* const why = std::get_if<Refusal>(&signature)) {
+      return NoSigners{path + ": " + why->sentence, kExitUsage};
+    }
     signers.attached.push_back(std::move(file.bytes));
   }
   std::size_t next = 0;

@@ -25,24 +25,33 @@ Refusal countsLonger(const PublicKey& key, const SignedComment& comment,
           " already, and would for less long; " + remedy};
 }
 
+// A list with the last serial would be the last one: who has driven it there was a thief.
+std::optional<Refusal> complaintAboutSerial(const PublicKey& key, std::uint64_t serial) {
+  if (serial != std::numeric_limits<std::uint64_t>::max()) return std::nullopt;
+  return Refusal{nameOf(key) + " has signed the serial " + std::to_string(serial) +
+                 ", which none can follow; publish with other keys alone"};
+}
+
 }  // namespace
 
-std::optional<std::string> remarkOnExpiry(const SignedComment& comment,
-                                          const signing::KeyNumber& number, UTCTime now) {
+std::optional<ExpiryRemark> remarkOnExpiry(const SignedComment& comment,
+                                           const signing::KeyNumber& number, UTCTime now) {
   const std::string by = "the signature by the key " + signing::keyName(number) + " expire";
   const std::string time = " at " + utcTimeText(comment.expires);
   const std::string remedy = "; publish --renew makes a new one";
   if (now >= comment.expires) {
-    return by + "d" + time + ", and computers that trust the key refuse the list" + remedy;
+    return ExpiryRemark{
+        by + "d" + time + ", and computers that trust the key refuse the list" + remedy, true};
   }
   if (comment.expires - now >= (comment.expires - comment.published) / kLittleLeft) {
     return std::nullopt;
   }
-  return by + "s" + time + remedy;
+  return ExpiryRemark{by + "s" + time + remedy, false};
 }
 
-std::optional<std::string> remarkOnSignatures(ServerFiles& files, const ContentNames& names,
-                                              UTCTime now) {
+std::optional<ExpiryRemark> remarkOnSignatures(ServerFiles& files, const ContentNames& names,
+                                               UTCTime now) {
+  std::optional<ExpiryRemark> soon;
   for (const std::string& name : names) {
     std::error_code unread;
     const auto text = files.read(name, unread, signing::kLongestSignatureFile);
@@ -53,9 +62,11 @@ std::optional<std::string> remarkOnSignatures(ServerFiles& files, const ContentN
     const auto comment = signing::parseSignedComment(made->comment);
     const auto* const said = std::get_if<SignedComment>(&comment);
     if (said == nullptr) continue;
-    if (auto remark = remarkOnExpiry(*said, made->key, now)) return remark;
+    auto remark = remarkOnExpiry(*said, made->key, now);
+    if (remark && remark->hasExpired) return remark;
+    if (!soon) soon = std::move(remark);
   }
-  return std::nullopt;
+  return soon;
 }
 
 void Signing::look(ServerFiles& files, std::error_code& error) {
@@ -104,6 +115,7 @@ std::optional<Refusal> Signing::sign(std::string_view list, UTCTime now) {
     signedBy_.push_back(there->key);
     if (!remark_) remark_ = remarkOnExpiry(there->comment, there->key.number, now);
   }
+  lookForMissing(std::get<std::uint64_t>(serial), now);
   return conclude(list, now);
 }
 
@@ -115,6 +127,7 @@ std::optional<Refusal> Signing::renew(std::string_view list, UTCTime now) {
       return Refusal{nameOf(key.publicKey()) +
                      " has not signed the list there; publish it with --sign-with, which does"};
     }
+    if (auto why = complaintAboutSerial(there->key, there->comment.serial)) return why;
     if (now + lifetime_ < there->comment.expires) {
       return countsLonger(there->key, there->comment, "give a longer --expires");
     }
@@ -128,6 +141,13 @@ std::variant<SignedComment, Refusal> Signing::commentFor(std::string_view list, 
   const auto serial = serialFor(now);
   if (const auto* const why = std::get_if<Refusal>(&serial)) return *why;
   return SignedComment{customer_, std::get<std::uint64_t>(serial), now, now + lifetime_};
+}
+
+std::vector<signing::KeyNumber> Signing::keyNumbers() const {
+  std::vector<signing::KeyNumber> numbers;
+  numbers.reserve(known_.size());
+  for (const PublicKey& key : known_) numbers.push_back(key.number);
+  return numbers;
 }
 
 std::string Signing::summary() const {
@@ -156,6 +176,7 @@ void Signing::beginWith(std::string_view list) {
   files_.clear();
   accepted_.reset();
   remark_.reset();
+  missing_.clear();
 }
 
 const Signing::Known* Signing::newestOf(const PublicKey& key) const {
@@ -206,9 +227,12 @@ std::optional<Refusal> Signing::attach(std::string_view list, UTCTime now) {
   for (const std::string& text : signers_.attached) {
     const auto judgement =
         judgeList(list, {text}, {signers_.elsewhere, 1, customer_}, state(), now);
-    if (const auto* const why = std::get_if<Refusal>(&judgement)) return *why;
+    if (const auto* const why = std::get_if<Refusal>(&judgement)) {
+      return notAttached(text, why->sentence);
+    }
     const auto& accepted = std::get<signing::Acceptance>(judgement);
     const PublicKey& key = accepted.signedBy.front();
+    if (auto why = complaintAboutSerial(key, accepted.serial)) return why;
     if (std::ranges::find(signedBy_, key) != signedBy_.end()) {
       return Refusal{"two of the signatures are by " + nameOf(key)};
     }
@@ -229,21 +253,51 @@ std::optional<Refusal> Signing::attach(std::string_view list, UTCTime now) {
   return std::nullopt;
 }
 
+// Whoever publishes can do something about it, other than a computer.
+Refusal Signing::notAttached(std::string_view text, std::string why) const {
+  const auto parsed = signing::parseSignature(text);
+  const auto* const signature = std::get_if<ListSignature>(&parsed);
+  if (signature == nullptr) return {std::move(why)};
+  const auto key = std::ranges::find(signers_.elsewhere, signature->key, &PublicKey::number);
+  if (key == signers_.elsewhere.end()) {
+    return {"the key " + signing::keyName(signature->key) +
+            ", by which the list is signed, is not among those of --signed-by"};
+  }
+  if (why.ends_with("is not over this list")) {
+    why += "; leave the list for signing again with --unsigned-for";
+  } else if (isCommentSigned(*signature, *key) &&
+             std::holds_alternative<Refusal>(signing::parseSignedComment(signature->comment))) {
+    why += "; have it signed with minisign -t and the comment that was left";
+  }
+  return {std::move(why)};
+}
+
+// What the tree has of those who sign elsewhere counts as well.
+void Signing::lookForMissing(std::uint64_t serial, UTCTime now) {
+  for (const PublicKey& key : signers_.elsewhere) {
+    if (std::ranges::find(signedBy_, key) != signedBy_.end()) continue;
+    const Known* const there = over(key);
+    if (there != nullptr && there->comment.serial == serial && now < there->comment.expires) {
+      texts_.push_back(signatureFile(there->signature));
+      signedBy_.push_back(key);
+    } else {
+      missing_.push_back(nameOf(key) +
+                         " has not signed the list; computers that need its signature refuse it");
+    }
+  }
+}
+
 std::variant<std::uint64_t, Refusal> Signing::serialFor(UTCTime now) const {
   if (attachedSerial_) return *attachedSerial_;
-  constexpr std::uint64_t kLast = std::numeric_limits<std::uint64_t>::max();
   const auto seconds =
       static_cast<std::uint64_t>(std::max<std::int64_t>(1, now.time_since_epoch().count()));
   const Known* const last = newest();
   if (last == nullptr) return seconds;
   const std::uint64_t highest = last->comment.serial;
+  if (auto why = complaintAboutSerial(last->key, highest)) return *std::move(why);
   const bool isNewest = std::ranges::any_of(
       covering_, [highest](const Known& known) { return known.comment.serial == highest; });
   if (isNewest) return highest;
-  if (highest == kLast) {
-    return Refusal{nameOf(last->key) + " has signed the serial " + std::to_string(kLast) +
-                   ", which none can follow; publish with other keys alone"};
-  }
   return std::max(highest + 1, seconds);
 }
 

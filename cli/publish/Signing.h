@@ -47,14 +47,22 @@ struct SignatureFile {
 /// one part in so many.
 inline constexpr int kLittleLeft = 3;
 
-/// The remark on a signature that counts no more at `now`, or not for long; nothing when it has
-/// time. `number` is that of its key.
-[[nodiscard]] std::optional<std::string> remarkOnExpiry(
+/// What is to be said of a signature that counts no more, or not for long.
+struct ExpiryRemark {
+  std::string text;
+  bool hasExpired;
+};
+
+/// The remark on a signature with its time at `now`; nothing when it has enough. `number` is that
+/// of its key.
+[[nodiscard]] std::optional<ExpiryRemark> remarkOnExpiry(
     const SignedComment& comment, const AgentUtils::signing::KeyNumber& number, UTCTime now);
 
-/// That of one of the tree's signatures `names`, which nobody has held against a key.
-[[nodiscard]] std::optional<std::string> remarkOnSignatures(ServerFiles& files,
-                                                            const ContentNames& names, UTCTime now);
+/// That of one of the tree's signatures `names`, which nobody has held against a key; of one that
+/// has expired, when there is one.
+[[nodiscard]] std::optional<ExpiryRemark> remarkOnSignatures(ServerFiles& files,
+                                                             const ContentNames& names,
+                                                             UTCTime now);
 
 /// The signatures of a publication. A refusal leaves what `files` gives undefined.
 class Signing {
@@ -80,6 +88,9 @@ class Signing {
   /// What those who sign elsewhere are to sign with `list`.
   [[nodiscard]] std::variant<SignedComment, Refusal> commentFor(std::string_view list, UTCTime now);
 
+  /// The numbers of the keys, in their order.
+  [[nodiscard]] std::vector<AgentUtils::signing::KeyNumber> keyNumbers() const;
+
   /// What is to be written.
   [[nodiscard]] const std::vector<SignatureFile>& files() const { return files_; }
 
@@ -87,8 +98,11 @@ class Signing {
   /// list then has by these keys.
   [[nodiscard]] std::string summary() const;
 
+  /// A sentence on each key of those who sign elsewhere whose signature the list then lacks.
+  [[nodiscard]] const std::vector<std::string>& missing() const { return missing_; }
+
   /// `remarkOnExpiry` of a signature that stays as it is.
-  [[nodiscard]] const std::optional<std::string>& remark() const { return remark_; }
+  [[nodiscard]] const std::optional<ExpiryRemark>& remark() const { return remark_; }
 
  private:
   /// A signature of the tree by one of the keys, for this customer.
@@ -107,6 +121,8 @@ class Signing {
   [[nodiscard]] const Known* over(const PublicKey& key) const;
   [[nodiscard]] TrustState state() const;
   [[nodiscard]] std::optional<Refusal> attach(std::string_view list, UTCTime now);
+  [[nodiscard]] Refusal notAttached(std::string_view text, std::string why) const;
+  void lookForMissing(std::uint64_t serial, UTCTime now);
   [[nodiscard]] std::variant<std::uint64_t, Refusal> serialFor(UTCTime now) const;
   void make(const keys::SecretKey& key, std::string_view list, std::uint64_t serial, UTCTime now);
   void put(const PublicKey& key, std::string bytes);
@@ -131,7 +147,8 @@ class Signing {
   std::optional<std::uint64_t> attachedSerial_;
   std::vector<SignatureFile> files_;
   std::optional<AgentUtils::signing::Acceptance> accepted_;
-  std::optional<std::string> remark_;
+  std::optional<ExpiryRemark> remark_;
+  std::vector<std::string> missing_;
 };
 
 }  // namespace VarnScripts::publishing

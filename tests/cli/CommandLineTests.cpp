@@ -347,6 +347,24 @@ TEST(ParseCommandLine, AnUnknownOrMissingCommandIsNamed) {
             "varn-scripts: The following argument was not expected: --nope");
 }
 
+TEST(ParseCommandLine, ASecretOnTheCommandLineIsNotRepeated) {
+  const auto firstLine = [](const Arguments& arguments) {
+    const std::string error = replyTo(arguments).error;
+    return error.substr(0, error.find('\n'));
+  };
+  const std::string why = " is no option: other users can see what stands on a command line";
+  const std::string remedy = "; --passphrase-file takes a passphrase from a file";
+  for (const Arguments& arguments : {Arguments{"key", "generate", "k", "--passphrase", "words"},
+                                     {"key", "generate", "--passphrase", "words"},
+                                     {"key", "show", "k", "--passphrase=words"},
+                                     {"publish", "in", "out", "--passphrase", "words"},
+                                     {"key", "generate", "--passphrase"}}) {
+    EXPECT_EQ(firstLine(arguments), "varn-scripts: --passphrase" + why + remedy)
+        << testing::PrintToString(arguments);
+  }
+  EXPECT_EQ(firstLine({"run", "42", "--password", "words"}), "varn-scripts: --password" + why);
+}
+
 TEST(ParseCommandLine, HelpOfACommandHasTheCommandsOwnExitStatuses) {
   const std::string prune = replyTo({"prune", "--help"}).output;
   EXPECT_NE(prune.find("3 the server's list or the store can't be had."), std::string::npos)

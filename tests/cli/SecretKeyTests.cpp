@@ -103,12 +103,13 @@ TEST(SecretKeyText, WithAPassphraseIsReadWithThatOneOnlyAndNeverTwiceTheSame) {
   const SecretKey key = makeSecretKey();
   const auto words = std::get<Passphrase>(answering("one two")());
   const auto written = protectedKeyText(key, words, kLittle);
-  const std::string text(std::get<KeyText>(written).text());
+  const std::string text(std::get<ProtectedKey>(written).text.text());
+  EXPECT_EQ(std::get<ProtectedKey>(written).cost.memory, kLittle.memory);
   EXPECT_EQ(keyIn(text, answering("one two")).publicKey(), key.publicKey());
   EXPECT_EQ(refusalOf(text, answering("one  two")),
             "the secret key can't be unlocked: the passphrase is wrong, or the file is damaged");
   EXPECT_EQ(refusalOf(text, [] { return Refusal{"no passphrase today"}; }), "no passphrase today");
-  EXPECT_NE(text, std::get<KeyText>(protectedKeyText(key, words, kLittle)).text());
+  EXPECT_NE(text, std::get<ProtectedKey>(protectedKeyText(key, words, kLittle)).text.text());
 }
 
 TEST(SecretKeyText, CutAnywhereIsRefused) {
@@ -248,6 +249,19 @@ TEST_F(KeyFilesTest, OfSecretKeysAreRefusedWhenOthersMayUseThem) {
   }
 }
 
+TEST_F(KeyFilesTest, ThatAreNoSecretKeysAreSaidToBeNoneWhateverTheirMode) {
+  write(path_, vectorFile("first.pub"), 0644);
+  EXPECT_EQ(refusalOfSecret(),
+            path_ + ": the secret key is a public key, with which nothing can be signed");
+  write(path_, "root:x:0:0\n", 0644);
+  EXPECT_EQ(refusalOfSecret(), path_ + ": the secret key is none: it has no comment line");
+  // One with a passphrase is not asked for it.
+  write(path_, vectorFile("locked.key"), 0644);
+  EXPECT_EQ(refusalOfSecret(), "the secret key " + path_ +
+                                   " is not used: others than its owner may use it (mode 0644); "
+                                   "chmod 600 mends that");
+}
+
 TEST_F(KeyFilesTest, ThatAreNoneAreRefused) {
   EXPECT_EQ(refusalOfSecret(), "the key " + path_ + " can't be read: No such file or directory");
   write(path_, std::string(2048, 'x'));
@@ -284,8 +298,13 @@ TEST_F(KeyFilesTest, OfPassphrasesHoldItInTheirFirstLine) {
   EXPECT_EQ(refusal(), "the passphrase is longer than 1024 bytes");
   write(path_, "one two\n", 0640);
   EXPECT_EQ(refusal(), "the passphrase file " + path_ +
-                           " can't be read: others than its owner may use it; chmod 600 mends "
-                           "that");
+                           " is not used: others than its owner may use it (mode 0640); chmod 600 "
+                           "mends that");
+  if (::geteuid() == 0) {
+    write(path_, "one two\n");
+    ASSERT_EQ(::chown(path_.c_str(), 4242, 4242), 0);
+    EXPECT_EQ(refusal(), "the passphrase file " + path_ + " is not used: it belongs to user 4242");
+  }
   std::filesystem::remove(path_);
   EXPECT_EQ(refusal(),
             "the passphrase file " + path_ + " can't be read: No such file or directory");

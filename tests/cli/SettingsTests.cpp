@@ -454,6 +454,25 @@ TEST(LayerSettings, AVariableWithoutATrustedKeyIsAMistake) {
   }
 }
 
+TEST(LayerSettings, AVariableNamedLikeTheFlagOfOneKeyIsAMistake) {
+  auto sources = complete();
+  for (const char* const value : {"a", ""}) {
+    sources.environment = environmentOf({{"VARN_TRUSTED_KEY", value}});
+    EXPECT_EQ(errorFrom(sources),
+              "VARN_TRUSTED_KEY is no setting: the variable of trusted_keys is VARN_TRUSTED_KEYS");
+  }
+}
+
+TEST(LayerSettings, AVariableWithoutHowManySignaturesAreNeededIsAMistake) {
+  auto sources = complete();
+  sources.flags["trusted_keys"] = "a\nb";
+  sources.file = {{"signatures_needed", "2"}};
+  sources.environment = environmentOf({{"VARN_SIGNATURES_NEEDED", ""}});
+  EXPECT_EQ(errorFrom(sources),
+            "signatures_needed (given by VARN_SIGNATURES_NEEDED) must be a number from 1 to 10, "
+            "not \"\"");
+}
+
 TEST(LayerSettings, SignaturesNeededAreFromOneToTheNumberOfKeys) {
   auto sources = complete();
   sources.flags["trusted_keys"] = "a\nb";

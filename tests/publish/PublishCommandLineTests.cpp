@@ -77,7 +77,7 @@ TEST(PublishCommandLine, TakesWhoSigns) {
   const auto left = options({"in", "out", "--unsigned-for", "away", "--signed-by", "a.pub"});
   EXPECT_TRUE(left.any());
   EXPECT_EQ(left.leaveIn, "away");
-  EXPECT_EQ(left.lifetime, std::chrono::days(30));
+  EXPECT_EQ(left.lifetime, std::nullopt);
   const auto attached = options({"--attach", "a.minisig", "--attach", "b.minisig", "in", "out",
                                  "--signed-by", "a.pub", "--signed-by", "b.pub"});
   EXPECT_EQ(attached.attached, (std::vector<std::string>{"a.minisig", "b.minisig"}));
@@ -139,9 +139,18 @@ TEST(PublishCommandLine, RefusesWhatDoesNotGoTogether) {
 }
 
 TEST(PublishCommandLine, NeedsBothDirectories) {
-  EXPECT_EQ(refused({"publish", "in"}).error,
-            "varn-scripts: OUTPUT_DIR is required\n"
-            "varn-scripts --help tells how it is used.\n");
+  const std::pair<std::vector<std::string>, std::string> rows[] = {
+      {{"publish"}, "SOURCE_DIR"},
+      {{"publish", "in"}, "OUTPUT_DIR"},
+      {{"publish", "--sign-with", "k"}, "SOURCE_DIR"},
+      {{"publish", "--renew", "--sign-with", "k"}, "OUTPUT_DIR"},
+      {{"publish", "--sign-with", "k", "--renew"}, "OUTPUT_DIR"},
+  };
+  for (const auto& [arguments, name] : rows) {
+    EXPECT_EQ(refused(arguments).error, "varn-scripts: " + name +
+                                            " is required\n"
+                                            "varn-scripts --help tells how it is used.\n");
+  }
 }
 
 TEST(PlanCommandLine, TakesAScriptID) {

@@ -91,7 +91,8 @@ class SigningTest : public testing::Test {
       put(file.name, file.bytes);
       written_.push_back(file.name);
     }
-    remark_ = signing.remark().value_or("");
+    remark_ = signing.remark() ? signing.remark()->text : "";
+    missing_ = signing.missing();
     return signing.summary();
   }
 
@@ -109,6 +110,7 @@ class SigningTest : public testing::Test {
   ServerFiles files_;
   std::vector<std::string> written_;
   std::string remark_;
+  std::vector<std::string> missing_;
 };
 
 TEST_F(SigningTest, TheFirstSerialIsTheTimeAndTheNextOneIsHigher) {
@@ -218,6 +220,18 @@ TEST_F(SigningTest, ASerialThatWasDrivenToItsEndIsRefused) {
             "by " + nameOf(other_) + " with the serial 1795348800 until 2026-12-22T12:00:00Z");
 }
 
+TEST_F(SigningTest, ASerialAtTheEndIsNotSignedOnceMoreEither) {
+  // Over the very list that a thief has published.
+  signedBefore(key_, kList, std::numeric_limits<std::uint64_t>::max());
+  const std::string refusal =
+      "refused: the key " + nameOf(key_) +
+      " has signed the serial 18446744073709551615, which none can follow; publish with other "
+      "keys alone";
+  EXPECT_EQ(sign(here({&key_}), kList, kNoon), refusal);
+  EXPECT_EQ(sign(here({&key_}), kList, kNoon + kMonth), refusal);
+  EXPECT_EQ(renew(here({&key_}), kList, kNoon), refusal);
+}
+
 TEST_F(SigningTest, ACopyUnderTheNameOfAnotherListHoldsNobodyUp) {
   sign(here({&key_}), kList, kNoon);
   for (const char* const list : {kList, kOtherList}) {
@@ -279,8 +293,11 @@ TEST_F(SigningTest, ASignatureThatSoonExpiresIsRemarkedOn) {
   sign(here({&key_}), kList, kNoon + std::chrono::days(20) + std::chrono::seconds(1));
   EXPECT_EQ(remark_, by + "2026-12-22T12:00:00Z" + remedy);
   const SignedComment comment{"acme", 1, kNoon, kNoon + std::chrono::hours(3)};
-  EXPECT_EQ(remarkOnExpiry(comment, key_.number, kNoon), std::nullopt);
-  EXPECT_EQ(remarkOnExpiry(comment, key_.number, kNoon + std::chrono::hours(3)),
+  EXPECT_FALSE(remarkOnExpiry(comment, key_.number, kNoon));
+  EXPECT_FALSE(remarkOnExpiry(comment, key_.number, kNoon + std::chrono::minutes(170))->hasExpired);
+  const auto expired = remarkOnExpiry(comment, key_.number, kNoon + std::chrono::hours(3));
+  EXPECT_TRUE(expired->hasExpired);
+  EXPECT_EQ(expired->text,
             "the signature by the key " + nameOf(key_) +
                 " expired at 2026-11-22T15:00:00Z, and computers that trust the key refuse the "
                 "list" +
@@ -337,9 +354,10 @@ TEST_F(AttachedSignatures, AreRefusedWithTheReason) {
   const std::pair<std::string, std::string> rows[] = {
       {cut, "the signature file is cut: it has 2 of four lines"},
       {"", "the signature file is empty"},
-      {made(stranger, 7),
-       "the key " + nameOf(stranger) + ", by which the list is signed, is not trusted"},
-      {made(key_, 7, kNoon, kNoon + kMonth, "acme", kOtherList), by + " is not over this list"},
+      {made(stranger, 7), "the key " + nameOf(stranger) +
+                              ", by which the list is signed, is not among those of --signed-by"},
+      {made(key_, 7, kNoon, kNoon + kMonth, "acme", kOtherList),
+       by + " is not over this list; leave the list for signing again with --unsigned-for"},
       {changed, "the comment of " + by + " was changed"},
       {made(key_, 7, kNoon, kNoon + kMonth, "another"),
        "the signature by the key " + nameOf(key_) +
@@ -356,6 +374,11 @@ TEST_F(AttachedSignatures, AreRefusedWithTheReason) {
   for (const auto& [text, why] : rows) {
     EXPECT_EQ(sign(elsewhere({text}), kList, kNoon), "refused: " + why);
   }
+  constexpr std::uint64_t kLast = std::numeric_limits<std::uint64_t>::max();
+  EXPECT_EQ(sign(elsewhere({made(key_, kLast)}), kList, kNoon),
+            "refused: the key " + nameOf(key_) +
+                " has signed the serial 18446744073709551615, which none can follow; publish with "
+                "other keys alone");
   EXPECT_EQ(sign(elsewhere({made(key_, 7), made(key_, 8)}), kList, kNoon),
             "refused: two of the signatures are by the key " + nameOf(key_));
   EXPECT_EQ(sign(elsewhere({made(key_, 7), made(other_, 8)}), kList, kNoon),
@@ -367,6 +390,26 @@ TEST_F(AttachedSignatures, MayFollowWithTheSameSerialOverTheSameList) {
   sign(elsewhere({made(key_, 7)}), kList, kNoon);
   EXPECT_EQ(sign(elsewhere({made(key_, 7, kNoon, kNoon + kMonth + kMonth)}), kList, kNoon),
             "by " + nameOf(key_) + " with the serial 7 until 2027-01-21T12:00:00Z");
+}
+
+TEST_F(AttachedSignatures, ThatAreMissingAreNamed) {
+  const std::string by = "the key " + nameOf(other_) +
+                         " has not signed the list; computers that need its signature refuse it";
+  sign(elsewhere({made(key_, 7)}), kList, kNoon);
+  EXPECT_EQ(missing_, std::vector{by});
+  sign(elsewhere({made(key_, 7), made(other_, 7)}), kList, kNoon);
+  EXPECT_EQ(missing_, std::vector<std::string>());
+  // What the tree has of before counts, and is named.
+  EXPECT_EQ(sign(elsewhere({made(key_, 7)}), kList, kNoon),
+            "by " + nameOf(key_) + " and " + nameOf(other_) +
+                " with the serial 7 until 2026-12-22T12:00:00Z");
+  EXPECT_EQ(missing_, std::vector<std::string>());
+  // But for one with another serial, or one that has expired.
+  sign(elsewhere({made(key_, 8)}), kList, kNoon);
+  EXPECT_EQ(missing_, std::vector{by});
+  const UTCTime later = kNoon + kMonth;
+  sign(elsewhere({made(key_, 8, later, later + kMonth)}), kList, later);
+  EXPECT_EQ(missing_, std::vector{by});
 }
 
 TEST_F(AttachedSignatures, MakeNoTimeShorter) {

@@ -48,6 +48,16 @@ class Signed(SigningCase):
         self.assertEqual(self.sign(), PUBLISHED + "nothing has changed.\n")
         self.assertEqual(self.tree(), before)
 
+    def test_a_time_that_is_not_taken_is_told(self):
+        self.sign()
+        remark = ("varn-scripts: --expires changes nothing: the signature stays as it is; publish "
+                  "--renew makes a new one\n")
+        for options in ([], ["--check"]):
+            result = self.publish("--sign-with", self.key, "--expires", "90d", *options)
+            self.assertEqual((result.status, result.error), (0, remark), options)
+        self.write_script(text="echo 2\n")
+        self.sign("--expires", "90d")
+
     def test_each_publication_has_a_higher_serial(self):
         serials = []
         for text in ("1", "2", "1", "2"):
@@ -151,7 +161,7 @@ class Unsigned(SigningCase):
         self.sign()
         before = self.tree()
         self.write_script(text="echo 2\n")
-        for options in ([], ["--check"], ["--allow-removal"]):
+        for options in ([], ["--allow-removal"]):
             result = self.publish(*options)
             self.assertEqual((result.status, result.output, result.error_lines), (2, "", [
                 f"{self.list_path}: the list there is signed, and computers that trust a key "
@@ -164,6 +174,19 @@ class Unsigned(SigningCase):
         # From then on it is none.
         self.write_script(text="echo 3\n")
         self.must_publish()
+
+    def test_check_of_a_change_needs_no_key(self):
+        self.sign()
+        self.write_script(text="echo 2\n")
+        before = self.tree()
+        checked = ("~ 42 (script)\nChecked 1 script: nothing to say; 2 files to be written, the list "
+                   "to be replaced")
+        for options, end in (([], ", to be signed.\n"), (["--strict"], ", to be signed.\n"),
+                             (["--unsigned"], ".\n")):
+            result = self.publish("--check", *options)
+            self.assertEqual((result.status, result.output, result.error),
+                             (4, checked + end, ""), options)
+        self.assertEqual(self.tree(), before)
 
     def test_publication_that_changes_nothing_needs_no_key(self):
         self.sign()
@@ -361,6 +384,52 @@ class LeftForSigning(SigningCase):
         with open(self.list_path, "rb") as file:
             self.assertEqual(left, file.read())
 
+    def test_is_left_neither_in_the_tree_nor_among_the_scripts(self):
+        self.sign()
+        self.write_script(text="echo 2\n")
+        os.symlink(self.output, self.path("link"))
+        os.mkdir(self.path("source", "below"))
+        tree, source = self.tree(), self.tree(self.source)
+        in_tree = "lies in the tree that is served"
+        for place, why in (
+                (os.path.dirname(self.list_path), in_tree),
+                (self.output, in_tree),
+                (self.output + "/", in_tree),
+                (self.output + "/new/one", in_tree),
+                (self.path("none/../output/client-data"), in_tree),
+                (self.path("link/client-data/new"), in_tree),
+                (self.source, "is the directory of the scripts"),
+                (self.path("source/below/.."), "is the directory of the scripts")):
+            result = self.publish("--unsigned-for", place, *self.signed_by)
+            self.assert_refused(result, f"{place} is not used: it {why}; give another directory")
+            self.assertEqual((self.tree(), self.tree(self.source)), (tree, source), place)
+        # Of a tree that is not there yet, neither.
+        self.output = self.path("later")
+        for place in (self.output, self.output + "/", self.output + "/a"):
+            result = self.publish("--unsigned-for", place, *self.signed_by)
+            self.assert_refused(result, f"{place} is not used: it {in_tree}; give another directory")
+        self.assertFalse(os.path.exists(self.output))
+
+    @unittest.skipUnless(os.geteuid() == 0, "needs root, to make another user's directory")
+    def test_is_not_left_where_another_user_could_exchange_it(self):
+        os.mkdir(self.away)
+        os.chown(self.away, 4242, 4242)
+        below = os.path.join(self.away, "below")
+        for place in (self.away, below):
+            result = self.publish("--unsigned-for", place, *self.signed_by)
+            self.assert_refused(result,
+                                f"{place} is not used: {self.away} belongs to user 4242")
+        os.chown(self.away, 0, 0)
+        os.chmod(self.away, 0o1777)
+        result = self.publish("--unsigned-for", self.away, *self.signed_by)
+        self.assert_refused(result, f"{self.away} is not used: {self.away} may be written to by all "
+                                    "users")
+        self.assertEqual(os.listdir(self.away), [])
+        # One of its own may be made there.
+        result = self.publish("--unsigned-for", below, *self.signed_by)
+        self.assertEqual((result.status, result.error), (0, ""))
+        self.assertEqual(stat.S_IMODE(os.stat(below).st_mode), 0o700)
+
     def test_a_signed_tree_stays_as_it_is_until_the_signature_comes(self):
         self.sign()
         before, serial = self.tree(), self.serial()
@@ -385,12 +454,13 @@ class LeftForSigning(SigningCase):
         made = self.made_elsewhere()
         self.write_script(text="echo 2\n")
         by = f"the signature by the key {self.number(self.key)}"
-        self.assert_refused(self.attach(made), f"{by} is not over this list")
+        self.assert_refused(self.attach(made), f"{by} is not over this list; leave the list for "
+                                               "signing again with --unsigned-for")
         self.write_script()
         other = self.make_key("other.key")
         self.assert_refused(self.publish("--attach", made, "--signed-by", other + ".pub"),
                             f"the key {self.number(self.key)}, by which the list is signed, is not "
-                            "trusted")
+                            "among those of --signed-by")
         with open(made, encoding="utf-8") as file:
             text = file.read()
         with open(made, "w", encoding="utf-8") as file:
@@ -398,9 +468,11 @@ class LeftForSigning(SigningCase):
         self.assert_refused(self.attach(made), f"the comment of {by} was changed")
         with open(made, "w", encoding="utf-8") as file:
             file.write(text[:150])
-        self.assert_refused(self.attach(made), "the signature file is cut: it has 2 of four lines")
+        self.assert_refused(self.attach(made),
+                            f"{made}: the signature file is cut: it has 2 of four lines")
         os.truncate(made, 4097)
-        self.assert_refused(self.attach(made), "the signature file is longer than 4096 bytes")
+        self.assert_refused(self.attach(made),
+                            f"{made}: the signature file is longer than 4096 bytes")
         self.assert_refused(self.attach(self.path("none")),
                             f"the signature {self.path('none')} can't be read: No such file or "
                             "directory", status=3)
@@ -426,6 +498,22 @@ class LeftForSigning(SigningCase):
         self.assertEqual((result.status, result.error), (0, ""))
         self.assert_signed(result.output, [self.key, other], FIRST)
         self.assert_verified(self.key, other, needed=2)
+
+
+    def test_who_has_not_signed_is_told(self):
+        other = self.make_key("other.key")
+        both = [*self.signed_by, "--signed-by", other + ".pub"]
+        remark = (f"varn-scripts: the key {self.number(other)} has not signed the list; computers "
+                  "that need its signature refuse it\n")
+        made = self.made_elsewhere()
+        self.must_publish()
+        for options, status in ((["--check"], 4), ([], 0), ([], 0)):
+            result = self.publish("--attach", made, *both, *options)
+            self.assertEqual((result.status, result.error), (status, remark), options)
+        # One that has signed it before, has.
+        self.sign(keys=[self.key, other])
+        result = self.publish("--attach", made, *both)
+        self.assertEqual((result.status, result.error), (0, ""))
 
 
 @unittest.skipUnless(MINISIGN, "no minisign here")
@@ -461,6 +549,36 @@ class BesideMinisign(SigningCase):
                            PUBLISHED + "0 files written, the list unchanged, 0 files removed.\n")
         self.assertEqual((self.serial(), self.said()["expires"][:10]), (serial, utc(days=60)[:10]))
 
+    def test_two_sign_elsewhere_each_into_a_file_of_his_own(self):
+        away, other = self.path("away"), self.make_key("other.key")
+        keys = {self.number(key): key for key in (self.key, other)}
+        both = [word for key in keys.values() for word in ("--signed-by", key + ".pub")]
+        said = self.publish("--unsigned-for", away, *both).output
+        commands = [line for line in said.splitlines() if line.startswith("minisign ")]
+        names = [f"scripts-meta.xml.{number}.minisig" for number in keys]
+        self.assertEqual(commands, [
+            f"minisign -S -s KEY_FILE -m scripts-meta.xml -x {name} -t "
+            '"$(cat trusted-comment.txt)"' for name in names])
+        with open(away + "/sign.txt", encoding="utf-8") as file:
+            text = file.read()
+        for number, command in zip(keys, commands):
+            self.assertIn(f"{number}:\n\n    {command}\n", text)
+            self.assertEqual(self.run_shell(command.replace("KEY_FILE", keys[number]), away), 0)
+        self.assertIn(f"--attach {names[0]} --attach {names[1]} --signed-by", text)
+        signatures = [word for name in names for word in ("--attach", f"{away}/{name}")]
+        result = self.publish(*signatures, *both)
+        self.assertEqual((result.status, result.error), (0, ""))
+        self.assert_verified(self.key, other, needed=2)
+
+    def test_a_comment_of_its_own_is_told_from_the_one_that_was_left(self):
+        away, options = self.path("away"), ["--signed-by", self.key + ".pub"]
+        self.publish("--unsigned-for", away, *options)
+        self.assertEqual(self.run_shell(f"minisign -S -s {self.key} -m scripts-meta.xml", away), 0)
+        result = self.publish("--attach", away + "/scripts-meta.xml.minisig", *options)
+        self.assertEqual((result.status, result.output), (2, ""))
+        self.assertRegex(result.error, 'holds what is not known here: "timestamp:[^"]*"; have it '
+                                       r"signed with minisign -t and the comment that was left\n$")
+
     def run_shell(self, command, directory):
         # Without a passphrase minisign asks for none.
         return subprocess.run(["sh", "-c", command], cwd=directory, stdin=subprocess.DEVNULL,
@@ -490,9 +608,32 @@ class BesideMinisign(SigningCase):
         self.assertEqual((result.status, result.error),
                          (0, f"{remark}d at {past}, and computers that trust the key refuse the "
                              f"list{remedy}"))
+        # A check finds it to be signed, with a key and without.
+        checked = ("Checked 1 script: nothing to say; 0 files to be written, the list unchanged, to "
+                   "be signed")
+        for options in ([], ["--strict"]):
+            check = self.publish("--check", *options)
+            self.assertEqual((check.status, check.output, check.error),
+                             (4, checked + " anew.\n", result.error), options)
+        check = self.publish("--check", "--sign-with", self.key)
+        self.assertEqual((check.status, check.error), (4, ""))
+        self.assertTrue(check.output.startswith(checked + f" by {self.number(self.key)} "))
         self.assertEqual(self.verified(self.key).status, 1)
         self.sign()
         self.assert_verified()
+
+    def test_one_that_has_expired_is_told_before_one_that_soon_does(self):
+        other = self.make_key("other.key")
+        self.sign(keys=[self.key, other])
+        first, second = self.signature_path(), self.signature_path(other)
+        serial, soon, past = str(self.serial()), utc(hours=1), utc(minutes=-1)
+        for late, early in ((first, second), (second, first)):
+            # By one key, in the places of both: who has made it does not matter here.
+            self.sign_elsewhere(late, serial=serial, published=utc(days=-1), expires=past)
+            self.sign_elsewhere(early, serial=serial, published=utc(days=-1), expires=soon)
+            check = self.publish("--check")
+            self.assertEqual(check.status, 4)
+            self.assertIn(f" expired at {past}, and", check.error)
 
     def test_renews_one_that_has_expired(self):
         self.sign()
@@ -514,7 +655,6 @@ class Keys(SigningCase):
         self.assert_refused(self.publish("--sign-with", self.path("none")),
                             f"the key {self.path('none')} can't be read: No such file or directory",
                             status=3)
-        os.chmod(self.key + ".pub", 0o600)
         self.assert_refused(self.publish("--sign-with", self.key + ".pub"),
                             f"{self.key}.pub: the secret key is a public key, with which nothing can "
                             "be signed", status=3)

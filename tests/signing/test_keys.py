@@ -6,6 +6,7 @@ import datetime
 import hashlib
 import os
 import pty
+import resource
 import select
 import shutil
 import signal
@@ -110,18 +111,18 @@ class GenerateTest(KeysCase):
         environment = self.environment(VARN_PASSPHRASE="one", VARN_PASSPHRASE_FILE="one")
         result = self.key("generate", self.secret, environment=environment, start_new_session=True)
         self.assertEqual((result.status, result.error),
-                         (2, "varn-scripts: the passphrase can't be asked for without a terminal: "
+                         (3, "varn-scripts: the passphrase can't be asked for without a terminal: "
                              "give it with --passphrase-file\n"))
         self.assertFalse(os.path.exists(self.secret))
 
     def test_refuses_a_passphrase_file_that_is_empty_or_open_to_others(self):
         words = self.write(self.path("words"), "")
-        self.assert_refused(2, "the passphrase is empty", "generate", self.secret,
+        self.assert_refused(3, "the passphrase is empty", "generate", self.secret,
                             "--passphrase-file", words)
         self.write(words, "one two\n", mode=0o644)
         self.assert_refused(
-            2, f"the passphrase file {words} can't be read: others than its owner may use it; "
-               "chmod 600 mends that", "generate", self.secret, "--passphrase-file", words)
+            3, f"the passphrase file {words} is not used: others than its owner may use it (mode "
+               "0644); chmod 600 mends that", "generate", self.secret, "--passphrase-file", words)
         result = self.key("generate", self.secret, "--passphrase-file", words, "--no-passphrase")
         self.assertEqual(result.status, 2)
         self.assertFalse(os.path.exists(self.secret))
@@ -146,13 +147,31 @@ class PassphraseTest(KeysCase):
                             "show", self.secret, "--passphrase-file", words)
 
 
+    def test_weaker_protection_for_want_of_memory_is_told(self):
+        words = self.write(self.path("words"), "one two\n")
+        most = 700 << 20
+        result = self.key("generate", self.secret, "--passphrase-file", words,
+                          preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (most, most)))
+        self.assertEqual(result.status, 0)
+        self.assertEqual(result.error,
+                         f"varn-scripts: there is too little memory to protect {self.secret} as well "
+                         "as usual: to try a passphrase takes 512 MiB of it in place of 1024\n")
+        self.assertEqual(self.read(self.public), result.output)
+        self.assertEqual(self.key("show", self.secret, "--passphrase-file", words).output,
+                         result.output)
+
+
 class TerminalTest(KeysCase):
     """A person at a terminal."""
 
-    def at_terminal(self, *arguments):
+    def at_terminal(self, *arguments, core=None, user=None):
         """Starts the command with a terminal of its own; gives its process ID and the terminal."""
         child, terminal = pty.fork()
         if child == 0:
+            if core is not None:
+                resource.setrlimit(resource.RLIMIT_CORE, (core, core))
+            if user is not None:
+                os.setuid(user)
             # Whoever runs the tests in the background ignores what a terminal sends.
             for number in (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP):
                 signal.signal(number, signal.SIG_DFL)
@@ -203,7 +222,7 @@ class TerminalTest(KeysCase):
         self.read_until(terminal, b"The same once more: ")
         os.write(terminal, b"two\n")
         self.read_to_the_end(terminal)
-        self.assertEqual(self.status_of(child), 2)
+        self.assertEqual(self.status_of(child), 3)
         self.assertIn(b"varn-scripts: the two passphrases are not the same", self.shown)
         self.assertFalse(os.path.exists(self.secret))
 
@@ -217,6 +236,52 @@ class TerminalTest(KeysCase):
                 self.assertEqual(self.status_of(child), -number)
                 self.assertTrue(termios.tcgetattr(terminal)[3] & termios.ECHO)
                 self.assertFalse(os.path.exists(self.secret))
+
+
+    @unittest.skipUnless(os.path.exists("/proc/self/limits"), "no /proc here")
+    def test_secrets_are_in_no_core_dump(self):
+        words = self.write(self.path("words"), "one two\n")
+        locked = self.path("locked")
+        self.generate(locked, "--passphrase-file", words)
+        self.generate()
+        os.mkdir(self.path("source"))
+        self.write(self.path("source", "scripts.toml"), "")
+        for arguments, question in (
+                (("key", "generate", self.path("new")), b"Passphrase for "),
+                (("key", "show", locked), b"Passphrase of "),
+                (("--customer", "acme", "publish", "--allow-removal", self.path("source"),
+                  self.path("output"), "--sign-with", self.secret, "--sign-with", locked),
+                 b"Passphrase of ")):
+            with self.subTest(arguments=arguments):
+                child, terminal = self.at_terminal(*arguments, core=resource.RLIM_INFINITY)
+                self.read_until(terminal, question)
+                self.assertRegex(self.read(f"/proc/{child}/limits"),
+                                 r"\nMax core file size +0 +0 ")
+                os.write(terminal, b"\x1c")
+                self.assertEqual(self.status_of(child), -signal.SIGQUIT)
+
+    @unittest.skipUnless(os.geteuid() == 0 and os.path.exists("/proc/self/limits"),
+                         "needs root, to be another user, and /proc")
+    def test_who_may_trace_a_process_can_not_trace_one_with_secrets(self):
+        # What the owner of a process can't trace is root's.
+        os.chmod(self.directory, 0o755)
+        place = self.path("place")
+        os.mkdir(place)
+        os.chown(place, 4242, 4242)
+        child, terminal = self.at_terminal("key", "generate", os.path.join(place, "new"), user=4242)
+        self.read_until(terminal, b"Passphrase for ")
+        self.assertEqual(os.stat(f"/proc/{child}/mem").st_uid, 0)
+        # Its own descriptors are its own all the same.
+        os.write(terminal, b"\x03")
+        self.assertEqual(self.status_of(child), -signal.SIGINT)
+        reader, writer = os.pipe()
+        os.fchown(reader, 4242, 4242)
+        os.write(writer, b"one two\n")
+        os.close(writer)
+        result = self.key("generate", os.path.join(place, "new"), "--passphrase-file",
+                          f"/dev/fd/{reader}", pass_fds=[reader], user=4242)
+        os.close(reader)
+        self.assertEqual((result.status, result.error), (0, ""))
 
 
 class ShowTest(KeysCase):
@@ -239,6 +304,26 @@ class ShowTest(KeysCase):
                             "show", "none")
         self.assert_refused(3, f"{self.list}: the secret key is none: it has no comment line",
                             "show", self.write(self.list, "<scripts-meta/>\n"))
+
+
+    def test_standard_input_is_said_not_to_be_read(self):
+        printed = self.generate()
+        unread = "it is standard input, from which nothing is read"
+        for place in ("/dev/stdin", "/dev/fd/0"):
+            with self.subTest(place=place), open(self.secret, "rb") as file:
+                result = self.key("show", place, stdin=file)
+                self.assertEqual((result.status, result.output, result.error),
+                                 (3, "", f"varn-scripts: the key {place} can't be read: {unread}\n"))
+                result = self.key("verify", self.list, "--trusted-key", place, stdin=file)
+                self.assertIn(f"the key {place} can't be read: {unread}\n", result.error)
+                result = self.key("generate", self.path("new"), "--passphrase-file", place,
+                                  stdin=file)
+                self.assertEqual((result.output, result.error),
+                                 ("", f"varn-scripts: the passphrase file {place} can't be read: "
+                                      f"{unread}; give a file, or a pipe such as /dev/fd/3\n"))
+        # Of the null device itself that holds as well.
+        self.assertIn(unread, self.key("show", "/dev/null").error)
+        self.assertEqual(self.key("show", self.secret).output, printed)
 
 
 @unittest.skipUnless(MINISIGN, "no minisign here")
