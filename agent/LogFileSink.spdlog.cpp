@@ -12,11 +12,13 @@
 #include <cstdio>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
 #include <utility>
 
+#include "BriefLock.h"
 #include "Calls.h"
 #include "Records.spdlog.h"
 
@@ -52,15 +54,23 @@ std::string problemOf(const FileDescriptor& file) {
 /// The log file, made when it is missing. It is never opened again by its name, which others may
 /// give to something else; scripts do not inherit it.
 FileDescriptor openLogFile(const std::string& path) {
-  // Without O_NONBLOCK the opening of a FIFO would wait for a reader.
+  // Without O_NONBLOCK the opening of a FIFO would wait for a reader. It is read for its last byte.
   FileDescriptor file(::open(
-      path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
+      path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
       kFileMode));
   const std::string problem = file ? problemOf(file) : std::generic_category().message(errno);
   if (!problem.empty()) {
     throw std::runtime_error("can't open the log file " + path + ": " + problem);
   }
   return file;
+}
+
+/// Whether the file's last line has no end: whoever wrote it was ended, or the disk was full.
+bool isLineOpen(const FileDescriptor& file) {
+  struct stat status {};
+  char last = '\n';
+  return ::fstat(file.get(), &status) == 0 && status.st_size > 0 &&
+         ::pread(file.get(), &last, 1, status.st_size - 1) == 1 && last != '\n';
 }
 
 class LogFileSink final : public spdlog::sinks::base_sink<std::mutex> {
@@ -75,9 +85,15 @@ class LogFileSink final : public spdlog::sinks::base_sink<std::mutex> {
   void sink_it_(const LogMessage& message) override {
     const std::size_t length = lengthInPieces(message, *formatter_, format_);
     bool broken = false;
-    bool begun = false;
+    std::optional<BriefLock> lock;
     writeLine(message, *formatter_, format_, [&](std::string_view piece) {
-      if (!std::exchange(begun, true)) makeRoomFor(std::max(length, piece.size()));
+      if (!lock) {
+        makeRoomFor(std::max(length, piece.size()));
+        // One piece is written at once; between several, nobody else writes.
+        lock.emplace(file_.get(), length > 0 ? BriefLock::Kind::exclusive : BriefLock::Kind::shared,
+                     patience_);
+        broken = isLineOpen(file_) && !isWritten(file_, "\n");
+      }
       broken = broken || !isWritten(file_, piece);
     });
   }
@@ -120,6 +136,7 @@ class LogFileSink final : public spdlog::sinks::base_sink<std::mutex> {
   std::string path_;
   const Format format_;
   FileDescriptor file_;
+  BriefLock::Patience patience_;
 };
 
 }  // namespace
