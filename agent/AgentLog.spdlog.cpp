@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "JsonText.h"
 #include "LogFileSink.spdlog.h"
 #include "LogSettings.h"
 #include "Pieces.h"
@@ -40,6 +41,7 @@ std::shared_ptr<spdlog::logger> makeLogger(spdlog::sink_ptr sink) {
 struct Destination {
   std::shared_ptr<spdlog::logger> logger;
   std::optional<std::uint64_t> most;  ///< of a message
+  bool isEscaped = false;             ///< it counts as JSON has it
 };
 
 struct Log {
@@ -49,15 +51,17 @@ struct Log {
 
 std::vector<Destination> destinationsOf(const LogSettings& settings) {
   std::vector<Destination> destinations;
-  const auto add = [&](spdlog::sink_ptr sink, std::optional<std::uint64_t> most) {
-    destinations.push_back({makeLogger(std::move(sink)), most});
+  const auto add = [&](spdlog::sink_ptr sink, std::optional<std::uint64_t> most,
+                       bool isEscaped = false) {
+    destinations.push_back({makeLogger(std::move(sink)), most, isEscaped});
   };
   if (!settings.file.empty()) {
     add(makeLogFile(settings.file, settings.format), settings.maxMessage);
   }
   if (settings.target) {
     add(makeSystemLog(*settings.target, settings.format),
-        std::min(settings.maxMessage.value_or(kMostToSystem), kMostToSystem));
+        std::min(settings.maxMessage.value_or(kMostToSystem), kMostToSystem),
+        settings.format == LogSettings::Format::json);
   }
   if (settings.writesToStandardError()) {
     add(makeStandardErrorLog(settings.format, settings.standardErrorWait), settings.maxMessage);
@@ -99,10 +103,32 @@ spdlog::level::level_enum levelOf(const Record& record) {
   }
 }
 
+/// How long `text` is as a JSON text.
+std::size_t escapedLength(std::string_view text) {
+  std::size_t length = 0;
+  Pieces pieces([&length](std::string_view piece) { length += piece.size(); });
+  addJSONText(text, pieces);
+  pieces.end();
+  return length;
+}
+
+/// As `shown`, with less of it where JSON has six bytes for one, so that the system's log takes it.
+std::string_view shownEscaped(const std::string& message, std::uint64_t most, std::string& room) {
+  constexpr std::size_t wordsAround = 512;
+  while (true) {
+    room.clear();
+    const std::string_view text = shown(message, most, room);
+    if (most == 0 || escapedLength(text) <= kMostToSystem + wordsAround) return text;
+    most /= 2;
+  }
+}
+
 void writeTo(const Destination& destination, spdlog::log_clock::time_point time,
              const Record& record, const std::string& message) {
   std::string room;
-  const std::string_view text = shown(message, destination.most, room);
+  const std::string_view text = destination.isEscaped
+                                    ? shownEscaped(message, *destination.most, room)
+                                    : shown(message, destination.most, room);
   destination.logger->log(
       time, spdlog::source_loc(record.source.data(), record.line, record.operation.data()),
       levelOf(record), spdlog::string_view_t(text.data(), text.size()));
