@@ -26,8 +26,8 @@ void find(void* library, const char* name, Function& function) {
 }
 
 LibCurl load() {
-  // Lazily: of all that its libraries refer to among one another, a download needs little.
-  void* const library = ::dlopen(kLibrary, RTLD_LAZY | RTLD_LOCAL);
+  // At once: what one of its libraries lacks would end the process when it is called.
+  void* const library = ::dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) fail();
   LibCurl functions{};
 #define VARN_FIND(name) find(library, "curl_" #name, functions.name);

@@ -1,7 +1,6 @@
 #include "SystemLog.spdlog.h"
 
 #include <spdlog/formatter.h>
-#include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/syslog_sink.h>
 #ifdef VARN_HAS_JOURNAL
 #include <spdlog/sinks/systemd_sink.h>
@@ -14,6 +13,7 @@
 
 #include "LogLine.h"
 #include "Pieces.h"
+#include "Records.spdlog.h"
 
 namespace AgentLog {
 namespace {
@@ -63,17 +63,6 @@ spdlog::sink_ptr makeSink(LogSettings::Target target) {
 }
 
 }  // namespace
-
-std::unique_ptr<spdlog::formatter> timeFormatter() {
-  return std::make_unique<spdlog::pattern_formatter>("%Y-%m-%dT%H:%M:%S.%eZ",
-                                                     spdlog::pattern_time_type::utc, "");
-}
-
-Record recordOf(const LogMessage& message) {
-  const std::string_view text(message.payload.data(), message.payload.size());
-  return {message.level == spdlog::level::err ? Record::Level::error : Record::Level::info, text,
-          message.source.filename, message.source.funcname, message.source.line};
-}
 
 spdlog::sink_ptr makeSystemLog(LogSettings::Target target, Format format) {
   spdlog::sink_ptr sink = makeSink(target);

@@ -3,20 +3,10 @@
 #pragma once
 
 #include <spdlog/common.h>
-#include <spdlog/details/log_msg.h>
-#include <spdlog/formatter.h>
-
-#include <memory>
 
 #include "LogSettings.h"
 
 namespace AgentLog {
-
-/// The record that was handed to spdlog as `message`. Points into it.
-[[nodiscard]] Record recordOf(const spdlog::details::log_msg& message);
-
-/// Formats the time of a record in RFC 3339, UTC.
-[[nodiscard]] std::unique_ptr<spdlog::formatter> timeFormatter();
 
 /// A sink for `target`: each record as one line of `format`, in text without its time and level,
 /// which the system's log has by itself. Records carry the name of the program. Throws

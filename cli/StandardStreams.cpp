@@ -21,8 +21,9 @@
 namespace VarnScripts {
 namespace {
 
-void openNullDevice(int descriptor, int flags) {
-  const int opened = ::open("/dev/null", flags | O_CLOEXEC);
+// To be read alone: what is written where there is nobody fails, and is not taken for written.
+void openNullDevice(int descriptor) {
+  const int opened = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (opened < 0) return;
   if (opened == descriptor) {
     // Already the right number, which must reach the script.
@@ -91,9 +92,9 @@ bool isClosed(int descriptor) { return ::fcntl(descriptor, F_GETFD) == -1 && err
 posix::FileDescriptor openStandardStreams() {
   // Not into the place of another closed one.
   posix::FileDescriptor input(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-  openNullDevice(STDIN_FILENO, O_RDONLY);
+  openNullDevice(STDIN_FILENO);
   for (const int descriptor : {STDOUT_FILENO, STDERR_FILENO}) {
-    if (isClosed(descriptor)) openNullDevice(descriptor, O_WRONLY);
+    if (isClosed(descriptor)) openNullDevice(descriptor);
   }
   return input;
 }

@@ -16,8 +16,8 @@ namespace VarnScripts {
 
 /// Opens standard input on the null device, so that no script waits for a person, and gives a
 /// closed standard output or standard error the null device too, so that no file that is opened
-/// later gets its number. Gives what standard input was, closed on exec; empty when it was closed.
-/// Called before anything else is opened.
+/// later gets its number; to write there is an error as it was. Gives what standard input was,
+/// closed on exec; empty when it was closed. Called before anything else is opened.
 [[nodiscard]] posix::FileDescriptor openStandardStreams();
 
 /// Whether an open file is what standard input is by then: what was there is not to be had by the

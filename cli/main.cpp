@@ -84,7 +84,7 @@ std::variant<Settings, SettingsError> settingsFor(const CommandLine& line,
 int host(const std::vector<std::string>& arguments, posix::FileDescriptor standardInput) {
   const auto parsed = VarnScripts::parseCommandLine(arguments);
   if (const auto* reply = std::get_if<VarnScripts::Reply>(&parsed)) {
-    if (!reply->output.empty()) VarnScripts::writeOutput(reply->output);
+    if (!VarnScripts::writeOutput(reply->output)) return VarnScripts::kExitNotRun;
     std::error_code ignored;
     posix::writeAll(2, reply->error, ignored);
     return reply->exitStatus;

@@ -51,9 +51,10 @@ struct LogSettings {
   /// with `maxMessage`, since such a log loses or cuts long ones.
   std::optional<Target> target{};
   StandardError standardError = StandardError::otherwise;
-  /// How long whoever reads standard error is waited for, once, when a terminal has been stopped or
-  /// a pipe is full; further records are left out until one is taken again, before which it is said
-  /// how many. A host's requests wait as long.
+  /// How long whoever reads standard error is waited for, in all and not for each record, when a
+  /// terminal has been stopped or a pipe is full; further records are left out until one is taken
+  /// again, before which it is said how many. A host's requests wait as long. It is whole again
+  /// when a record has not had to wait.
   std::chrono::milliseconds standardErrorWait{60'000};
   /// Writes nothing to standard error, whatever else is said.
   bool quiet = false;

@@ -2,15 +2,19 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <functional>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "LogSettings.h"
 #include "support/Files.h"
@@ -79,6 +83,19 @@ TEST_F(LogFile, IsAddedTo) {
   open();
   AgentLog::logInfo("one", "Unit", "operation()", 1);
   EXPECT_EQ(linesWithoutTimes(path), "info before\ninfo Unit operation() 1 one\n");
+}
+
+TEST_F(LogFile, IsAddedToBelowALineThatWasBrokenOff) {
+  writeFile(path, "T info whole\nT info brok");
+  open();
+  AgentLog::logInfo("one", "Unit", "operation()", 1);
+  EXPECT_EQ(linesWithoutTimes(path), "info whole\ninfo brok\ninfo Unit operation() 1 one\n");
+  // Another process was ended in the middle of a line meanwhile.
+  writeFile(path, readFile(path) + "T info brok");
+  AgentLog::logInfo("two", "Unit", "operation()", 2);
+  EXPECT_EQ(linesWithoutTimes(path),
+            "info whole\ninfo brok\ninfo Unit operation() 1 one\ninfo brok\n"
+            "info Unit operation() 2 two\n");
 }
 
 TEST_F(LogFile, IsForTheOwnerAloneWhateverTheUmask) {
@@ -301,6 +318,101 @@ TEST_F(LogFile, ThatCannotBeWrittenLosesRecordsSilently) {
   char byte = 0;
   EXPECT_EQ(::read(ends[0], &byte, 1), 0);
   ::close(ends[0]);
+}
+
+TEST_F(LogFile, ThatWasFullKeepsTheNextRecordWhole) {
+  struct sigaction ignore {};
+  ignore.sa_handler = SIG_IGN;
+  ::sigaction(SIGXFSZ, &ignore, nullptr);
+  open();
+  rlimit limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
+  const rlimit little{40, limit.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &little), 0);
+  AgentLog::logInfo("broken", "Unit", "operation()", 1);
+  AgentLog::logInfo("lost", "Unit", "operation()", 2);
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+  AgentLog::logInfo("whole", "Unit", "operation()", 3);
+  EXPECT_EQ(linesWithoutTimes(path), "info Unit opera\ninfo Unit operation() 3 whole\n");
+}
+
+/// `unit` so often that a line of them comes in pieces.
+std::string repeated(const std::string& unit) {
+  std::string text;
+  for (int count = 0; count < 400'000; ++count) text += unit;
+  return text;
+}
+
+/// Four processes write two long records each at the same time, after each has done `begin`.
+void writeLongRecordsAtOnce(const std::function<void()>& begin) {
+  int start[2];
+  ASSERT_EQ(::pipe(start), 0);
+  std::vector<pid_t> children;
+  for (const char letter : {'a', 'b', 'c', 'd'}) {
+    children.push_back(::fork());
+    if (children.back() != 0) continue;
+    ::close(start[1]);
+    begin();
+    char byte = 0;
+    // Ends for all when the parent closes its end.
+    static_cast<void>(::read(start[0], &byte, 1));
+    for (const int line : {1, 2}) {
+      // Its escapes take time between two pieces.
+      AgentLog::logInfo(repeated(letter + std::string("\n")), "Unit", "operation()", line);
+    }
+    ::_exit(0);
+  }
+  for (const int end : start) ::close(end);
+  for (const pid_t child : children) {
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+}
+
+/// Expects that `text` has these records, in whatever order.
+void expectLongRecords(const std::string& text) {
+  std::vector<std::string> lines;
+  std::vector<std::string> wanted;
+  for (std::size_t start = 0; start < text.size();) {
+    const std::size_t end = std::min(text.find('\n', start), text.size());
+    lines.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  for (const char letter : {'a', 'b', 'c', 'd'}) {
+    for (const char* line : {"1 ", "2 "}) {
+      wanted.push_back(std::string("info Unit operation() ") + line +
+                       repeated(letter + std::string("\\n")));
+    }
+  }
+  std::ranges::sort(lines);
+  std::ranges::sort(wanted);
+  EXPECT_TRUE(lines == wanted) << lines.size() << " lines";
+}
+
+TEST_F(LogFile, KeepsTheLongLinesOfSeveralProcessesWhole) {
+  writeLongRecordsAtOnce([this] { open(); });
+  expectLongRecords(linesWithoutTimes(path));
+}
+
+TEST_F(LogFile, AsStandardErrorKeepsTheLongLinesOfSeveralProcessesWhole) {
+  const int before = ::dup(STDERR_FILENO);
+  const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+  ASSERT_EQ(::dup2(file, STDERR_FILENO), STDERR_FILENO);
+  writeLongRecordsAtOnce([] {});
+  ::dup2(before, STDERR_FILENO);
+  for (const int fd : {before, file}) ::close(fd);
+  expectLongRecords(linesWithoutTimes(path));
+}
+
+TEST_F(LogFile, IsWrittenWhileSomebodyDoesNotLetGoOfIt) {
+  open();
+  const int other = ::open(path.c_str(), O_RDONLY);
+  ASSERT_EQ(::flock(other, LOCK_EX), 0);
+  AgentLog::logInfo("one", "Unit", "operation()", 1);
+  AgentLog::logInfo("two", "Unit", "operation()", 2);
+  ::close(other);
+  EXPECT_EQ(linesWithoutTimes(path), "info Unit operation() 1 one\ninfo Unit operation() 2 two\n");
 }
 
 }  // namespace

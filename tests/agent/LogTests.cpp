@@ -7,10 +7,13 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <climits>
 #include <csignal>
+#include <cstdlib>
 #include <functional>
+#include <regex>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -470,6 +473,92 @@ TEST(Log, ARecordThatWasBrokenOffSpoilsNoOther) {
   EXPECT_EQ(lines[0], "");
   EXPECT_NE(lines[1].find(" 1 records are left out here: "), std::string::npos);
   EXPECT_EQ(lines[2], "info Unit operation() 2 b");
+}
+
+/// Standard error as a terminal, for as long as this lives, and on an end for a test that hangs.
+class TerminalAsStandardError {
+ public:
+  TerminalAsStandardError()
+      : before_(::dup(STDERR_FILENO)), ours_(::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK)) {
+    EXPECT_EQ(::grantpt(ours_), 0);
+    EXPECT_EQ(::unlockpt(ours_), 0);
+    theirs_ = ::open(::ptsname(ours_), O_RDWR | O_NOCTTY);
+    EXPECT_EQ(::dup2(theirs_, STDERR_FILENO), STDERR_FILENO);
+    ::alarm(60);
+  }
+  ~TerminalAsStandardError() {
+    ::alarm(0);
+    ::dup2(before_, STDERR_FILENO);
+    for (const int fd : {before_, ours_, theirs_}) ::close(fd);
+  }
+
+  /// The lines of the records that it shows, without their times; nothing is waited for.
+  std::vector<std::string> takeLines() {
+    std::string text;
+    std::array<char, PIPE_BUF> page;
+    for (ssize_t length = 0; (length = ::read(ours_, page.data(), page.size())) > 0;) {
+      text.append(page.data(), static_cast<std::size_t>(length));
+    }
+    std::vector<std::string> lines;
+    for (std::size_t start = 0; start < text.size();) {
+      const std::size_t end = std::min(text.find("\r\n", start), text.size());
+      lines.push_back(withoutTime(text.substr(start, end - start)));
+      start = end + 2;
+    }
+    return lines;
+  }
+
+ private:
+  const int before_;
+  const int ours_;
+  int theirs_ = -1;
+};
+
+TEST(Log, ATerminalThatNobodyReadsHoldsUpNobody) {
+  for (const std::size_t length : {std::size_t{100}, std::size_t{1'000'000}}) {
+    AgentLog::configure(withoutPatience());
+    TerminalAsStandardError terminal;
+    // More than any terminal takes; it takes a part of a line last.
+    for (int line = 0; line < 2000; ++line) {
+      AgentLog::logInfo(std::string(length, 'x'), "Unit", "operation()", 1);
+    }
+    const std::vector<std::string> before = terminal.takeLines();
+    ASSERT_FALSE(before.empty());
+    AgentLog::logInfo("b", "Unit", "operation()", 2);
+    std::vector<std::string> lines = terminal.takeLines();
+    // The line that was broken off ends before the next one.
+    if (!lines.empty() && lines[0].empty()) lines.erase(lines.begin());
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_TRUE(std::regex_match(
+        lines[0], std::regex("info AgentLog .* [0-9]+ records are left out here: nobody .*")))
+        << lines[0];
+    EXPECT_EQ(lines[1], "info Unit operation() 2 b");
+    const std::string whole = "info Unit operation() 1 " + std::string(length, 'x');
+    for (std::size_t line = 0; line + 1 < before.size(); ++line) EXPECT_EQ(before[line], whole);
+    EXPECT_TRUE(whole.starts_with(before.back()));
+    EXPECT_EQ(::fcntl(STDERR_FILENO, F_GETFL) & O_NONBLOCK, 0);
+  }
+}
+
+TEST(Log, AReaderWhoTakesALittleAtATimeIsNotWaitedForAnewEachTime) {
+  LogSettings settings;
+  settings.standardErrorWait = std::chrono::milliseconds(500);
+  AgentLog::configure(settings);
+  PipeAsStandardError pipe;
+  pipe.fill();
+  std::atomic<bool> isDone{false};
+  std::atomic<int> taken{0};
+  std::thread reader([&] {
+    while (!isDone) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      taken += pipe.take(PIPE_BUF).empty() ? 0 : 1;
+    }
+  });
+  // A hundred times what is taken meanwhile.
+  AgentLog::logInfo(std::string(std::size_t{100} * PIPE_BUF, 'x'), "Unit", "operation()", 1);
+  isDone = true;
+  reader.join();
+  EXPECT_LT(taken, 50);
 }
 
 }  // namespace

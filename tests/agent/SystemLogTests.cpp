@@ -99,6 +99,22 @@ TEST_F(SystemLog, CutsALongMessageThatAFileGetsWhole) {
   EXPECT_EQ(observed, 100'028U);
 }
 
+TEST_F(SystemLog, CutsWhatIsLongInJSONAlone) {
+  settings.format = LogSettings::Format::json;
+  AgentLog::configure(settings);
+  for (const std::size_t length : {std::size_t{4'000}, std::size_t{200'000}}) {
+    AgentLog::logInfo(std::string(length, '\x1b') + " Exit Code: 0", "Unit", "o()", 1);
+    ASSERT_EQ(sent().size(), 1U);
+    EXPECT_LT(sent()[0].text.size(), 5000U);
+    EXPECT_GT(sent()[0].text.size(), 2000U);
+    EXPECT_TRUE(sent()[0].text.ends_with("\\u001b Exit Code: 0\"}")) << sent()[0].text;
+    sent().clear();
+  }
+  AgentLog::logInfo(std::string(100'000, 'x'), "Unit", "o()", 1);
+  ASSERT_EQ(sent().size(), 1U);
+  EXPECT_GT(sent()[0].text.size(), 4096U);
+}
+
 #ifndef VARN_HAS_JOURNAL
 TEST_F(SystemLog, ThatThisBuildDoesNotKnowIsRefusedAndNothingChanges) {
   AgentLog::configure(settings);

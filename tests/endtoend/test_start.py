@@ -1,6 +1,7 @@
 """What a start of the command loads, and what becomes of one that lacks something of it."""
 
 import os
+import subprocess
 import sys
 import unittest
 
@@ -62,3 +63,25 @@ class LibcurlTest(CommandCase):
                              f"can't be fetched from .*: libcurl can't be loaded: "
                              f"{broken}/libcurl.so.4: ")
         self.assertEqual(self.run_command("list", environment=without).status, 0)
+
+    def test_one_that_lacks_what_it_needs_is_no_library_either(self):
+        self.serve()
+        # It has all that is asked of it, and asks for what nobody has as soon as it is called.
+        libraries = self.path("libraries")
+        os.mkdir(libraries)
+        names = ("easy_cleanup easy_getinfo easy_init easy_perform easy_reset easy_setopt "
+                 "easy_strerror free global_init slist_append slist_free_all url url_cleanup "
+                 "url_get url_set url_strerror").split()
+        source = self.path("libcurl.c")
+        with open(source, "w", encoding="ascii") as file:
+            file.write("void varn_is_nowhere(void);\n")
+            file.writelines(f"void *curl_{name}(void) {{ varn_is_nowhere(); return 0; }}\n"
+                            for name in names)
+        subprocess.run(["cc", "-shared", "-fPIC", "-Wl,-z,lazy", "-o",
+                        os.path.join(libraries, "libcurl.so.4"), source], check=True)
+        result = self.run_command("run", "42",
+                                  environment=self.environment(LD_LIBRARY_PATH=libraries))
+        self.assertEqual(result.status, 3, result.error)
+        self.assertRegex(result.error,
+                         "can't be fetched from .*: libcurl can't be loaded: "
+                         f"{libraries}/libcurl.so.4: undefined symbol: varn_is_nowhere")

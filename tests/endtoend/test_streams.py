@@ -85,6 +85,42 @@ class OutputFailureTest(CommandCase):
             process = self.start("list", stdout=full)
         self.assertEqual(self.finish(process).status, 3)
 
+    def test_help_and_version_that_can_not_be_written_are_an_error(self):
+        for arguments in (("--version",), ("--help",), ("run", "--help")):
+            with self.subTest(arguments=arguments):
+                with open("/dev/full", "w", encoding="utf-8") as full:
+                    process = self.start(*arguments, settings=[], stdout=full)
+                result = self.finish(process)
+                self.assertEqual((result.status, result.error), (
+                    3, "varn-scripts: standard output can't be written: No space left on device\n"))
+
+    def test_an_answer_for_a_closed_standard_output_is_an_error(self):
+        source = self.path("source")
+        os.mkdir(source)
+        with open(os.path.join(source, "scripts.toml"), "w", encoding="utf-8") as manifest:
+            manifest.write('[[script]]\nid = "42"\nfile = "job.sh"\n')
+        with open(os.path.join(source, "job.sh"), "w", encoding="utf-8") as script:
+            script.write("echo done\n")
+        said = "varn-scripts: standard output can't be written: Bad file descriptor\n"
+        for arguments in (["list", "--json"], ["list", "--server"], ["plan", "42", "--json"],
+                          ["prune", "--json"], ["publish", "--check", source, self.path("tree")],
+                          ["--version"]):
+            with self.subTest(arguments=arguments):
+                process = self.start("--quiet", *arguments, stdout=None,
+                                     preexec_fn=lambda: os.close(1))
+                result = self.finish(process)
+                self.assertEqual((result.status, result.error), (3, said))
+
+    def test_a_closed_standard_output_leaves_a_script_its_status(self):
+        self.put(text="echo done\nexit 4\n")
+        for arguments in (["run", "42"], ["run", "42", "--json"], ["run", "42", "--follow"]):
+            with self.subTest(arguments=arguments):
+                process = self.start("--quiet", *arguments, stdout=None,
+                                     preexec_fn=lambda: os.close(1))
+                result = self.finish(process)
+                self.assertEqual((result.status, result.error), (
+                    1, "varn-scripts: standard output can't be written: Bad file descriptor\n"))
+
     def test_closed_standard_streams(self):
         process = self.start("run", "42", stdin=None, stdout=None, stderr=None,
                              preexec_fn=lambda: os.closerange(0, 3))
