@@ -22,7 +22,6 @@
 namespace posix {
 
 // ---- Reading
-// -------------------------------------------------------------------------------------
 
 /// Whether a text of `size` bytes can be in this computer's memory at all. A system that promises
 /// memory which it does not have would only end the process when it is used.
@@ -113,7 +112,6 @@ struct RegularFile {
 }
 
 // ---- Writing
-// -------------------------------------------------------------------------------------
 
 /// Returns when the names in `directory` are on the disk, where the file system can tell: some have
 /// no such operation and keep their names as well as they can.
