@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Digest.h"
@@ -79,6 +81,23 @@ class SignedList : public DownloadFixture {
   }
 
   bool fetch() { return download(kListPath, target); }
+
+  /// Has the list come at `time`.
+  void receivedAt(std::string_view time) const {
+    const timespec then{std::chrono::system_clock::to_time_t(at(time)), 0};
+    const timespec times[] = {then, then};
+    ASSERT_EQ(::utimensat(AT_FDCWD, target.c_str(), times, 0), 0);
+  }
+
+  /// Whether the last request for the list asked if it is unchanged.
+  [[nodiscard]] bool wasConditional() const {
+    bool isConditional = false;
+    for (const std::string& head : server.requests()) {
+      if (!head.starts_with("GET "s + kListPath + ' ')) continue;
+      isConditional = head.find("If-None-Match: \"v1\"") != head.npos;
+    }
+    return isConditional;
+  }
 
   /// The paths that were asked for since the last call.
   Names asked() {
@@ -156,6 +175,7 @@ TEST_F(SignedList, IsRememberedBeforeItTakesItsPlace) {
 TEST_F(SignedList, ThatIsUnchangedCostsOneRequest) {
   publish(kList, commentWith("7"), kTag);
   ASSERT_TRUE(fetch());
+  receivedAt(clock);
   asked();
   for (const char* const answer : {"304 Not Modified", "200 OK"}) {
     const bool isWhole = answer == "200 OK"s;
@@ -164,9 +184,37 @@ TEST_F(SignedList, ThatIsUnchangedCostsOneRequest) {
                   HttpServer::Then::keep);
     EXPECT_TRUE(fetch()) << answer;
     EXPECT_EQ(asked(), Names{kListPath}) << answer;
+    EXPECT_TRUE(wasConditional()) << answer;
     EXPECT_EQ(readFile(target), kList) << answer;
   }
   EXPECT_EQ(judgements.size(), 3U);
+}
+
+// Nobody signs validators: who held the server may have given those of a newer list.
+TEST_F(SignedList, IsAskedForWholeAnHourAfterItCame) {
+  publish(kList, commentWith("7"), kTag);
+  ASSERT_TRUE(fetch());
+  struct Row {
+    std::string received;
+    bool isConditional;
+  };
+  // The clock stands at the beginning of December.
+  const std::vector<Row> rows = {{"2026-11-30T23:00:01Z", true},  {"2026-12-01T00:00:00Z", true},
+                                 {"2026-11-30T23:00:00Z", false}, {"2026-11-01T00:00:00Z", false},
+                                 {"2026-12-01T00:00:01Z", false}, {"2027-12-01T00:00:00Z", false}};
+  for (const Row& row : rows) {
+    receivedAt(row.received);
+    EXPECT_TRUE(fetch()) << row.received;
+    EXPECT_EQ(wasConditional(), row.isConditional) << row.received;
+  }
+  // That it is unchanged makes it no younger.
+  server.answer(kListPath, "HTTP/1.1 304 Not Modified\r\n\r\n", HttpServer::Then::keep);
+  receivedAt("2026-11-30T23:00:01Z");
+  EXPECT_TRUE(fetch());
+  clock = "2026-12-01T00:00:01Z";
+  serveList(kList, kTag);
+  EXPECT_TRUE(fetch());
+  EXPECT_FALSE(wasConditional());
 }
 
 TEST_F(SignedList, WhoseSignatureHasRunOutIsAskedForANewOne) {
@@ -174,6 +222,7 @@ TEST_F(SignedList, WhoseSignatureHasRunOutIsAskedForANewOne) {
   ASSERT_TRUE(fetch());
   asked();
   clock = "2026-12-23T00:00:00Z";
+  receivedAt(clock);
   serve(signaturePath(kList), Signer("first").sign(kList, commentWith("8", "2026-12-20T00:00:00Z",
                                                                       "2027-01-20T00:00:00Z")));
   server.answer(kListPath, "HTTP/1.1 304 Not Modified\r\n\r\n", HttpServer::Then::keep);
@@ -206,6 +255,7 @@ TEST_F(SignedList, KeptFromATimeWithoutKeysNeedsASignature) {
   useServer(server.url());
   serveList(kList, kTag);
   ASSERT_TRUE(fetch());
+  receivedAt(clock);
   asked();
   trust({"first"});
   server.answerInTurn(kListPath,
@@ -225,6 +275,7 @@ TEST_F(SignedList, ThatWasExchangedOnTheDiskIsAskedForWhole) {
   // With everything that a download leaves with its file.
   const std::string url = server.url() + kListPath;
   writeFile(target, "<evil/>");
+  receivedAt(clock);
   ::chmod(target.c_str(), 0600);
   const posix::FileDescriptor file(::open(target.c_str(), O_RDWR));
   AgentUtils::setFileAttribute(file, kAttribute,
@@ -239,6 +290,7 @@ TEST_F(SignedList, ThatWasExchangedOnTheDiskIsAskedForWhole) {
   EXPECT_EQ(asked().back(), kListPath);
   // And when the server goes on to say that nothing has changed, nothing counts.
   writeFile(target, "<evil/>");
+  receivedAt(clock);
   AgentUtils::setFileAttribute(file, kAttribute,
                                "sha256:" + digestOf("<evil/>") + '\n' + url + "\n\"v1\"\n");
   server.answer(kListPath, "HTTP/1.1 304 Not Modified\r\n\r\n", HttpServer::Then::keep);
