@@ -66,11 +66,17 @@ class DownloadTrust {
 
  private:
   enum class Kind { unchecked, list, bound };
+  struct Signatures;
 
   [[nodiscard]] static Kind kindOf(const AgentSettings& settings, const std::string& serverPath);
   /// By what is remembered, or by signatures that are fetched.
   [[nodiscard]] signing::Judgement judged(std::string_view list, const Use& use) const;
   [[nodiscard]] signing::Judgement judgedBySignatures(std::string_view list, const Use& use) const;
+  /// Those of all trusted keys; the ones that are not needed as far as they can be had at once.
+  [[nodiscard]] Signatures signaturesOf(std::string_view list,
+                                        const signing::TrustState& state) const;
+  /// Asks for one file. Throws `TransientFailure` only when it is needed.
+  void askFor(const std::string& name, bool isNeeded, Signatures& found) const;
   /// By these signatures, or by what is remembered alone when there are none.
   [[nodiscard]] signing::Judgement judgedBy(const std::vector<std::string>* signatures,
                                             std::string_view list, const Use& use) const;

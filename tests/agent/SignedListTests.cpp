@@ -308,6 +308,7 @@ TEST_F(SignedList, IsRefusedWithASignatureThatIsNone) {
   changed.replace(changed.find("serial:7"), 8, "serial:8");
   const std::string by = "the signature by the key 808CC446AE5308A3";
   const std::string in = "in " + by + ", ";
+  const std::string none = "the list is not signed: signatures/" + digestOf(kList) + ".minisig: ";
   const std::string noNumber =
       "the signed comment has serial that is no whole number from 0 to 18446744073709551615: ";
   struct Row {
@@ -318,12 +319,13 @@ TEST_F(SignedList, IsRefusedWithASignatureThatIsNone) {
     return Signer("first").sign(kList, comment);
   };
   const std::vector<Row> rows = {
-      {"", "the signature file is empty"},
-      {good.substr(0, good.size() / 2), "the signature file is cut: it has 3 of four lines"},
-      {good + "more\n", "the signature file has more than four lines"},
+      {"", none + "the signature file is empty"},
+      {good.substr(0, good.size() / 2), none + "the signature file is cut: it has 3 of four lines"},
+      {good + "more\n", none + "the signature file has more than four lines"},
       {vectorFile("whole.minisig"),
-       "the signature file is of the algorithm Ed, which does not hash the list first; ED is "
-       "wanted"},
+       none +
+           "the signature file is of the algorithm Ed, which does not hash the list first; ED is "
+           "wanted"},
       {Signer("second").sign(kList, commentWith("7")),
        "the key C3CC33B19BA09674, by which the list is signed, is not trusted"},
       {Signer("first").sign("<other/>", commentWith("7")), by + " is not over this list"},
@@ -398,6 +400,44 @@ TEST_F(SignedList, IsFoundUnderTheNameOfTheKeyThatIsStillTrusted) {
   serve(signaturePath(kList, ".C3CC33B19BA09674"), Signer("second").sign(kList, commentWith("7")));
   EXPECT_TRUE(fetch());
   EXPECT_EQ(judgements.back().signedBy, Names{"C3CC33B19BA09674"});
+}
+
+// From one key to the next, of which both have signed each list meanwhile.
+TEST_F(SignedList, OfAnOlderSerialIsRefusedAfterTheFirstOfTwoKeysIsTrustedNoMore) {
+  trust({"first", "second"});
+  publish("<old/>", commentWith("7"));
+  serve(signaturePath("<old/>", ".C3CC33B19BA09674"),
+        Signer("second").sign("<old/>", commentWith("7")));
+  publish("<new/>", commentWith("8"));
+  serve(signaturePath("<new/>", ".C3CC33B19BA09674"),
+        Signer("second").sign("<new/>", commentWith("8")));
+  ASSERT_TRUE(fetch());
+  EXPECT_EQ(asked(), (Names{kListPath, signaturePath("<new/>"),
+                            signaturePath("<new/>", ".C3CC33B19BA09674")}));
+  EXPECT_EQ(judgements.back().signedBy, (Names{"C3CC33B19BA09674", "808CC446AE5308A3"}));
+  trust({"second"});
+  serveList("<old/>");
+  expectRefused(
+      "the list is an older one: it has the serial 7 by the key C3CC33B19BA09674, and 8 was "
+      "accepted before");
+}
+
+TEST_F(SignedList, CountsAlsoWhenTheSignaturesThatAreNotNeededCantBeHad) {
+  trust({"first", "second"});
+  const std::string further = ".C3CC33B19BA09674";
+  const std::vector<std::string> answers = {httpAnswer("404 Not Found", ""),
+                                            httpAnswer("503 Service Unavailable", ""),
+                                            httpAnswer("200 OK", "rubbish")};
+  for (std::size_t i = 0; i < answers.size(); ++i) {
+    const std::string serial = std::to_string(i);
+    const std::string list = "<list" + serial + "/>";
+    publish(list, commentWith(serial));
+    server.answer(signaturePath(list, further), answers[i], HttpServer::Then::keep);
+    EXPECT_TRUE(fetch()) << answers[i];
+    EXPECT_EQ(readFile(target), list);
+    EXPECT_EQ(asked(), (Names{kListPath, signaturePath(list), signaturePath(list, further)}));
+    EXPECT_EQ(judgements.back().signedBy, Names{"808CC446AE5308A3"});
+  }
 }
 
 TEST_F(SignedList, OfAnOlderSerialIsRefused) {

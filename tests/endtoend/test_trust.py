@@ -165,10 +165,12 @@ class RefusedTest(SignedCase):
         future = utc(minutes=6)
         words = comment(2)
         good = self.key.sign(self.content(), words)
+        digest = hashlib.sha256(self.content()).hexdigest()
+        none = f"the list is not signed: signatures/{digest}.minisig: "
         rows = [
-            ("", "the signature file is empty"),
-            (good[:100], "the signature file is cut: it has 2 of four lines"),
-            (good + "x\n", "the signature file has more than four lines"),
+            ("", none + "the signature file is empty"),
+            (good[:100], none + "the signature file is cut: it has 2 of four lines"),
+            (good + "x\n", none + "the signature file has more than four lines"),
             (stranger.sign(self.content(), words),
              f"the key {stranger.name}, by which the list is signed, is not trusted"),
             (impostor.sign(self.content(), words), f"{by} is not over this list"),
