@@ -99,7 +99,8 @@ class SignedTest(SignedCase):
         self.trusted.append(second)
         both = ("--signatures-needed", "2")
         self.publish()
-        self.assert_untrusted("the list has 1 of the 2 signatures that are needed", *both)
+        self.assert_untrusted("the list has 1 of the 2 signatures that are needed, and none by the "
+                              f"key {second.name}", *both)
         self.sign(second, name="." + second.name)
         answer = self.assert_runs("done\n", *both)
         self.assertEqual(sorted(answer["signed_by"]), sorted([self.key.name, second.name]))
