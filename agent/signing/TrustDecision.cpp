@@ -50,6 +50,7 @@ std::optional<Refusal> complaintAbout(const TrustPolicy& policy, const std::set<
     return Refusal{countOf(policy.needed, "signature") + " are needed, and " +
                    countOf(keys.size(), "key") + (keys.size() == 1 ? " is" : " are") + " trusted"};
   }
+  if (auto twins = complaintAboutNumbers(policy.keys)) return twins;
   if (state.customer != policy.customer) {
     return Refusal{"what was accepted before is of the customer " + inQuotes(state.customer) +
                    ", not of " + inQuotes(policy.customer)};

@@ -686,6 +686,9 @@ TEST_F(BoundFile, OnThisComputerIsWhatTheListNames) {
 
 TEST(TrustedKeys, ThatNoListCouldMeetAreRefusedByTheSettings) {
   const std::string first = publicKeyLine(vectorKey("first"));
+  PublicKey renumbered = vectorKey("first");
+  renumbered.number = vectorKey("second").number;
+  const std::string twin = publicKeyLine(renumbered);
   struct Row {
     std::vector<std::string> keys;
     std::uint32_t needed;
@@ -704,6 +707,12 @@ TEST(TrustedKeys, ThatNoListCouldMeetAreRefusedByTheSettings) {
       {{}, 0, "acme", "AgentSettings::signaturesNeeded is not a number from 1 to that of the "},
       {{}, 2, "acme", "AgentSettings::signaturesNeeded is not a number from 1 to that of the "},
       {{first, first}, 2, "acme", "AgentSettings::signaturesNeeded is not a number from 1 to that"},
+      {{first, twin},
+       1,
+       "acme",
+       "AgentSettings::trustedKeys has one twice: the keys 808CC446AE5308A3 and C3CC33B19BA09674 "
+       "are "
+       "one key under two numbers"},
       {{first}, 1, "a\tb", "AgentSettings::customerID is none that a signature can name"},
   };
   for (const Row& row : rows) {

@@ -119,6 +119,19 @@ TEST(JudgeList, WithTheNumberOfATrustedKeyAndAnotherKeyIsRefused) {
   EXPECT_EQ(computer.see(vectorFile("list.xml"), {signatureFile(forged)}), "(accepted)");
 }
 
+TEST(JudgeList, UnderOneKeyWithTwoNumbersIsRefused) {
+  // Nobody signs the number: with it changed, one signature would be two.
+  Computer computer({"first"}, 2);
+  PublicKey twin = vectorKey("first");
+  twin.number = vectorKey("second").number;
+  computer.policy.keys.push_back(twin);
+  ListSignature again = std::get<ListSignature>(parseSignature(vectorFile("first.minisig")));
+  again.key = twin.number;
+  EXPECT_EQ(
+      computer.see(vectorFile("list.xml"), {vectorFile("first.minisig"), signatureFile(again)}),
+      "the keys 808CC446AE5308A3 and C3CC33B19BA09674 are one key under two numbers");
+}
+
 TEST(JudgeList, ForAnotherCustomerIsRefused) {
   Computer computer({"first"});
   const std::string file = Signer("first").sign(

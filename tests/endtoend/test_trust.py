@@ -386,6 +386,11 @@ class SettingsTest(SignedCase):
             "trusted_keys: 1",
             "--trusted-key", self.key.line, "--trusted-key", self.key_file(),
             "--signatures-needed", "2")
+        twin = Key.under_another_number(self.key)
+        self.assert_refused(
+            f"trusted_keys {places}: the keys {self.key.name} and {twin.name} are one key under two "
+            "numbers",
+            "--trusted-key", self.key.line, "--trusted-key", twin.line, "--signatures-needed", "2")
         path = self.key_file(0o666)
         self.assert_refused(
             f"trusted_keys {places} is refused: {path} may be written to by all users",
