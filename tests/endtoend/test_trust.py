@@ -101,7 +101,7 @@ class SignedTest(SignedCase):
         self.publish()
         self.assert_untrusted("the list has 1 of the 2 signatures that are needed, and none by the "
                               f"key {second.name}", *both)
-        self.sign(second, name="." + second.name)
+        self.sign(second, serial=1, name="." + second.name)
         answer = self.assert_runs("done\n", *both)
         self.assertEqual(sorted(answer["signed_by"]), sorted([self.key.name, second.name]))
 
