@@ -40,14 +40,18 @@ void requireDirectory(const std::string& member, const std::string& path) {
 
 /// Refuses what no list could ever meet, and what would let every list through.
 void requireTrust(const AgentSettings& settings) {
-  std::set<signing::PublicKey> keys;
+  std::vector<signing::PublicKey> given;
   for (const std::string& line : settings.trustedKeys) {
     const auto key = signing::parsePublicKey(line);
     if (const auto* const why = std::get_if<signing::Refusal>(&key)) {
       refuse("trustedKeys", "has one that is none: " + why->sentence);
     }
-    keys.insert(std::get<signing::PublicKey>(key));
+    given.push_back(std::get<signing::PublicKey>(key));
   }
+  if (const auto why = signing::complaintAboutNumbers(given)) {
+    refuse("trustedKeys", "has one twice: " + why->sentence);
+  }
+  const std::set<signing::PublicKey> keys(given.begin(), given.end());
   const std::size_t most = std::max<std::size_t>(keys.size(), 1);
   if (settings.signaturesNeeded == 0 || settings.signaturesNeeded > most) {
     refuse("signaturesNeeded", "is not a number from 1 to that of the trusted keys: " +

@@ -83,9 +83,17 @@ void requireTarget(const std::string& path, const std::string& basePath) {
 }
 
 std::string wholeContent(const FileDescriptor& file, std::uint64_t mostBytes) {
-  if (::lseek(file.get(), 0, SEEK_SET) != 0) fail("can't read the file again", errno);
+  struct stat status {};
+  if (::lseek(file.get(), 0, SEEK_SET) != 0 || ::fstat(file.get(), &status) != 0) {
+    fail("can't read the file again", errno);
+  }
+  // What the server has sent may be as large as a download may be: room for that, and no more.
+  const auto size = static_cast<std::size_t>(status.st_size);
+  if (!posix::canHold(size)) fail("can't read the file again", ENOMEM);
+  std::string room;
+  if (size <= mostBytes) room.reserve(size);
   std::error_code error;
-  std::string bytes = posix::readAll(file.get(), mostBytes, error);
+  std::string bytes = posix::readAll(file.get(), mostBytes, error, std::move(room));
   if (error) fail("can't read the file again", error.value());
   return bytes;
 }

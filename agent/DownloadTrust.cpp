@@ -3,9 +3,9 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <chrono>
 #include <optional>
+#include <set>
 #include <utility>
 #include <variant>
 
@@ -39,15 +39,6 @@ void report(const AgentSettings& settings, const ListJudgement& judgement) {
   }
 }
 
-// Whether one of the files says that it is by the key.
-bool isAmong(const std::vector<std::string>& signatures, const PublicKey& key) {
-  return std::ranges::any_of(signatures, [&key](const std::string& file) {
-    const auto parsed = signing::parseSignature(file);
-    const auto* const signature = std::get_if<signing::ListSignature>(&parsed);
-    return signature != nullptr && signature->key == key.number;
-  });
-}
-
 bool isSameDirectory(const std::string& a, const std::string& b) {
   struct stat first {};
   struct stat second {};
@@ -56,6 +47,24 @@ bool isSameDirectory(const std::string& a, const std::string& b) {
 }
 
 }  // namespace
+
+/// What a server gives of the signatures of one list.
+struct DownloadTrust::Signatures {
+  std::vector<std::string> files;
+  std::set<signing::KeyNumber> by;  ///< the keys that they say they are by
+  std::string missing;              ///< the first that can't be had, and why
+  std::string unreadable;           ///< the first that is none, and why
+
+  void take(const std::string& name, std::string file) {
+    const auto parsed = signing::parseSignature(file);
+    if (const auto* const why = std::get_if<Refusal>(&parsed)) {
+      if (unreadable.empty()) unreadable = name + ": " + why->sentence;
+      return;
+    }
+    by.insert(std::get<signing::ListSignature>(parsed).key);
+    files.push_back(std::move(file));
+  }
+};
 
 std::string listServerPath(const std::string& customerID) {
   return "/client-data/" + customerID + "/scriptrepo/scripts-meta.xml";
@@ -99,6 +108,11 @@ bool DownloadTrust::isContent(std::string_view digest) const {
   return !signing::complaintAboutContent(serverPath_, digest);
 }
 
+bool DownloadTrust::mayBeUnchangedSince(std::chrono::system_clock::time_point received) const {
+  const auto age = now(settings_) - std::chrono::floor<std::chrono::seconds>(received);
+  return age >= std::chrono::seconds(0) && age < kValidatorsOfListCount;
+}
+
 void DownloadTrust::accept(DownloadTarget& target, const Use& use) const {
   if (kind_ == Kind::unchecked) return use();
   const FileDescriptor& file = target.temporaryFile();
@@ -137,27 +151,43 @@ Judgement DownloadTrust::judgedBySignatures(std::string_view list, const Use& us
   const auto remembered = remembered_.read();
   // No signature helps where it can't be told what was accepted before.
   if (const auto* const why = std::get_if<Refusal>(&remembered)) return *why;
-  const std::string digest = hexDigest(usualDigest(), list);
-  const std::vector<std::string> names = signing::signatureNames(digest, policy_.keys);
-  std::vector<std::string> files;
-  std::string whyNone;
-  Judgement judgement = Refusal{"the list is not signed"};
-  for (std::size_t i = 0; i < names.size(); ++i) {
-    // The first name is that of whoever signed first, each further one that of a key.
-    if (i > 0 && isAmong(files, policy_.keys[i - 1])) continue;
-    try {
-      files.push_back(fetch_(signaturePath(names[i])));
-    } catch (const TransientFailure& failure) {
-      throw TransientFailure(names[i] + ": " + failure.what(), failure.askedPause());
-    } catch (const DownloadFailure& failure) {
-      if (whyNone.empty()) whyNone = ": " + names[i] + ": " + failure.what();
-      continue;
-    }
-    judgement = judgedBy(&files, list, use);
-    if (std::holds_alternative<Acceptance>(judgement)) return judgement;
+  const Signatures found = signaturesOf(list, std::get<signing::TrustState>(remembered));
+  if (found.files.empty()) {
+    const std::string& why = found.unreadable.empty() ? found.missing : found.unreadable;
+    return Refusal{"the list is not signed: " + why};
   }
-  if (files.empty()) return Refusal{"the list is not signed" + whyNone};
+  Judgement judgement = judgedBy(&found.files, list, use);
+  auto* const why = std::get_if<Refusal>(&judgement);
+  if (why != nullptr && !found.unreadable.empty()) why->sentence += "; " + found.unreadable;
   return judgement;
+}
+
+DownloadTrust::Signatures DownloadTrust::signaturesOf(std::string_view list,
+                                                      const signing::TrustState& state) const {
+  const auto names = signing::signatureNames(hexDigest(usualDigest(), list), policy_.keys);
+  Signatures found;
+  askFor(names.front(), true, found);
+  bool isEnough = false;
+  for (std::size_t i = 1; i < names.size(); ++i) {
+    // The first name is that of whoever signed first, each further one that of a key.
+    if (found.by.contains(policy_.keys[i - 1].number)) continue;
+    // When there are enough, the others are asked for all the same: what a key has signed is
+    // remembered of it, so that no older list counts by it once the rest are trusted no more.
+    isEnough = isEnough || std::holds_alternative<Acceptance>(signing::judgeList(
+                               list, found.files, policy_, state, now(settings_)));
+    askFor(names[i], !isEnough, found);
+  }
+  return found;
+}
+
+void DownloadTrust::askFor(const std::string& name, bool isNeeded, Signatures& found) const {
+  try {
+    found.take(name, fetch_(signaturePath(name)));
+  } catch (const TransientFailure& failure) {
+    if (isNeeded) throw TransientFailure(name + ": " + failure.what(), failure.askedPause());
+  } catch (const DownloadFailure& failure) {
+    if (found.missing.empty()) found.missing = name + ": " + failure.what();
+  }
 }
 
 Judgement DownloadTrust::judgedBy(const std::vector<std::string>* signatures, std::string_view list,

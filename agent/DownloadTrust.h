@@ -4,6 +4,7 @@
 
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -27,6 +28,9 @@ namespace AgentUtils {
 /// by whatever way that directory is named.
 void requireOutsideTrustState(const std::string& toPath, const AgentSettings& settings);
 
+/// For how long after it was received a list is asked for with the validators of that answer.
+inline constexpr std::chrono::hours kValidatorsOfListCount{1};
+
 /// One download, from its server path to its use. On one thread.
 class DownloadTrust {
  public:
@@ -47,6 +51,11 @@ class DownloadTrust {
   /// Whether `digest`, a SHA-256, is the one that binds the file.
   [[nodiscard]] bool isContent(std::string_view digest) const;
 
+  /// Whether the server may be asked if a list that was received then is unchanged. Its validators
+  /// are signed by nobody: who held the server then may have given an older list with those of the
+  /// newest, and an honest server would say ever after that nothing has changed.
+  [[nodiscard]] bool mayBeUnchangedSince(std::chrono::system_clock::time_point received) const;
+
   /// Calls `use` when what has come counts; of a list in a moment in which no other request has a
   /// newer one accepted. Otherwise throws `DownloadFailure`. What `use` throws comes out.
   void accept(DownloadTarget& target, const Use& use) const;
@@ -57,11 +66,17 @@ class DownloadTrust {
 
  private:
   enum class Kind { unchecked, list, bound };
+  struct Signatures;
 
   [[nodiscard]] static Kind kindOf(const AgentSettings& settings, const std::string& serverPath);
   /// By what is remembered, or by signatures that are fetched.
   [[nodiscard]] signing::Judgement judged(std::string_view list, const Use& use) const;
   [[nodiscard]] signing::Judgement judgedBySignatures(std::string_view list, const Use& use) const;
+  /// Those of all trusted keys; the ones that are not needed as far as they can be had at once.
+  [[nodiscard]] Signatures signaturesOf(std::string_view list,
+                                        const signing::TrustState& state) const;
+  /// Asks for one file. Throws `TransientFailure` only when it is needed.
+  void askFor(const std::string& name, bool isNeeded, Signatures& found) const;
   /// By these signatures, or by what is remembered alone when there are none.
   [[nodiscard]] signing::Judgement judgedBy(const std::vector<std::string>* signatures,
                                             std::string_view list, const Use& use) const;

@@ -106,6 +106,7 @@ std::optional<KeptCopy> keptCopyOf(const std::string& url, const std::string& to
   noteFetchedFile(toPath);
   std::optional<KeptCopy> kept = KeptCopy::find(toPath, url, settings.maxDownload);
   if (kept && trust.isOfBoundFile() && !trust.isContent(kept->digest())) return std::nullopt;
+  if (kept && trust.isOfList() && !trust.mayBeUnchangedSince(kept->received())) return std::nullopt;
   return kept;
 }
 

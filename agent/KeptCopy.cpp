@@ -145,6 +145,10 @@ std::optional<KeptCopy> KeptCopy::find(const std::string& path, const std::strin
   return copy;
 }
 
+std::chrono::system_clock::time_point KeptCopy::received() const {
+  return std::chrono::system_clock::from_time_t(status_.st_mtime);
+}
+
 std::string KeptCopy::content() const {
   return wholeContent(file_, static_cast<std::uint64_t>(status_.st_size));
 }

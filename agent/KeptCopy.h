@@ -7,6 +7,7 @@
 
 #include <sys/stat.h>
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -31,6 +32,9 @@ class KeptCopy {
 
   /// Its SHA-256 in lower-case hexadecimal.
   [[nodiscard]] const std::string& digest() const { return digest_; }
+
+  /// When it was received, in whole seconds.
+  [[nodiscard]] std::chrono::system_clock::time_point received() const;
 
   /// All of its bytes. Throws `DownloadFailure` when they can't be read.
   [[nodiscard]] std::string content() const;

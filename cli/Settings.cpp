@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "ServerURL.h"
+#include "signing/TrustStateFile.h"
 
 namespace VarnScripts {
 namespace {
@@ -99,10 +100,12 @@ std::string below(const std::string& directory, const std::string& name) {
 
 // The data path when none is given; empty when it depends on a customer and there is none.
 std::string defaultDataPath(const SettingSources& sources, const Settings& settings) {
-  // Older installations have one record for the base path, and go on with it.
+  // Older installations have one record for the base path, and go on with it; so do they with what
+  // they have accepted when the store alone was removed.
   std::string shared = below(settings.agent.basePath, "data");
   const bool isOlder =
-      sources.exists && sources.exists(shared + "/Configuration-Framework/ScriptRepository");
+      sources.exists && (sources.exists(shared + "/Configuration-Framework/ScriptRepository") ||
+                         sources.exists(AgentUtils::signing::trustStatePath(shared)));
   if (isOlder) return shared;
   return settings.agent.customerID.empty()
              ? ""

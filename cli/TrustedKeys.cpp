@@ -26,6 +26,9 @@ std::variant<std::vector<PublicKey>, SettingsError> trustedKeysOf(const Settings
     const auto& found = std::get<PublicKey>(key);
     if (std::ranges::find(keys, found) == keys.end()) keys.push_back(found);
   }
+  if (const auto why = AgentUtils::signing::complaintAboutNumbers(keys)) {
+    return wrong("trusted_keys", ": " + why->sentence);
+  }
   if (!keys.empty() && settings.agent.signaturesNeeded > keys.size()) {
     return wrong("signatures_needed",
                  " is more than there are trusted_keys: " + std::to_string(keys.size()));

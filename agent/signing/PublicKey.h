@@ -6,9 +6,11 @@
 #include <array>
 #include <compare>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
+#include <vector>
 
 #include "signing/Refusal.h"
 
@@ -29,6 +31,10 @@ struct PublicKey {
   // NOLINTNEXTLINE(modernize-use-nullptr): the comparison's own zero is no pointer.
   auto operator<=>(const PublicKey&) const = default;
 };
+
+/// What is wrong when one key stands among `keys` under two numbers: nobody signs the number, so it
+/// would pass for two keys.
+[[nodiscard]] std::optional<Refusal> complaintAboutNumbers(const std::vector<PublicKey>& keys);
 
 inline constexpr std::size_t kLongestPublicKeyFile = 2048;
 

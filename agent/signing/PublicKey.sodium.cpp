@@ -3,6 +3,7 @@
 #include <sodium.h>
 
 #include <algorithm>
+#include <map>
 
 #include "signing/Base64.h"
 
@@ -47,6 +48,17 @@ std::string keyName(const KeyNumber& number) {
     name += kDigits[byte & 0x0F];
   });
   return name;
+}
+
+std::optional<Refusal> complaintAboutNumbers(const std::vector<PublicKey>& keys) {
+  std::map<decltype(PublicKey::point), KeyNumber> numbers;
+  for (const PublicKey& key : keys) {
+    const KeyNumber& number = numbers.try_emplace(key.point, key.number).first->second;
+    if (number == key.number) continue;
+    return Refusal{"the keys " + keyName(number) + " and " + keyName(key.number) +
+                   " are one key under two numbers"};
+  }
+  return std::nullopt;
 }
 
 std::variant<PublicKey, Refusal> parsePublicKey(std::string_view text) {

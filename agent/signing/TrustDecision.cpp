@@ -14,11 +14,15 @@
 namespace AgentUtils::signing {
 namespace {
 
+/// A key, and what of it is remembered.
+using Remembered = std::map<PublicKey, LastAccepted>::value_type;
+
 // The newest list that any of `keys` has signed and that was accepted; null when there is none.
-const LastAccepted* newestBy(const std::set<PublicKey>& keys, const TrustState& state) {
-  const LastAccepted* newest = nullptr;
-  for (const auto& [key, last] : state.keys) {
-    if (keys.contains(key) && (newest == nullptr || last.serial > newest->serial)) newest = &last;
+const Remembered* newestBy(const std::set<PublicKey>& keys, const TrustState& state) {
+  const Remembered* newest = nullptr;
+  for (const Remembered& each : state.keys) {
+    if (!keys.contains(each.first)) continue;
+    if (newest == nullptr || each.second.serial > newest->second.serial) newest = &each;
   }
   return newest;
 }
@@ -46,6 +50,7 @@ std::optional<Refusal> complaintAbout(const TrustPolicy& policy, const std::set<
     return Refusal{countOf(policy.needed, "signature") + " are needed, and " +
                    countOf(keys.size(), "key") + (keys.size() == 1 ? " is" : " are") + " trusted"};
   }
+  if (auto twins = complaintAboutNumbers(policy.keys)) return twins;
   if (state.customer != policy.customer) {
     return Refusal{"what was accepted before is of the customer " + inQuotes(state.customer) +
                    ", not of " + inQuotes(policy.customer)};
@@ -77,7 +82,9 @@ class Judging {
   Judgement byRecord() {
     if (const auto trouble = complaintAbout(policy_, keys_, remembered_)) return *trouble;
     for (const auto& [key, last] : remembered_.keys) {
-      if (!keys_.contains(key) || last.list != digest_ || last.serial != newest_->serial) continue;
+      if (!keys_.contains(key) || last.list != digest_ || last.serial != newest_->second.serial) {
+        continue;
+      }
       const SignedComment comment{policy_.customer, last.serial, last.published, last.expires};
       const auto complaint = complaintAboutTime(comment, key);
       if (complaint) {
@@ -138,13 +145,17 @@ class Judging {
       return "the signature" + by + " is for the customer " + inQuotes(comment.customer) +
              ", not for " + inQuotes(policy_.customer);
     }
-    if (newest_ == nullptr || comment.serial > newest_->serial) return std::nullopt;
-    const std::string before = ", and " + std::to_string(newest_->serial) + " was accepted before";
-    if (comment.serial < newest_->serial) {
+    if (newest_ == nullptr) return std::nullopt;
+    const auto& [holder, newest] = *newest_;
+    if (comment.serial > newest.serial) return std::nullopt;
+    const std::string whose = holder == key ? "" : " by the key " + keyName(holder.number);
+    const std::string before =
+        ", and " + std::to_string(newest.serial) + whose + " was accepted before";
+    if (comment.serial < newest.serial) {
       return "the list is an older one: it has the serial " + std::to_string(comment.serial) + by +
              before;
     }
-    if (newest_->list == digest_) return std::nullopt;
+    if (newest.list == digest_) return std::nullopt;
     return "the list is another one under the same serial: it has " +
            std::to_string(comment.serial) + by + before;
   }
@@ -179,21 +190,51 @@ class Judging {
   }
 
   [[nodiscard]] Judgement judgement(const std::string& withoutAny) const {
-    if (counted_.size() >= policy_.needed) return acceptance();
+    std::map<std::uint64_t, std::size_t, std::greater<>> keysOf;
+    for (const auto& [key, comment] : counted_) ++keysOf[comment.serial];
+    std::size_t most = 0;
+    for (const auto& [serial, keys] : keysOf) {
+      if (keys >= policy_.needed) return acceptance(serial);
+      most = std::max(most, keys);
+    }
     const std::string reason = weight_ == Weight::none ? withoutAny : reason_;
     if (counted_.empty()) return Refusal{reason};
-    const std::string few = "the list has " + std::to_string(counted_.size()) + " of the " +
-                            countOf(policy_.needed, "signature") + " that are needed";
+    std::string few = "the list has " + std::to_string(most) + " of the " +
+                      countOf(policy_.needed, "signature") + " that are needed";
+    if (counted_.size() > most) return Refusal{few + " with one serial: it has " + serials()};
+    if (weight_ != Weight::trusted) few += ", and none by " + keysWithout();
     return Refusal{weight_ == Weight::none ? few : few + ": " + reason};
   }
 
-  [[nodiscard]] Acceptance acceptance() const {
-    Acceptance accepted{remembered_, {}, 0, {}};
+  // "8 by the key 808CC446AE5308A3 and 7 by the key C3CC33B19BA09674".
+  [[nodiscard]] std::string serials() const {
+    std::string text;
+    for (const auto& [key, comment] : counted_) {
+      if (!text.empty()) text += " and ";
+      text += std::to_string(comment.serial) + " by the key " + keyName(key.number);
+    }
+    return text;
+  }
+
+  // The trusted keys of which nothing counts: "the key 808CC446AE5308A3 or C3CC33B19BA09674".
+  [[nodiscard]] std::string keysWithout() const {
+    std::string text;
+    for (const PublicKey& key : keys_) {
+      if (counted_.contains(key)) continue;
+      text += (text.empty() ? "the key " : " or ") + keyName(key.number);
+    }
+    return text;
+  }
+
+  // Of a key that has signed a higher serial than as many as needed nothing is remembered: nobody
+  // bears it out.
+  [[nodiscard]] Acceptance acceptance(std::uint64_t serial) const {
+    Acceptance accepted{remembered_, {}, serial, {}};
     std::vector<UTCTime> ends;
     for (const auto& [key, comment] : counted_) {
+      if (comment.serial > serial) continue;
       accepted.signedBy.push_back(key);
-      accepted.serial = std::max(accepted.serial, comment.serial);
-      ends.push_back(comment.expires);
+      if (comment.serial == serial) ends.push_back(comment.expires);
       remember(key, comment, accepted.state);
     }
     // It counts for as long as enough of them do.
@@ -216,7 +257,7 @@ class Judging {
   const TrustPolicy& policy_;
   const std::set<PublicKey> keys_;
   const TrustState& remembered_;
-  const LastAccepted* const newest_;
+  const Remembered* const newest_;
   const std::optional<UTCTime> latest_;
   const UTCTime clock_;
   const std::string_view list_;

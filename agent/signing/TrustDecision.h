@@ -1,6 +1,11 @@
 // Whether a list counts: signed by enough of the keys that are trusted, for this customer, not yet
 // expired, and not older than what was accepted before.
 //
+// The keys that are needed must have signed one serial. So at least one key that is not stolen
+// bears it out, as long as fewer are stolen than are needed: a thief can neither drive it to the
+// end, which would keep the next lists out, nor sign a lower one, which would let an earlier list
+// in.
+//
 // Older is what has a lower serial than anything that a key that is trusted now has signed and that
 // was accepted. What other keys have signed does not count, so that a serial which a thief has
 // driven to its end is healed by trusting the thief's key no more. An expiry is held against the
@@ -38,8 +43,8 @@ struct TrustPolicy {
 struct Acceptance {
   TrustState state;  ///< what is to be remembered from now on
   std::vector<PublicKey>
-      signedBy;              ///< the trusted keys that have signed it, at least as many as needed
-  std::uint64_t serial = 0;  ///< the highest that they have signed
+      signedBy;  ///< the trusted keys that have signed it with this serial or a lower one
+  std::uint64_t serial = 0;  ///< the one that as many as needed have signed
   UTCTime expires;           ///< when it counts no more
 
   bool operator==(const Acceptance&) const = default;

@@ -29,9 +29,12 @@ std::variant<keys::SecretKey, Refusal> secretKeyAt(const std::string& path,
   });
 }
 
-// What is wrong when one key is given twice, or two that have one number: the names of their
-// signatures would be the same.
+// What is wrong when one key is given twice, be it under two numbers, or two that have one number:
+// the names of their signatures would be the same.
 std::optional<NoSigners> complaintAbout(const Signers& signers) {
+  if (const auto why = AgentUtils::signing::complaintAboutNumbers(signers.all())) {
+    return NoSigners{why->sentence, kExitUsage};
+  }
   std::set<AgentUtils::signing::KeyNumber> numbers;
   for (const PublicKey& key : signers.all()) {
     if (!numbers.insert(key.number).second) {

@@ -121,6 +121,8 @@ std::optional<Refusal> Signing::sign(std::string_view list, UTCTime now) {
 
 std::optional<Refusal> Signing::renew(std::string_view list, UTCTime now) {
   beginWith(list);
+  // Signatures that were made one by one come to one serial: computers that need several want that.
+  std::uint64_t serial = 0;
   for (const keys::SecretKey& key : signers_.here) {
     const Known* const there = over(key.publicKey());
     if (there == nullptr) {
@@ -128,10 +130,20 @@ std::optional<Refusal> Signing::renew(std::string_view list, UTCTime now) {
                      " has not signed the list there; publish it with --sign-with, which does"};
     }
     if (auto why = complaintAboutSerial(there->key, there->comment.serial)) return why;
+    serial = std::max(serial, there->comment.serial);
+  }
+  if (const Known* const last = newest(); last != nullptr && last->comment.serial > serial) {
+    return Refusal{nameOf(last->key) + " has signed a newer list, with the serial " +
+                   std::to_string(last->comment.serial) +
+                   ", and the one there is older: a publication was interrupted, or an older list "
+                   "was put back; publish again, with --sign-with"};
+  }
+  for (const keys::SecretKey& key : signers_.here) {
+    const Known* const there = over(key.publicKey());
     if (now + lifetime_ < there->comment.expires) {
       return countsLonger(there->key, there->comment, "give a longer --expires");
     }
-    make(key, list, there->comment.serial, now);
+    make(key, list, serial, now);
   }
   return conclude(list, now);
 }

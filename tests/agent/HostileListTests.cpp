@@ -136,6 +136,10 @@ class Publisher {
   UTCTime expires_{};
 };
 
+std::string tagOf(const std::string& content) {
+  return '"' + digestOf(content).substr(0, 16) + '"';
+}
+
 /// What the server does with the requests until the next step.
 struct Behaviour {
   std::map<std::string, std::string> files;
@@ -143,6 +147,7 @@ struct Behaviour {
   bool neverWhole = false;       ///< cuts every body
   bool failing = false;
   std::string redirectList;  ///< where the list is said to be; empty for nowhere else
+  std::string listTag;       ///< what the list is said to be; empty for the truth
 
   [[nodiscard]] HttpServer::Answer answerTo(const std::string& head) const {
     const std::size_t start = head.find(' ') + 1;
@@ -155,7 +160,8 @@ struct Behaviour {
     }
     const auto found = files.find(path);
     if (found == files.end()) return httpAnswer("404 Not Found", "none");
-    const std::string tag = "\"" + digestOf(found->second).substr(0, 16) + "\"";
+    const bool isLie = path == kListPath && !listTag.empty();
+    const std::string tag = isLie ? listTag : tagOf(found->second);
     if (head.find("If-None-Match: " + tag) != head.npos) {
       return {"HTTP/1.1 304 Not Modified\r\nETag: " + tag + "\r\n\r\n"};
     }
@@ -179,6 +185,7 @@ class HostileServer : public testing::Test {
     settings.retries = 0;
     settings.trustedKeys = {publicKeyLine(vectorKey("first"))};
     settings.clock = [this] { return now; };
+    settings.beforeFileUse = [this](const std::string& path) { isNewList |= path == listFile; };
     ::setenv("no_proxy", "*", 1);
     AgentUtils::configure(settings);
     server.answerAll([this](const std::string& head) {
@@ -192,9 +199,23 @@ class HostileServer : public testing::Test {
                                                                                            to);
   }
 
+  /// A list that has come is of this time, and not of that of the computer that tests.
+  bool downloadList() {
+    isNewList = false;
+    if (!download(kListPath, listFile)) return false;
+    if (isNewList) date(listFile);
+    return true;
+  }
+
+  void date(const std::string& path) const {
+    const timespec time{std::chrono::system_clock::to_time_t(now), 0};
+    const timespec times[] = {time, time};
+    ::utimensat(AT_FDCWD, path.c_str(), times, 0);
+  }
+
   /// One request: what it would run, or nothing.
   std::optional<std::string> request() {
-    if (!download(kListPath, listFile)) return std::nullopt;
+    if (!downloadList()) return std::nullopt;
     const std::string list = readFile(listFile);
     const std::string version = between(list, "<version>", "</version>");
     const std::string documentPath = between(list, "<data>", "</data>");
@@ -275,6 +296,7 @@ class HostileServer : public testing::Test {
     AgentUtils::setFileAttribute(
         file, "user.varn.download",
         "sha256:" + digestOf(forged.list) + '\n' + server.url() + kListPath + "\n\"v1\"\n");
+    date(listFile);
     return forged;
   }
 
@@ -297,11 +319,12 @@ class HostileServer : public testing::Test {
   const std::string listFile = base / "list.xml";
   const std::string documentFile = base / "42.xml";
   const std::string scriptFile = base / "job.sh";
+  bool isNewList = false;
   std::string recorded;
   std::uint64_t lastSerial = 0;
   std::uint64_t requestsThatRan = 0;
   std::uint64_t requestsRefused = 0;
-  std::array<std::uint64_t, 14> tried{};
+  std::array<std::uint64_t, 15> tried{};
 };
 
 void HostileServer::attack() {
@@ -375,6 +398,10 @@ void HostileServer::attack() {
       serveAlso(plantKeptList());
       behaviour.alwaysUnchanged = true;
       break;
+    case 13:  // any list, under the name by which the server will know the newest
+      behaviour.files[kListPath] = anyTree().list;
+      behaviour.listTag = tagOf(newest().list);
+      break;
     default: {  // a list with the old content, one that names both, and what is not bound
       Tree forged = treeOf("echo evil\n", "7");
       forged.list = "<list><version>7</version><data>/evil.xml</data></list>";
@@ -407,7 +434,9 @@ void HostileServer::runSequence(unsigned long seed) {
     change([&] { isHonest ? beHonest() : attack(); });
     step(isHonest ? "honest" : "attack");
   }
-  // The attack is over. A publisher renews what runs out.
+  // The attack is over, and what the server has said before counts for an hour at most. A publisher
+  // renews what runs out.
+  now += std::chrono::minutes(61);
   if (floor() >= publisher->expires()) publisher->renew(floor());
   change([&] { beHonest(); });
   const auto ran = request();

@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Digest.h"
@@ -79,6 +81,23 @@ class SignedList : public DownloadFixture {
   }
 
   bool fetch() { return download(kListPath, target); }
+
+  /// Has the list come at `time`.
+  void receivedAt(std::string_view time) const {
+    const timespec then{std::chrono::system_clock::to_time_t(at(time)), 0};
+    const timespec times[] = {then, then};
+    ASSERT_EQ(::utimensat(AT_FDCWD, target.c_str(), times, 0), 0);
+  }
+
+  /// Whether the last request for the list asked if it is unchanged.
+  [[nodiscard]] bool wasConditional() const {
+    bool isConditional = false;
+    for (const std::string& head : server.requests()) {
+      if (!head.starts_with("GET "s + kListPath + ' ')) continue;
+      isConditional = head.find("If-None-Match: \"v1\"") != head.npos;
+    }
+    return isConditional;
+  }
 
   /// The paths that were asked for since the last call.
   Names asked() {
@@ -156,6 +175,7 @@ TEST_F(SignedList, IsRememberedBeforeItTakesItsPlace) {
 TEST_F(SignedList, ThatIsUnchangedCostsOneRequest) {
   publish(kList, commentWith("7"), kTag);
   ASSERT_TRUE(fetch());
+  receivedAt(clock);
   asked();
   for (const char* const answer : {"304 Not Modified", "200 OK"}) {
     const bool isWhole = answer == "200 OK"s;
@@ -164,9 +184,37 @@ TEST_F(SignedList, ThatIsUnchangedCostsOneRequest) {
                   HttpServer::Then::keep);
     EXPECT_TRUE(fetch()) << answer;
     EXPECT_EQ(asked(), Names{kListPath}) << answer;
+    EXPECT_TRUE(wasConditional()) << answer;
     EXPECT_EQ(readFile(target), kList) << answer;
   }
   EXPECT_EQ(judgements.size(), 3U);
+}
+
+// Nobody signs validators: who held the server may have given those of a newer list.
+TEST_F(SignedList, IsAskedForWholeAnHourAfterItCame) {
+  publish(kList, commentWith("7"), kTag);
+  ASSERT_TRUE(fetch());
+  struct Row {
+    std::string received;
+    bool isConditional;
+  };
+  // The clock stands at the beginning of December.
+  const std::vector<Row> rows = {{"2026-11-30T23:00:01Z", true},  {"2026-12-01T00:00:00Z", true},
+                                 {"2026-11-30T23:00:00Z", false}, {"2026-11-01T00:00:00Z", false},
+                                 {"2026-12-01T00:00:01Z", false}, {"2027-12-01T00:00:00Z", false}};
+  for (const Row& row : rows) {
+    receivedAt(row.received);
+    EXPECT_TRUE(fetch()) << row.received;
+    EXPECT_EQ(wasConditional(), row.isConditional) << row.received;
+  }
+  // That it is unchanged makes it no younger.
+  server.answer(kListPath, "HTTP/1.1 304 Not Modified\r\n\r\n", HttpServer::Then::keep);
+  receivedAt("2026-11-30T23:00:01Z");
+  EXPECT_TRUE(fetch());
+  clock = "2026-12-01T00:00:01Z";
+  serveList(kList, kTag);
+  EXPECT_TRUE(fetch());
+  EXPECT_FALSE(wasConditional());
 }
 
 TEST_F(SignedList, WhoseSignatureHasRunOutIsAskedForANewOne) {
@@ -174,6 +222,7 @@ TEST_F(SignedList, WhoseSignatureHasRunOutIsAskedForANewOne) {
   ASSERT_TRUE(fetch());
   asked();
   clock = "2026-12-23T00:00:00Z";
+  receivedAt(clock);
   serve(signaturePath(kList), Signer("first").sign(kList, commentWith("8", "2026-12-20T00:00:00Z",
                                                                       "2027-01-20T00:00:00Z")));
   server.answer(kListPath, "HTTP/1.1 304 Not Modified\r\n\r\n", HttpServer::Then::keep);
@@ -206,6 +255,7 @@ TEST_F(SignedList, KeptFromATimeWithoutKeysNeedsASignature) {
   useServer(server.url());
   serveList(kList, kTag);
   ASSERT_TRUE(fetch());
+  receivedAt(clock);
   asked();
   trust({"first"});
   server.answerInTurn(kListPath,
@@ -225,6 +275,7 @@ TEST_F(SignedList, ThatWasExchangedOnTheDiskIsAskedForWhole) {
   // With everything that a download leaves with its file.
   const std::string url = server.url() + kListPath;
   writeFile(target, "<evil/>");
+  receivedAt(clock);
   ::chmod(target.c_str(), 0600);
   const posix::FileDescriptor file(::open(target.c_str(), O_RDWR));
   AgentUtils::setFileAttribute(file, kAttribute,
@@ -239,6 +290,7 @@ TEST_F(SignedList, ThatWasExchangedOnTheDiskIsAskedForWhole) {
   EXPECT_EQ(asked().back(), kListPath);
   // And when the server goes on to say that nothing has changed, nothing counts.
   writeFile(target, "<evil/>");
+  receivedAt(clock);
   AgentUtils::setFileAttribute(file, kAttribute,
                                "sha256:" + digestOf("<evil/>") + '\n' + url + "\n\"v1\"\n");
   server.answer(kListPath, "HTTP/1.1 304 Not Modified\r\n\r\n", HttpServer::Then::keep);
@@ -256,6 +308,7 @@ TEST_F(SignedList, IsRefusedWithASignatureThatIsNone) {
   changed.replace(changed.find("serial:7"), 8, "serial:8");
   const std::string by = "the signature by the key 808CC446AE5308A3";
   const std::string in = "in " + by + ", ";
+  const std::string none = "the list is not signed: signatures/" + digestOf(kList) + ".minisig: ";
   const std::string noNumber =
       "the signed comment has serial that is no whole number from 0 to 18446744073709551615: ";
   struct Row {
@@ -266,12 +319,13 @@ TEST_F(SignedList, IsRefusedWithASignatureThatIsNone) {
     return Signer("first").sign(kList, comment);
   };
   const std::vector<Row> rows = {
-      {"", "the signature file is empty"},
-      {good.substr(0, good.size() / 2), "the signature file is cut: it has 3 of four lines"},
-      {good + "more\n", "the signature file has more than four lines"},
+      {"", none + "the signature file is empty"},
+      {good.substr(0, good.size() / 2), none + "the signature file is cut: it has 3 of four lines"},
+      {good + "more\n", none + "the signature file has more than four lines"},
       {vectorFile("whole.minisig"),
-       "the signature file is of the algorithm Ed, which does not hash the list first; ED is "
-       "wanted"},
+       none +
+           "the signature file is of the algorithm Ed, which does not hash the list first; ED is "
+           "wanted"},
       {Signer("second").sign(kList, commentWith("7")),
        "the key C3CC33B19BA09674, by which the list is signed, is not trusted"},
       {Signer("first").sign("<other/>", commentWith("7")), by + " is not over this list"},
@@ -329,7 +383,8 @@ TEST_F(SignedList, SignedTwiceByOneKeyHasOneSignature) {
   const std::string by = Signer("first").sign(kList, commentWith("7"));
   serve(signaturePath(kList), by);
   serve(signaturePath(kList, ".C3CC33B19BA09674"), by);
-  expectRefused("the list has 1 of the 2 signatures that are needed");
+  expectRefused(
+      "the list has 1 of the 2 signatures that are needed, and none by the key C3CC33B19BA09674");
   serve(signaturePath(kList, ".C3CC33B19BA09674"), Signer("second").sign(kList, commentWith("7")));
   asked();
   EXPECT_TRUE(fetch());
@@ -346,6 +401,44 @@ TEST_F(SignedList, IsFoundUnderTheNameOfTheKeyThatIsStillTrusted) {
   serve(signaturePath(kList, ".C3CC33B19BA09674"), Signer("second").sign(kList, commentWith("7")));
   EXPECT_TRUE(fetch());
   EXPECT_EQ(judgements.back().signedBy, Names{"C3CC33B19BA09674"});
+}
+
+// From one key to the next, of which both have signed each list meanwhile.
+TEST_F(SignedList, OfAnOlderSerialIsRefusedAfterTheFirstOfTwoKeysIsTrustedNoMore) {
+  trust({"first", "second"});
+  publish("<old/>", commentWith("7"));
+  serve(signaturePath("<old/>", ".C3CC33B19BA09674"),
+        Signer("second").sign("<old/>", commentWith("7")));
+  publish("<new/>", commentWith("8"));
+  serve(signaturePath("<new/>", ".C3CC33B19BA09674"),
+        Signer("second").sign("<new/>", commentWith("8")));
+  ASSERT_TRUE(fetch());
+  EXPECT_EQ(asked(), (Names{kListPath, signaturePath("<new/>"),
+                            signaturePath("<new/>", ".C3CC33B19BA09674")}));
+  EXPECT_EQ(judgements.back().signedBy, (Names{"C3CC33B19BA09674", "808CC446AE5308A3"}));
+  trust({"second"});
+  serveList("<old/>");
+  expectRefused(
+      "the list is an older one: it has the serial 7 by the key C3CC33B19BA09674, and 8 was "
+      "accepted before");
+}
+
+TEST_F(SignedList, CountsAlsoWhenTheSignaturesThatAreNotNeededCantBeHad) {
+  trust({"first", "second"});
+  const std::string further = ".C3CC33B19BA09674";
+  const std::vector<std::string> answers = {httpAnswer("404 Not Found", ""),
+                                            httpAnswer("503 Service Unavailable", ""),
+                                            httpAnswer("200 OK", "rubbish")};
+  for (std::size_t i = 0; i < answers.size(); ++i) {
+    const std::string serial = std::to_string(i);
+    const std::string list = "<list" + serial + "/>";
+    publish(list, commentWith(serial));
+    server.answer(signaturePath(list, further), answers[i], HttpServer::Then::keep);
+    EXPECT_TRUE(fetch()) << answers[i];
+    EXPECT_EQ(readFile(target), list);
+    EXPECT_EQ(asked(), (Names{kListPath, signaturePath(list), signaturePath(list, further)}));
+    EXPECT_EQ(judgements.back().signedBy, Names{"808CC446AE5308A3"});
+  }
 }
 
 TEST_F(SignedList, OfAnOlderSerialIsRefused) {
@@ -593,6 +686,9 @@ TEST_F(BoundFile, OnThisComputerIsWhatTheListNames) {
 
 TEST(TrustedKeys, ThatNoListCouldMeetAreRefusedByTheSettings) {
   const std::string first = publicKeyLine(vectorKey("first"));
+  PublicKey renumbered = vectorKey("first");
+  renumbered.number = vectorKey("second").number;
+  const std::string twin = publicKeyLine(renumbered);
   struct Row {
     std::vector<std::string> keys;
     std::uint32_t needed;
@@ -611,6 +707,12 @@ TEST(TrustedKeys, ThatNoListCouldMeetAreRefusedByTheSettings) {
       {{}, 0, "acme", "AgentSettings::signaturesNeeded is not a number from 1 to that of the "},
       {{}, 2, "acme", "AgentSettings::signaturesNeeded is not a number from 1 to that of the "},
       {{first, first}, 2, "acme", "AgentSettings::signaturesNeeded is not a number from 1 to that"},
+      {{first, twin},
+       1,
+       "acme",
+       "AgentSettings::trustedKeys has one twice: the keys 808CC446AE5308A3 and C3CC33B19BA09674 "
+       "are "
+       "one key under two numbers"},
       {{first}, 1, "a\tb", "AgentSettings::customerID is none that a signature can name"},
   };
   for (const Row& row : rows) {

@@ -119,6 +119,19 @@ TEST(JudgeList, WithTheNumberOfATrustedKeyAndAnotherKeyIsRefused) {
   EXPECT_EQ(computer.see(vectorFile("list.xml"), {signatureFile(forged)}), "(accepted)");
 }
 
+TEST(JudgeList, UnderOneKeyWithTwoNumbersIsRefused) {
+  // Nobody signs the number: with it changed, one signature would be two.
+  Computer computer({"first"}, 2);
+  PublicKey twin = vectorKey("first");
+  twin.number = vectorKey("second").number;
+  computer.policy.keys.push_back(twin);
+  ListSignature again = std::get<ListSignature>(parseSignature(vectorFile("first.minisig")));
+  again.key = twin.number;
+  EXPECT_EQ(
+      computer.see(vectorFile("list.xml"), {vectorFile("first.minisig"), signatureFile(again)}),
+      "the keys 808CC446AE5308A3 and C3CC33B19BA09674 are one key under two numbers");
+}
+
 TEST(JudgeList, ForAnotherCustomerIsRefused) {
   Computer computer({"first"});
   const std::string file = Signer("first").sign(
@@ -134,20 +147,55 @@ TEST(JudgeList, ForAnotherCustomerIsRefused) {
 TEST(JudgeList, NeedsAsManyDifferentKeysAsAreNeeded) {
   Computer computer({"first", "second"}, 2);
   const std::string first = by("first", "1");
-  EXPECT_EQ(computer.see(listOf("1"), {first}),
-            "the list has 1 of the 2 signatures that are needed");
-  EXPECT_EQ(computer.see(listOf("1"), {first, first}),
-            "the list has 1 of the 2 signatures that are needed");
+  const std::string few =
+      "the list has 1 of the 2 signatures that are needed, and none by the key C3CC33B19BA09674";
+  EXPECT_EQ(computer.see(listOf("1"), {first}), few);
+  EXPECT_EQ(computer.see(listOf("1"), {first, first}), few);
   // Two different signatures of one key are one as well.
   const std::string renewed = Signer("first").sign(
       listOf("1"), commentWith("1", "2026-11-23T11:30:00Z", "2026-12-23T11:30:00Z"));
-  EXPECT_EQ(computer.see(listOf("1"), {first, renewed}),
-            "the list has 1 of the 2 signatures that are needed");
+  EXPECT_EQ(computer.see(listOf("1"), {first, renewed}), few);
   EXPECT_EQ(computer.see(listOf("1"), {first, by("second", "2")}),
             "the list has 1 of the 2 signatures that are needed: the signature by the key "
             "C3CC33B19BA09674 is not over this list");
   EXPECT_TRUE(computer.state.keys.empty());
   EXPECT_EQ(computer.see(listOf("1"), {by("second", "1"), first}), "(accepted)");
+}
+
+// Which of two serials is the thief's can't be told: one that is too high would keep every later
+// list out, one that is too low would let an earlier list in.
+TEST(JudgeList, NeedsOneSerialOfAsManyKeysAsAreNeeded) {
+  Computer computer({"first", "second"}, 2);
+  const auto at = [](const std::string& key, const std::string& serial) {
+    return Signer(key).sign("list", commentWith(serial));
+  };
+  EXPECT_EQ(
+      computer.see("list", {at("first", "1"), at("second", "3")}),
+      "the list has 1 of the 2 signatures that are needed with one serial: it has 3 by the key "
+      "C3CC33B19BA09674 and 1 by the key 808CC446AE5308A3");
+  EXPECT_TRUE(computer.state.keys.empty());
+  EXPECT_EQ(computer.see("list", {at("first", "3"), at("second", "3")}), "(accepted)");
+  EXPECT_EQ(computer.keep("list"), "(accepted)");
+  computer.trust({"first", "second", "third"}, 2);
+  const Files files = {at("first", kHighest), at("second", "4"), at("third", "4")};
+  const Judgement judgement = computer.judge("list", files);
+  ASSERT_EQ(outcome(judgement), "(accepted)");
+  const auto& accepted = std::get<Acceptance>(judgement);
+  EXPECT_EQ(accepted.serial, 4U);
+  EXPECT_EQ(accepted.signedBy, (std::vector{vectorKey("second"), vectorKey("third")}));
+  // Nothing is remembered of the one that nobody else bears out.
+  EXPECT_EQ(computer.state.keys.at(vectorKey("first")).serial, 3U);
+}
+
+TEST(JudgeList, RemembersAlsoALowerSerialOfAKeyThatIsNotNeeded) {
+  Computer computer({"first", "second"});
+  const Files files = {Signer("first").sign("list", commentWith("3")),
+                       Signer("second").sign("list", commentWith("2"))};
+  EXPECT_EQ(computer.see("list", files), "(accepted)");
+  computer.trust({"second"});
+  EXPECT_EQ(computer.see(listOf("1"), {by("second", "1")}),
+            "the list is an older one: it has the serial 1 by the key C3CC33B19BA09674, and 2 was "
+            "accepted before");
 }
 
 TEST(JudgeList, CountsForAsLongAsEnoughSignaturesDo) {
@@ -189,9 +237,10 @@ TEST(JudgeList, OlderIsRefusedAlsoBySignaturesOfAKeyThatHasSignedNothingSince) {
   EXPECT_EQ(computer.see(listOf("5"), {by("first", "5"), by("second", "5")}), "(accepted)");
   EXPECT_EQ(computer.see(listOf("6"), {by("first", "6")}), "(accepted)");
   // The signature of the first key is withheld.
-  EXPECT_EQ(computer.see(listOf("5"), {by("second", "5")}),
-            "the list is an older one: it has the serial 5 by the key C3CC33B19BA09674, and 6 was "
-            "accepted before");
+  EXPECT_EQ(
+      computer.see(listOf("5"), {by("second", "5")}),
+      "the list is an older one: it has the serial 5 by the key C3CC33B19BA09674, and 6 by the "
+      "key 808CC446AE5308A3 was accepted before");
 }
 
 TEST(JudgeList, ASerialThatAThiefHasDrivenToItsEndIsHealedByTrustingAnotherKey) {
@@ -283,7 +332,9 @@ TEST(JudgeKeptList, CountsWhileItIsTheOneThatWasAcceptedLastAndHasNotExpired) {
   computer.trust({"second"});
   EXPECT_EQ(computer.keep(listOf("2")), "the list is not the one that was accepted last");
   computer.trust({"first", "second"}, 2);
-  EXPECT_EQ(computer.keep(listOf("2")), "the list has 1 of the 2 signatures that are needed");
+  EXPECT_EQ(
+      computer.keep(listOf("2")),
+      "the list has 1 of the 2 signatures that are needed, and none by the key C3CC33B19BA09674");
 }
 
 TEST(JudgeKeptList, DoesNotCountByAnOlderSignatureOfAnotherKey) {
@@ -334,6 +385,58 @@ TEST(JudgeList, NeverGoesBackUnderAnySequenceOfReplays) {
     }
   }
   EXPECT_GT(accepted, 300);
+}
+
+// One of three keys is stolen, of which two have to have signed: whatever the thief signs and the
+// server sends, nothing is accepted that the others have not signed, no older list is, and the next
+// list that they sign is.
+TEST(JudgeList, HoldsAgainstAThiefOfFewerKeysThanAreNeeded) {
+  const std::vector<std::string> names = {"first", "second", "third"};
+  const std::vector<Signer> signers = {Signer("first"), Signer("second"), Signer("third")};
+  const Signer& thief = signers[0];
+  std::mt19937 random(13);
+  const auto below = [&random](std::size_t limit) { return random() % limit; };
+  std::size_t accepted = 0;
+  for (int sequence = 0; sequence < 300; ++sequence) {
+    Computer computer(names, 2);
+    std::vector<std::string> lists;
+    std::vector<Files> files;
+    std::uint64_t serial = 0;
+    const auto publish = [&](std::size_t without) {
+      serial += 1 + below(3);
+      lists.push_back("list " + std::to_string(lists.size()));
+      files.emplace_back();
+      for (std::size_t key = 0; key < signers.size(); ++key) {
+        if (key == without) continue;
+        files.back().push_back(
+            signers[key].sign(lists.back(), commentWith(std::to_string(serial))));
+      }
+    };
+    std::size_t last = 0;
+    publish(below(4));
+    for (int step = 0; step < 12; ++step) {
+      if (below(2) == 0) publish(below(4));
+      const bool isOwn = below(8) == 0;
+      const std::size_t which = below(lists.size());
+      const std::string list = isOwn ? "evil" : lists[which];
+      Files given = files[which];
+      if (below(2) == 0) given.erase(given.begin());
+      if (below(3) != 0) {
+        const std::string claimed = below(4) == 0 ? kHighest : std::to_string(below(serial + 4));
+        given.insert(given.begin() + static_cast<std::ptrdiff_t>(below(given.size() + 1)),
+                     thief.sign(list, commentWith(claimed)));
+      }
+      if (outcome(computer.judge(list, given)) != "(accepted)") continue;
+      ++accepted;
+      ASSERT_FALSE(isOwn);
+      ASSERT_GE(which, last);
+      last = which;
+      ASSERT_EQ(computer.keep(list), "(accepted)");
+    }
+    publish(below(2) == 0 ? 0 : signers.size());
+    ASSERT_EQ(computer.see(lists.back(), files.back()), "(accepted)") << sequence;
+  }
+  EXPECT_GT(accepted, 300U);
 }
 
 }  // namespace

@@ -221,6 +221,11 @@ TEST(LayerSettings, ARecordOfAnOlderInstallationIsKept) {
   EXPECT_EQ(settingsFrom(sources, NeededSettings::localState).agent.dataPath, "/opt/agent/data");
   EXPECT_EQ(asked, std::vector<std::string>(
                        2, "/opt/agent/data/Configuration-Framework/ScriptRepository"));
+  // Without its store it still has what it has accepted.
+  sources.exists = [](const std::string& path) {
+    return path == "/opt/agent/data/Configuration-Framework/AcceptedLists";
+  };
+  EXPECT_EQ(settingsFrom(sources, NeededSettings::localState).agent.dataPath, "/opt/agent/data");
   // What is given is not looked for.
   sources.flags["data_path"] = "/d";
   EXPECT_EQ(settingsFrom(sources, NeededSettings::localState).agent.dataPath, "/d");

@@ -99,8 +99,9 @@ class SignedTest(SignedCase):
         self.trusted.append(second)
         both = ("--signatures-needed", "2")
         self.publish()
-        self.assert_untrusted("the list has 1 of the 2 signatures that are needed", *both)
-        self.sign(second, name="." + second.name)
+        self.assert_untrusted("the list has 1 of the 2 signatures that are needed, and none by the "
+                              f"key {second.name}", *both)
+        self.sign(second, serial=1, name="." + second.name)
         answer = self.assert_runs("done\n", *both)
         self.assertEqual(sorted(answer["signed_by"]), sorted([self.key.name, second.name]))
 
@@ -165,10 +166,12 @@ class RefusedTest(SignedCase):
         future = utc(minutes=6)
         words = comment(2)
         good = self.key.sign(self.content(), words)
+        digest = hashlib.sha256(self.content()).hexdigest()
+        none = f"the list is not signed: signatures/{digest}.minisig: "
         rows = [
-            ("", "the signature file is empty"),
-            (good[:100], "the signature file is cut: it has 2 of four lines"),
-            (good + "x\n", "the signature file has more than four lines"),
+            ("", none + "the signature file is empty"),
+            (good[:100], none + "the signature file is cut: it has 2 of four lines"),
+            (good + "x\n", none + "the signature file has more than four lines"),
             (stranger.sign(self.content(), words),
              f"the key {stranger.name}, by which the list is signed, is not trusted"),
             (impostor.sign(self.content(), words), f"{by} is not over this list"),
@@ -383,6 +386,11 @@ class SettingsTest(SignedCase):
             "trusted_keys: 1",
             "--trusted-key", self.key.line, "--trusted-key", self.key_file(),
             "--signatures-needed", "2")
+        twin = Key.under_another_number(self.key)
+        self.assert_refused(
+            f"trusted_keys {places}: the keys {self.key.name} and {twin.name} are one key under two "
+            "numbers",
+            "--trusted-key", self.key.line, "--trusted-key", twin.line, "--signatures-needed", "2")
         path = self.key_file(0o666)
         self.assert_refused(
             f"trusted_keys {places} is refused: {path} may be written to by all users",

@@ -280,8 +280,19 @@ TEST_F(SigningTest, RenewingOneThatIsNotTheNewestIsRefused) {
   sign(here({&key_}), kList, kNoon);
   sign(here({&key_}), kOtherList, kNoon);
   EXPECT_EQ(renew(here({&key_}), kList, kNoon),
-            "refused: the list is an older one: it has the serial 1795348800 by the key " +
-                nameOf(key_) + ", and 1795348801 was accepted before");
+            "refused: the key " + nameOf(key_) +
+                " has signed a newer list, with the serial 1795348801, and the one there is older: "
+                "a publication was interrupted, or an older list was put back; publish again, with "
+                "--sign-with");
+}
+
+TEST_F(SigningTest, RenewingBringsSignaturesThatWereMadeApartToOneSerial) {
+  sign(here({&key_}), kList, kNoon);
+  const UTCTime later = kNoon + std::chrono::seconds(2);
+  sign(here({&other_}), kList, later);
+  EXPECT_EQ(renew(here({&key_, &other_}), kList, later),
+            "by " + nameOf(key_) + " and " + nameOf(other_) +
+                " with the serial 1795348802 until 2026-12-22T12:00:02Z");
 }
 
 TEST_F(SigningTest, ASignatureThatSoonExpiresIsRemarkedOn) {

@@ -3,7 +3,7 @@
 # and signatures that are there are left alone; remove them all to have new ones, and then put the
 # keys' names and lines into the tests.
 #
-# first.key and second.key have no passphrase, locked.key has the one in locked.passphrase.
+# first.key, second.key and third.key have no passphrase, locked.key has the one in locked.passphrase.
 
 set -eu
 cd "$(dirname "$0")"
@@ -22,6 +22,7 @@ sign() {
 
 key first
 key second
+key third
 if [ ! -f locked.key ]; then
   # It asks for the passphrase twice.
   cat locked.passphrase locked.passphrase | minisign -G -p locked.pub -s locked.key >/dev/null

@@ -39,6 +39,14 @@ class Key:
         self.line = base64.b64encode(b"Ed" + self.number + public.raw).decode()
         self.name = self.number[::-1].hex().upper()
 
+    @classmethod
+    def under_another_number(cls, other):
+        """The key `other` with the number of a new one."""
+        key = cls()
+        point = base64.b64decode(other.line)[10:]
+        key._secret, key.line = other._secret, base64.b64encode(b"Ed" + key.number + point).decode()
+        return key
+
     def _signature(self, data):
         signature = ctypes.create_string_buffer(64)
         sodium().crypto_sign_detached(signature, None, data, ctypes.c_ulonglong(len(data)),
