@@ -6,6 +6,7 @@ import datetime
 import hashlib
 import os
 import pty
+import re
 import resource
 import select
 import shutil
@@ -355,7 +356,10 @@ class MinisignTest(KeysCase):
     def test_a_key_made_by_minisign_is_shown_here(self):
         self.minisign("-G", "-W", "-p", self.public, "-s", self.secret)
         result = self.key("show", self.secret)
-        self.assertEqual((result.status, result.output), (0, self.read(self.public)), result.error)
+        self.assertEqual(result.status, 0, result.error)
+        # It writes the number without noughts before it.
+        self.assertEqual(re.sub(" key 0+", " key ", result.output),
+                         self.read(self.public))
 
 
 @unittest.skipUnless(MINISIGN, "no minisign here")
