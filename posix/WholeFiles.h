@@ -103,7 +103,8 @@ struct RegularFile {
   room.reserve(size);
   std::string bytes = readAll(opened.descriptor.get(), mostBytes, error, std::move(room));
   if (error) return {};
-  return {std::move(bytes), opened.status.st_mode & kPermissionBits, opened.status.st_uid};
+  return {std::move(bytes), static_cast<mode_t>(opened.status.st_mode & kPermissionBits),
+          opened.status.st_uid};
 }
 
 /// An error of `openRegularFile` or `readRegularFile` in words.
