@@ -87,7 +87,7 @@ std::string extensions() {
   return list;
 }
 
-std::string whyMissing(const std::string& launchPath) {
+std::string whyMissing([[maybe_unused]] const std::string& launchPath) {
 #ifndef __APPLE__
   if (launchPath.ends_with("/osascript")) return ": AppleScript runs on macOS alone";
 #endif
