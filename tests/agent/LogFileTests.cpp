@@ -295,16 +295,26 @@ TEST_F(LogFile, ThatCannotBeRotatedBeginsAnew) {
   EXPECT_GT(std::filesystem::file_size(path), 1u << 20);
 }
 
+/// A limit of files' sizes, which stands for a full disk, until it is lifted.
+class FullDisk {
+ public:
+  explicit FullDisk(rlim_t size) {
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    ::sigaction(SIGXFSZ, &ignore, nullptr);
+    EXPECT_EQ(::getrlimit(RLIMIT_FSIZE, &before_), 0);
+    const rlimit little{size, before_.rlim_max};
+    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &little), 0);
+  }
+  void lift() const { EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &before_), 0); }
+
+ private:
+  rlimit before_{};
+};
+
 TEST_F(LogFile, ThatCannotBeWrittenLosesRecordsSilently) {
-  // A file size limit stands for a full disk.
-  struct sigaction ignore {};
-  ignore.sa_handler = SIG_IGN;
-  ::sigaction(SIGXFSZ, &ignore, nullptr);
   open();
-  rlimit limit{};
-  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
-  const rlimit none{0, limit.rlim_max};
-  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &none), 0);
+  const FullDisk disk(0);
   // On a pipe, to which the limit does not apply.
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
@@ -313,7 +323,7 @@ TEST_F(LogFile, ThatCannotBeWrittenLosesRecordsSilently) {
   EXPECT_NO_THROW(AgentLog::logInfo("lost", "Unit", "operation()", 1));
   EXPECT_NO_THROW(AgentLog::logError("lost", "Unit", "operation()", 2));
   ::dup2(standardError, STDERR_FILENO);
-  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+  disk.lift();
   for (const int fd : {standardError, ends[1]}) ::close(fd);
   char byte = 0;
   EXPECT_EQ(::read(ends[0], &byte, 1), 0);
@@ -321,17 +331,11 @@ TEST_F(LogFile, ThatCannotBeWrittenLosesRecordsSilently) {
 }
 
 TEST_F(LogFile, ThatWasFullKeepsTheNextRecordWhole) {
-  struct sigaction ignore {};
-  ignore.sa_handler = SIG_IGN;
-  ::sigaction(SIGXFSZ, &ignore, nullptr);
   open();
-  rlimit limit{};
-  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
-  const rlimit little{40, limit.rlim_max};
-  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &little), 0);
+  const FullDisk disk(40);
   AgentLog::logInfo("broken", "Unit", "operation()", 1);
   AgentLog::logInfo("lost", "Unit", "operation()", 2);
-  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+  disk.lift();
   AgentLog::logInfo("whole", "Unit", "operation()", 3);
   EXPECT_EQ(linesWithoutTimes(path), "info Unit opera\ninfo Unit operation() 3 whole\n");
 }
