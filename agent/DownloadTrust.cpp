@@ -126,45 +126,75 @@ void DownloadTrust::accept(DownloadTarget& target, const Use& use) const {
 }
 
 void DownloadTrust::acceptList(std::string_view list, const Use& use) const {
-  const Judgement judgement = judged(list, use);
+  const Judgement judgement = judged(signing::ListInHand(list), use);
   if (const auto* const why = std::get_if<Refusal>(&judgement)) {
     report(settings_, {why->sentence, {}, 0, {}});
-    throw DownloadFailure(why->sentence);
+    throw ListRefusal(why->sentence);
   }
   tell(std::get<Acceptance>(judgement));
 }
 
-bool DownloadTrust::acceptsKeptList(std::string_view list, const Use& use) const {
-  const Judgement judgement = judged(list, use);
+bool DownloadTrust::acceptsKeptList(const std::string& digest, const Content& content,
+                                    const Use& use) const {
+  Judgement judgement = judgedByRecord(digest, use);
+  if (std::holds_alternative<Refusal>(judgement)) {
+    const std::string list = content();
+    judgement = judgedBySignatures(signing::ListInHand(list), use);
+  }
   const auto* const accepted = std::get_if<Acceptance>(&judgement);
   if (accepted != nullptr) tell(*accepted);
   return accepted != nullptr;
 }
 
-Judgement DownloadTrust::judged(std::string_view list, const Use& use) const {
-  Judgement judgement = judgedBy(nullptr, list, use);
+std::string DownloadTrust::remarkOnLastList() const {
+  if (kind_ != Kind::list) return {};
+  const auto remembered = remembered_.read();
+  const auto* const state = std::get_if<signing::TrustState>(&remembered);
+  if (state == nullptr) return {};
+  const auto why = signing::complaintAboutLast(policy_, *state, now(settings_));
+  return why ? "; the list that was accepted last counts no more: " + why->sentence : "";
+}
+
+Judgement DownloadTrust::judged(const signing::ListInHand& list, const Use& use) const {
+  Judgement judgement = judgedByRecord(list.digest, use);
   if (std::holds_alternative<Acceptance>(judgement)) return judgement;
   return judgedBySignatures(list, use);
 }
 
-Judgement DownloadTrust::judgedBySignatures(std::string_view list, const Use& use) const {
+Judgement DownloadTrust::judgedByRecord(const std::string& digest, const Use& use) const {
+  const signing::UTCTime clock = now(settings_);
+  if (settings_.remembersLists) return remembered_.acceptKept(digest, policy_, clock, use);
+  return judgedOnly(
+      [&](const auto& state) { return signing::judgeKeptList(digest, policy_, state, clock); },
+      use);
+}
+
+Judgement DownloadTrust::judgedBySignatures(const signing::ListInHand& list, const Use& use) const {
   const auto remembered = remembered_.read();
   // No signature helps where it can't be told what was accepted before.
   if (const auto* const why = std::get_if<Refusal>(&remembered)) return *why;
   const Signatures found = signaturesOf(list, std::get<signing::TrustState>(remembered));
   if (found.files.empty()) {
     const std::string& why = found.unreadable.empty() ? found.missing : found.unreadable;
-    return Refusal{"the list is not signed: " + why};
+    return Refusal{"the list is not signed: " + why + remarkOnLastList()};
   }
-  Judgement judgement = judgedBy(&found.files, list, use);
+  const signing::UTCTime clock = now(settings_);
+  Judgement judgement =
+      settings_.remembersLists
+          ? remembered_.accept(list, found.files, policy_, clock, use)
+          : judgedOnly(
+                [&](const auto& state) {
+                  return signing::judgeList(list, found.files, policy_, state, clock);
+                },
+                use);
   auto* const why = std::get_if<Refusal>(&judgement);
   if (why != nullptr && !found.unreadable.empty()) why->sentence += "; " + found.unreadable;
   return judgement;
 }
 
-DownloadTrust::Signatures DownloadTrust::signaturesOf(std::string_view list,
+DownloadTrust::Signatures DownloadTrust::signaturesOf(const signing::ListInHand& list,
                                                       const signing::TrustState& state) const {
-  const auto names = signing::signatureNames(hexDigest(usualDigest(), list), policy_.keys);
+  const auto names = signing::signatureNames(list.digest, policy_.keys);
   Signatures found;
   askFor(names.front(), true, found);
   bool isEnough = false;
@@ -190,19 +220,11 @@ void DownloadTrust::askFor(const std::string& name, bool isNeeded, Signatures& f
   }
 }
 
-Judgement DownloadTrust::judgedBy(const std::vector<std::string>* signatures, std::string_view list,
-                                  const Use& use) const {
-  const signing::UTCTime clock = now(settings_);
-  if (settings_.remembersLists) {
-    return signatures == nullptr ? remembered_.acceptKept(list, policy_, clock, use)
-                                 : remembered_.accept(list, *signatures, policy_, clock, use);
-  }
+Judgement DownloadTrust::judgedOnly(
+    const std::function<Judgement(const signing::TrustState&)>& judge, const Use& use) const {
   const auto remembered = remembered_.read();
   if (const auto* const why = std::get_if<Refusal>(&remembered)) return *why;
-  const auto& state = std::get<signing::TrustState>(remembered);
-  Judgement judgement = signatures == nullptr
-                            ? signing::judgeKeptList(list, policy_, state, clock)
-                            : signing::judgeList(list, *signatures, policy_, state, clock);
+  Judgement judgement = judge(std::get<signing::TrustState>(remembered));
   if (std::holds_alternative<Acceptance>(judgement)) use();
   return judgement;
 }

@@ -28,6 +28,12 @@ namespace AgentUtils {
 /// by whatever way that directory is named.
 void requireOutsideTrustState(const std::string& toPath, const AgentSettings& settings);
 
+/// A list that came and does not count; the host was told.
+class ListRefusal : public DownloadFailure {
+ public:
+  using DownloadFailure::DownloadFailure;
+};
+
 /// For how long after it was received a list is asked for with the validators of that answer.
 inline constexpr std::chrono::hours kValidatorsOfListCount{1};
 
@@ -39,6 +45,8 @@ class DownloadTrust {
   using FetchSignature = std::function<std::string(const std::string& serverPath)>;
   /// Puts the content in its place.
   using Use = std::function<void()>;
+  /// Gives all bytes of a list.
+  using Content = std::function<std::string()>;
 
   /// Throws `DownloadFailure` when nothing from `serverPath` could be taken. The references as long
   /// as this.
@@ -57,12 +65,18 @@ class DownloadTrust {
   [[nodiscard]] bool mayBeUnchangedSince(std::chrono::system_clock::time_point received) const;
 
   /// Calls `use` when what has come counts; of a list in a moment in which no other request has a
-  /// newer one accepted. Otherwise throws `DownloadFailure`. What `use` throws comes out.
+  /// newer one accepted. Otherwise throws `DownloadFailure`, of a list that came with enough to
+  /// judge it `ListRefusal`. What `use` throws comes out.
   void accept(DownloadTarget& target, const Use& use) const;
 
-  /// Likewise for a list that is there already: false when it does not count, and it has to be
-  /// asked for whole.
-  [[nodiscard]] bool acceptsKeptList(std::string_view list, const Use& use) const;
+  /// Likewise for a list that is there already and has this digest: false when it does not count,
+  /// and it has to be asked for whole. `content` is called when its signatures are asked for.
+  [[nodiscard]] bool acceptsKeptList(const std::string& digest, const Content& content,
+                                     const Use& use) const;
+
+  /// What to say beside why no list could be had: "; the list that was accepted last counts no
+  /// more: " and why. Empty while it counts, and for what is no list.
+  [[nodiscard]] std::string remarkOnLastList() const;
 
  private:
   enum class Kind { unchecked, list, bound };
@@ -70,16 +84,19 @@ class DownloadTrust {
 
   [[nodiscard]] static Kind kindOf(const AgentSettings& settings, const std::string& serverPath);
   /// By what is remembered, or by signatures that are fetched.
-  [[nodiscard]] signing::Judgement judged(std::string_view list, const Use& use) const;
-  [[nodiscard]] signing::Judgement judgedBySignatures(std::string_view list, const Use& use) const;
+  [[nodiscard]] signing::Judgement judged(const signing::ListInHand& list, const Use& use) const;
+  [[nodiscard]] signing::Judgement judgedByRecord(const std::string& digest, const Use& use) const;
+  [[nodiscard]] signing::Judgement judgedBySignatures(const signing::ListInHand& list,
+                                                      const Use& use) const;
   /// Those of all trusted keys; the ones that are not needed as far as they can be had at once.
-  [[nodiscard]] Signatures signaturesOf(std::string_view list,
+  [[nodiscard]] Signatures signaturesOf(const signing::ListInHand& list,
                                         const signing::TrustState& state) const;
   /// Asks for one file. Throws `TransientFailure` only when it is needed.
   void askFor(const std::string& name, bool isNeeded, Signatures& found) const;
-  /// By these signatures, or by what is remembered alone when there are none.
-  [[nodiscard]] signing::Judgement judgedBy(const std::vector<std::string>* signatures,
-                                            std::string_view list, const Use& use) const;
+  /// What `judge` says of what is remembered, of which nothing is changed.
+  [[nodiscard]] signing::Judgement judgedOnly(
+      const std::function<signing::Judgement(const signing::TrustState&)>& judge,
+      const Use& use) const;
   [[nodiscard]] std::string signaturePath(const std::string& name) const;
   void acceptList(std::string_view list, const Use& use) const;
   void tell(const signing::Acceptance& accepted) const;

@@ -114,18 +114,14 @@ std::optional<KeptCopy> keptCopyOf(const std::string& url, const std::string& to
 bool mayStay(const KeptCopy& kept, const DownloadTrust& trust) {
   if (!trust.isOfList()) return true;
   bool isUntouched = false;
-  const bool isAccepted =
-      trust.acceptsKeptList(kept.content(), [&] { isUntouched = kept.isUntouched(); });
+  const bool isAccepted = trust.acceptsKeptList(
+      kept.digest(), [&] { return kept.content(); }, [&] { isUntouched = kept.isUntouched(); });
   return isAccepted && isUntouched;
 }
 
 /// One try, with a temporary file of its own, which is gone when it has failed.
-void downloadOnce(const std::string& fromURL, const std::string& toPath,
-                  const AgentSettings& settings) {
-  const DownloadTrust::FetchSignature signatureAt = [&](const std::string& serverPath) {
-    return fetchSignature(serverPath, toPath, settings);
-  };
-  const DownloadTrust trust(settings, fromURL, signatureAt);
+void downloadHeldAgainst(const DownloadTrust& trust, const std::string& fromURL,
+                         const std::string& toPath, const AgentSettings& settings) {
   DownloadTarget target(toPath, settings.maxDownload);
   const std::string url = urlOfServerPath(settings.serverURL, fromURL);
   std::optional<KeptCopy> kept = keptCopyOf(url, toPath, settings, trust);
@@ -138,6 +134,24 @@ void downloadOnce(const std::string& fromURL, const std::string& toPath,
     if (settings.beforeFileUse) settings.beforeFileUse(toPath);
     target.commit();
   });
+}
+
+/// The same. That the list before counts no more is a part of why there is none.
+void downloadOnce(const std::string& fromURL, const std::string& toPath,
+                  const AgentSettings& settings) {
+  const DownloadTrust::FetchSignature signatureAt = [&](const std::string& serverPath) {
+    return fetchSignature(serverPath, toPath, settings);
+  };
+  const DownloadTrust trust(settings, fromURL, signatureAt);
+  try {
+    downloadHeldAgainst(trust, fromURL, toPath, settings);
+  } catch (const ListRefusal&) {
+    throw;
+  } catch (const TransientFailure& failure) {
+    throw TransientFailure(failure.what() + trust.remarkOnLastList(), failure.askedPause());
+  } catch (const DownloadFailure& failure) {
+    throw DownloadFailure(failure.what() + trust.remarkOnLastList());
+  }
 }
 
 /// "1.5" for 1500.

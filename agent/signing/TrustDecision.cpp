@@ -61,7 +61,7 @@ std::optional<Refusal> complaintAbout(const TrustPolicy& policy, const std::set<
 /// One list being judged.
 class Judging {
  public:
-  Judging(std::string_view list, const TrustPolicy& policy, const TrustState& remembered,
+  Judging(std::string digest, const TrustPolicy& policy, const TrustState& remembered,
           UTCTime clock)
       : policy_(policy),
         keys_(policy.keys.begin(), policy.keys.end()),
@@ -69,12 +69,11 @@ class Judging {
         newest_(newestBy(keys_, remembered)),
         latest_(latestBy(keys_, remembered)),
         clock_(clock),
-        list_(list),
-        digest_(hexDigest(usualDigest(), list)) {}
+        digest_(std::move(digest)) {}
 
-  Judgement bySignatures(const std::vector<std::string>& files) {
+  Judgement bySignatures(std::string_view list, const std::vector<std::string>& files) {
     if (const auto trouble = complaintAbout(policy_, keys_, remembered_)) return *trouble;
-    const ListHash hash = hashOfList(list_);
+    const ListHash hash = hashOfList(list);
     for (const std::string& file : files) take(file, hash);
     return judgement("the list is not signed");
   }
@@ -260,7 +259,6 @@ class Judging {
   const Remembered* const newest_;
   const std::optional<UTCTime> latest_;
   const UTCTime clock_;
-  const std::string_view list_;
   const std::string digest_;
   std::map<PublicKey, SignedComment> counted_;
   Weight weight_ = Weight::none;
@@ -279,14 +277,32 @@ std::string whoSigned(const Acceptance& accepted) {
          std::to_string(accepted.serial) + ", until " + utcTimeText(accepted.expires);
 }
 
-Judgement judgeList(std::string_view list, const std::vector<std::string>& signatureFiles,
+ListInHand::ListInHand(std::string_view list)
+    : bytes(list), digest(hexDigest(usualDigest(), list)) {}
+
+Judgement judgeList(const ListInHand& list, const std::vector<std::string>& signatureFiles,
                     const TrustPolicy& policy, const TrustState& remembered, UTCTime clock) {
-  return Judging(list, policy, remembered, clock).bySignatures(signatureFiles);
+  return Judging(list.digest, policy, remembered, clock).bySignatures(list.bytes, signatureFiles);
 }
 
-Judgement judgeKeptList(std::string_view list, const TrustPolicy& policy,
+Judgement judgeList(std::string_view list, const std::vector<std::string>& signatureFiles,
+                    const TrustPolicy& policy, const TrustState& remembered, UTCTime clock) {
+  return judgeList(ListInHand(list), signatureFiles, policy, remembered, clock);
+}
+
+Judgement judgeKeptList(const std::string& digest, const TrustPolicy& policy,
                         const TrustState& remembered, UTCTime clock) {
-  return Judging(list, policy, remembered, clock).byRecord();
+  return Judging(digest, policy, remembered, clock).byRecord();
+}
+
+std::optional<Refusal> complaintAboutLast(const TrustPolicy& policy, const TrustState& remembered,
+                                          UTCTime clock) {
+  const std::set<PublicKey> keys(policy.keys.begin(), policy.keys.end());
+  const Remembered* const last = newestBy(keys, remembered);
+  if (last == nullptr) return std::nullopt;
+  Judgement judgement = judgeKeptList(last->second.list, policy, remembered, clock);
+  auto* const why = std::get_if<Refusal>(&judgement);
+  return why == nullptr ? std::nullopt : std::optional(std::move(*why));
 }
 
 }  // namespace AgentUtils::signing

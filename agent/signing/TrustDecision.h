@@ -20,6 +20,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -56,19 +57,38 @@ using Judgement = std::variant<Acceptance, Refusal>;
 /// 2026-12-22T11:30:00Z".
 [[nodiscard]] std::string whoSigned(const Acceptance& accepted);
 
-/// Judges the bytes of a list by the signature files that came with it, in any order and number,
+/// A list with the digest by which it is remembered, made once however often it is judged. `bytes`
+/// as long as this.
+struct ListInHand {
+  explicit ListInHand(std::string_view list);
+
+  std::string_view bytes;
+  std::string digest;
+};
+
+/// Judges a list by the signature files that came with it, in any order and number,
 /// among them some that are none. `remembered` is the state so far, `clock` the time of this
 /// computer.
+[[nodiscard]] Judgement judgeList(const ListInHand& list,
+                                  const std::vector<std::string>& signatureFiles,
+                                  const TrustPolicy& policy, const TrustState& remembered,
+                                  UTCTime clock);
 [[nodiscard]] Judgement judgeList(std::string_view list,
                                   const std::vector<std::string>& signatureFiles,
                                   const TrustPolicy& policy, const TrustState& remembered,
                                   UTCTime clock);
 
-/// Judges a list that was kept, by what is remembered of its signatures alone: it counts when it is
-/// the very list that was accepted last and enough of the signatures have not expired. When it does
-/// not, a signature has to be asked for.
-[[nodiscard]] Judgement judgeKeptList(std::string_view list, const TrustPolicy& policy,
+/// Judges a list that was kept and has this digest, by what is remembered of its signatures alone:
+/// it counts when it is the very list that was accepted last and enough of the signatures have not
+/// expired. When it does not, a signature has to be asked for.
+[[nodiscard]] Judgement judgeKeptList(const std::string& digest, const TrustPolicy& policy,
                                       const TrustState& remembered, UTCTime clock);
+
+/// Why the list that was accepted last counts no more: it has expired, or more is asked of it now.
+/// Nothing while it counts, and when none was accepted.
+[[nodiscard]] std::optional<Refusal> complaintAboutLast(const TrustPolicy& policy,
+                                                        const TrustState& remembered,
+                                                        UTCTime clock);
 
 /// How far a computer's clock may stand behind the publisher's.
 inline constexpr std::chrono::seconds kClockTolerance{300};

@@ -7,7 +7,6 @@
 #include <functional>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -37,13 +36,13 @@ class TrustStateFile {
   /// disk, and then `use` is called, with the turn still held: a list that takes its place there is
   /// never put behind a newer one of another request. What it throws comes out. A list whose state
   /// can't be written is refused. Missing directories on the way to the file are made (0700).
-  [[nodiscard]] Judgement accept(std::string_view list,
+  [[nodiscard]] Judgement accept(const ListInHand& list,
                                  const std::vector<std::string>& signatureFiles,
                                  const TrustPolicy& policy, UTCTime clock,
                                  const std::function<void()>& use = {}) const;
 
   /// `judgeKeptList` in the same way: nothing is added to what is remembered.
-  [[nodiscard]] Judgement acceptKept(std::string_view list, const TrustPolicy& policy,
+  [[nodiscard]] Judgement acceptKept(const std::string& digest, const TrustPolicy& policy,
                                      UTCTime clock, const std::function<void()>& use = {}) const;
 
  private:

@@ -68,7 +68,7 @@ std::variant<TrustState, Refusal> TrustStateFile::read() const {
   return state;
 }
 
-Judgement TrustStateFile::accept(std::string_view list,
+Judgement TrustStateFile::accept(const ListInHand& list,
                                  const std::vector<std::string>& signatureFiles,
                                  const TrustPolicy& policy, UTCTime clock,
                                  const std::function<void()>& use) const {
@@ -79,10 +79,10 @@ Judgement TrustStateFile::accept(std::string_view list,
       use);
 }
 
-Judgement TrustStateFile::acceptKept(std::string_view list, const TrustPolicy& policy,
+Judgement TrustStateFile::acceptKept(const std::string& digest, const TrustPolicy& policy,
                                      UTCTime clock, const std::function<void()>& use) const {
-  return judged([&](const TrustState& state) { return judgeKeptList(list, policy, state, clock); },
-                use);
+  return judged(
+      [&](const TrustState& state) { return judgeKeptList(digest, policy, state, clock); }, use);
 }
 
 Judgement TrustStateFile::judged(const std::function<Judgement(const TrustState&)>& judge,

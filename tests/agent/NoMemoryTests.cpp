@@ -136,8 +136,9 @@ TEST(NoMemory, NeverMakesAKeptListCount) {
   const SignedByBoth both;
   for (const bool isTheList : {true, false}) {
     const std::string seen = isTheList ? both.list : both.list + ' ';
-    const auto judgements = judgedWithout(
-        [&] { return judgeKeptList(seen, both.policy, both.accepted, at(kMeanwhile)); });
+    const auto judgements = judgedWithout([&] {
+      return judgeKeptList(ListInHand(seen).digest, both.policy, both.accepted, at(kMeanwhile));
+    });
     EXPECT_GT(judgements.size(), 3U);
     for (const auto& judgement : judgements) {
       if (judgement) {
@@ -156,7 +157,8 @@ TEST(NoMemory, LeavesTheStateOfTrustAsItWasOrAsItIsToBe) {
     bool isAccepted = false;
     failingAllocation = failing;
     try {
-      const Judgement judgement = file.accept(both.list, both.files, both.policy, at(kMeanwhile));
+      const Judgement judgement =
+          file.accept(ListInHand(both.list), both.files, both.policy, at(kMeanwhile));
       isAccepted = std::holds_alternative<Acceptance>(judgement);
     } catch (const std::bad_alloc&) {
     }

@@ -250,6 +250,52 @@ TEST_F(SignedList, ThatIsNotRenewedExpiresForEver) {
   EXPECT_FALSE(fetch());
 }
 
+TEST_F(SignedList, ThatCantBeHadAfterItsExpirySaysSinceWhen) {
+  settings.retries = 0;
+  trust({"first"});
+  publish(kList, commentWith("7"), kTag);
+  ASSERT_TRUE(fetch());
+  const std::string notModified = "HTTP/1.1 304 Not Modified\r\n\r\n";
+  const std::string none = "the list is not signed: signatures/" + digestOf(kList) + ".minisig: ";
+  struct Row {
+    std::string list;
+    std::string signature;
+    std::string cause;
+  };
+  const std::vector<Row> rows = {
+      {notModified, notModified, "the server answered with status 304"},
+      {notModified, httpAnswer("503 Service Unavailable", ""),
+       "signatures/" + digestOf(kList) + ".minisig: the server answered with status 503"},
+      {httpAnswer("404 Not Found", ""), notModified, "the server answered with status 404"},
+      {httpAnswer("503 Service Unavailable", ""), notModified,
+       "the server answered with status 503"},
+      {httpAnswer("200 OK", kList), httpAnswer("404 Not Found", ""),
+       none + "the server answered with status 404"},
+  };
+  clock = "2026-12-22T11:30:00Z";
+  for (const Row& row : rows) {
+    receivedAt(clock);
+    server.answer(kListPath, row.list, HttpServer::Then::keep);
+    server.answer(signaturePath(kList), row.signature, HttpServer::Then::keep);
+    EXPECT_FALSE(fetch()) << row.cause;
+    EXPECT_EQ(log.lines().back(),
+              kFailed + kListPath + " failed: " + row.cause +
+                  "; the list that was accepted last counts no more: the signature by the key "
+                  "808CC446AE5308A3 expired at 2026-12-22T11:30:00Z");
+  }
+  // Before it has expired, or of what is no list, there is nothing to say of it.
+  const std::string document = kPlace + ("data/" + digestOf("") + ".xml");
+  server.answer(document, httpAnswer("404 Not Found", ""), HttpServer::Then::keep);
+  EXPECT_FALSE(download(document, base / "document"));
+  EXPECT_EQ(log.lines().back(),
+            kFailed + document + " failed: the server answered with status 404");
+  clock = "2026-12-22T11:29:59Z";
+  server.answer(kListPath, httpAnswer("404 Not Found", ""), HttpServer::Then::keep);
+  EXPECT_FALSE(fetch());
+  EXPECT_EQ(log.lines().back(),
+            kFailed + kListPath + " failed: the server answered with status 404");
+}
+
 TEST_F(SignedList, KeptFromATimeWithoutKeysNeedsASignature) {
   settings.trustedKeys.clear();
   useServer(server.url());

@@ -44,7 +44,7 @@ class Computer {
   }
 
   std::string keep(const std::string& list, std::string_view clock = kMeanwhile) const {
-    return outcome(judgeKeptList(list, policy, state, at(clock)));
+    return outcome(judgeKeptList(ListInHand(list).digest, policy, state, at(clock)));
   }
 
   TrustPolicy policy{{}, 1, "acme"};
@@ -206,7 +206,8 @@ TEST(JudgeList, CountsForAsLongAsEnoughSignaturesDo) {
                    "list", commentWith("1", "2026-11-22T11:30:00Z", "2026-12-05T00:00:00Z"))});
   EXPECT_EQ(std::get<Acceptance>(both).expires, at("2026-12-05T00:00:00Z"));
   computer.trust({"first", "second"}, 1);
-  const auto one = judgeKeptList("list", computer.policy, computer.state, at(kMeanwhile));
+  const auto one =
+      judgeKeptList(ListInHand("list").digest, computer.policy, computer.state, at(kMeanwhile));
   EXPECT_EQ(std::get<Acceptance>(one).expires, at("2026-12-22T11:30:00Z"));
 }
 

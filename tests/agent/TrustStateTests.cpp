@@ -130,8 +130,8 @@ class TrustStateFileTest : public testing::Test {
 
   std::string accept(int serial) const {
     const std::string text = std::to_string(serial);
-    return outcome(file().accept(text, {Signer("first").sign(text, commentWith(text))}, policy_,
-                                 at(kMeanwhile)));
+    return outcome(file().accept(ListInHand(text), {Signer("first").sign(text, commentWith(text))},
+                                 policy_, at(kMeanwhile)));
   }
 
   [[nodiscard]] std::string refusal() const {
@@ -259,8 +259,8 @@ TEST_F(TrustStateFileTest, HasRememberedAListBeforeItIsUsedAndKeepsTheTurnMeanwh
   int uses = 0;
   const auto acceptFor = [&](int serial, const std::function<void()>& use) {
     const std::string text = std::to_string(serial);
-    return outcome(file().accept(text, {Signer("first").sign(text, commentWith(text))}, policy_,
-                                 at(kMeanwhile), use));
+    return outcome(file().accept(ListInHand(text), {Signer("first").sign(text, commentWith(text))},
+                                 policy_, at(kMeanwhile), use));
   };
   const auto look = [&] {
     ++uses;
@@ -274,8 +274,9 @@ TEST_F(TrustStateFileTest, HasRememberedAListBeforeItIsUsedAndKeepsTheTurnMeanwh
   EXPECT_EQ(acceptFor(7, look), "(accepted)");
   EXPECT_NE(acceptFor(6, look), "(accepted)");
   EXPECT_EQ(uses, 2);
-  EXPECT_EQ(outcome(file().acceptKept("7", policy_, at(kMeanwhile), look)), "(accepted)");
-  EXPECT_EQ(outcome(file().acceptKept("6", policy_, at(kMeanwhile), look)),
+  EXPECT_EQ(outcome(file().acceptKept(ListInHand("7").digest, policy_, at(kMeanwhile), look)),
+            "(accepted)");
+  EXPECT_EQ(outcome(file().acceptKept(ListInHand("6").digest, policy_, at(kMeanwhile), look)),
             "the list is not the one that was accepted last");
   EXPECT_EQ(uses, 3);
   EXPECT_THROW(static_cast<void>(acceptFor(8, [] { throw std::runtime_error("no room"); })),

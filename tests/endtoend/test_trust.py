@@ -94,6 +94,29 @@ class SignedTest(SignedCase):
         self.assert_runs("done\n")
         self.assertEqual(self.asked(), [(LIST_PATH, "304")])
 
+    def test_a_server_that_goes_on_answering_304_does_not_hide_the_expiry(self):
+        frozen = self.path("frozen")
+        self.serve("frozen-server", extra=f"if (-f {frozen}) {{ return 304; }}")
+        self.put_bound()
+        self.age_list()
+        end = utc(seconds=3)
+        self.sign(expires=end)
+        self.assert_runs("done\n")
+        with open(frozen, "w", encoding="utf-8"):
+            pass
+        answer = {}
+
+        def expired():
+            answer.update(self.run_json())
+            return answer["status"] == "not_run"
+
+        self.wait_until(expired, "the expiry")
+        self.assertEqual(
+            answer["reason"],
+            f"The list of customer {CUSTOMER} can't be fetched from {self.server}{LIST_PATH}: the "
+            "server answered with status 304; the list that was accepted last counts no more: the "
+            f"signature by the key {self.key.name} expired at {end}")
+
     def test_two_keys_where_two_are_needed(self):
         second = Key()
         self.trusted.append(second)
