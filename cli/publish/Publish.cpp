@@ -355,7 +355,7 @@ class Publisher {
       }
     }
     if (!announced_ || !writeOutput(text + ".\n")) return kExitNotRun;
-    remarkOnMissing();
+    remarkOnKeys();
     if (!pending || hasExpired) remark();
     return pending ? kExitPending : kExitSuccess;
   }
@@ -420,15 +420,20 @@ class Publisher {
     if (error) return reportUnread(error);
     if (const auto why = signing_->renew(old_.bytes, now())) return refuse(why->sentence);
     if (options_.check) {
-      const bool told = writeOutput("The list is to be signed " + signing_->summary() + ".\n");
-      return told ? kExitPending : kExitNotRun;
+      return tellOfRenewal("The list is to be signed ") ? kExitPending : kExitNotRun;
     }
     // A tree that was copied here has no lock yet.
     if (!files_.isOpen()) files_.open(options_.outputDirectory, repository, error);
     if (!error) addSignatures(error);
     if (!error) files_.removeLeftovers(error);
     if (error) return reportFailure(error);
-    return writeOutput("Signed " + signing_->summary() + ".\n") ? kExitSuccess : kExitNotRun;
+    return tellOfRenewal("Signed ") ? kExitSuccess : kExitNotRun;
+  }
+
+  bool tellOfRenewal(const std::string& done) {
+    if (!writeOutput(done + signing_->summary() + ".\n")) return false;
+    remarkOnKeys();
+    return true;
   }
 
   // Leaves the list where somebody else takes it to be signed; the tree is not touched.
@@ -464,9 +469,11 @@ class Publisher {
     return signing_ ? signing_->remark() : remarkOnSignatures(files_, oldSignatures_, now());
   }
 
-  void remarkOnMissing() {
+  // On what computers that need several signatures would miss.
+  void remarkOnKeys() {
     if (!signing_) return;
     for (const std::string& sentence : signing_->missing()) writeRemark(sentence, settings_);
+    for (const std::string& sentence : signing_->otherSerials()) writeRemark(sentence, settings_);
   }
 
   void remark() {
@@ -567,7 +574,7 @@ class Publisher {
     text += ".\n";
     if (isSigned) text += "Signed " + signing_->summary() + ".\n";
     if (!writeOutput(text)) return kExitNotRun;
-    remarkOnMissing();
+    remarkOnKeys();
     if (!listWritten) remark();
     return kExitSuccess;
   }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <ranges>
+#include <set>
 
 #include "Digest.h"
 
@@ -25,9 +26,11 @@ Refusal countsLonger(const PublicKey& key, const SignedComment& comment,
           " already, and would for less long; " + remedy};
 }
 
+bool isLast(std::uint64_t serial) { return serial == std::numeric_limits<std::uint64_t>::max(); }
+
 // A list with the last serial would be the last one: who has driven it there was a thief.
 std::optional<Refusal> complaintAboutSerial(const PublicKey& key, std::uint64_t serial) {
-  if (serial != std::numeric_limits<std::uint64_t>::max()) return std::nullopt;
+  if (!isLast(serial)) return std::nullopt;
   return Refusal{nameOf(key) + " has signed the serial " + std::to_string(serial) +
                  ", which none can follow; publish with other keys alone"};
 }
@@ -71,6 +74,7 @@ std::optional<ExpiryRemark> remarkOnSignatures(ServerFiles& files, const Content
 
 void Signing::look(ServerFiles& files, std::error_code& error) {
   published_.clear();
+  foreign_.clear();
   places_.clear();
   const std::vector<std::string> names = files.signatures(error);
   if (error) return;
@@ -89,6 +93,9 @@ void Signing::take(const std::string& name, std::string_view text) {
   const auto* const signature = std::get_if<ListSignature>(&parsed);
   if (signature == nullptr) return;
   places_.insert_or_assign(name, signature->key);
+  if (std::ranges::find(known_, signature->key, &PublicKey::number) == known_.end()) {
+    return takeForeign(name, *signature);
+  }
   for (const PublicKey& key : known_) {
     if (key.number != signature->key || !isCommentSigned(*signature, key)) continue;
     const auto comment = signing::parseSignedComment(signature->comment);
@@ -96,6 +103,13 @@ void Signing::take(const std::string& name, std::string_view text) {
     if (said == nullptr || said->customer != customer_) continue;
     published_.push_back({name, key, signedListIn(name).value_or(""), *signature, *said});
   }
+}
+
+void Signing::takeForeign(const std::string& name, const ListSignature& signature) {
+  const auto comment = signing::parseSignedComment(signature.comment);
+  const auto* const said = std::get_if<SignedComment>(&comment);
+  if (said == nullptr || said->customer != customer_) return;
+  foreign_.push_back({signature.key, signedListIn(name).value_or(""), *said});
 }
 
 std::optional<Refusal> Signing::sign(std::string_view list, UTCTime now) {
@@ -189,6 +203,7 @@ void Signing::beginWith(std::string_view list) {
   accepted_.reset();
   remark_.reset();
   missing_.clear();
+  otherSerials_.clear();
 }
 
 const Signing::Known* Signing::newestOf(const PublicKey& key) const {
@@ -299,6 +314,33 @@ void Signing::lookForMissing(std::uint64_t serial, UTCTime now) {
   }
 }
 
+// Two keys that sign one list one after the other do so under two serials, and computers that need
+// several signatures want them of one. What has been before, and came back, is no such list; a key
+// with the last serial was a thief's.
+void Signing::lookForOtherSerials(UTCTime now) {
+  std::uint64_t before = 0;
+  for (const Known& known : published_) {
+    if (known.digest != digest_) before = std::max(before, known.comment.serial);
+  }
+  std::map<signing::KeyNumber, std::uint64_t> others;
+  std::set<signing::KeyNumber> agreed;
+  for (const Foreign& each : foreign_) {
+    const std::uint64_t serial = each.comment.serial;
+    if (each.digest != digest_ || now >= each.comment.expires) continue;
+    if (serial <= before || isLast(serial)) continue;
+    if (serial == accepted_->serial) agreed.insert(each.key);
+    others[each.key] = std::max(others[each.key], serial);
+  }
+  for (const auto& [key, serial] : others) {
+    if (agreed.contains(key)) continue;
+    otherSerials_.push_back(
+        "the key " + signing::keyName(key) + " has signed the same list with the serial " +
+        std::to_string(serial) + ", not " + std::to_string(accepted_->serial) +
+        "; computers that need the signatures of both refuse it; publish --renew with both keys "
+        "brings them to one serial");
+  }
+}
+
 std::variant<std::uint64_t, Refusal> Signing::serialFor(UTCTime now) const {
   if (attachedSerial_) return *attachedSerial_;
   const auto seconds =
@@ -343,6 +385,7 @@ std::optional<Refusal> Signing::conclude(std::string_view list, UTCTime now) {
   auto judgement = judgeList(list, texts_, {signedBy_, signedBy_.size(), customer_}, state(), now);
   if (auto* const why = std::get_if<Refusal>(&judgement)) return std::move(*why);
   accepted_ = std::move(std::get<signing::Acceptance>(judgement));
+  lookForOtherSerials(now);
   return std::nullopt;
 }
 

@@ -101,6 +101,11 @@ class Signing {
   /// A sentence on each key of those who sign elsewhere whose signature the list then lacks.
   [[nodiscard]] const std::vector<std::string>& missing() const { return missing_; }
 
+  /// A sentence on each other key that has signed this very list with another serial, higher than
+  /// any of the lists before, as its signature in the tree says, which nobody has held against the
+  /// key.
+  [[nodiscard]] const std::vector<std::string>& otherSerials() const { return otherSerials_; }
+
   /// `remarkOnExpiry` of a signature that stays as it is.
   [[nodiscard]] const std::optional<ExpiryRemark>& remark() const { return remark_; }
 
@@ -114,7 +119,15 @@ class Signing {
     SignedComment comment;
   };
 
+  /// A signature of the tree that says it is by another key, for this customer.
+  struct Foreign {
+    AgentUtils::signing::KeyNumber key;
+    std::string digest;  ///< of its list, as its name tells it
+    SignedComment comment;
+  };
+
   void take(const std::string& name, std::string_view text);
+  void takeForeign(const std::string& name, const ListSignature& signature);
   void beginWith(std::string_view list);
   [[nodiscard]] const Known* newestOf(const PublicKey& key) const;
   [[nodiscard]] const Known* newest() const;
@@ -123,6 +136,7 @@ class Signing {
   [[nodiscard]] std::optional<Refusal> attach(std::string_view list, UTCTime now);
   [[nodiscard]] Refusal notAttached(std::string_view text, std::string why) const;
   void lookForMissing(std::uint64_t serial, UTCTime now);
+  void lookForOtherSerials(UTCTime now);
   [[nodiscard]] std::variant<std::uint64_t, Refusal> serialFor(UTCTime now) const;
   void make(const keys::SecretKey& key, std::string_view list, std::uint64_t serial, UTCTime now);
   void put(const PublicKey& key, std::string bytes);
@@ -136,6 +150,7 @@ class Signing {
 
   // Of the tree.
   std::vector<Known> published_;
+  std::vector<Foreign> foreign_;
   std::map<std::string, AgentUtils::signing::KeyNumber>
       places_;  ///< which key a file says it is by
 
@@ -149,6 +164,7 @@ class Signing {
   std::optional<AgentUtils::signing::Acceptance> accepted_;
   std::optional<ExpiryRemark> remark_;
   std::vector<std::string> missing_;
+  std::vector<std::string> otherSerials_;
 };
 
 }  // namespace VarnScripts::publishing

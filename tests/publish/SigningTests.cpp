@@ -93,6 +93,7 @@ class SigningTest : public testing::Test {
     }
     remark_ = signing.remark() ? signing.remark()->text : "";
     missing_ = signing.missing();
+    otherSerials_ = signing.otherSerials();
     return signing.summary();
   }
 
@@ -111,6 +112,7 @@ class SigningTest : public testing::Test {
   std::vector<std::string> written_;
   std::string remark_;
   std::vector<std::string> missing_;
+  std::vector<std::string> otherSerials_;
 };
 
 TEST_F(SigningTest, TheFirstSerialIsTheTimeAndTheNextOneIsHigher) {
@@ -293,6 +295,50 @@ TEST_F(SigningTest, RenewingBringsSignaturesThatWereMadeApartToOneSerial) {
   EXPECT_EQ(renew(here({&key_, &other_}), kList, later),
             "by " + nameOf(key_) + " and " + nameOf(other_) +
                 " with the serial 1795348802 until 2026-12-22T12:00:02Z");
+}
+
+TEST_F(SigningTest, AnotherKeyWithAnotherSerialOverTheSameListIsRemarkedOn) {
+  const auto remarkOn = [&](const keys::SecretKey& key, const std::string& serial,
+                            const std::string& own) {
+    return std::vector<std::string>{
+        "the key " + nameOf(key) + " has signed the same list with the serial " + serial +
+        ", not " + own +
+        "; computers that need the signatures of both refuse it; publish --renew with both keys "
+        "brings them to one serial"};
+  };
+  const std::vector<std::string> nothing;
+  sign(here({&key_}), kList, kNoon);
+  EXPECT_EQ(otherSerials_, nothing);
+  const UTCTime later = kNoon + std::chrono::seconds(2);
+  sign(here({&other_}), kList, later);
+  EXPECT_EQ(otherSerials_, remarkOn(key_, "1795348800", "1795348802"));
+  // For as long as it is so, whichever of them signs.
+  sign(here({&key_}), kList, later);
+  EXPECT_EQ(otherSerials_, remarkOn(other_, "1795348802", "1795348800"));
+  renew(here({&key_}), kList, later);
+  EXPECT_EQ(otherSerials_, remarkOn(other_, "1795348802", "1795348800"));
+  renew(here({&key_, &other_}), kList, later);
+  EXPECT_EQ(otherSerials_, nothing);
+  sign(here({&key_}), kList, later);
+  EXPECT_EQ(otherSerials_, nothing);
+  // Of an earlier publication, expired, for another customer, or a thief's, it is another matter.
+  sign(here({&key_}), kOtherList, later);
+  EXPECT_EQ(otherSerials_, nothing);
+  signedBefore(other_, kOtherList, 1795348802);
+  sign(here({&key_}), kOtherList, later);
+  EXPECT_EQ(otherSerials_, nothing);
+  signedBefore(other_, kOtherList, 1900000000, kNoon - std::chrono::days(31));
+  sign(here({&key_}), kOtherList, later);
+  EXPECT_EQ(otherSerials_, nothing);
+  signedBefore(other_, kOtherList, 1900000000, kNoon, "another");
+  sign(here({&key_}), kOtherList, later);
+  EXPECT_EQ(otherSerials_, nothing);
+  signedBefore(other_, kOtherList, std::numeric_limits<std::uint64_t>::max());
+  sign(here({&key_}), kOtherList, later);
+  EXPECT_EQ(otherSerials_, nothing);
+  signedBefore(other_, kOtherList, 1900000000);
+  sign(here({&key_}), kOtherList, later);
+  EXPECT_EQ(otherSerials_, remarkOn(other_, "1900000000", "1795348803"));
 }
 
 TEST_F(SigningTest, ASignatureThatSoonExpiresIsRemarkedOn) {

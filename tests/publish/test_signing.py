@@ -284,6 +284,26 @@ class Rotation(SigningCase):
         self.assert_verified(new)
         self.assertEqual(self.verified(old).status, 1)
 
+    def test_by_one_key_after_the_other_is_remarked_on(self):
+        one, other = self.key, self.make_key("other.key")
+        self.sign()
+        first = self.serial()
+        self.wait_until(lambda: int(time.time()) > first, "the next second")
+        result = self.publish("--sign-with", other)
+        remark = (f"varn-scripts: the key {self.number(one)} has signed the same list with the serial "
+                  f"{first}, not {self.serial(other)}; computers that need the signatures of both "
+                  "refuse it; publish --renew with both keys brings them to one serial\n")
+        self.assertEqual((result.status, result.error), (0, remark))
+        self.assertEqual(self.verified(one, other, needed=2).status, 1)
+        for arguments, status in ((["--check"], 0), ([], 0)):
+            result = self.publish("--sign-with", other, *arguments)
+            self.assertEqual((result.status, result.error), (status, remark), arguments)
+        result = self.renew("--expires", "60d", key=other)
+        self.assertEqual((result.status, result.error), (0, remark))
+        result = self.renew("--sign-with", one, "--expires", "60d", key=other)
+        self.assertEqual((result.status, result.error), (0, ""))
+        self.assert_verified(one, other, needed=2)
+
     @unittest.skipUnless(MINISIGN, "no minisign here")
     def test_heals_a_serial_that_a_thief_has_driven_to_its_end(self):
         stolen, new = self.key, self.make_key("new.key")
