@@ -42,7 +42,8 @@ class Program:
 
     `fresh` starts it anew for each sample, so that memory is that of one call; `rounds` is how many
     rounds it has, apart from the others, where it is too slow for all of theirs; `expect` is the
-    result that each call must have; `memory` is what is touched before each sample."""
+    result that each call must have; `memory` is what is touched before each sample; `before` is
+    called before each question, outside of what is measured."""
 
     def __init__(
         self,
@@ -54,6 +55,7 @@ class Program:
         settings=None,
         descriptors=None,
         memory=0,
+        before=None,
     ):
         self.name = name
         self.arguments = [str(argument) for argument in arguments]
@@ -61,6 +63,7 @@ class Program:
         self.rounds = rounds
         self.expect = expect
         self.memory = memory
+        self._before = before
         self._environment = {**environment(), **(settings or {})}
         self._descriptors = descriptors
         self._process = None
@@ -91,6 +94,8 @@ class Program:
         )
 
     def _ask(self, calls):
+        if self._before:
+            self._before()
         try:
             self._process.stdin.write(f"{calls}\n")
             self._process.stdin.flush()

@@ -21,6 +21,14 @@ def ratios(ours, limit):
     }
 
 
+def differences(ours, limit):
+    """How much more ours is than the limit's, likewise."""
+    return {
+        "median": statistics.median(ours) - statistics.median(limit),
+        "best": min(ours) - min(limit),
+    }
+
+
 def spread(samples):
     """How far the middle half of the samples lies apart, as a part of their median."""
     if not isinstance(samples, list) or len(samples) < 2:
@@ -39,10 +47,13 @@ def mark(found, target):
 
 def row(piece, limit, target, ours, limits, peers=None, skipped=None, form="ratio", note=""):
     """One row: what was measured, beside which limit, and the figures. `form` is "ratio", "speed"
-    (of the limit's, where more is better, and the target is the least) or a unit ("ms") of which
-    `ours` are plain numbers."""
+    (of the limit's, where more is better, and the target is the least), a unit ("ms") of which
+    `ours` are plain numbers, or a unit with "more" ("ms more") of which both are, and the figure
+    is their difference."""
     if form in ("ratio", "speed"):
         found = ratios(ours, limits)
+    elif form.endswith(" more"):
+        found = differences(ours, limits)
     else:
         found = ratios(ours, 1)
     marked = mark(found, 1 / target if form == "speed" and target else target)
@@ -62,7 +73,7 @@ def row(piece, limit, target, ours, limits, peers=None, skipped=None, form="rati
         "median": found["median"],
         "best": found["best"],
         "mark": marked,
-        "noise": spread(limits if form in ("ratio", "speed") else ours),
+        "noise": spread(limits if isinstance(limits, list) else ours),
         "samples": len(ours),
         "ours": statistics.median(ours),
         "limit_value": statistics.median(limits) if isinstance(limits, list) else limits,
@@ -112,8 +123,10 @@ def growth(name, size, samples):
 
 def number(value):
     """Two or three digits."""
+    if value == 0:
+        return "0"
     for least, decimals in ((100, 0), (10, 1), (0.1, 2)):
-        if value >= least:
+        if abs(value) >= least:
             return f"{value:.{decimals}f}"
     return f"{value:.3f}"
 
@@ -145,7 +158,9 @@ def target_text(found):
 
 
 def peers_text(found):
-    said = [f"{name} {figure(peer['median'], found['form'])}" for name, peer in found["peers"].items()]
+    # What a peer takes is no difference.
+    form = found["form"].removesuffix(" more")
+    said = [f"{name} {figure(peer['median'], form)}" for name, peer in found["peers"].items()]
     said += [f"{name} skipped: {why}" for name, why in found["skipped"].items()]
     return ", ".join(said)
 

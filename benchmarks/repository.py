@@ -8,6 +8,7 @@ import shutil
 import socket
 import subprocess
 import time
+import urllib.request
 
 CUSTOMER = "7"
 REPOSITORY = pathlib.Path("client-data") / CUSTOMER / "scriptrepo"
@@ -111,10 +112,56 @@ def write_repository(root, count, script, content=SCRIPT):
         os.utime(path, (an_hour_ago, an_hour_ago))
 
 
-class Server:
-    """nginx over a directory, on a free port of the loopback interface."""
+class SignedTree:
+    """A published tree of `count` scripts whose list is signed with the key `key`, made by the
+    command. The one whose ID is `count` is another one after each change."""
 
-    def __init__(self, directory, root):
+    def __init__(self, command, directory, count):
+        self.root = directory / "root"
+        self.key = directory / "key"
+        self._command = command
+        self._source = directory / "source"
+        self._count = count
+        self._changes = 0
+        self._source.mkdir(parents=True)
+        self._run("key", "generate", self.key, "--no-passphrase")
+        manifest = ""
+        for number in range(1, count + 1):
+            (self._source / script_name(number)).write_bytes(SCRIPT)
+            manifest += f'[[script]]\nid = "{number}"\nfile = "{script_name(number)}"\n'
+        (self._source / "scripts.toml").write_text(manifest, encoding="ascii")
+        self.change()
+
+    def change(self):
+        self._changes += 1
+        changed = self._source / script_name(self._count)
+        changed.write_bytes(SCRIPT + f"# {self._changes}\n".encode())
+        self._run("--customer", CUSTOMER, "publish", self._source, self.root, "--sign-with", self.key)
+        # A time of its own for each list, and one that has settled.
+        moment = time.time() - 7200 + self._changes
+        os.utime(self.root / REPOSITORY / "scripts-meta.xml", (moment, moment))
+
+    def _run(self, *arguments):
+        environment = {name: v for name, v in os.environ.items() if not name.startswith("VARN_")}
+        subprocess.run(
+            [str(self._command), *map(str, arguments)],
+            env=environment,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL,
+            check=True,
+        )
+
+
+class Server:
+    """nginx over a directory, on a free port of the loopback interface. With `counts` it keeps
+    account of the requests."""
+
+    MARK = "/mark-in-the-log"
+
+    def __init__(self, directory, root, counts=False):
+        self._log = directory / "requests"
+        self._marks = 0
+        log = f"log_format path $uri; access_log {self._log} path" if counts else "access_log off"
         with socket.socket() as probe:
             probe.bind(("127.0.0.1", 0))
             self.port = probe.getsockname()[1]
@@ -127,8 +174,9 @@ class Server:
         )
         config.write_text(
             f"{user} daemon off; worker_processes 1; pid {directory}/pid; error_log stderr error;\n"
-            f"events {{ worker_connections 64; }}\nhttp {{\n  access_log off; sendfile on;\n"
-            f"{temporary}  server {{ listen 127.0.0.1:{self.port}; root {root}; }}\n}}\n",
+            f"events {{ worker_connections 64; }}\nhttp {{\n  {log}; sendfile on;\n"
+            f"{temporary}  server {{ listen 127.0.0.1:{self.port}; root {root};"
+            f" location = {self.MARK} {{ return 204; }} }}\n}}\n",
             encoding="utf-8",
         )
         self._process = subprocess.Popen(
@@ -144,6 +192,19 @@ class Server:
             time.sleep(0.02)
         self.stop()
         raise RuntimeError("nginx did not start")
+
+    def requests(self):
+        """How many there were so far, but for those of this function."""
+        direct = urllib.request.build_opener(urllib.request.ProxyHandler({}))
+        direct.open(self.url + self.MARK).close()
+        deadline = time.monotonic() + 20
+        while time.monotonic() < deadline:
+            paths = self._log.read_text(encoding="utf-8").splitlines()
+            if paths.count(self.MARK) > self._marks:
+                self._marks = paths.count(self.MARK)
+                return len(paths) - self._marks
+            time.sleep(0.01)
+        raise RuntimeError("nginx wrote no log")
 
     @staticmethod
     def missing():

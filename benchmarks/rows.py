@@ -10,6 +10,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import time
 
 import figures
 import repository
@@ -521,6 +522,125 @@ def short_run(bench):
     shutil.rmtree(place)
 
 
+def with_and_without_keys(bench, tree, url, place, **options):
+    """The same run by a computer that trusts the list's key, and by one that trusts none."""
+    programs = []
+    for name, trust in (("library", ["--trusted-key", f"{tree.key}.pub"]), ("limit", [])):
+        (place / name).mkdir(mode=0o700)
+        command = command_arguments(bench, place / name, url, *trust, "run", SCRIPT_ID)
+        programs.append(Program(name, [bench.program("meter"), *command], **options))
+    return programs
+
+
+def requests_of(program, server, before):
+    """How many requests each of a few runs makes."""
+    counts = []
+    for _ in range(3):
+        before()
+        first = server.requests()
+        subprocess.run(
+            program.arguments[1:],
+            env=environment(),
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL,
+            stderr=subprocess.DEVNULL,
+            check=True,
+        )
+        counts.append(server.requests() - first)
+    return counts
+
+
+def synced_replacements(directory, count):
+    """How many milliseconds it takes there to replace a small file so that it stays replaced."""
+    samples = []
+    for _ in range(count):
+        begin = time.perf_counter()
+        with open(directory / "new", "wb") as file:
+            file.write(b"x" * 512)
+            file.flush()
+            os.fsync(file.fileno())
+        os.rename(directory / "new", directory / "file")
+        names = os.open(directory, os.O_RDONLY | os.O_DIRECTORY)
+        os.fsync(names)
+        os.close(names)
+        samples.append((time.perf_counter() - begin) * 1000)
+    return samples
+
+
+def in_milliseconds(samples):
+    return [seconds * 1000 for seconds in samples]
+
+
+def signed_run(bench):
+    """What trusted keys cost: a list that is unchanged, and one that has changed."""
+    why = repository.Server.missing()
+    if why:
+        yield figures.skipped_row("varn-scripts run, trusted keys", why)
+        return
+    place = bench.new("signed-run")
+    tree = repository.SignedTree(bench.command, place / "published", 100)
+    server = repository.Server(place / "nginx", tree.root, counts=True)
+    try:
+        yield from unchanged_list(bench, tree, server, place / "unchanged")
+        yield from changed_list(bench, tree, server, place / "changed")
+        with bench.on_disk() as directory:
+            yield changed_list_on_disk(bench, tree, server, pathlib.Path(directory))
+    finally:
+        server.stop()
+    shutil.rmtree(place)
+
+
+WITHOUT_KEYS = "the same without keys"
+
+
+def unchanged_list(bench, tree, server, place):
+    place.mkdir()
+    programs = with_and_without_keys(bench, tree, server.url, place)
+    turns = bench.turns(programs, 5, bench.rounds(40, 10))
+    for what, words in (("processor", "processor time"), ("wall", "wall")):
+        yield figures.row(
+            f"varn-scripts run, trusted key, unchanged list of 100 entries, nginx, {words}",
+            WITHOUT_KEYS,
+            1.1,
+            turns.of("library", what),
+            turns.of("limit", what),
+        )
+    counts = [requests_of(program, server, lambda: None) for program in programs]
+    yield figures.row("the same, requests", WITHOUT_KEYS, 0, *counts, form="requests more")
+
+
+def changed_list(bench, tree, server, place):
+    place.mkdir()
+    programs = with_and_without_keys(bench, tree, server.url, place, before=tree.change)
+    turns = bench.turns(programs, 1, bench.rounds(60, 15))
+    for what, words in (("processor", "processor time"), ("wall", "wall")):
+        yield figures.row(
+            f"varn-scripts run, trusted key, changed list of 100 entries, nginx, {words}",
+            WITHOUT_KEYS,
+            2,
+            in_milliseconds(turns.of("library", what)),
+            in_milliseconds(turns.of("limit", what)),
+            form="ms more",
+        )
+    counts = [requests_of(program, server, tree.change) for program in programs]
+    yield figures.row("the same, requests", WITHOUT_KEYS, 1, *counts, form="requests more")
+
+
+def changed_list_on_disk(bench, tree, server, place):
+    """What is remembered of a list is synced before the list is used, and a disk takes its time."""
+    programs = with_and_without_keys(bench, tree, server.url, place, before=tree.change)
+    turns = bench.turns(programs, 1, bench.rounds(60, 15))
+    return figures.row(
+        "varn-scripts run, trusted key, changed list, wall, the computer's files on a disk",
+        WITHOUT_KEYS,
+        None,
+        in_milliseconds(turns.of("library", "wall")),
+        in_milliseconds(turns.of("limit", "wall")),
+        {"replacing one small file there, synced": synced_replacements(place, 60)},
+        form="ms more",
+    )
+
+
 def long_output(bench):
     """A whole run whose script writes much. The meter's result is the most memory of a process."""
     size = 64 * MIB
@@ -659,6 +779,7 @@ GROUPS = (
     request,
     whole_run,
     short_run,
+    signed_run,
     long_output,
     start_up,
     removal,
