@@ -414,6 +414,20 @@ TEST_F(SignedList, IsRefusedWithASignatureThatIsTooLong) {
                 ": longer than a signature file may be (4096 bytes)");
 }
 
+TEST_F(SignedList, IsRefusedWithASignatureThatCrawls) {
+  settings.slowestWindow = std::chrono::seconds(1);
+  useServer(server.url());
+  serveList(kList);
+  server.answer(signaturePath(kList), "HTTP/1.1 200 OK\r\nContent-Length: 300\r\n\r\nuntrusted",
+                HttpServer::Then::keep);
+  EXPECT_FALSE(fetch());
+  EXPECT_FALSE(std::filesystem::exists(target));
+  EXPECT_NE(log.lines().back().find("the list is not signed: signatures/" + digestOf(kList) +
+                                    ".minisig: too slow: "),
+            std::string::npos)
+      << log.lines().back();
+}
+
 TEST_F(SignedList, WithoutASignatureIsRefusedByThatName) {
   serveList(kList);
   expectRefused("the list is not signed: signatures/" + digestOf(kList) +
