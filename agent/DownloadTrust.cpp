@@ -14,6 +14,7 @@
 #include "Digest.h"
 #include "DownloadRetries.h"
 #include "DownloadTarget.h"
+#include "Pieces.h"
 #include "signing/BoundPath.h"
 #include "signing/ListSignature.h"
 
@@ -146,13 +147,18 @@ bool DownloadTrust::acceptsKeptList(const std::string& digest, const Content& co
   return accepted != nullptr;
 }
 
-std::string DownloadTrust::remarkOnLastList() const {
-  if (kind_ != Kind::list) return {};
+std::string DownloadTrust::withRemarkOnLastList(std::string why) const {
+  // What a server says may be as long as it likes, and whoever shows a reason shortens it.
+  constexpr std::size_t kMostOfTheWords = 512;
+  if (kind_ != Kind::list) return why;
   const auto remembered = remembered_.read();
   const auto* const state = std::get_if<signing::TrustState>(&remembered);
-  if (state == nullptr) return {};
-  const auto why = signing::complaintAboutLast(policy_, *state, now(settings_));
-  return why ? "; the list that was accepted last counts no more: " + why->sentence : "";
+  if (state == nullptr) return why;
+  const auto complaint = signing::complaintAboutLast(policy_, *state, now(settings_));
+  if (!complaint) return why;
+  std::string text(beginningOf(why, kMostOfTheWords));
+  if (text.size() < why.size()) text += "…";
+  return text + "; the list that was accepted last counts no more: " + complaint->sentence;
 }
 
 Judgement DownloadTrust::judged(const signing::ListInHand& list, const Use& use) const {
@@ -176,7 +182,7 @@ Judgement DownloadTrust::judgedBySignatures(const signing::ListInHand& list, con
   const Signatures found = signaturesOf(list, std::get<signing::TrustState>(remembered));
   if (found.files.empty()) {
     const std::string& why = found.unreadable.empty() ? found.missing : found.unreadable;
-    return Refusal{"the list is not signed: " + why + remarkOnLastList()};
+    return Refusal{withRemarkOnLastList("the list is not signed: " + why)};
   }
   const signing::UTCTime clock = now(settings_);
   Judgement judgement =

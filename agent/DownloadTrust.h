@@ -74,9 +74,9 @@ class DownloadTrust {
   [[nodiscard]] bool acceptsKeptList(const std::string& digest, const Content& content,
                                      const Use& use) const;
 
-  /// What to say beside why no list could be had: "; the list that was accepted last counts no
-  /// more: " and why. Empty while it counts, and for what is no list.
-  [[nodiscard]] std::string remarkOnLastList() const;
+  /// `why` no list could be had, and "; the list that was accepted last counts no more: " and why,
+  /// where it does not. Then only the beginning of a long `why` is left.
+  [[nodiscard]] std::string withRemarkOnLastList(std::string why) const;
 
  private:
   enum class Kind { unchecked, list, bound };

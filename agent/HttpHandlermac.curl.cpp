@@ -148,9 +148,9 @@ void downloadOnce(const std::string& fromURL, const std::string& toPath,
   } catch (const ListRefusal&) {
     throw;
   } catch (const TransientFailure& failure) {
-    throw TransientFailure(failure.what() + trust.remarkOnLastList(), failure.askedPause());
+    throw TransientFailure(trust.withRemarkOnLastList(failure.what()), failure.askedPause());
   } catch (const DownloadFailure& failure) {
-    throw DownloadFailure(failure.what() + trust.remarkOnLastList());
+    throw DownloadFailure(trust.withRemarkOnLastList(failure.what()));
   }
 }
 

@@ -271,6 +271,9 @@ TEST_F(SignedList, ThatCantBeHadAfterItsExpirySaysSinceWhen) {
        "the server answered with status 503"},
       {httpAnswer("200 OK", kList), httpAnswer("404 Not Found", ""),
        none + "the server answered with status 404"},
+      // However much else the server says.
+      {httpAnswer("302 Found", "", "Location: ftp://" + std::string(4000, 'x') + "/\r\n"),
+       notModified, "redirected to ftp://" + std::string(492, 'x') + "…"},
   };
   clock = "2026-12-22T11:30:00Z";
   for (const Row& row : rows) {

@@ -111,11 +111,13 @@ class SignedTest(SignedCase):
             return answer["status"] == "not_run"
 
         self.wait_until(expired, "the expiry")
-        self.assertEqual(
-            answer["reason"],
+        sentence = (
             f"The list of customer {CUSTOMER} can't be fetched from {self.server}{LIST_PATH}: the "
             "server answered with status 304; the list that was accepted last counts no more: the "
             f"signature by the key {self.key.name} expired at {end}")
+        self.assertEqual(answer["reason"], sentence)
+        self.assertEqual(json.loads(self.run_command("plan", "42", "--json").output)["problem"],
+                         sentence)
 
     def test_two_keys_where_two_are_needed(self):
         second = Key()
