@@ -136,7 +136,8 @@ class SignedTree:
         self._changes += 1
         changed = self._source / script_name(self._count)
         changed.write_bytes(SCRIPT + f"# {self._changes}\n".encode())
-        self._run("--customer", CUSTOMER, "publish", self._source, self.root, "--sign-with", self.key)
+        customer = ("--customer", CUSTOMER)
+        self._run(*customer, "publish", self._source, self.root, "--sign-with", self.key)
         # A time of its own for each list, and one that has settled.
         moment = time.time() - 7200 + self._changes
         os.utime(self.root / REPOSITORY / "scripts-meta.xml", (moment, moment))
