@@ -60,10 +60,11 @@ class NoPidfd {
   ~NoPidfd();
 };
 
-/// No allocation of `least` bytes or more by new succeeds, on any thread.
+/// No allocation of `least` bytes or more by new succeeds, on any thread, but for the first
+/// `spared`.
 class NoMemory {
  public:
-  explicit NoMemory(std::size_t least = 0);
+  explicit NoMemory(std::size_t least = 0, int spared = 0);
   NoMemory(const NoMemory&) = delete;
   NoMemory& operator=(const NoMemory&) = delete;
   ~NoMemory();

@@ -24,6 +24,7 @@
 #include "Directories.h"
 #include "RunnerFixture.h"
 #include "SystemCalls.h"
+#include "VarnScriptRepository/ScriptRepositoryHost.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
 #include "platform/Child.h"
 #include "platform/Memory.h"
@@ -549,6 +550,19 @@ TEST_F(SystemCallFaults, AStatusThatTheKernelKeepsIsTaken) {
   EXPECT_EQ(runCommand("kill -9 $$"), Result(9, ""));
 }
 
+TEST_F(SystemCallFaults, AStatusThatTheKernelKeepsIsTakenWithStandardInputClosed) {
+  if (!kernelKeepsStatuses()) GTEST_SKIP() << "this kernel keeps none";
+
+  const SIGCHLDIgnored host;
+  const int standardInput = ::dup(STDIN_FILENO);
+  // The child's end is watched through descriptor 0 then.
+  ::close(STDIN_FILENO);
+  const Result result = runCommand("exit 4");
+  ::dup2(standardInput, STDIN_FILENO);
+  ::close(standardInput);
+  EXPECT_EQ(result, Result(4, ""));
+}
+
 // ---- Memory ----------------------------------------------------------------------------------
 
 constexpr std::size_t kMiB = std::size_t{1} << 20;
@@ -650,6 +664,33 @@ TEST_F(MemoryFaults, AProcessorWithoutMemoryForItsRequestProcessesNothing) {
   }
   EXPECT_EQ(processor->processScript(), VarnScriptRepository::ProcessingResult());
   EXPECT_TRUE(journal.entries().empty());
+}
+
+TEST_F(MemoryFaults, AFileIsNotTakenWithoutMemoryAndNotHeldForTakenLater) {
+  using VarnScriptRepository::ScriptTurn;
+  ScriptTurn turn({.mayWait = false});
+  ScriptTurn other({.mayWait = false});
+  std::error_code error;
+  turn.take({"42"}, error);
+  ASSERT_EQ(error, std::error_code());
+  other.take({"43"}, error);
+  ASSERT_EQ(error, std::error_code());
+
+  int failures = 0;
+  for (; failures < 100; ++failures) {
+    {
+      const NoMemory memory(0, failures);
+      turn.takeFile("job.sh", error);
+    }
+    if (!error) break;
+    EXPECT_EQ(error, std::errc::not_enough_memory) << failures;
+    EXPECT_TRUE(other.tryTakeFile("job.sh")) << failures;
+    EXPECT_FALSE(turn.tryTakeFile("job.sh")) << failures;
+    other.leaveFile("job.sh");
+  }
+  // The place of the thread and that of the process are the last ones.
+  EXPECT_GE(failures, 2);
+  EXPECT_FALSE(other.tryTakeFile("job.sh"));
 }
 
 TEST_F(MemoryFaults, ADirectorysTextThrowsOnItsFirstUseAndIsThereTheNextTime) {
