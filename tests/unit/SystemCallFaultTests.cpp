@@ -693,6 +693,41 @@ TEST_F(MemoryFaults, AFileIsNotTakenWithoutMemoryAndNotHeldForTakenLater) {
   EXPECT_FALSE(other.tryTakeFile("job.sh"));
 }
 
+class TurnFaults : public doubles::AgentFixture {};
+
+TEST_F(TurnFaults, WhoDoesNotWaitTriesOnce) {
+  VarnScriptRepository::ScriptTurn turn({.mayWait = false});
+  std::error_code error;
+  const SystemCallFault taken("fcntl", EAGAIN, F_SETLK);
+  turn.take({"42"}, error);
+  EXPECT_EQ(error, std::errc::resource_unavailable_try_again);
+  EXPECT_EQ(taken.met(), 1);
+}
+
+TEST_F(TurnFaults, AShortWaitIsNotReported) {
+  int reported = 0;
+  VarnScriptRepository::ScriptTurn turn({.reported = [&](int) { ++reported; }});
+  std::error_code error;
+  const SystemCallFault taken("fcntl", EAGAIN, F_SETLK, 3);
+  turn.take({"42"}, error);
+  EXPECT_EQ(error, std::error_code());
+  EXPECT_EQ(taken.met(), 3);
+  EXPECT_EQ(reported, 0);
+}
+
+TEST_F(TurnFaults, ALongWaitIsReportedOnce) {
+  int reported = 0;
+  VarnScriptRepository::ScriptTurn turn({.reported = [&](int) { ++reported; }});
+  std::error_code error;
+  const SystemCallFault taken("fcntl", EAGAIN, F_SETLK, 30);
+  const SystemCallFault waited("fcntl", EDEADLK, F_SETLKW, 1);
+  turn.take({"42"}, error);
+  EXPECT_EQ(error, std::error_code());
+  EXPECT_EQ(taken.met(), 30);
+  EXPECT_EQ(waited.met(), 1);
+  EXPECT_EQ(reported, 1);
+}
+
 TEST_F(MemoryFaults, ADirectorysTextThrowsOnItsFirstUseAndIsThereTheNextTime) {
   using VarnScriptRepository::ScriptRepositoryProcessor;
   struct Row {
