@@ -702,6 +702,8 @@ TEST_F(TurnFaults, WhoDoesNotWaitTriesOnce) {
   turn.take({"42"}, error);
   EXPECT_EQ(error, std::errc::resource_unavailable_try_again);
   EXPECT_EQ(taken.met(), 1);
+  // Whoever had it has given it up since.
+  EXPECT_EQ(turn.holder(), 0);
 }
 
 TEST_F(TurnFaults, AShortWaitIsNotReported) {
