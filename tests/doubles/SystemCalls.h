@@ -60,11 +60,11 @@ class NoPidfd {
   ~NoPidfd();
 };
 
-/// No allocation of `least` bytes or more by new succeeds, on any thread, but for the first
-/// `spared`.
+/// No allocation of `least` bytes or more by new succeeds, on any thread. The first `spared` of them
+/// do, then `times` of them are met.
 class NoMemory {
  public:
-  explicit NoMemory(std::size_t least = 0, int spared = 0);
+  explicit NoMemory(std::size_t least = 0, int spared = 0, int times = SystemCallFault::kAlways);
   NoMemory(const NoMemory&) = delete;
   NoMemory& operator=(const NoMemory&) = delete;
   ~NoMemory();

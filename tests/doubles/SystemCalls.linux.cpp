@@ -58,6 +58,7 @@ bool seesLocales = false;
 // The smallest allocation that fails.
 std::size_t refusedSize = SIZE_MAX;
 int sparedAllocations = 0;
+int refusedAllocations = 0;
 std::chrono::seconds ahead{0};
 std::chrono::seconds awakeClockAhead{0};
 std::function<void(const std::string&)> beforeOpenat;
@@ -110,8 +111,9 @@ NoPidfd::NoPidfd(int instead) {
 }
 NoPidfd::~NoPidfd() { withoutPidfd = false; }
 
-NoMemory::NoMemory(std::size_t least, int spared) {
+NoMemory::NoMemory(std::size_t least, int spared, int times) {
   sparedAllocations = spared;
+  refusedAllocations = times;
   refusedSize = least;
 }
 NoMemory::~NoMemory() { refusedSize = SIZE_MAX; }
@@ -135,7 +137,7 @@ std::vector<locale_t> LocalesSet::all() const { return localesSet; }
 
 // Every form that is called: where one is missing, a sanitizer takes its own.
 void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
-  const bool refused = size >= refusedSize && sparedAllocations-- <= 0;
+  const bool refused = size >= refusedSize && sparedAllocations-- <= 0 && refusedAllocations-- > 0;
   return refused ? nullptr : std::malloc(size);
 }
 void* operator new(std::size_t size) {

@@ -86,9 +86,11 @@ def outside_texts(line, position):
 
 
 def operator_mutants(path, index, line):
+    end = len(code_of(line))
     for pattern, replacement in OPERATORS:
         for match in re.finditer(pattern, line):
-            if not outside_texts(line, match.start()):
+            # What stands in a text or a comment is no operator.
+            if not outside_texts(line, match.start()) or match.start() >= end:
                 continue
             text = replacement if replacement is not None else str(int(match.group(0)) + 1)
             changed = line[: match.start()] + text + line[match.end():]

@@ -693,6 +693,24 @@ TEST_F(MemoryFaults, AFileIsNotTakenWithoutMemoryAndNotHeldForTakenLater) {
   EXPECT_FALSE(other.tryTakeFile("job.sh"));
 }
 
+TEST_F(MemoryFaults, AHostsRemovalWithoutMemoryForTheStoreRemovesNothingAndSaysSo) {
+  using namespace VarnScriptRepository;
+  downloads.serve("/client-data/7/scriptrepo/scripts-meta.xml", doubles::metadataDocument(""));
+  ASSERT_TRUE(reloadServerList());
+  ScriptTurn turn;
+  // All that is made once is there from now on.
+  ScriptRemoval removal = removeDroppedScripts(turn);
+  ASSERT_EQ(removal.reason, "");
+  store.rows["41"] = {{"version", "5"}};
+  {
+    // Its object is the first that is made.
+    const NoMemory memory(0, 0, 1);
+    removal = removeDroppedScripts(turn);
+  }
+  EXPECT_NE(removal.reason, "");
+  EXPECT_TRUE(store.rows.contains("41"));
+}
+
 class TurnFaults : public doubles::AgentFixture {};
 
 TEST_F(TurnFaults, WhoDoesNotWaitTriesOnce) {
