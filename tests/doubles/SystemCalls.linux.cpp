@@ -226,6 +226,13 @@ int __wrap_openat(int at, const char* path, int flags, ...) {
   return __real_openat(at, path, flags);
 }
 
+int __real_unlinkat(int at, const char* path, int flags);
+int __wrap_unlinkat(int at, const char* path, int flags);
+int __wrap_unlinkat(int at, const char* path, int flags) {
+  if (const Order* met = metBy("unlinkat", flags)) return answer(met);
+  return __real_unlinkat(at, path, flags);
+}
+
 int __real_fcntl(int fd, int command, ...);
 int __wrap_fcntl(int fd, int command, ...);
 int __wrap_fcntl(int fd, int command, ...) {

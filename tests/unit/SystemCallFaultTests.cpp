@@ -141,6 +141,20 @@ TEST_F(SystemCallFaults, WithoutAProcessNothingIsStarted) {
   expectLaunchFails(fault, "Resource temporarily unavailable");
 }
 
+TEST_F(SystemCallFaults, WhatIsNotStartedHasNoProcess) {
+  std::error_code error;
+  const platform::Program program{"/bin/true", {"/bin/true"}, directory.path(), STDOUT_FILENO};
+  for (const char* const call : {"mmap", "__clone"}) {
+    const SystemCallFault fault(call, ENOMEM);
+    EXPECT_EQ(platform::Child::launch(program, error).processID(), 0) << call;
+    EXPECT_EQ(error, std::errc::not_enough_memory) << call;
+  }
+  const platform::Program withNUL{
+      "/bin/true", {std::string(1, '\0')}, directory.path(), STDOUT_FILENO};
+  EXPECT_EQ(platform::Child::launch(withNUL, error).processID(), 0);
+  EXPECT_EQ(error, std::errc::invalid_argument);
+}
+
 TEST_F(SystemCallFaults, AChildThatGetsNoGroupStartsNothing) {
   const SystemCallFault fault("syscall", EPERM, SYS_setpgid);
   expectLaunchFails(fault, "Operation not permitted");
@@ -814,6 +828,25 @@ TEST_F(SystemCallFaults, AnInterruptedOpeningOfADirectoryIsRepeated) {
   files::removeItem(path("tree"), error);
   EXPECT_FALSE(error);
   EXPECT_EQ(fault.met(), 3);
+}
+
+TEST_F(SystemCallFaults, ADirectoryGoesWhateverTheSystemAnswersForIt) {
+  for (const int answer : {EISDIR, EPERM}) {
+    const std::string name = path("directory");
+    doubles::makeDirectories(name);
+    const SystemCallFault fault("unlinkat", answer, 0);
+    std::error_code error;
+    files::removeItem(name, error);
+    EXPECT_EQ(error, std::error_code()) << answer;
+    EXPECT_GE(fault.met(), 1);
+    EXPECT_FALSE(doubles::exists(name));
+  }
+  // Any other answer is why it stays.
+  doubles::writeFile(path("file"), "");
+  const SystemCallFault fault("unlinkat", EBUSY, 0);
+  std::error_code error;
+  files::removeItem(path("file"), error);
+  EXPECT_EQ(error, std::errc::device_or_resource_busy);
 }
 
 TEST_F(SystemCallFaults, ADirectoryThatBecomesALinkDuringItsRemovalTakesNothingElseAway) {
