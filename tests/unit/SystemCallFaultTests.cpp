@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <functional>
@@ -26,6 +27,7 @@
 #include "SystemCalls.h"
 #include "VarnScriptRepository/ScriptRepositoryHost.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
+#include "VarnScriptRepository/ScriptRunObserver.h"
 #include "platform/Child.h"
 #include "platform/Memory.h"
 #include "support/Files.h"
@@ -472,6 +474,13 @@ TEST_F(SystemCallFaults, WithADescriptorThatIsNoneTheEndIsAskedFor) {
   EXPECT_EQ(runCommand("sleep 100", 1), Result(15, ""));
 }
 
+TEST_F(SystemCallFaults, WithCloseRangeNothingElseIsTried) {
+  const SystemCallFault list("syscall", EIO, SYS_getdents64);
+  const SystemCallFault closing("syscall", 0, SYS_close);
+  EXPECT_EQ(runCommand("exit 4"), Result(4, ""));
+  EXPECT_EQ(list.met() + closing.met(), 0);
+}
+
 TEST_F(SystemCallFaults, WithoutCloseRangeWhatIsOpenIsClosedAndNothingElseIsTried) {
   const int inherited = ::fcntl(STDERR_FILENO, F_DUPFD, 40);
   ASSERT_GE(inherited, 40);
@@ -604,6 +613,27 @@ TEST_F(SystemCallFaults, WithoutMemoryForLargerChunksOutputIsTakenInSmallOnes) {
   memory.reset();
   EXPECT_EQ(result, Result(4, "one\n" + std::string(200000, '\0')));
   EXPECT_GE(std::ranges::count(journal.log(), line("availableOutput")), 1 + 4);
+}
+
+TEST_F(SystemCallFaults, OutputThatThereIsNoMemoryForIsCountedAsLost) {
+  using VarnScriptRepository::ScriptEnd;
+  struct Watch : VarnScriptRepository::ScriptRunObserver {
+    void processEnded() override { memory.reset(); }
+    void scriptEnded(const ScriptEnd& end) override {
+      bytes = {end.outputBytes, end.droppedBytes, end.lostBytes};
+    }
+    std::optional<NoMemory> memory;
+    std::array<std::uint64_t, 3> bytes{};
+  } watch;
+  VarnScriptRepository::setScriptRunObserver(&watch);
+  journal.onLog([&](const doubles::LogRecord& record) {
+    if (record.message == "availableOutput") watch.memory.emplace(1000);
+  });
+  const Result result = runCommand("head -c 5000 /dev/zero");
+  journal.onLog({});
+  VarnScriptRepository::setScriptRunObserver(nullptr);
+  EXPECT_EQ(result, Result(0, ""));
+  EXPECT_THAT(watch.bytes, testing::ElementsAre(0, 0, 5000));
 }
 
 TEST(LongTextFaults, LessRoomThanWantedIsEnough) {
