@@ -24,9 +24,9 @@ class SystemCallFault {
   static constexpr int kAlways = 1 << 30;
 
   /// Calls of `function` whose kind is `kind` (the command of fcntl, the request of ioctl, the
-  /// number of syscall) fail with `error`. With `error` 0 they are not made, and answered 0 as if
-  /// there were nothing; what an ioctl asks for is `told`. The first `spared` of them go through,
-  /// then `times` of them are met.
+  /// number of syscall, the flags of unlinkat) fail with `error`. With `error` 0 they are not made,
+  /// and answered 0 as if there were nothing; what an ioctl asks for is `told`. The first `spared`
+  /// of them go through, then `times` of them are met.
   SystemCallFault(const std::string& function, int error, long kind = kEveryKind,
                   int times = kAlways, int spared = 0, int told = 0);
   SystemCallFault(const SystemCallFault&) = delete;
@@ -60,10 +60,11 @@ class NoPidfd {
   ~NoPidfd();
 };
 
-/// No allocation of `least` bytes or more by new succeeds, on any thread.
+/// No allocation of `least` bytes or more by new succeeds, on any thread. The first `spared` of
+/// them do, then `times` of them are met.
 class NoMemory {
  public:
-  explicit NoMemory(std::size_t least = 0);
+  explicit NoMemory(std::size_t least = 0, int spared = 0, int times = SystemCallFault::kAlways);
   NoMemory(const NoMemory&) = delete;
   NoMemory& operator=(const NoMemory&) = delete;
   ~NoMemory();

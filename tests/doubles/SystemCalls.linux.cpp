@@ -57,6 +57,8 @@ bool seesLocales = false;
 
 // The smallest allocation that fails.
 std::size_t refusedSize = SIZE_MAX;
+int sparedAllocations = 0;
+int refusedAllocations = 0;
 std::chrono::seconds ahead{0};
 std::chrono::seconds awakeClockAhead{0};
 std::function<void(const std::string&)> beforeOpenat;
@@ -109,7 +111,11 @@ NoPidfd::NoPidfd(int instead) {
 }
 NoPidfd::~NoPidfd() { withoutPidfd = false; }
 
-NoMemory::NoMemory(std::size_t least) { refusedSize = least; }
+NoMemory::NoMemory(std::size_t least, int spared, int times) {
+  sparedAllocations = spared;
+  refusedAllocations = times;
+  refusedSize = least;
+}
 NoMemory::~NoMemory() { refusedSize = SIZE_MAX; }
 
 ClockAhead::ClockAhead(std::chrono::seconds time, After after) {
@@ -131,7 +137,8 @@ std::vector<locale_t> LocalesSet::all() const { return localesSet; }
 
 // Every form that is called: where one is missing, a sanitizer takes its own.
 void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
-  return size >= refusedSize ? nullptr : std::malloc(size);
+  const bool refused = size >= refusedSize && sparedAllocations-- <= 0 && refusedAllocations-- > 0;
+  return refused ? nullptr : std::malloc(size);
 }
 void* operator new(std::size_t size) {
   void* const memory = operator new(size, std::nothrow);
@@ -217,6 +224,13 @@ int __wrap_openat(int at, const char* path, int flags, ...) {
   if (beforeOpenat) beforeOpenat(path);
   if (const Order* met = metBy("openat")) return answer(met);
   return __real_openat(at, path, flags);
+}
+
+int __real_unlinkat(int at, const char* path, int flags);
+int __wrap_unlinkat(int at, const char* path, int flags);
+int __wrap_unlinkat(int at, const char* path, int flags) {
+  if (const Order* met = metBy("unlinkat", flags)) return answer(met);
+  return __real_unlinkat(at, path, flags);
 }
 
 int __real_fcntl(int fd, int command, ...);

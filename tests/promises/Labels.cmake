@@ -33,7 +33,7 @@ set(varn_tests_of_never-wider
   "^LogFile\\.(IsForTheOwner|IsNotWrittenThroughALink|IsNotInherited|IsNoFIFO|OfAnotherUser)"
   "^Files\\.(RemovalOfALink|WhatHasNoName|APathWithANUL)" "^SystemCallFaults\\.ADirectoryThat"
   "^LogFile\\.WithASecondName" "^LogFileReplaced\\."
-  "^ScriptTurnTest\\.(FileAndDirectories|ASymbolicLink)"
+  "^ScriptTurnTest\\.(TheFileIsFor|ASymbolicLink)"
   "^ShellProcess\\.(Sees|StartsWith|RunsWhenTheHostHasNoStandard)"
   "^endtoend\\.test_requests\\.FilesTest" "^endtoend\\.test_scripts\\.SurroundingsTest")
 set(varn_tests_of_never-fooled

@@ -2,8 +2,12 @@
 // are is held by the properties.
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
+#include <algorithm>
+#include <new>
 #include <string>
+#include <string_view>
 
 #include "support/Encoding.h"
 
@@ -72,6 +76,48 @@ TEST(TextEncoding, TellsHowManyBytesAreMissingAtTheEnd) {
     const std::string longer = std::string(row.bytes) + "\xc3";
     EXPECT_EQ(text::missingBytesAtEnd(std::string_view(longer).substr(0, longer.size() - 1)),
               row.missing);
+  }
+}
+
+/// Memory of which neither the byte before nor the one behind can be read.
+class FencedMemory {
+ public:
+  FencedMemory() {
+    void* const begin = ::mmap(nullptr, 3 * kPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (begin == MAP_FAILED) throw std::bad_alloc();
+    begin_ = static_cast<char*>(begin);
+    if (::mprotect(begin_ + kPage, kPage, PROT_READ | PROT_WRITE) != 0) throw std::bad_alloc();
+  }
+  FencedMemory(const FencedMemory&) = delete;
+  FencedMemory& operator=(const FencedMemory&) = delete;
+  ~FencedMemory() { ::munmap(begin_, 3 * kPage); }
+
+  [[nodiscard]] std::string_view atItsBegin(std::string_view bytes) {
+    std::ranges::copy(bytes, begin_ + kPage);
+    return {begin_ + kPage, bytes.size()};
+  }
+  [[nodiscard]] std::string_view atItsEnd(std::string_view bytes) {
+    char* const at = begin_ + 2 * kPage - bytes.size();
+    std::ranges::copy(bytes, at);
+    return {at, bytes.size()};
+  }
+
+ private:
+  static constexpr std::size_t kPage = 65536;  // as large as any processor's
+  char* begin_;
+};
+
+TEST(TextEncoding, NothingIsReadBeforeATextAndNothingBehindIt) {
+  FencedMemory memory;
+  for (const std::string character : {"a", "\u00e9", "\u20ac", "\U0001F600"}) {
+    std::string bytes;
+    while (bytes.size() < 1100) {
+      EXPECT_TRUE(text::isUTF8(memory.atItsBegin(bytes))) << bytes.size();
+      EXPECT_TRUE(text::isUTF8(memory.atItsEnd(bytes))) << bytes.size();
+      EXPECT_FALSE(text::isUTF8(memory.atItsEnd(bytes + '\xC3'))) << bytes.size();
+      EXPECT_EQ(text::missingBytesAtEnd(memory.atItsEnd(bytes + '\xF0')), 3U) << bytes.size();
+      bytes += character;
+    }
   }
 }
 

@@ -211,6 +211,28 @@ TEST_F(Files, AFailedRemovalSaysWhy) {
   EXPECT_TRUE(files::exists("/proc/version"));
 }
 
+TEST_F(Files, ANameBelowADirectoryIsThatOfThePlaceWhereTheFileIs) {
+  const std::string top = path("top");
+  doubles::makeDirectories(top + "/sub");
+  doubles::makeDirectories(path("top-elsewhere"));
+  doubles::writeFile(path("file"), "");
+  ASSERT_EQ(::symlink("../top/sub", (path("top-elsewhere/way")).c_str()), 0);
+  ASSERT_EQ(::symlink("../file", (top + "/link").c_str()), 0);
+
+  EXPECT_EQ(files::nameBelow(top, top + "/a.sh"), "a.sh");
+  EXPECT_EQ(files::nameBelow(top, top + "/sub/a.sh"), "sub/a.sh");
+  EXPECT_EQ(files::nameBelow(top, path("top-elsewhere/../top//sub/./a.sh")), "sub/a.sh");
+  EXPECT_EQ(files::nameBelow(top, path("top-elsewhere/way/a.sh")), "sub/a.sh");
+  // The file itself may be a link, and need not be there.
+  EXPECT_EQ(files::nameBelow(top, top + "/link"), "link");
+  for (const std::string& none :
+       {path("file"), path("top-elsewhere/a.sh"), top + "/missing/a.sh", top + "/", top + "/.",
+        top + "/..", top + "/sub/..", std::string("a.sh"), std::string(), top}) {
+    EXPECT_EQ(files::nameBelow(top, none), "") << none;
+  }
+  EXPECT_EQ(files::nameBelow(path("missing"), path("missing/a.sh")), "");
+}
+
 TEST(ErrorDescriptions, AreTheSystemsPlainWords) {
   EXPECT_EQ(files::description(std::make_error_code(std::errc::no_such_file_or_directory)),
             "No such file or directory");

@@ -324,18 +324,21 @@ TEST_F(RemoveDroppedScripts, AStoreThatCanNotBeWrittenKeepsThatFile) {
 }
 
 TEST_F(RemoveDroppedScripts, AStoreThatCanNotBeOpenedIsTheReason) {
-  leaveScript("41");
-  serveList("");
-  ASSERT_TRUE(reloadServerList());
-  journal.throwAlways("open");
+  for (const auto what : {doubles::Thrown::exception, doubles::Thrown::somethingElse}) {
+    leaveScript("41");
+    serveList("");
+    ASSERT_TRUE(reloadServerList());
+    journal.throwAlways("open", what);
 
-  const ScriptRemoval removal = removeDroppedScripts(turn);
+    const ScriptRemoval removal = removeDroppedScripts(turn);
 
-  EXPECT_THAT(removal.scriptIDs, IsEmpty());
-  EXPECT_THAT(removal.reason,
-              HasSubstr("/Configuration-Framework/ScriptRepository can't be opened"));
-  EXPECT_FALSE(removal.isLockedOut);
-  EXPECT_THAT(journal.log(), Contains(HasSubstr("No ScriptIDs found in the storage.")));
+    EXPECT_THAT(removal.scriptIDs, IsEmpty());
+    EXPECT_THAT(removal.reason,
+                HasSubstr("/Configuration-Framework/ScriptRepository can't be opened"));
+    EXPECT_FALSE(removal.isLockedOut);
+    EXPECT_THAT(journal.log(), Contains(HasSubstr("No ScriptIDs found in the storage.")));
+    journal.reset();
+  }
 }
 
 TEST_F(RemoveDroppedScripts, ARecordThatStaysIsNotToldAsRemoved) {

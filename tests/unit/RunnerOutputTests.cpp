@@ -111,6 +111,14 @@ TEST_F(ShellOutput, JoinsNoMoreThanThreeBytesToAChunk) {
   EXPECT_TRUE(separate);
 }
 
+TEST_F(ShellOutput, JoinsNoMoreAlsoWhenMoreComesAtOnce) {
+  bool separate = false;
+  for (int attempt = 0; attempt < 20 && !separate; ++attempt) {
+    separate = writeChunks({"f0", "f0", "616162"}) == Result(0, "b");
+  }
+  EXPECT_TRUE(separate);
+}
+
 TEST_F(ShellOutput, LosesBothChunksOfAWriterThatPausesInsideACharacter) {
   EXPECT_EQ(writeChunks({"6f6b", "61e282", "pause", "ac62", "636f"}), Result(0, "okco"));
   EXPECT_EQ(chunksTaken(), 2U);

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <functional>
@@ -24,7 +25,9 @@
 #include "Directories.h"
 #include "RunnerFixture.h"
 #include "SystemCalls.h"
+#include "VarnScriptRepository/ScriptRepositoryHost.h"
 #include "VarnScriptRepository/ScriptRepositoryProcessor.h"
+#include "VarnScriptRepository/ScriptRunObserver.h"
 #include "platform/Child.h"
 #include "platform/Memory.h"
 #include "support/Files.h"
@@ -138,6 +141,20 @@ TEST_F(SystemCallFaults, WithoutAStackForTheChildNothingIsStarted) {
 TEST_F(SystemCallFaults, WithoutAProcessNothingIsStarted) {
   const SystemCallFault fault("__clone", EAGAIN);
   expectLaunchFails(fault, "Resource temporarily unavailable");
+}
+
+TEST_F(SystemCallFaults, WhatIsNotStartedHasNoProcess) {
+  std::error_code error;
+  const platform::Program program{"/bin/true", {"/bin/true"}, directory.path(), STDOUT_FILENO};
+  for (const char* const call : {"mmap", "__clone"}) {
+    const SystemCallFault fault(call, ENOMEM);
+    EXPECT_EQ(platform::Child::launch(program, error).processID(), 0) << call;
+    EXPECT_EQ(error, std::errc::not_enough_memory) << call;
+  }
+  const platform::Program withNUL{
+      "/bin/true", {std::string(1, '\0')}, directory.path(), STDOUT_FILENO};
+  EXPECT_EQ(platform::Child::launch(withNUL, error).processID(), 0);
+  EXPECT_EQ(error, std::errc::invalid_argument);
 }
 
 TEST_F(SystemCallFaults, AChildThatGetsNoGroupStartsNothing) {
@@ -457,6 +474,13 @@ TEST_F(SystemCallFaults, WithADescriptorThatIsNoneTheEndIsAskedFor) {
   EXPECT_EQ(runCommand("sleep 100", 1), Result(15, ""));
 }
 
+TEST_F(SystemCallFaults, WithCloseRangeNothingElseIsTried) {
+  const SystemCallFault list("syscall", EIO, SYS_getdents64);
+  const SystemCallFault closing("syscall", 0, SYS_close);
+  EXPECT_EQ(runCommand("exit 4"), Result(4, ""));
+  EXPECT_EQ(list.met() + closing.met(), 0);
+}
+
 TEST_F(SystemCallFaults, WithoutCloseRangeWhatIsOpenIsClosedAndNothingElseIsTried) {
   const int inherited = ::fcntl(STDERR_FILENO, F_DUPFD, 40);
   ASSERT_GE(inherited, 40);
@@ -549,6 +573,19 @@ TEST_F(SystemCallFaults, AStatusThatTheKernelKeepsIsTaken) {
   EXPECT_EQ(runCommand("kill -9 $$"), Result(9, ""));
 }
 
+TEST_F(SystemCallFaults, AStatusThatTheKernelKeepsIsTakenWithStandardInputClosed) {
+  if (!kernelKeepsStatuses()) GTEST_SKIP() << "this kernel keeps none";
+
+  const SIGCHLDIgnored host;
+  const int standardInput = ::dup(STDIN_FILENO);
+  // The child's end is watched through descriptor 0 then.
+  ::close(STDIN_FILENO);
+  const Result result = runCommand("exit 4");
+  ::dup2(standardInput, STDIN_FILENO);
+  ::close(standardInput);
+  EXPECT_EQ(result, Result(4, ""));
+}
+
 // ---- Memory ----------------------------------------------------------------------------------
 
 constexpr std::size_t kMiB = std::size_t{1} << 20;
@@ -576,6 +613,27 @@ TEST_F(SystemCallFaults, WithoutMemoryForLargerChunksOutputIsTakenInSmallOnes) {
   memory.reset();
   EXPECT_EQ(result, Result(4, "one\n" + std::string(200000, '\0')));
   EXPECT_GE(std::ranges::count(journal.log(), line("availableOutput")), 1 + 4);
+}
+
+TEST_F(SystemCallFaults, OutputThatThereIsNoMemoryForIsCountedAsLost) {
+  using VarnScriptRepository::ScriptEnd;
+  struct Watch : VarnScriptRepository::ScriptRunObserver {
+    void processEnded() override { memory.reset(); }
+    void scriptEnded(const ScriptEnd& end) override {
+      bytes = {end.outputBytes, end.droppedBytes, end.lostBytes};
+    }
+    std::optional<NoMemory> memory;
+    std::array<std::uint64_t, 3> bytes{};
+  } watch;
+  VarnScriptRepository::setScriptRunObserver(&watch);
+  journal.onLog([&](const doubles::LogRecord& record) {
+    if (record.message == "availableOutput") watch.memory.emplace(1000);
+  });
+  const Result result = runCommand("head -c 5000 /dev/zero");
+  journal.onLog({});
+  VarnScriptRepository::setScriptRunObserver(nullptr);
+  EXPECT_EQ(result, Result(0, ""));
+  EXPECT_THAT(watch.bytes, testing::ElementsAre(0, 0, 5000));
 }
 
 TEST(LongTextFaults, LessRoomThanWantedIsEnough) {
@@ -652,6 +710,88 @@ TEST_F(MemoryFaults, AProcessorWithoutMemoryForItsRequestProcessesNothing) {
   EXPECT_TRUE(journal.entries().empty());
 }
 
+TEST_F(MemoryFaults, AFileIsNotTakenWithoutMemoryAndNotHeldForTakenLater) {
+  using VarnScriptRepository::ScriptTurn;
+  ScriptTurn turn({.mayWait = false});
+  ScriptTurn other({.mayWait = false});
+  std::error_code error;
+  turn.take({"42"}, error);
+  ASSERT_EQ(error, std::error_code());
+  other.take({"43"}, error);
+  ASSERT_EQ(error, std::error_code());
+
+  int failures = 0;
+  for (; failures < 100; ++failures) {
+    {
+      const NoMemory memory(0, failures);
+      turn.takeFile("job.sh", error);
+    }
+    if (!error) break;
+    EXPECT_EQ(error, std::errc::not_enough_memory) << failures;
+    EXPECT_TRUE(other.tryTakeFile("job.sh")) << failures;
+    EXPECT_FALSE(turn.tryTakeFile("job.sh")) << failures;
+    other.leaveFile("job.sh");
+  }
+  // The place of the thread and that of the process are the last ones.
+  EXPECT_GE(failures, 2);
+  EXPECT_FALSE(other.tryTakeFile("job.sh"));
+}
+
+TEST_F(MemoryFaults, AHostsRemovalWithoutMemoryForTheStoreRemovesNothingAndSaysSo) {
+  using namespace VarnScriptRepository;
+  downloads.serve("/client-data/7/scriptrepo/scripts-meta.xml", doubles::metadataDocument(""));
+  ASSERT_TRUE(reloadServerList());
+  ScriptTurn turn;
+  // All that is made once is there from now on.
+  ScriptRemoval removal = removeDroppedScripts(turn);
+  ASSERT_EQ(removal.reason, "");
+  store.rows["41"] = {{"version", "5"}};
+  {
+    // Its object is the first that is made.
+    const NoMemory memory(0, 0, 1);
+    removal = removeDroppedScripts(turn);
+  }
+  EXPECT_NE(removal.reason, "");
+  EXPECT_TRUE(store.rows.contains("41"));
+}
+
+class TurnFaults : public doubles::AgentFixture {};
+
+TEST_F(TurnFaults, WhoDoesNotWaitTriesOnce) {
+  VarnScriptRepository::ScriptTurn turn({.mayWait = false});
+  std::error_code error;
+  const SystemCallFault taken("fcntl", EAGAIN, F_SETLK);
+  turn.take({"42"}, error);
+  EXPECT_EQ(error, std::errc::resource_unavailable_try_again);
+  EXPECT_EQ(taken.met(), 1);
+  // Whoever had it has given it up since.
+  EXPECT_EQ(turn.holder(), 0);
+}
+
+TEST_F(TurnFaults, AShortWaitIsNotReported) {
+  int reported = 0;
+  VarnScriptRepository::ScriptTurn turn({.reported = [&](int) { ++reported; }});
+  std::error_code error;
+  const SystemCallFault taken("fcntl", EAGAIN, F_SETLK, 3);
+  turn.take({"42"}, error);
+  EXPECT_EQ(error, std::error_code());
+  EXPECT_EQ(taken.met(), 3);
+  EXPECT_EQ(reported, 0);
+}
+
+TEST_F(TurnFaults, ALongWaitIsReportedOnce) {
+  int reported = 0;
+  VarnScriptRepository::ScriptTurn turn({.reported = [&](int) { ++reported; }});
+  std::error_code error;
+  const SystemCallFault taken("fcntl", EAGAIN, F_SETLK, 30);
+  const SystemCallFault waited("fcntl", EDEADLK, F_SETLKW, 1);
+  turn.take({"42"}, error);
+  EXPECT_EQ(error, std::error_code());
+  EXPECT_EQ(taken.met(), 30);
+  EXPECT_EQ(waited.met(), 1);
+  EXPECT_EQ(reported, 1);
+}
+
 TEST_F(MemoryFaults, ADirectorysTextThrowsOnItsFirstUseAndIsThereTheNextTime) {
   using VarnScriptRepository::ScriptRepositoryProcessor;
   struct Row {
@@ -718,6 +858,25 @@ TEST_F(SystemCallFaults, AnInterruptedOpeningOfADirectoryIsRepeated) {
   files::removeItem(path("tree"), error);
   EXPECT_FALSE(error);
   EXPECT_EQ(fault.met(), 3);
+}
+
+TEST_F(SystemCallFaults, ADirectoryGoesWhateverTheSystemAnswersForIt) {
+  for (const int answer : {EISDIR, EPERM}) {
+    const std::string name = path("directory");
+    doubles::makeDirectories(name);
+    const SystemCallFault fault("unlinkat", answer, 0);
+    std::error_code error;
+    files::removeItem(name, error);
+    EXPECT_EQ(error, std::error_code()) << answer;
+    EXPECT_GE(fault.met(), 1);
+    EXPECT_FALSE(doubles::exists(name));
+  }
+  // Any other answer is why it stays.
+  doubles::writeFile(path("file"), "");
+  const SystemCallFault fault("unlinkat", EBUSY, 0);
+  std::error_code error;
+  files::removeItem(path("file"), error);
+  EXPECT_EQ(error, std::errc::device_or_resource_busy);
 }
 
 TEST_F(SystemCallFaults, ADirectoryThatBecomesALinkDuringItsRemovalTakesNothingElseAway) {

@@ -82,6 +82,8 @@ TEST(TextCharacters, AreUserPerceived) {
   EXPECT_EQ(characters("\U0001F468\u200d\U0001F469"), (Texts{"\U0001F468\u200d\U0001F469"}));
   EXPECT_EQ(characters("\u1100\u1161\u11a8"), (Texts{"\u1100\u1161\u11a8"}));
   EXPECT_EQ(characters("\xff\u00e9\xc3z"), (Texts{"\xff", "\u00e9", "\xc3", "z"}));
+  // The first of these goes together with whatever character follows it.
+  EXPECT_EQ(characters("\u0600a\u0600\xff"), (Texts{"\u0600a", "\u0600", "\xff"}));
 }
 
 TEST(TextWhitespace, IsTheUnicodeProperty) {
