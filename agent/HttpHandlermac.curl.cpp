@@ -136,7 +136,7 @@ void downloadOnce(const std::string& fromURL, const std::string& toPath,
   }
   trust.accept(target, [&] {
     if (settings.beforeFileUse) settings.beforeFileUse(toPath);
-    target.commit();
+    target.commit(settings.syncsDownloads ? Durability::synced : Durability::unsynced);
   });
 }
 

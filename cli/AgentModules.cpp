@@ -121,6 +121,8 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
   agent.beforeServerFileUse = std::move(observers.beforeServerFileUse);
   agent.onListJudged = std::move(observers.onListJudged);
   agent.remembersLists = !observers.onlyLooks;
+  // Whoever only looks downloads to a directory that is gone afterwards.
+  agent.syncsDownloads = !observers.onlyLooks;
   // `list` needs the data path alone, and uses nothing below the other.
   if (agent.basePath.empty()) agent.basePath = agent.dataPath;
   try {

@@ -24,7 +24,8 @@ struct ModuleObservers {
   std::function<void(const std::string& subject, const std::string& cause)> onFailure;
   std::function<void(const std::string& path)> beforeServerFileUse;
   std::function<void(const AgentUtils::ListJudgement&)> onListJudged;
-  bool onlyLooks = false;  ///< whether it is not remembered which lists were accepted
+  /// Whether it is not remembered which lists were accepted, and no download has to last.
+  bool onlyLooks = false;
 };
 
 /// Configures log and utilities. The error names the setting that a module can't use.
