@@ -32,8 +32,7 @@ struct ModuleObservers {
 [[nodiscard]] std::optional<SettingsError> configureAgentModules(const Settings& settings,
                                                                  ModuleObservers observers);
 
-/// Makes ready for downloads from the configured server, and hides meanwhile what the environment
-/// has for the TLS library. Scripts inherit the environment whole, so it is as it was afterwards.
+/// Makes ready for downloads from the configured server, in a `LibraryEnvironment`.
 void prepareDownloads();
 
 }  // namespace VarnScripts
