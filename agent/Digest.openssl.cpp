@@ -7,7 +7,6 @@
 
 #include "Digest.h"
 
-#include <openssl/crypto.h>
 #include <openssl/md5.h>
 #include <openssl/sha.h>
 
@@ -45,10 +44,13 @@ std::string digestWith(const NextPiece& next) {
   }
   std::array<unsigned char, length> bytes;
   finish(bytes.data(), &context);
-  std::array<char, 2 * length + 1> hex;
-  OPENSSL_buf2hexstr_ex(hex.data(), hex.size(), nullptr, bytes.data(), length, '\0');
-  std::transform(hex.begin(), hex.end(), hex.begin(), lowerASCII);
-  return {hex.data(), 2 * length};
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string hex(2 * length, '0');
+  for (std::size_t at = 0; at < length; ++at) {
+    hex[2 * at] = kDigits[bytes[at] >> 4];
+    hex[2 * at + 1] = kDigits[bytes[at] & 0x0F];
+  }
+  return hex;
 }
 
 struct Known {

@@ -149,9 +149,10 @@ void DownloadTarget::write(const char* bytes, std::size_t count) {
   if (error) fail("can't write to " + temporaryPath_, error.value());
 }
 
-void DownloadTarget::commit() {
+void DownloadTarget::commit(Durability durability) {
   const FileDescriptor& file = temporaryFile();
-  if (retryOnInterrupt([&] { return ::fsync(file.get()); }) != 0) {
+  const bool isSynced = durability == Durability::synced;
+  if (isSynced && retryOnInterrupt([&] { return ::fsync(file.get()); }) != 0) {
     fail("can't sync " + temporaryPath_, errno);
   }
   // Once more: what stands there may have changed during the download.
@@ -160,6 +161,7 @@ void DownloadTarget::commit() {
     fail("can't replace " + path_, errno);
   }
   temporaryPath_.clear();
+  if (!isSynced) return;
   // The file is in place; a directory that can't be synced (some file systems refuse it) at worst
   // brings back the old file after a loss of power.
   std::error_code ignored;

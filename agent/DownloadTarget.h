@@ -33,6 +33,9 @@ void requireTarget(const std::string& path, const std::string& basePath);
 /// can't be read.
 [[nodiscard]] std::string wholeContent(const FileDescriptor& file, std::uint64_t mostBytes);
 
+/// Whether a file that was put in place outlasts a loss of power.
+enum class Durability { synced, unsynced };
+
 /// One temporary file, made in the directory of the target when it is first needed. Its name begins
 /// with `kDownloadPrefix`, and it is locked for as long as its download lives, so that what a
 /// killed process left behind can be told from it.
@@ -62,9 +65,10 @@ class DownloadTarget {
   /// How many bytes were added.
   [[nodiscard]] std::uint64_t size() const { return size_; }
 
-  /// Puts the file in the target's place, synced, in one step. A symbolic link there is replaced,
-  /// never followed. Throws `DownloadFailure`; the target is then as it was.
-  void commit();
+  /// Puts the file in the target's place in one step, and has it on the disk before when it is to
+  /// outlast a loss of power. A symbolic link there is replaced, never followed. Throws
+  /// `DownloadFailure`; the target is then as it was.
+  void commit(Durability durability);
 
  private:
   void makeTemporaryFile();

@@ -132,7 +132,7 @@ void downloadHeldAgainst(const DownloadTrust& trust, const std::string& fromURL,
   }
   trust.accept(target, [&] {
     if (settings.beforeFileUse) settings.beforeFileUse(toPath);
-    target.commit();
+    target.commit(settings.syncsDownloads ? Durability::synced : Durability::unsynced);
   });
 }
 

@@ -1,17 +1,14 @@
 #include "AgentModules.h"
 
-#include <unistd.h>
-
-#include <algorithm>
 #include <exception>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
 
 #include "AgentDirectories.h"
+#include "LibraryEnvironment.h"
 #include "NamedFiles.h"
 #include "Reason.h"
 #include "RecordSeverity.h"
@@ -19,40 +16,8 @@
 #include "StandardStreams.h"
 #include "TrustedKeys.h"
 
-// The system's, which no header declares everywhere.
-extern "C" char** environ;
-
 namespace VarnScripts {
 namespace {
-
-// They name modules to load into this process, settings for all of its connections, and a file for
-// the keys of these. The settings of the system stay in force.
-constexpr std::string_view kHiddenVariables[] = {
-    "OPENSSL_CONF=", "OPENSSL_CONF_INCLUDE=", "OPENSSL_ENGINES=", "OPENSSL_MODULES=",
-    "SSLKEYLOGFILE="};
-
-// The environment without these variables for as long as this lives. Another list in its place, so
-// that nothing is lost when memory is out.
-class HiddenVariables {
- public:
-  HiddenVariables() {
-    for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
-      const auto isThis = [&](std::string_view name) {
-        return std::string_view(*variable).starts_with(name);
-      };
-      if (std::ranges::none_of(kHiddenVariables, isThis)) visible_.push_back(*variable);
-    }
-    visible_.push_back(nullptr);
-    environ = visible_.data();
-  }
-  HiddenVariables(const HiddenVariables&) = delete;
-  HiddenVariables& operator=(const HiddenVariables&) = delete;
-  ~HiddenVariables() { environ = all_; }
-
- private:
-  char** const all_ = environ;
-  std::vector<char*> visible_;
-};
 
 // Whether a record is a warning that nothing but the log tells: of the steps of a request the
 // reason does.
@@ -83,7 +48,7 @@ std::optional<SettingsError> takeTrustedKeys(const Settings& settings,
 }  // namespace
 
 void prepareDownloads() {
-  const HiddenVariables hidden;
+  const LibraryEnvironment environment;
   AgentUtils::prepareDownloads();
 }
 
@@ -121,6 +86,8 @@ std::optional<SettingsError> configureAgentModules(const Settings& settings,
   agent.beforeServerFileUse = std::move(observers.beforeServerFileUse);
   agent.onListJudged = std::move(observers.onListJudged);
   agent.remembersLists = !observers.onlyLooks;
+  // Whoever only looks downloads to a directory that is gone afterwards.
+  agent.syncsDownloads = !observers.onlyLooks;
   // `list` needs the data path alone, and uses nothing below the other.
   if (agent.basePath.empty()) agent.basePath = agent.dataPath;
   try {

@@ -24,15 +24,15 @@ struct ModuleObservers {
   std::function<void(const std::string& subject, const std::string& cause)> onFailure;
   std::function<void(const std::string& path)> beforeServerFileUse;
   std::function<void(const AgentUtils::ListJudgement&)> onListJudged;
-  bool onlyLooks = false;  ///< whether it is not remembered which lists were accepted
+  /// Whether it is not remembered which lists were accepted, and no download has to last.
+  bool onlyLooks = false;
 };
 
 /// Configures log and utilities. The error names the setting that a module can't use.
 [[nodiscard]] std::optional<SettingsError> configureAgentModules(const Settings& settings,
                                                                  ModuleObservers observers);
 
-/// Makes ready for downloads from the configured server, and hides meanwhile what the environment
-/// has for the TLS library. Scripts inherit the environment whole, so it is as it was afterwards.
+/// Makes ready for downloads from the configured server, in a `LibraryEnvironment`.
 void prepareDownloads();
 
 }  // namespace VarnScripts

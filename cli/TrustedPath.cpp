@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "FileDescriptor.h"
 
@@ -32,6 +33,8 @@ constexpr int kSearch = O_RDONLY;
 constexpr int kOpenDirectory = kSearch | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 // As many links as the systems follow themselves.
 constexpr int kMostDetours = 40;
+// How many directories of one path are kept open.
+constexpr std::size_t kMostPlaces = 32;
 
 std::string userText(uid_t user) {
   const std::string number = "user " + std::to_string(user);
@@ -42,19 +45,19 @@ std::string userText(uid_t user) {
 
 class PathWalk {
  public:
-  PathWalk(PathEnd end, uid_t user, MissingDirectory missing)
-      : end_(end), user_(user), missing_(missing) {}
+  // Begins at the last place of `way` that `path` leads through, and leaves there which places it
+  // came through itself.
+  PathWalk(PathEnd end, uid_t user, MissingDirectory missing, std::vector<Place>& way)
+      : end_(end), user_(user), missing_(missing), way_(way) {}
 
-  // Begins at `place` when it is the directory of the file at `path`, and leaves there how far it
-  // came.
-  PathVerdict walk(const std::string& path, Place& place) {
-    begin(path, std::exchange(place, {}));
+  PathVerdict walk(const std::string& path) {
+    begin(path);
     while (verdict_.refusal.empty() && !steps_.empty()) {
       const Step step = std::move(steps_.front());
       steps_.pop_front();
       if (!take(step)) break;
     }
-    if (verdict_.refusal.empty() && detours_ == 0) place = std::move(place_);
+    if (!verdict_.refusal.empty() || detours_ > 0) way_.clear();
     return std::move(verdict_);
   }
 
@@ -64,19 +67,19 @@ class PathWalk {
     std::string shown;  ///< how it is reported
   };
 
-  void begin(const std::string& path, Place place) {
-    const std::size_t slash = path.rfind('/');
-    // How a directory is judged depends on what the path ends with; a file's has been judged.
-    if (end_ != PathEnd::directory && !place.path.empty() && slash != path.npos &&
-        place.path == path.substr(0, slash)) {
-      place_ = std::move(place);
-      expect(path.substr(slash), place_.path);
-      return;
-    }
+  void begin(const std::string& path) {
+    while (!way_.empty() && !leadsThrough(path, way_.back())) way_.pop_back();
+    if (!way_.empty()) expect(path.substr(way_.back().path.size()), way_.back().path);
+    // How the last component is judged depends on what the path ends with.
+    if (!steps_.empty()) return;
     std::error_code ignored;
     const bool absolute = path.starts_with('/');
     expect(absolute ? path : std::filesystem::current_path(ignored).string() + '/' + path, "");
     enterRoot();
+  }
+
+  static bool leadsThrough(const std::string& path, const Place& place) {
+    return path.starts_with(place.path) && path[place.path.size()] == '/';
   }
 
   // The components of `path`, which begins at `directory`, come next.
@@ -95,14 +98,18 @@ class PathWalk {
   }
 
   void enterRoot() {
-    FileDescriptor root(::open("/", kOpenDirectory));
-    enter(std::move(root), {"", "/"});
+    way_.clear();
+    enter(FileDescriptor(::open("/", kOpenDirectory)), {"", "/"});
   }
 
   // True when there is more to look at.
   bool take(const Step& step) {
+    if (isDirectoryNext()) {
+      FileDescriptor directory(::openat(here(), step.name.c_str(), kOpenDirectory));
+      if (directory) return enter(std::move(directory), step);
+    }
     struct stat status {};
-    if (::fstatat(place_.directory.get(), step.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (::fstatat(here(), step.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
       if (errno == ENOENT) return takeMissing(step);
       // What this process can't reach or name, it can't use either.
       if (errno == EACCES || errno == ENOTDIR || errno == ENAMETOOLONG) return false;
@@ -110,22 +117,19 @@ class PathWalk {
     }
     if (S_ISLNK(status.st_mode)) return takeLink(step, status);
     if (S_ISDIR(status.st_mode)) {
-      return enter(
-          FileDescriptor(::openat(place_.directory.get(), step.name.c_str(), kOpenDirectory)),
-          step);
+      return enter(FileDescriptor(::openat(here(), step.name.c_str(), kOpenDirectory)), step);
     }
     judgeFile(step, status);
     return false;
   }
 
   bool takeMissing(const Step& step) {
-    if (!place_.openToAll) return false;
+    if (!way_.back().openToAll) return false;
     if (end_ == PathEnd::givenFile) {
       return refuse(step, "is missing, and any user may make it");
     }
-    const bool isDirectory = !steps_.empty() || end_ == PathEnd::directory;
-    if (!isDirectory || missing_ == MissingDirectory::left) return false;
-    if (::mkdirat(place_.directory.get(), step.name.c_str(), S_IRWXU) != 0) {
+    if (!isDirectoryNext() || missing_ == MissingDirectory::left) return false;
+    if (::mkdirat(here(), step.name.c_str(), S_IRWXU) != 0) {
       if (errno != EEXIST || ++detours_ > kMostDetours) {
         return refuse(step, "can't be made: " + std::generic_category().message(errno));
       }
@@ -133,8 +137,8 @@ class PathWalk {
       steps_.push_front(step);
       return true;
     }
-    FileDescriptor made(::openat(place_.directory.get(), step.name.c_str(),
-                                 O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    FileDescriptor made(
+        ::openat(here(), step.name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     // The umask may have taken away more than it should.
     if (made) static_cast<void>(::fchmod(made.get(), S_IRWXU));
     return enter(std::move(made), step);
@@ -145,8 +149,7 @@ class PathWalk {
       return refuse(step, "is a symbolic link of " + userText(status.st_uid));
     }
     std::array<char, PATH_MAX> target;
-    const ssize_t length =
-        ::readlinkat(place_.directory.get(), step.name.c_str(), target.data(), target.size());
+    const ssize_t length = ::readlinkat(here(), step.name.c_str(), target.data(), target.size());
     if (length < 0) return refuseUnseen(step);
     if (++detours_ > kMostDetours) return refuse(step, "leads through too many symbolic links");
     const std::string path(target.data(), static_cast<std::size_t>(length));
@@ -162,16 +165,16 @@ class PathWalk {
   bool enter(FileDescriptor directory, const Step& step) {
     struct stat status {};
     if (!directory || ::fstat(directory.get(), &status) != 0) return refuseUnseen(step);
-    place_.path = step.shown;
-    place_.directory = std::move(directory);
     judgeDirectory(step, status);
+    if (way_.size() == kMostPlaces || detours_ > 0) way_.clear();
+    way_.push_back({step.name.empty() ? "" : step.shown, std::move(directory),
+                    (status.st_mode & S_IWOTH) != 0});
     return true;
   }
 
   void judgeDirectory(const Step& step, const struct stat& status) {
     const bool sticky = (status.st_mode & S_ISVTX) != 0;
     const bool holdsFiles = steps_.empty() && end_ == PathEnd::directory;
-    place_.openToAll = (status.st_mode & S_IWOTH) != 0;
     judge(step, status, sticky && !holdsFiles);
   }
 
@@ -193,6 +196,14 @@ class PathWalk {
     }
   }
 
+  // Whether the step that is being taken has to lead to a directory.
+  [[nodiscard]] bool isDirectoryNext() const {
+    return !steps_.empty() || end_ == PathEnd::directory;
+  }
+
+  // Where it begins.
+  [[nodiscard]] int here() const { return way_.back().directory.get(); }
+
   [[nodiscard]] bool isTrusted(uid_t owner) const { return owner == user_ || owner == 0; }
 
   bool refuse(const Step& step, const std::string& why) {
@@ -208,7 +219,7 @@ class PathWalk {
   const uid_t user_;
   const MissingDirectory missing_;
   std::deque<Step> steps_;  ///< what is still to be looked at
-  Place place_;             ///< where the next step begins
+  std::vector<Place>& way_;
   int detours_ = 0;
   PathVerdict verdict_;
 };
@@ -221,7 +232,7 @@ PathVerdict examinePath(const std::string& path, PathEnd end, uid_t user,
 }
 
 PathVerdict PathExaminer::examine(const std::string& path, PathEnd end) {
-  return PathWalk(end, user_, missing_).walk(path, place_);
+  return PathWalk(end, user_, missing_, way_).walk(path);
 }
 
 }  // namespace VarnScripts

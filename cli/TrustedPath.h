@@ -47,8 +47,8 @@ struct PathVerdict {
 [[nodiscard]] PathVerdict examinePath(const std::string& path, PathEnd end, uid_t user,
                                       MissingDirectory missing = MissingDirectory::left);
 
-/// Looks at paths one after the other, each as `examinePath` does. Several files of one directory
-/// that come together cost one walk to it: it is open from the first of them on.
+/// Looks at paths one after the other, each as `examinePath` does. What a path has in common with
+/// the one before it is walked once: its directories are open from then on.
 class PathExaminer {
  public:
   explicit PathExaminer(uid_t user, MissingDirectory missing = MissingDirectory::left)
@@ -58,7 +58,7 @@ class PathExaminer {
 
   /// A directory to which every step was trusted.
   struct Place {
-    std::string path;  ///< without a link on the way; empty when there is none
+    std::string path;  ///< "/srv/agent", and empty for the root directory
     posix::FileDescriptor directory;
     bool openToAll = false;  ///< whether all may write to it
   };
@@ -66,7 +66,7 @@ class PathExaminer {
  private:
   const uid_t user_;
   const MissingDirectory missing_;
-  Place place_;
+  std::vector<Place> way_;  ///< those of the last path, the root directory first; without a link
 };
 
 }  // namespace VarnScripts

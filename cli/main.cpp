@@ -17,6 +17,7 @@
 #include "Calls.h"
 #include "CommandLine.h"
 #include "ExitStatus.h"
+#include "LibraryEnvironment.h"
 #include "NamedFiles.h"
 #include "Settings.h"
 #include "SettingsFile.h"
@@ -75,6 +76,8 @@ std::variant<Settings, SettingsError> settingsFor(const CommandLine& line,
     std::error_code none;
     return std::filesystem::exists(path, none);
   };
+  // The URL of a server is looked at by the library that is to ask it.
+  const VarnScripts::LibraryEnvironment environment;
   auto layered = VarnScripts::layerSettings(sources, line.needed());
   auto* const settings = std::get_if<Settings>(&layered);
   if (settings != nullptr && !isInput) settings->settingsFile = sources.filePath;

@@ -53,6 +53,10 @@ struct AgentSettings {
   /// Whether it is remembered which lists were accepted, in the data directory. A host that only
   /// looks, and changes nothing, leaves it: then a list is held against what is remembered.
   bool remembersLists = true;
+  /// Whether a downloaded file is on the disk before it takes its place, so that a loss of power
+  /// leaves the old file or the new one, whole. A host that downloads to a directory which it
+  /// removes in the end leaves it.
+  bool syncsDownloads = true;
   /// The time, in place of the system's clock. May be empty.
   std::function<std::chrono::system_clock::time_point()> clock{};
   /// How the downloader names itself to servers; "VarnScriptRepository/" and the library's version

@@ -1,5 +1,6 @@
 #include "publish/XMLDocument.h"
 
+#include <array>
 #include <cstddef>
 #include <stdexcept>
 #include <string_view>
@@ -34,12 +35,16 @@ std::size_t sequenceLength(std::string_view text) {
   return length;
 }
 
-// Whether a character stands for itself, on its own.
-bool isPlain(char c) {
-  const auto byte = static_cast<unsigned char>(c);
-  return (byte >= 0x20 && byte < 0x80 && c != '&' && c != '<' && c != '>') || c == '\t' ||
-         c == '\n';
-}
+// Which bytes stand for themselves, on their own.
+constexpr auto kPlain = [] {
+  std::array<bool, 256> plain{};
+  for (unsigned char byte = 0x20; byte < 0x80; ++byte) plain[byte] = true;
+  plain['\t'] = plain['\n'] = true;
+  plain['&'] = plain['<'] = plain['>'] = false;
+  return plain;
+}();
+
+bool isPlain(char c) { return kPlain[static_cast<unsigned char>(c)]; }
 
 // What stands for the ASCII character `c`, which is not plain.
 std::string_view referenceTo(char c) {

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <memory>
 
+#include "platform/Memory.h"
+
 namespace VarnScriptRepository::text {
 namespace {
 
@@ -156,6 +158,8 @@ std::string joined(std::initializer_list<std::string_view> texts) {
   for (const std::string_view text : texts) size += text.size();
   std::string all;
   all.reserve(size);
+  // A script's whole output may be one of them.
+  platform::useLargePages(all.data(), all.capacity());
   for (const std::string_view text : texts) all += text;
   return all;
 }

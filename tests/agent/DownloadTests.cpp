@@ -13,6 +13,18 @@
 
 namespace {
 
+// What was asked to be on the disk; whether it is there is at stake in none of these tests.
+int syncs = 0;
+
+}  // namespace
+
+extern "C" int fsync(int /*file*/) {
+  ++syncs;
+  return 0;
+}
+
+namespace {
+
 using namespace std::string_literals;
 using Names = std::vector<std::string>;
 
@@ -35,6 +47,17 @@ TEST_F(Download, IsForTheOwnerAloneWhateverTheUmaskAndTheOldMode) {
     EXPECT_EQ(modeOf(base / "target"), 0600u);
     ASSERT_EQ(::unlink((base / "target").c_str()), 0);
   }
+}
+
+TEST_F(Download, IsOnTheDiskUnlessItNeedNotLast) {
+  EXPECT_TRUE(download("a", base / "target"));
+  EXPECT_EQ(syncs, 2);  // the file, then the name in its directory
+  settings.syncsDownloads = false;
+  useServer("file://" + repository.path());
+  EXPECT_TRUE(download("a", base / "other"));
+  EXPECT_EQ(syncs, 2);
+  EXPECT_EQ(readFile(base / "other"), "new");
+  EXPECT_EQ(modeOf(base / "other"), 0600u);
 }
 
 TEST_F(Download, ReplacesALinkAndDoesNotFollowIt) {

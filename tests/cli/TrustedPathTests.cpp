@@ -214,14 +214,41 @@ TEST_F(TrustedPath, OfSeveralInOneDirectoryIsRefusedAsEachIsAlone) {
   }
 }
 
-TEST_F(TrustedPath, OfSeveralInOneDirectoryIsWalkedOnce) {
+TEST_F(TrustedPath, OfSeveralIsWalkedOnceWhereTheyAreOne) {
+  std::filesystem::create_directories(top_ + "/a/c");
+  mode("/a/c", 0755);
   PathExaminer examiner(::geteuid());
   EXPECT_EQ(examiner.examine(top_ + "/a/b/file", PathEnd::ownFile).refusal, "");
   mode("/a", 0757);
   EXPECT_EQ(examiner.examine(top_ + "/a/b/none", PathEnd::ownFile).refusal, "");
+  EXPECT_EQ(examiner.examine(top_ + "/a/b", PathEnd::directory).refusal, "");
+  EXPECT_EQ(examiner.examine(top_ + "/a/c/none", PathEnd::ownFile).refusal, "");
   const std::string open = top_ + "/a may be written to by all users";
-  EXPECT_EQ(examiner.examine(top_ + "/a/b", PathEnd::directory).refusal, open);
+  EXPECT_EQ(examiner.examine(top_ + "/a", PathEnd::directory).refusal, open);
   EXPECT_EQ(examiner.examine(top_ + "/a/b/file", PathEnd::ownFile).refusal, open);
+}
+
+TEST_F(TrustedPath, OfSeveralIsWalkedAnewBehindALink) {
+  link("b", "/a/link");
+  PathExaminer examiner(::geteuid());
+  EXPECT_EQ(examiner.examine(top_ + "/a/link/file", PathEnd::ownFile).refusal, "");
+  std::filesystem::remove(top_ + "/a/link");
+  std::filesystem::create_directories(top_ + "/a/link");
+  mode("/a/link", 0777);
+  EXPECT_EQ(examiner.examine(top_ + "/a/link/file", PathEnd::ownFile).refusal,
+            top_ + "/a/link may be written to by all users");
+}
+
+TEST_F(TrustedPath, OfSeveralMayHaveManyDirectories) {
+  std::string deep = top_ + "/a/b";
+  for (int level = 0; level < 100; ++level) deep += "/d";
+  std::filesystem::create_directories(deep);
+  PathExaminer examiner(::geteuid());
+  EXPECT_EQ(examiner.examine(deep + "/none", PathEnd::ownFile).refusal, "");
+  EXPECT_EQ(examiner.examine(deep, PathEnd::directory).refusal, "");
+  mode("/a", 0757);
+  EXPECT_EQ(examiner.examine(top_ + "/a/b/file", PathEnd::ownFile).refusal,
+            top_ + "/a may be written to by all users");
 }
 
 TEST_F(TrustedPath, OfTheNullDeviceIsNotRefused) {

@@ -44,6 +44,17 @@ class LibcurlTest(CommandCase):
         self.assert_loads(True, "run", "42")
         self.assert_loads(True, "plan", "42")
 
+    def test_its_other_libraries_set_nothing_up(self):
+        self.put(text="echo \"[$GNUTLS_NO_IMPLICIT_INIT]\"\n")
+        self.serve()
+        # The one that libcurl has for other protocols tells of it.
+        result = self.run_command("run", "42",
+                                  environment=self.environment(GNUTLS_DEBUG_LEVEL="2"))
+        self.assertEqual((result.status, result.output, result.error), (0, "[]\n", ""))
+        result = self.run_command("run", "42",
+                                  environment=self.environment(GNUTLS_NO_IMPLICIT_INIT="0"))
+        self.assertEqual((result.status, result.output, result.error), (0, "[0]\n", ""))
+
     def test_a_list_of_what_is_here_does_without_it_whatever_the_server_is(self):
         self.server = "https://127.0.0.1"
         self.assert_loads(False, "list")
