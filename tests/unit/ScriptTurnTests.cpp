@@ -190,6 +190,13 @@ TEST_F(ScriptTurnTest, AFileInTheWayIsTheReason) {
   EXPECT_EQ(take(turn, "42"), std::errc::not_a_directory);
 }
 
+TEST_F(ScriptTurnTest, AnAgentThatDoesNotSayWhyItMakesNoDirectoryIsAnError) {
+  doubles::refusesDirectories() = true;
+  ScriptTurn turn;
+  EXPECT_EQ(take(turn, "42"), std::errc::io_error);
+  EXPECT_FALSE(turn.tryTakeFile("job.sh"));
+}
+
 // ---- Threads of one process ------------------------------------------------------------------
 
 TEST_F(ScriptTurnTest, AThreadOfThisProcessKeepsOthersOut) {
