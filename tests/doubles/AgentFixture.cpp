@@ -51,6 +51,7 @@ AgentFixture::AgentFixture()
   journal.abbreviate(directory.path() + "/agent", "<agent>");
   journal.abbreviate(directory.path() + "/data", "<data>");
   downloads.reset();
+  refusesDirectories() = false;
   checksums.answers.clear();
   store.rows.clear();
   parser.calls.clear();

@@ -1,5 +1,6 @@
 #include "AgentUtilsDouble.h"
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -33,6 +34,11 @@ std::string text(const Store::Row& row) {
 }
 
 }  // namespace
+
+bool& refusesDirectories() {
+  static bool refuses = false;
+  return refuses;
+}
 
 Downloads& Downloads::shared() {
   static Downloads& instance = *new Downloads;
@@ -94,6 +100,10 @@ bool FileUtils::isFileExists(const std::string& atPath) const {
 bool FileUtils::createDirectory(const std::string& atPath, bool withIntermediateDirectories) const {
   doubles::mark("create", "create " + atPath +
                               (withIntermediateDirectories ? " with parents" : " without parents"));
+  if (doubles::refusesDirectories()) {
+    errno = 0;
+    return false;
+  }
   std::error_code error;
   if (!withIntermediateDirectories) return std::filesystem::create_directory(atPath, error);
   std::filesystem::create_directories(atPath, error);

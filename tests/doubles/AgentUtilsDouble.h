@@ -51,6 +51,9 @@ struct Checksums {
       rule;
 };
 
+/// Whether directories can't be made; nothing tells why then.
+bool& refusesDirectories();
+
 /// The store's tables.
 struct Store {
   static Store& shared();

@@ -190,6 +190,13 @@ TEST_F(ScriptTurnTest, AFileInTheWayIsTheReason) {
   EXPECT_EQ(take(turn, "42"), std::errc::not_a_directory);
 }
 
+TEST_F(ScriptTurnTest, AnAgentThatDoesNotSayWhyItMakesNoDirectoryIsAnError) {
+  doubles::refusesDirectories() = true;
+  ScriptTurn turn;
+  EXPECT_EQ(take(turn, "42"), std::errc::io_error);
+  EXPECT_FALSE(turn.tryTakeFile("job.sh"));
+}
+
 // ---- Threads of one process ------------------------------------------------------------------
 
 TEST_F(ScriptTurnTest, AThreadOfThisProcessKeepsOthersOut) {
@@ -231,6 +238,24 @@ TEST_F(ScriptTurnTest, TheEndOfOneEndsNoOther) {
   }
   EXPECT_TRUE(isTakenForOthers("42"));
   EXPECT_FALSE(isTakenForOthers("43"));
+}
+
+TEST_F(ScriptTurnTest, TheLastOneClosesTheLockFile) {
+  // The lowest that is free, so that it shows whether one was left open.
+  const auto freeDescriptor = [] {
+    const int lowest = ::dup(STDERR_FILENO);
+    ::close(lowest);
+    return lowest;
+  };
+  const int before = freeDescriptor();
+  {
+    ScriptTurn turn;
+    ScriptTurn other;
+    ASSERT_EQ(take(turn, "42"), std::error_code());
+    ASSERT_EQ(take(other, "43"), std::error_code());
+    EXPECT_EQ(freeDescriptor(), before + 1);
+  }
+  EXPECT_EQ(freeDescriptor(), before);
 }
 
 TEST_F(ScriptTurnTest, AFileInThePlaceOfTheLockFileIsTheOneThatIsTaken) {
