@@ -289,6 +289,44 @@ TEST_F(RemoveDroppedScripts, GoesByTheListThatIsLoadedDuringItsWait) {
   EXPECT_FALSE(isThere("43"));
 }
 
+TEST_F(RemoveDroppedScripts, HasATurnNoMoreThatItTookForAnEarlierList) {
+  for (const char* const id : {"41", "43"}) leaveScript(id);
+  serveList(metadataEntry("43", "5"));
+  ASSERT_TRUE(reloadServerList());
+  std::error_code error;
+  ScriptTurn first;
+  first.take({"41"}, error);
+  ASSERT_EQ(error, std::error_code());
+  ScriptTurn second;
+  second.take({"43"}, error);
+  ASSERT_EQ(error, std::error_code());
+  int waits = 0;
+  bool isKept = false;
+  ScriptTurn removal({.reported = [&](int) {
+    switch (++waits) {
+      case 1:  // for 41, which is back now
+        serveList(metadataEntry("41", "5"));
+        EXPECT_TRUE(reloadServerList());
+        first.take({}, error);
+        break;
+      case 2:  // for 43; now both are dropped, and 41 is taken by somebody else again
+        serveList("");
+        EXPECT_TRUE(reloadServerList());
+        first.take({"41"}, error);
+        second.take({}, error);
+        break;
+      default:
+        isKept = isThere("41");
+        first.take({}, error);
+    }
+  }});
+
+  EXPECT_THAT(removeDroppedScripts(removal).scriptIDs, ElementsAre("41", "43"));
+
+  EXPECT_EQ(waits, 3);
+  EXPECT_TRUE(isKept);
+}
+
 TEST_F(RemoveDroppedScripts, LeavesWhatLiesElsewhereAndTellsOfIt) {
   leaveScript("41");
   const std::string victim = directory.path() + "/victim.sh";

@@ -139,6 +139,7 @@ TEST_F(ScriptTurnTest, AFileThatAnotherProcessHoldsIsNotTaken) {
   ASSERT_EQ(::read(ready[0], &byte, 1), 1);
   EXPECT_EQ(byte, 'y');
   EXPECT_FALSE(turn.tryTakeFile("job.sh"));
+  EXPECT_EQ(turn.holder(), child);
   ::close(go[1]);
   int status = 0;
   EXPECT_EQ(::waitpid(child, &status, 0), child);
