@@ -627,13 +627,13 @@ TEST_F(SystemCallFaults, OutputThatThereIsNoMemoryForIsCountedAsLost) {
   } watch;
   VarnScriptRepository::setScriptRunObserver(&watch);
   journal.onLog([&](const doubles::LogRecord& record) {
-    if (record.message == "availableOutput") watch.memory.emplace(1000);
+    if (record.message == "availableOutput") watch.memory.emplace(64);
   });
-  const Result result = runCommand("head -c 5000 /dev/zero");
+  const Result result = runCommand("head -c 4000 /dev/zero");
   journal.onLog({});
   VarnScriptRepository::setScriptRunObserver(nullptr);
   EXPECT_EQ(result, Result(0, ""));
-  EXPECT_THAT(watch.bytes, testing::ElementsAre(0, 0, 5000));
+  EXPECT_THAT(watch.bytes, testing::ElementsAre(0, 0, 4000));
 }
 
 TEST(LongTextFaults, LessRoomThanWantedIsEnough) {
