@@ -34,6 +34,13 @@ std::string complaintAboutFile(const FileDescriptor& file) {
   return {};
 }
 
+// Gives the lock on a file up. The end of its descriptor is not enough while there is a copy of it,
+// such as that of a process that is just being started.
+struct Unlock {
+  const FileDescriptor& file;
+  ~Unlock() { ::flock(file.get(), LOCK_UN); }
+};
+
 // An error of opening in words.
 std::string whyNotOpened() {
   return errno == ELOOP ? "it is a symbolic link" : posix::lastError().message();
@@ -101,6 +108,7 @@ Judgement TrustStateFile::judged(const std::function<Judgement(const TrustState&
   if (retryOnInterrupt([&] { return ::flock(lock.get(), LOCK_EX); }) != 0) {
     return refusal("can't be locked: " + lockPath + ": " + posix::lastError().message());
   }
+  const Unlock unlock{lock};
   const auto remembered = read();
   if (const auto* const why = std::get_if<Refusal>(&remembered)) return *why;
   const auto& state = std::get<TrustState>(remembered);

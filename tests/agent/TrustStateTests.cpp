@@ -170,6 +170,26 @@ TEST_F(TrustStateFileTest, IsForTheOwnerAloneWhateverTheUmask) {
   EXPECT_EQ(modeOf(directory_ / "Configuration-Framework"), 0700U);
 }
 
+TEST_F(TrustStateFileTest, ItsLockGoesAlsoWhenACopyOfItsDescriptorStays) {
+  const std::string lockPath = path_ + ".lock";
+  const std::string list = "7";
+  int copy = -1;
+  const auto copyIt = [&] {
+    std::error_code none;
+    for (int fd = 0; fd < 256 && copy < 0; ++fd) {
+      const auto name = std::filesystem::read_symlink("/dev/fd/" + std::to_string(fd), none);
+      if (name == lockPath) copy = ::dup(fd);
+    }
+  };
+  EXPECT_EQ(outcome(file().accept(ListInHand(list), {Signer("first").sign(list, commentWith(list))},
+                                  policy_, at(kMeanwhile), copyIt)),
+            "(accepted)");
+  if (copy < 0) GTEST_SKIP() << "this system does not name the files of descriptors";
+  const posix::FileDescriptor other(::open(lockPath.c_str(), O_RDWR | O_CLOEXEC));
+  EXPECT_EQ(::flock(other.get(), LOCK_EX | LOCK_NB), 0);
+  ::close(copy);
+}
+
 TEST_F(TrustStateFileTest, IsNotWrittenWhenThereIsNothingNew) {
   EXPECT_EQ(accept(7), "(accepted)");
   struct stat before {};
