@@ -327,15 +327,20 @@ class Publisher {
   // Says what becomes of each ID.
   void announce() { announced_ = changes_.lines.empty() || writeOutput(changes_.lines); }
 
+  // The files of the new list that the server lacks, as far as it has a list.
+  [[nodiscard]] std::set<std::string> missingFiles() {
+    std::set<std::string> missing;
+    if (old_.kind == OldList::Kind::none) return missing;
+    for (std::size_t index = 0; index < source_.scripts.size(); ++index) {
+      if (!isThere_[index]) missing.insert(scriptFileName(source_.scripts[index]));
+      if (!files_.holds(new_.documents[index])) missing.insert(new_.documents[index]);
+    }
+    return missing;
+  }
+
   // What would be written, and whether there is any.
   int check() {
-    std::set<std::string> missing;
-    if (old_.kind != OldList::Kind::none) {
-      for (std::size_t index = 0; index < source_.scripts.size(); ++index) {
-        if (!isThere_[index]) missing.insert(scriptFileName(source_.scripts[index]));
-        if (!files_.holds(new_.documents[index])) missing.insert(new_.documents[index]);
-      }
-    }
+    const std::set<std::string> missing = missingFiles();
     const bool replaces = old_.kind != OldList::Kind::none && old_.bytes != new_.bytes;
     const bool signs = old_.kind != OldList::Kind::none && signing_ && !signing_->files().empty();
     const auto expiry = remarkOnTime();
