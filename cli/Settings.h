@@ -66,8 +66,8 @@ struct SettingDefinition {
   std::optional<std::string> (*complaint)(const std::string& text) = nullptr;
   bool isDirectory = false;  ///< made absolute
   char letter = 0;           ///< of its short flag, "-v"; 0 when it has none
-  std::string_view flag{};   ///< when the key does not give it: that of several texts names one
   bool protects = false;     ///< an empty variable for it is a mistake: nobody means to go without
+  std::string_view flag{};   ///< when the key does not give it: that of several texts names one
 
   [[nodiscard]] Kind kind() const;
 };
