@@ -1,5 +1,6 @@
 #include "publish/Findings.h"
 
+#include <iterator>
 #include <utility>
 
 #include "PrintableText.h"
@@ -23,6 +24,12 @@ void Findings::refuse(Place place, std::string what, std::string remedy) {
 
 void Findings::warn(Place place, std::string what, std::string remedy) {
   all_.push_back({Finding::Kind::warning, std::move(place), std::move(what), std::move(remedy)});
+}
+
+void Findings::append(Findings more) {
+  all_.insert(all_.end(), std::make_move_iterator(more.all_.begin()),
+              std::make_move_iterator(more.all_.end()));
+  refusals_ += more.refusals_;
 }
 
 }  // namespace VarnScripts::publishing

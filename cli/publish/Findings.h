@@ -41,6 +41,9 @@ class Findings {
   void refuse(Place place, std::string what, std::string remedy);
   void warn(Place place, std::string what, std::string remedy);
 
+  /// Takes what somebody else found, behind what is here.
+  void append(Findings more);
+
   [[nodiscard]] const std::vector<Finding>& all() const { return all_; }
   [[nodiscard]] std::size_t refusals() const { return refusals_; }
   [[nodiscard]] std::size_t warnings() const { return all_.size() - refusals_; }

@@ -22,6 +22,7 @@
 #include "publish/Documents.h"
 #include "publish/ListChanges.h"
 #include "publish/ListToSign.h"
+#include "publish/Parallel.h"
 #include "publish/PublishedContent.h"
 #include "publish/ServerFiles.h"
 #include "publish/Signers.h"
@@ -35,7 +36,6 @@ namespace VarnScripts {
 namespace {
 
 using MarkupParser::XML;
-using VarnScriptRepository::ScriptRepoAllMetaData;
 using VarnScriptRepository::ScriptRepositoryMeta;
 using VarnScriptRepository::ScriptRoot;
 using VarnScriptRepository::ScriptsRepoMetaRoot;
@@ -64,6 +64,12 @@ struct NewList {
   ScriptsRepoMetaRoot list;
   std::string bytes;
   std::vector<std::string> documents;  ///< content names, in the order of the scripts
+};
+
+// What the tree holds of a script already.
+struct Presence {
+  bool script = false;
+  bool document = false;
 };
 
 class Publisher {
@@ -200,10 +206,10 @@ class Publisher {
   }
 
   void lookForScripts() {
-    isThere_.clear();
-    for (const SourceScript& script : source_.scripts) {
-      isThere_.push_back(files_.holds(scriptFileName(script)));
-    }
+    isThere_.assign(source_.scripts.size(), {});
+    forEachIndex(source_.scripts.size(), [this](std::size_t index) {
+      isThere_[index].script = files_.holds(scriptFileName(source_.scripts[index]));
+    });
   }
 
   // What is published already was looked at when it came, and is not again unless somebody wants to
@@ -213,7 +219,7 @@ class Publisher {
     std::vector<std::string> paths;
     for (std::size_t index = 0; index < source_.scripts.size(); ++index) {
       const SourceScript& script = source_.scripts[index];
-      if (isThere_[index] && !isAsked) continue;
+      if (isThere_[index].script && !isAsked) continue;
       if (!read_.insert(scriptFileName(script) + script.entry.file.value).second) continue;
       paths.push_back(options_.sourceDirectory + "/" + script.entry.file.value);
     }
@@ -265,13 +271,17 @@ class Publisher {
 
   void makeNewList() {
     new_ = {};
-    ScriptRepoAllMetaData& all = new_.list.scriptsMeta.emplace_back();
-    all.scriptRepo.reserve(source_.scripts.size());
-    for (const SourceScript& script : source_.scripts) {
-      new_.documents.push_back(
-          documentName(xmlDocument(documentOf(script, source_.digest, customer_))));
-      all.scriptRepo.push_back(entryOf(script, new_.documents.back(), customer_));
-    }
+    const std::size_t count = source_.scripts.size();
+    auto& entries = new_.list.scriptsMeta.emplace_back().scriptRepo;
+    entries.resize(count);
+    new_.documents.resize(count);
+    forEachIndex(count, [&](std::size_t index) {
+      const SourceScript& script = source_.scripts[index];
+      std::string& name = new_.documents[index];
+      name = documentName(xmlDocument(documentOf(script, source_.digest, customer_)));
+      entries[index] = entryOf(script, name, customer_);
+      isThere_[index].document = files_.holds(name);
+    });
     new_.bytes = xmlDocument(new_.list);
   }
 
@@ -332,8 +342,8 @@ class Publisher {
     std::set<std::string> missing;
     if (old_.kind == OldList::Kind::none) return missing;
     for (std::size_t index = 0; index < source_.scripts.size(); ++index) {
-      if (!isThere_[index]) missing.insert(scriptFileName(source_.scripts[index]));
-      if (!files_.holds(new_.documents[index])) missing.insert(new_.documents[index]);
+      if (!isThere_[index].script) missing.insert(scriptFileName(source_.scripts[index]));
+      if (!isThere_[index].document) missing.insert(new_.documents[index]);
     }
     return missing;
   }
@@ -523,7 +533,7 @@ class Publisher {
     const SourceScript& script = source_.scripts[index];
     const std::string& documentsName = new_.documents[index];
     std::error_code error;
-    if (!isThere_[index]) {
+    if (!isThere_[index].script) {
       const std::string& file = script.entry.file.value;
       const std::string bytes = directory_.read(file, error, largestScript_);
       if (error || AgentUtils::hexDigest(AgentUtils::usualDigest(), bytes) != script.sha256) {
@@ -534,7 +544,7 @@ class Publisher {
       files_.add(scriptFileName(script), bytes, error);
       if (error) return reportFailure(error);
     }
-    if (files_.holds(documentsName)) return std::nullopt;
+    if (isThere_[index].document) return std::nullopt;
     const ScriptRoot root = documentOf(script, source_.digest, customer_);
     const std::string document = xmlDocument(root);
     if (!decodesTo(document, root)) return reportRoundTrip(documentsName);
@@ -598,7 +608,7 @@ class Publisher {
   std::optional<Signing> signing_;   ///< when anything is to be signed
   ContentNames oldSignatures_;       ///< of the old list
   std::size_t signatureCopies_ = 0;  ///< compressed copies of signatures that were removed
-  std::vector<bool> isThere_;        ///< of each script, whether the tree holds its file
+  std::vector<Presence> isThere_;    ///< of each script
   std::set<std::string> read_;       ///< whose syntax was looked at: content and file name
   bool announced_ = true;            ///< what was to be said so far could be
   bool told_ = false;

@@ -65,7 +65,7 @@ class ServerFiles {
   void makePlaceForSignatures(std::error_code& error);
 
   /// Whether the file of the content name `name` has the bytes that the name tells, and everybody
-  /// may read it.
+  /// may read it. Several threads may ask at the same time.
   [[nodiscard]] bool holds(const std::string& name) const;
 
   /// Makes `name` hold `bytes` once `commit` has succeeded. A file that holds them already stays as

@@ -9,6 +9,7 @@
 
 #include "WholeFiles.h"
 #include "publish/Names.h"
+#include "publish/Parallel.h"
 #include "publish/ScriptChecks.h"
 #include "publish/SourceDirectory.h"
 #include "support/Text.h"
@@ -26,6 +27,8 @@ class FirstUses {
     std::string value;
     std::size_t line;
   };
+
+  void reserve(std::size_t count) { uses_.reserve(count); }
 
   // The earlier use with the same `key`, or null; then this one is remembered.
   const Use* earlier(const std::string& key, const ManifestText& text) {
@@ -66,7 +69,7 @@ class SourceReader {
                        "publish takes a directory with a manifest of this name");
       return {};
     }
-    const Manifest manifest = parseManifest(text, manifestPath_, findings_);
+    Manifest manifest = parseManifest(text, manifestPath_, findings_);
     Source source;
     source.digest = takeDigest(manifest.digest);
     // Also what is left of a manifest whose writing was interrupted.
@@ -76,9 +79,9 @@ class SourceReader {
           "the manifest lists no script, and every computer would remove all that it has",
           "list at least one, or give --allow-removal");
     }
-    for (const ManifestScript& script : manifest.scripts) takeScript(script, source);
+    takeScripts(manifest.scripts, source);
     // Of a manifest that can't be taken nobody knows what it would name.
-    if (findings_.refusals() == 0) checkUnnamedFiles(manifest);
+    if (findings_.refusals() == 0) checkUnnamedFiles(source);
     return source;
   }
 
@@ -102,16 +105,40 @@ class SourceReader {
     return *kind;
   }
 
-  void takeScript(const ManifestScript& script, Source& source) {
+  // What is found in a script's file, and the script when it can be published.
+  struct Look {
+    Findings findings;
+    std::optional<SourceScript> script;
+  };
+
+  void takeScripts(std::vector<ManifestScript>& scripts, Source& source) {
+    ids_.reserve(scripts.size());
+    files_.reserve(scripts.size());
+    std::vector<ManifestScript*> usable;
+    for (ManifestScript& script : scripts) {
+      if (takeEntry(script)) usable.push_back(&script);
+    }
+    std::vector<Look> looks(usable.size());
+    forEachIndex(usable.size(), [&](std::size_t index) {
+      lookAtFile(*usable[index], source.digest, looks[index]);
+    });
+    source.scripts.reserve(looks.size());
+    for (Look& look : looks) {
+      findings_.append(std::move(look.findings));
+      if (look.script) source.scripts.push_back(std::move(*look.script));
+    }
+  }
+
+  // Whether its file can be looked for.
+  bool takeEntry(const ManifestScript& script) {
     const bool usableID = checkID(script.id, manifestPath_, findings_);
     if (usableID) checkUniqueID(script.id);
     const bool usableName = checkFileName(script.file, manifestPath_, findings_);
     checkTexts(script, manifestPath_, findings_);
     checkAcceptedCodes(script.acceptedCodes, manifestPath_, findings_);
     checkArguments(script.arguments, manifestPath_, findings_);
-    if (!usableName) return;
-    checkUniqueFile(script.file);
-    takeScriptFile(script, source);
+    if (usableName) checkUniqueFile(script.file);
+    return usableName;
   }
 
   void checkUniqueID(const ManifestText& id) {
@@ -151,48 +178,49 @@ class SourceReader {
                      "give the script's file another name");
   }
 
-  void takeScriptFile(const ManifestScript& script, Source& source) {
+  // Takes the entry when its script can be published. Several scripts at the same time.
+  void lookAtFile(ManifestScript& script, const DigestKind& digest, Look& look) {
     std::error_code error;
     const std::string bytes = directory_.read(script.file.value, error, options_.largestScript);
-    if (error) return refuseScriptFile(script.file, error);
+    if (error) return refuseScriptFile(script.file, error, look.findings);
     const std::string extension = interpreterExtension(script.file.value).value_or("");
     const std::string path = options_.directory + "/" + script.file.value;
-    checkScriptText(path, extension, bytes, findings_);
-    checkCommands(path, extension, script.platform.value, bytes, findings_);
+    checkScriptText(path, extension, bytes, look.findings);
+    checkCommands(path, extension, script.platform.value, bytes, look.findings);
     const DigestKind& usual = AgentUtils::usualDigest();
     const std::string sha256 = hexDigest(usual, bytes);
-    source.scripts.push_back(
-        {script, extension, bytes.size(), sha256,
-         source.digest.name == usual.name ? sha256 : hexDigest(source.digest, bytes)});
+    look.script = {std::move(script), extension, bytes.size(), sha256,
+                   digest.name == usual.name ? sha256 : hexDigest(digest, bytes)};
   }
 
-  void refuseScriptFile(const ManifestText& file, const std::error_code& error) {
+  void refuseScriptFile(const ManifestText& file, const std::error_code& error,
+                        Findings& findings) const {
     const Place place{manifestPath_, file.line};
     const std::string subject = "the file " + quoted(file.value);
     if (error == std::errc::no_such_file_or_directory) {
-      findings_.refuse(place, subject + " is not in " + options_.directory,
-                       "put it there, or correct the name");
+      findings.refuse(place, subject + " is not in " + options_.directory,
+                      "put it there, or correct the name");
     } else if (error == std::errc::operation_not_permitted) {
-      findings_.refuse(place,
-                       subject + " is a symbolic link that leads out of " + options_.directory,
-                       "put the script itself there");
+      findings.refuse(place,
+                      subject + " is a symbolic link that leads out of " + options_.directory,
+                      "put the script itself there");
     } else if (error == std::errc::invalid_argument) {
-      findings_.refuse(place, subject + " is not a regular file", "put the script itself there");
+      findings.refuse(place, subject + " is not a regular file", "put the script itself there");
     } else if (error == std::errc::file_too_large) {
-      findings_.refuse(place,
-                       subject + " has more than " + std::to_string(options_.largestScript) +
-                           " bytes, which is the most that computers take",
-                       "make it smaller, or give --max-download as the computers have it");
+      findings.refuse(place,
+                      subject + " has more than " + std::to_string(options_.largestScript) +
+                          " bytes, which is the most that computers take",
+                      "make it smaller, or give --max-download as the computers have it");
     } else {
-      findings_.refuse(place, subject + " can't be read: " + error.message(),
-                       "make it readable for the user who publishes");
+      findings.refuse(place, subject + " can't be read: " + error.message(),
+                      "make it readable for the user who publishes");
     }
   }
 
   // What a script looks for beside itself has to be published as well.
-  void checkUnnamedFiles(const Manifest& manifest) {
+  void checkUnnamedFiles(const Source& source) {
     std::unordered_set<std::string_view> named;
-    for (const ManifestScript& script : manifest.scripts) named.insert(script.file.value);
+    for (const SourceScript& script : source.scripts) named.insert(script.entry.file.value);
     auto unnamed = directory_.files();
     std::erase_if(unnamed, [&named](const std::string& name) {
       return named.contains(name) || isNoScriptsPart(name);

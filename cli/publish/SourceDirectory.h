@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <set>
 #include <string>
 #include <system_error>
@@ -12,7 +13,7 @@
 
 namespace VarnScripts::publishing {
 
-/// The directory that scripts are read from. One thread uses it.
+/// The directory that scripts are read from. Several threads may read at the same time.
 class SourceDirectory {
  public:
   explicit SourceDirectory(std::string path) : path_(std::move(path)) {}
@@ -25,7 +26,7 @@ class SourceDirectory {
                                  std::uint64_t mostBytes);
 
   /// The names of the files in it, in any order, without those that links led to when they were
-  /// read. Empty when the directory can't be read.
+  /// read. Empty when the directory can't be read. When nobody reads any more.
   [[nodiscard]] std::vector<std::string> files() const;
 
  private:
@@ -33,6 +34,7 @@ class SourceDirectory {
   [[nodiscard]] std::string resolvedLink(const std::string& name, std::error_code& error);
 
   const std::string path_;
+  std::mutex links_;  ///< of the two below
   std::string root_;  ///< the path without symbolic links; empty until one is met
   std::set<std::string> linked_;
 };

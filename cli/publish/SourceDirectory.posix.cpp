@@ -34,6 +34,7 @@ std::string SourceDirectory::read(const std::string& name, std::error_code& erro
 }
 
 std::string SourceDirectory::resolvedLink(const std::string& name, std::error_code& error) {
+  const std::scoped_lock lock(links_);
   if (root_.empty()) root_ = resolved(path_, error);
   if (error) return {};
   std::string path = resolved(path_ + "/" + name, error);

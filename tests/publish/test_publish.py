@@ -163,6 +163,36 @@ class Repeated(PublishCase):
                          "0 files removed.\n")
         self.assertEqual({name: values[-1] for name, values in self.tree().items()}, before)
 
+    def test_mends_one_file_among_very_many(self):
+        for number in range(1200):
+            self.write_script(str(number), f"{number}.sh", f"echo {number}\n")
+        self.must_publish()
+        before = {name: values[-1] for name, values in self.tree().items()}
+        entries = self.entries()
+        damaged = [entries["0"]["filepath"].removeprefix(DIRECTORY + "/"),
+                   f"files/{sha256('echo 700' + chr(10))}.sh",
+                   entries["1199"]["filepath"].removeprefix(DIRECTORY + "/")]
+        for name in damaged:
+            with open(f"{self.output}{DIRECTORY}/{name}", "w") as file:
+                file.write("damaged")
+        self.assertEqual(self.must_publish(),
+                         "Published 1200 scripts for customer 7: 3 files written, "
+                         "the list unchanged, 0 files removed.\n")
+        self.assertEqual({name: values[-1] for name, values in self.tree().items()}, before)
+        self.assertEqual(self.must_publish(),
+                         "Published 1200 scripts for customer 7: nothing has changed.\n")
+
+    def test_names_every_fault_of_very_many_scripts_in_the_order_of_the_manifest(self):
+        for number in range(1200):
+            self.write_script(str(number), f"{number}.sh", f"echo {number}\n")
+        faulty = [3, 400, 599, 600, 1000, 1199]
+        for number in faulty:
+            os.unlink(f"{self.source}/{number}.sh")
+        result = self.publish()
+        self.assertEqual(result.status, 2)
+        named = [line for line in result.error.splitlines() if "is not in" in line]
+        self.assertEqual([line.split('"')[1] for line in named],
+                         [f"{number}.sh" for number in faulty])
 
 class Retention(PublishCase):
     def publish_text(self, text, *options):
