@@ -105,22 +105,22 @@ class SourceReader {
     return *kind;
   }
 
-  // What is found in a script's file, and the script when it can be published.
+  // What is found in an entry and in its script's file, and the script when it can be published.
   struct Look {
     Findings findings;
+    bool hasUsableName = false;
     std::optional<SourceScript> script;
   };
 
   void takeScripts(std::vector<ManifestScript>& scripts, Source& source) {
     ids_.reserve(scripts.size());
     files_.reserve(scripts.size());
-    std::vector<ManifestScript*> usable;
-    for (ManifestScript& script : scripts) {
-      if (takeEntry(script)) usable.push_back(&script);
+    std::vector<Look> looks(scripts.size());
+    for (std::size_t index = 0; index < scripts.size(); ++index) {
+      looks[index].hasUsableName = checkEntry(scripts[index], looks[index].findings);
     }
-    std::vector<Look> looks(usable.size());
-    forEachIndex(usable.size(), [&](std::size_t index) {
-      lookAtFile(*usable[index], source.digest, looks[index]);
+    forEachIndex(scripts.size(), [&](std::size_t index) {
+      if (looks[index].hasUsableName) lookAtFile(scripts[index], source.digest, looks[index]);
     });
     source.scripts.reserve(looks.size());
     for (Look& look : looks) {
@@ -129,53 +129,53 @@ class SourceReader {
     }
   }
 
-  // Whether its file can be looked for.
-  bool takeEntry(const ManifestScript& script) {
-    const bool usableID = checkID(script.id, manifestPath_, findings_);
-    if (usableID) checkUniqueID(script.id);
-    const bool usableName = checkFileName(script.file, manifestPath_, findings_);
-    checkTexts(script, manifestPath_, findings_);
-    checkAcceptedCodes(script.acceptedCodes, manifestPath_, findings_);
-    checkArguments(script.arguments, manifestPath_, findings_);
-    if (usableName) checkUniqueFile(script.file);
+  // Whether its file has a name that can be looked for.
+  bool checkEntry(const ManifestScript& script, Findings& findings) {
+    const bool usableID = checkID(script.id, manifestPath_, findings);
+    if (usableID) checkUniqueID(script.id, findings);
+    const bool usableName = checkFileName(script.file, manifestPath_, findings);
+    checkTexts(script, manifestPath_, findings);
+    checkAcceptedCodes(script.acceptedCodes, manifestPath_, findings);
+    checkArguments(script.arguments, manifestPath_, findings);
+    if (usableName) checkUniqueFile(script.file, findings);
     return usableName;
   }
 
-  void checkUniqueID(const ManifestText& id) {
+  void checkUniqueID(const ManifestText& id, Findings& findings) {
     const auto* const earlier = ids_.earlier(foldedName(id.value), id);
     if (earlier == nullptr) return;
     const std::string line = "line " + std::to_string(earlier->line);
     if (VarnScriptRepository::text::equalityKey(earlier->value) ==
         VarnScriptRepository::text::equalityKey(id.value)) {
-      findings_.refuse({manifestPath_, id.line},
-                       "the ID " + quoted(id.value) + " is already that of the script in " + line,
-                       "give each script an ID of its own");
+      findings.refuse({manifestPath_, id.line},
+                      "the ID " + quoted(id.value) + " is already that of the script in " + line,
+                      "give each script an ID of its own");
       return;
     }
-    findings_.refuse({manifestPath_, id.line},
-                     "the ID " + quoted(id.value) + " differs from " + quoted(earlier->value) +
-                         " in " + line +
-                         " in letter case only, and clients keep both documents in one file",
-                     "give the script another ID");
+    findings.refuse({manifestPath_, id.line},
+                    "the ID " + quoted(id.value) + " differs from " + quoted(earlier->value) +
+                        " in " + line +
+                        " in letter case only, and clients keep both documents in one file",
+                    "give the script another ID");
   }
 
-  void checkUniqueFile(const ManifestText& file) {
+  void checkUniqueFile(const ManifestText& file, Findings& findings) {
     const auto* const earlier = files_.earlier(foldedName(file.value), file);
     if (earlier == nullptr) return;
     const std::string line = "line " + std::to_string(earlier->line);
     if (VarnScriptRepository::text::equalityKey(earlier->value) ==
         VarnScriptRepository::text::equalityKey(file.value)) {
-      findings_.refuse({manifestPath_, file.line},
-                       "the file " + quoted(file.value) + " is already that of the script in " +
-                           line + ", and clients keep all scripts in one directory",
-                       "give each script a file of its own");
+      findings.refuse({manifestPath_, file.line},
+                      "the file " + quoted(file.value) + " is already that of the script in " +
+                          line + ", and clients keep all scripts in one directory",
+                      "give each script a file of its own");
       return;
     }
-    findings_.refuse({manifestPath_, file.line},
-                     "the file " + quoted(file.value) + " differs from " + quoted(earlier->value) +
-                         " in " + line +
-                         " in letter case only, and clients keep all scripts in one directory",
-                     "give the script's file another name");
+    findings.refuse({manifestPath_, file.line},
+                    "the file " + quoted(file.value) + " differs from " + quoted(earlier->value) +
+                        " in " + line +
+                        " in letter case only, and clients keep all scripts in one directory",
+                    "give the script's file another name");
   }
 
   // Takes the entry when its script can be published. Several scripts at the same time.
