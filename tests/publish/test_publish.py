@@ -151,13 +151,16 @@ class Repeated(PublishCase):
         self.must_publish("--digest", "sha384")
         self.assertEqual(self.version(), seen[0])
 
+    def damage(self, names):
+        for name in names:
+            with open(f"{self.output}{DIRECTORY}/{name}", "w") as file:
+                file.write("damaged")
+
     def test_mends_content_that_was_damaged(self):
         self.write_script()
         self.must_publish()
         before = {name: values[-1] for name, values in self.tree().items()}
-        for name in self.content():
-            with open(f"{self.output}{DIRECTORY}/{name}", "w") as file:
-                file.write("damaged")
+        self.damage(self.content())
         self.assertEqual(self.must_publish(),
                          "Published 1 script for customer 7: 2 files written, the list unchanged, "
                          "0 files removed.\n")
@@ -172,9 +175,7 @@ class Repeated(PublishCase):
         damaged = [entries["0"]["filepath"].removeprefix(DIRECTORY + "/"),
                    f"files/{sha256('echo 700' + chr(10))}.sh",
                    entries["1199"]["filepath"].removeprefix(DIRECTORY + "/")]
-        for name in damaged:
-            with open(f"{self.output}{DIRECTORY}/{name}", "w") as file:
-                file.write("damaged")
+        self.damage(damaged)
         self.assertEqual(self.must_publish(),
                          "Published 1200 scripts for customer 7: 3 files written, "
                          "the list unchanged, 0 files removed.\n")
